@@ -1,0 +1,95 @@
+// The UEFI platform emulated on Linux: system table, boot and runtime
+// services, console, pool with accounting and fault injection, runtime
+// variables, and image loading. Freestanding images (the driver and the
+// platform services) reach it only through the system table.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "uefi/protocols.h"
+
+namespace tvl::host {
+
+struct PoolStats {
+  size_t outstanding = 0;       // allocations not yet freed
+  size_t outstandingBytes = 0;  // their bytes
+  size_t allocations = 0;       // AllocatePool calls that succeeded
+  size_t frees = 0;             // FreePool calls that succeeded
+  size_t failedByInjection = 0; // AllocatePool calls refused by a fault
+};
+
+class Platform {
+ public:
+  Platform();
+  ~Platform();  // unloads every image, frees everything
+  Platform(const Platform&) = delete;
+  Platform& operator=(const Platform&) = delete;
+
+  EFI_SYSTEM_TABLE* systemTable();
+  EFI_BOOT_SERVICES* bootServices();
+  EFI_RUNTIME_SERVICES* runtimeServices();
+
+  // ---- pool
+  PoolStats poolStats() const;
+  // One line per outstanding allocation: sequence number, size, and the
+  // image that was running when it was made.
+  std::string leakReport() const;
+  // Allocation attempts made so far; a sweep counts the attempts of an
+  // operation and then fails each one in turn.
+  size_t allocationAttempts() const;
+  void failAllocation(size_t k);       // the k-th attempt from now (1-based) fails
+  void failAllocationsFrom(size_t k);  // the k-th attempt from now and every later one fail
+  void clearAllocationFaults();
+
+  // ---- images
+  // Directory of the freestanding images (NAME.so); defaults to the
+  // build's image directory, overridden by TOLVANE_IMAGE_DIR.
+  static std::string imageDirectory();
+  // Loads a fresh instance of image `name` (its own globals), installs its
+  // EFI_LOADED_IMAGE_PROTOCOL on a new image handle and runs its entry
+  // EfiMain. The handle is returned even when the entry fails.
+  EFI_STATUS loadImage(const std::string& name, EFI_HANDLE* imageHandle);
+  // Calls the image's Unload handler: EFI_UNSUPPORTED when it has none,
+  // otherwise its status; on success the loaded-image protocol is removed.
+  // The code stays mapped until the platform is destroyed, so events and
+  // pointers that outlive an image never run into unmapped memory.
+  EFI_STATUS unloadImage(EFI_HANDLE imageHandle);
+  // An exported symbol of a loaded image, or null.
+  void* imageSymbol(EFI_HANDLE imageHandle, const char* symbol) const;
+  template <typename T>
+  T imageFunction(EFI_HANDLE imageHandle, const char* symbol) const {
+    return reinterpret_cast<T>(imageSymbol(imageHandle, symbol));
+  }
+
+  // ---- protocols (host-side convenience; same semantics as boot services)
+  EFI_STATUS installProtocol(EFI_HANDLE* handle, const EFI_GUID& guid, void* interface);
+  EFI_STATUS uninstallProtocol(EFI_HANDLE handle, const EFI_GUID& guid, void* interface);
+  void* locateProtocol(const EFI_GUID& guid);
+  std::vector<EFI_HANDLE> handlesWith(const EFI_GUID& guid);
+
+  // ---- console
+  std::u16string consoleText() const;
+  std::string consoleTextNarrow() const;
+  void clearConsole();
+  // Echo console output to the process's standard output as it arrives.
+  void echoConsole(bool on);
+
+  // ---- variables (host-side convenience)
+  EFI_STATUS setVariable(const std::u16string& name, const EFI_GUID& vendor, uint32_t attributes,
+                         const std::vector<uint8_t>& data);
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+// The platform that the boot-services calls of the running code act on.
+// The emulation serves one platform at a time per thread.
+Platform* currentPlatform();
+
+}  // namespace tvl::host

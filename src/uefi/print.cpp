@@ -1,0 +1,272 @@
+#include "uefi/print.h"
+
+namespace tvl::rt {
+namespace {
+
+struct StatusName {
+  EFI_STATUS status;
+  const CHAR8* text;
+};
+
+constexpr StatusName kStatusNames[] = {
+    {EFI_SUCCESS, "Success"},
+    {EFI_WARN_UNKNOWN_GLYPH, "Warning Unknown Glyph"},
+    {EFI_WARN_DELETE_FAILURE, "Warning Delete Failure"},
+    {EFI_WARN_WRITE_FAILURE, "Warning Write Failure"},
+    {EFI_WARN_BUFFER_TOO_SMALL, "Warning Buffer Too Small"},
+    {EFI_WARN_STALE_DATA, "Warning Stale Data"},
+    {EFI_LOAD_ERROR, "Load Error"},
+    {EFI_INVALID_PARAMETER, "Invalid Parameter"},
+    {EFI_UNSUPPORTED, "Unsupported"},
+    {EFI_BAD_BUFFER_SIZE, "Bad Buffer Size"},
+    {EFI_BUFFER_TOO_SMALL, "Buffer Too Small"},
+    {EFI_NOT_READY, "Not Ready"},
+    {EFI_DEVICE_ERROR, "Device Error"},
+    {EFI_WRITE_PROTECTED, "Write Protected"},
+    {EFI_OUT_OF_RESOURCES, "Out of Resources"},
+    {EFI_VOLUME_CORRUPTED, "Volume Corrupt"},
+    {EFI_VOLUME_FULL, "Volume Full"},
+    {EFI_NO_MEDIA, "No Media"},
+    {EFI_MEDIA_CHANGED, "Media changed"},
+    {EFI_NOT_FOUND, "Not Found"},
+    {EFI_ACCESS_DENIED, "Access Denied"},
+    {EFI_NO_RESPONSE, "No Response"},
+    {EFI_NO_MAPPING, "No mapping"},
+    {EFI_TIMEOUT, "Time out"},
+    {EFI_NOT_STARTED, "Not started"},
+    {EFI_ALREADY_STARTED, "Already started"},
+    {EFI_ABORTED, "Aborted"},
+    {EFI_ICMP_ERROR, "ICMP Error"},
+    {EFI_TFTP_ERROR, "TFTP Error"},
+    {EFI_PROTOCOL_ERROR, "Protocol Error"},
+    {EFI_INCOMPATIBLE_VERSION, "Incompatible Version"},
+    {EFI_SECURITY_VIOLATION, "Security Violation"},
+    {EFI_CRC_ERROR, "CRC Error"},
+    {EFI_END_OF_MEDIA, "End of Media"},
+    {EFI_END_OF_FILE, "End of File"},
+    {EFI_INVALID_LANGUAGE, "Invalid Language"},
+    {EFI_COMPROMISED_DATA, "Compromised Data"},
+};
+
+// Bounded output that always leaves room for the terminator.
+template <typename C>
+class Sink {
+ public:
+  Sink(C* out, UINTN capacity) : out_(out), capacity_(capacity) {}
+  void put(UINT32 c) {
+    if (capacity_ != 0 && n_ + 1 < capacity_) out_[n_++] = static_cast<C>(c);
+  }
+  UINTN finish() {
+    if (capacity_ != 0) out_[n_] = 0;
+    return n_;
+  }
+
+ private:
+  C* out_;
+  UINTN capacity_;
+  UINTN n_ = 0;
+};
+
+struct Spec {
+  bool left = false;
+  bool zero = false;
+  bool plus = false;
+  bool space = false;
+  bool wide = false;
+  UINTN width = 0;
+  UINTN precision = ~UINTN(0);
+};
+
+template <typename C>
+void pad(Sink<C>& sink, UINTN count, UINT32 c) {
+  for (UINTN i = 0; i < count; ++i) sink.put(c);
+}
+
+// Emits `len` characters produced by `at(i)` with the width and alignment
+// of `spec`.
+template <typename C, typename At>
+void emitText(Sink<C>& sink, const Spec& spec, UINTN len, At at) {
+  if (len > spec.precision) len = spec.precision;
+  UINTN fill = spec.width > len ? spec.width - len : 0;
+  if (!spec.left) pad(sink, fill, ' ');
+  for (UINTN i = 0; i < len; ++i) sink.put(at(i));
+  if (spec.left) pad(sink, fill, ' ');
+}
+
+template <typename C, typename T>
+void emitString(Sink<C>& sink, const Spec& spec, const T* s) {
+  if (!s) {
+    const CHAR8* null = "<null string>";
+    emitText(sink, spec, 13, [&](UINTN i) { return UINT32(UINT8(null[i])); });
+    return;
+  }
+  UINTN len = 0;
+  while (s[len] && len < spec.precision) ++len;
+  emitText(sink, spec, len, [&](UINTN i) { return UINT32(s[i]) & (sizeof(T) == 1 ? 0xFFu : 0xFFFFu); });
+}
+
+template <typename C>
+void emitNumber(Sink<C>& sink, const Spec& spec, UINT64 value, bool negative, UINT32 base, bool upper) {
+  CHAR8 digits[24];
+  UINTN n = 0;
+  const CHAR8* set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+  do {
+    digits[n++] = set[value % base];
+    value /= base;
+  } while (value != 0);
+  CHAR8 sign = negative ? '-' : spec.plus ? '+' : spec.space ? ' ' : 0;
+  UINTN len = n + (sign ? 1 : 0);
+  UINTN fill = spec.width > len ? spec.width - len : 0;
+  if (!spec.left && !spec.zero) pad(sink, fill, ' ');
+  if (sign) sink.put(UINT32(sign));
+  if (!spec.left && spec.zero) pad(sink, fill, '0');
+  while (n > 0) sink.put(UINT32(digits[--n]));
+  if (spec.left) pad(sink, fill, ' ');
+}
+
+template <typename C>
+void emitGuid(Sink<C>& sink, const EFI_GUID* g) {
+  Spec none;
+  if (!g) {
+    emitString(sink, none, "<null guid>");
+    return;
+  }
+  Spec hex;
+  hex.zero = true;
+  hex.width = 8;
+  emitNumber(sink, hex, g->Data1, false, 16, false);
+  sink.put('-');
+  hex.width = 4;
+  emitNumber(sink, hex, g->Data2, false, 16, false);
+  sink.put('-');
+  emitNumber(sink, hex, g->Data3, false, 16, false);
+  sink.put('-');
+  hex.width = 2;
+  for (int i = 0; i < 8; ++i) {
+    if (i == 2) sink.put('-');
+    emitNumber(sink, hex, g->Data4[i], false, 16, false);
+  }
+}
+
+template <typename C>
+UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
+  Sink<C> sink(out, capacity);
+  if (!fmt) return sink.finish();
+  for (const C* p = fmt; *p; ++p) {
+    if (*p != '%') {
+      sink.put(UINT32(*p));
+      continue;
+    }
+    Spec spec;
+    ++p;
+    for (;; ++p) {
+      if (*p == '-') spec.left = true;
+      else if (*p == '0') spec.zero = true;
+      else if (*p == '+') spec.plus = true;
+      else if (*p == ' ') spec.space = true;
+      else if (*p == ',') {
+      } else break;
+    }
+    if (*p == '*') {
+      spec.width = __builtin_va_arg(*args, UINTN);
+      ++p;
+    }
+    while (*p >= '0' && *p <= '9') spec.width = spec.width * 10 + UINTN(*p++ - '0');
+    if (*p == '.') {
+      ++p;
+      spec.precision = 0;
+      if (*p == '*') {
+        spec.precision = __builtin_va_arg(*args, UINTN);
+        ++p;
+      }
+      while (*p >= '0' && *p <= '9') spec.precision = spec.precision * 10 + UINTN(*p++ - '0');
+    }
+    while (*p == 'l' || *p == 'L') {
+      spec.wide = true;
+      ++p;
+    }
+    switch (*p) {
+      case 0:
+        return sink.finish();
+      case '%':
+        sink.put('%');
+        break;
+      case 'a':
+        emitString(sink, spec, __builtin_va_arg(*args, const CHAR8*));
+        break;
+      case 's':
+      case 'S':
+        emitString(sink, spec, __builtin_va_arg(*args, const CHAR16*));
+        break;
+      case 'c': {
+        UINT32 c = UINT32(__builtin_va_arg(*args, UINTN)) & 0xFFFF;
+        emitText(sink, spec, 1, [&](UINTN) { return c; });
+        break;
+      }
+      case 'd':
+      case 'i': {
+        INT64 v = spec.wide ? __builtin_va_arg(*args, INT64) : INT64(__builtin_va_arg(*args, INT32));
+        bool negative = v < 0;
+        UINT64 magnitude = negative ? UINT64(0) - UINT64(v) : UINT64(v);
+        emitNumber(sink, spec, magnitude, negative, 10, false);
+        break;
+      }
+      case 'u': {
+        UINT64 v = spec.wide ? __builtin_va_arg(*args, UINT64) : UINT64(__builtin_va_arg(*args, UINT32));
+        emitNumber(sink, spec, v, false, 10, false);
+        break;
+      }
+      case 'x':
+      case 'X': {
+        UINT64 v = spec.wide ? __builtin_va_arg(*args, UINT64) : UINT64(__builtin_va_arg(*args, UINT32));
+        emitNumber(sink, spec, v, false, 16, *p == 'X');
+        break;
+      }
+      case 'p': {
+        Spec ptr = spec;
+        ptr.zero = true;
+        if (ptr.width == 0) ptr.width = 16;
+        emitNumber(sink, ptr, UINT64(UINTN(__builtin_va_arg(*args, VOID*))), false, 16, false);
+        break;
+      }
+      case 'r': {
+        EFI_STATUS status = __builtin_va_arg(*args, EFI_STATUS);
+        if (const CHAR8* text = statusText(status)) {
+          emitString(sink, spec, text);
+        } else {
+          Spec hex;
+          emitString(sink, hex, "0x");
+          emitNumber(sink, hex, status, false, 16, false);
+        }
+        break;
+      }
+      case 'g':
+        emitGuid(sink, __builtin_va_arg(*args, const EFI_GUID*));
+        break;
+      default:
+        // Unknown conversion: shown as written so that the fault is visible.
+        sink.put('%');
+        sink.put(UINT32(*p));
+        break;
+    }
+  }
+  return sink.finish();
+}
+
+}  // namespace
+
+const CHAR8* statusText(EFI_STATUS status) {
+  for (const StatusName& entry : kStatusNames)
+    if (entry.status == status) return entry.text;
+  return nullptr;
+}
+
+UINTN formatV(CHAR16* out, UINTN capacity, const CHAR16* format, VaList* args) {
+  return tvl::rt::format(out, capacity, format, args);
+}
+
+UINTN formatV(CHAR8* out, UINTN capacity, const CHAR8* format, VaList* args) {
+  return tvl::rt::format(out, capacity, format, args);
+}
+
+}  // namespace tvl::rt

@@ -1,0 +1,49 @@
+#include "uefi/runtime.h"
+
+namespace tvl::rt {
+
+ImageContext gImage;
+
+void initialize(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
+  gImage.imageHandle = imageHandle;
+  gImage.systemTable = systemTable;
+  gImage.bootServices = systemTable ? systemTable->BootServices : nullptr;
+  gImage.runtimeServices = systemTable ? systemTable->RuntimeServices : nullptr;
+}
+
+VOID* allocateZero(UINTN size) {
+  VOID* buffer = nullptr;
+  if (bs()->AllocatePool(EfiBootServicesData, size, &buffer) != EFI_SUCCESS || !buffer) return nullptr;
+  setMem(buffer, size, 0);
+  return buffer;
+}
+
+void release(VOID* buffer) {
+  if (buffer) bs()->FreePool(buffer);
+}
+
+void copyMem(VOID* dst, const VOID* src, UINTN n) {
+  auto* d = static_cast<UINT8*>(dst);
+  auto* s = static_cast<const UINT8*>(src);
+  if (d == s || n == 0) return;
+  if (d < s || d >= s + n) {
+    for (UINTN i = 0; i < n; ++i) d[i] = s[i];
+  } else {
+    for (UINTN i = n; i-- > 0;) d[i] = s[i];
+  }
+}
+
+void setMem(VOID* dst, UINTN n, UINT8 value) {
+  auto* d = static_cast<volatile UINT8*>(dst);
+  for (UINTN i = 0; i < n; ++i) d[i] = value;
+}
+
+INTN compareMem(const VOID* a, const VOID* b, UINTN n) {
+  auto* x = static_cast<const UINT8*>(a);
+  auto* y = static_cast<const UINT8*>(b);
+  for (UINTN i = 0; i < n; ++i)
+    if (x[i] != y[i]) return INTN(x[i]) - INTN(y[i]);
+  return 0;
+}
+
+}  // namespace tvl::rt

@@ -1,0 +1,135 @@
+// Per-image runtime of every freestanding image (the driver and each
+// platform service): the captured system pointers, pool memory with a
+// move-only owner, and small memory and text primitives.
+#pragma once
+
+#include "uefi/tables.h"
+
+namespace tvl::rt {
+
+// Captured by the image entry before anything else runs.
+struct ImageContext {
+  EFI_HANDLE imageHandle;
+  EFI_SYSTEM_TABLE* systemTable;
+  EFI_BOOT_SERVICES* bootServices;
+  EFI_RUNTIME_SERVICES* runtimeServices;
+};
+extern ImageContext gImage;
+
+// Records the image handle and the system table; the firmware library
+// constructors do the same before a driver's entry runs.
+void initialize(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable);
+
+inline EFI_BOOT_SERVICES* bs() { return gImage.bootServices; }
+inline EFI_RUNTIME_SERVICES* rts() { return gImage.runtimeServices; }
+
+// Zero-filled boot-services data; null when the pool refuses.
+VOID* allocateZero(UINTN size);
+// The one place that returns memory to the pool. Null is ignored.
+void release(VOID* buffer);
+
+// Move-only owner of one pool allocation. Frees in its destructor;
+// release() hands the buffer on to whoever takes ownership.
+template <typename T>
+class Pool {
+ public:
+  Pool() = default;
+  explicit Pool(T* p) : p_(p) {}
+  ~Pool() { tvl::rt::release(const_cast<void*>(static_cast<const void*>(p_))); }
+  Pool(const Pool&) = delete;
+  Pool& operator=(const Pool&) = delete;
+  Pool(Pool&& other) : p_(other.p_) { other.p_ = nullptr; }
+  Pool& operator=(Pool&& other) {
+    if (this != &other) {
+      reset(other.p_);
+      other.p_ = nullptr;
+    }
+    return *this;
+  }
+
+  // Allocates `count` zero-filled elements; empty on failure.
+  static Pool zeroed(UINTN count = 1) {
+    if (count != 0 && sizeof(T) > ~UINTN(0) / count) return Pool();
+    return Pool(static_cast<T*>(allocateZero(count * sizeof(T))));
+  }
+  static Pool bytes(UINTN size) { return Pool(static_cast<T*>(allocateZero(size))); }
+
+  T* get() const { return p_; }
+  T* operator->() const { return p_; }
+  T& operator*() const { return *p_; }
+  T& operator[](UINTN i) const { return p_[i]; }
+  explicit operator bool() const { return p_ != nullptr; }
+
+  // Gives up ownership without freeing.
+  T* release() {
+    T* p = p_;
+    p_ = nullptr;
+    return p;
+  }
+  void reset(T* p = nullptr) {
+    if (p_ != p) tvl::rt::release(const_cast<void*>(static_cast<const void*>(p_)));
+    p_ = p;
+  }
+  // For out-parameters of calls that hand over a pool buffer.
+  T** receive() {
+    reset();
+    return &p_;
+  }
+
+ private:
+  T* p_ = nullptr;
+};
+
+// The EFI_BUFFER_TOO_SMALL two-call dance. `call(buffer, &size)` is made
+// with a zero-filled buffer of `initialSize` bytes; when it answers
+// EFI_BUFFER_TOO_SMALL the buffer is replaced by one of the reported size
+// and the call is made once more. A failed allocation gives
+// EFI_OUT_OF_RESOURCES. On return `buffer` holds the last buffer used and
+// `size` the last size reported.
+template <typename Call>
+EFI_STATUS callWithSizedBuffer(UINTN initialSize, Pool<UINT8>& buffer, UINTN& size, Call&& call) {
+  buffer = Pool<UINT8>::bytes(initialSize);
+  if (!buffer) return EFI_OUT_OF_RESOURCES;
+  size = initialSize;
+  EFI_STATUS status = call(buffer.get(), &size);
+  if (status != EFI_BUFFER_TOO_SMALL) return status;
+  buffer = Pool<UINT8>::bytes(size);
+  if (!buffer) return EFI_OUT_OF_RESOURCES;
+  return call(buffer.get(), &size);
+}
+
+// Memory primitives.
+void copyMem(VOID* dst, const VOID* src, UINTN n);
+void setMem(VOID* dst, UINTN n, UINT8 value);
+INTN compareMem(const VOID* a, const VOID* b, UINTN n);
+
+// NUL-terminated text primitives for 8-bit and UCS-2 texts.
+template <typename C>
+UINTN length(const C* s) {
+  UINTN n = 0;
+  if (s)
+    while (s[n]) ++n;
+  return n;
+}
+template <typename C>
+bool equal(const C* a, const C* b) {
+  if (a == b) return true;
+  if (!a || !b) return false;
+  for (;; ++a, ++b) {
+    if (*a != *b) return false;
+    if (*a == 0) return true;
+  }
+}
+// A new zero-filled pool copy of `s` (length + 1 elements), or empty.
+template <typename C>
+Pool<C> duplicate(const C* s, UINTN n) {
+  Pool<C> copy = Pool<C>::zeroed(n + 1);
+  if (copy) copyMem(copy.get(), s, n * sizeof(C));
+  return copy;
+}
+template <typename C>
+Pool<C> duplicate(const C* s) {
+  return duplicate(s, length(s));
+}
+
+}  // namespace tvl::rt
