@@ -84,18 +84,26 @@ class Pool {
 // with a zero-filled buffer of `initialSize` bytes; when it answers
 // EFI_BUFFER_TOO_SMALL the buffer is replaced by one of the reported size
 // and the call is made once more. A failed allocation gives
-// EFI_OUT_OF_RESOURCES. On return `buffer` holds the last buffer used and
-// `size` the last size reported.
+// EFI_OUT_OF_RESOURCES with `buffer` empty; `calls` (optional) tells how
+// many calls were made, so a caller can tell which allocation failed. On
+// return `buffer` holds the last buffer used and `size` the last size
+// reported.
 template <typename Call>
-EFI_STATUS callWithSizedBuffer(UINTN initialSize, Pool<UINT8>& buffer, UINTN& size, Call&& call) {
+EFI_STATUS callWithSizedBuffer(UINTN initialSize, Pool<UINT8>& buffer, UINTN& size, Call&& call,
+                               UINTN* calls = nullptr) {
+  UINTN made = 0;
+  if (calls) *calls = 0;
   buffer = Pool<UINT8>::bytes(initialSize);
   if (!buffer) return EFI_OUT_OF_RESOURCES;
   size = initialSize;
   EFI_STATUS status = call(buffer.get(), &size);
+  if (calls) *calls = ++made;
   if (status != EFI_BUFFER_TOO_SMALL) return status;
   buffer = Pool<UINT8>::bytes(size);
   if (!buffer) return EFI_OUT_OF_RESOURCES;
-  return call(buffer.get(), &size);
+  status = call(buffer.get(), &size);
+  if (calls) *calls = ++made;
+  return status;
 }
 
 // Memory primitives.
