@@ -1,0 +1,180 @@
+#include "services/xml/writer.h"
+
+#include "services/xml/buffer.h"
+#include "services/xml/text.h"
+
+namespace tvl::xmlsvc {
+namespace {
+
+const UINT8* bytesOf(const CHAR8* text) { return reinterpret_cast<const UINT8*>(text); }
+
+bool validName(const CHAR8* name) {
+  if (!name) return false;
+  UINTN length = tvl::rt::length(name);
+  return length != 0 && scanName(bytesOf(name), length) == length;
+}
+
+// Length of the well-formed reference that starts at the "&" at `s`, or 0.
+UINTN referenceLength(const UINT8* s, UINTN avail) {
+  if (avail >= 2 && s[1] == '#') {
+    UINT32 cp;
+    UINTN n = scanCharReference(s + 2, avail - 2, &cp);
+    return n != 0 && isXmlChar(cp) ? n + 2 : 0;
+  }
+  UINTN name = scanName(s + 1, avail - 1);
+  if (name == 0 || 1 + name >= avail || s[1 + name] != ';') return 0;
+  return predefinedEntity(s + 1, name) ? name + 2 : 0;
+}
+
+// Replacement text of a character in element contents, or null when it is
+// written as it is. Contents are escaped already, so "&" is handled apart.
+const CHAR8* contentsEscape(UINT8 b) {
+  switch (b) {
+    case '<': return "&lt;";
+    case '>': return "&gt;";
+    case '\r': return "&#13;";  // a literal CR would be read back as LF
+    default: return nullptr;
+  }
+}
+
+// Replacement text of a character in an attribute value (plain text).
+// Tab, LF and CR are written as references because a reader turns the
+// literal characters into spaces.
+const CHAR8* attributeEscape(UINT8 b) {
+  switch (b) {
+    case '&': return "&amp;";
+    case '<': return "&lt;";
+    case '>': return "&gt;";
+    case '"': return "&quot;";
+    case '\t': return "&#9;";
+    case '\n': return "&#10;";
+    case '\r': return "&#13;";
+    default: return nullptr;
+  }
+}
+
+class Writer {
+ public:
+  EFI_STATUS run(const XML_NODE* root, CHAR8** text);
+
+ private:
+  EFI_STATUS openElement(const XML_NODE* node);
+  EFI_STATUS closeElement(const XML_NODE* node);
+  EFI_STATUS attributes(const XML_NODE* node);
+  EFI_STATUS characters(const CHAR8* text, bool attribute);
+  EFI_STATUS put(const CHAR8* text) { return out_.append(text) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES; }
+  EFI_STATUS put(const void* bytes, UINTN n) { return out_.append(bytes, n) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES; }
+
+  ByteBuffer out_;
+  NameSet names_;
+  Stack<const XML_NODE*> open_;  // elements whose children are being written
+};
+
+EFI_STATUS Writer::characters(const CHAR8* text, bool attribute) {
+  const UINT8* s = bytesOf(text);
+  UINTN length = tvl::rt::length(text);
+  UINTN pos = 0;
+  while (pos < length) {
+    // Copy the longest run that needs nothing, then deal with one byte.
+    UINTN run = pos;
+    while (run < length && s[run] >= 0x20 && s[run] < 0x80 && s[run] != '&' && s[run] != '<' && s[run] != '>' &&
+           !(attribute && s[run] == '"'))
+      ++run;
+    RETURN_IF_ERROR(put(s + pos, run - pos));
+    pos = run;
+    if (pos == length) break;
+    UINT8 b = s[pos];
+    if (b == '&' && !attribute) {
+      UINTN n = referenceLength(s + pos, length - pos);
+      RETURN_IF_ERROR(n ? put(s + pos, n) : put("&amp;"));
+      pos += n ? n : 1;
+      continue;
+    }
+    const CHAR8* escape = attribute ? attributeEscape(b) : contentsEscape(b);
+    if (escape) {
+      RETURN_IF_ERROR(put(escape));
+      ++pos;
+      continue;
+    }
+    UINT32 cp;
+    UINTN n = decodeUtf8(s + pos, length - pos, &cp);
+    if (n == 0 || !isXmlChar(cp)) return EFI_INVALID_PARAMETER;
+    RETURN_IF_ERROR(put(s + pos, n));
+    pos += n;
+  }
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS Writer::attributes(const XML_NODE* node) {
+  names_.clear();
+  for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next) {
+    if (!validName(a->name) || !a->value) return EFI_INVALID_PARAMETER;
+    switch (names_.add(bytesOf(a->name), tvl::rt::length(a->name))) {
+      case NameSet::kAdded: break;
+      case NameSet::kRepeated: return EFI_INVALID_PARAMETER;
+      case NameSet::kNoMemory: return EFI_OUT_OF_RESOURCES;
+    }
+    RETURN_IF_ERROR(put(" "));
+    RETURN_IF_ERROR(put(a->name));
+    RETURN_IF_ERROR(put("=\""));
+    RETURN_IF_ERROR(characters(a->value, true));
+    RETURN_IF_ERROR(put("\""));
+  }
+  return EFI_SUCCESS;
+}
+
+// Writes the start tag and the contents; an element with neither contents
+// nor children is written as an empty-element tag and is complete.
+EFI_STATUS Writer::openElement(const XML_NODE* node) {
+  if (!validName(node->name)) return EFI_INVALID_PARAMETER;
+  RETURN_IF_ERROR(put("<"));
+  RETURN_IF_ERROR(put(node->name));
+  RETURN_IF_ERROR(attributes(node));
+  if (!node->contents && !node->children) return put("/>");
+  RETURN_IF_ERROR(put(">"));
+  if (node->contents) RETURN_IF_ERROR(characters(node->contents, false));
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS Writer::closeElement(const XML_NODE* node) {
+  if (!node->contents && !node->children) return EFI_SUCCESS;
+  RETURN_IF_ERROR(put("</"));
+  RETURN_IF_ERROR(put(node->name));
+  return put(">");
+}
+
+EFI_STATUS Writer::run(const XML_NODE* root, CHAR8** text) {
+  const XML_NODE* node = root;
+  for (;;) {
+    RETURN_IF_ERROR(openElement(node));
+    if (node->children) {
+      if (!open_.push(node)) return EFI_OUT_OF_RESOURCES;
+      node = node->children;
+      continue;
+    }
+    RETURN_IF_ERROR(closeElement(node));
+    // Climb until an element with a following sibling is found; the root's
+    // own siblings are not part of the document.
+    while (!open_.empty() && !node->next) {
+      node = open_.top();
+      open_.pop();
+      RETURN_IF_ERROR(closeElement(node));
+    }
+    if (open_.empty()) break;
+    node = node->next;
+  }
+  CHAR8* result = out_.takeText();
+  if (!result) return EFI_OUT_OF_RESOURCES;
+  *text = result;
+  return EFI_SUCCESS;
+}
+
+}  // namespace
+
+EFI_STATUS writeTree(const XML_NODE* root, CHAR8** text) {
+  if (!root || !text) return EFI_INVALID_PARAMETER;
+  Writer writer;
+  return writer.run(root, text);
+}
+
+}  // namespace tvl::xmlsvc
