@@ -187,6 +187,61 @@ inline bool ifrScope(UINT8 lengthAndScope) { return (lengthAndScope & 0x80) != 0
 // String flags.
 #define EFI_IFR_STRING_MULTI_LINE 0x01
 
+// Subtitle flags.
+#define EFI_IFR_FLAGS_HORIZONTAL 0x01
+
+// Ordered-list flags.
+#define EFI_IFR_UNIQUE_SET 0x01
+#define EFI_IFR_NO_EMPTY_SET 0x02
+
+// Fixed opcode sizes (header included). Question opcodes start with the
+// 2-byte opcode header, the 4-byte statement header (Prompt, Help) and the
+// rest of the 11-byte question header (QuestionId, VarStoreId,
+// VarStoreInfo, Flags). One-of and numeric opcodes end in Min/Max/Step of
+// the question's width; options and constant defaults in their value.
+#define EFI_IFR_STATEMENT_HEADER_SIZE 4u
+#define EFI_IFR_QUESTION_HEADER_SIZE 11u
+#define EFI_IFR_FORM_SET_FIXED_SIZE 23u  // then 16 bytes per class GUID
+#define EFI_IFR_FORM_SIZE 6u
+#define EFI_IFR_SUBTITLE_SIZE 7u
+#define EFI_IFR_TEXT_SIZE 8u
+#define EFI_IFR_IMAGE_SIZE 4u
+#define EFI_IFR_CHECKBOX_SIZE 14u
+#define EFI_IFR_NUMERIC_FIXED_SIZE 14u  // then 3 x width bytes
+#define EFI_IFR_ONE_OF_FIXED_SIZE 14u   // then 3 x width bytes
+#define EFI_IFR_ONE_OF_OPTION_FIXED_SIZE 6u  // then the value
+#define EFI_IFR_PASSWORD_SIZE 17u
+#define EFI_IFR_STRING_SIZE 16u
+#define EFI_IFR_ORDERED_LIST_SIZE 15u
+#define EFI_IFR_ACTION_SIZE 15u
+#define EFI_IFR_ACTION_1_SIZE 13u
+#define EFI_IFR_REF_SIZE 15u
+#define EFI_IFR_REF2_SIZE 17u
+#define EFI_IFR_REF3_SIZE 33u
+#define EFI_IFR_REF4_SIZE 35u
+#define EFI_IFR_REF5_SIZE 13u
+#define EFI_IFR_VARSTORE_FIXED_SIZE 22u      // then the NUL-terminated ASCII name
+#define EFI_IFR_VARSTORE_EFI_FIXED_SIZE 26u  // then the NUL-terminated ASCII name
+#define EFI_IFR_VARSTORE_NAME_VALUE_SIZE 20u
+#define EFI_IFR_DEFAULTSTORE_SIZE 6u
+#define EFI_IFR_DEFAULT_FIXED_SIZE 5u  // then the value; alone (scope) for an expression
+#define EFI_IFR_EQ_ID_VAL_SIZE 6u
+#define EFI_IFR_EQ_ID_ID_SIZE 6u
+#define EFI_IFR_EQ_ID_VAL_LIST_FIXED_SIZE 6u  // then 2 bytes per value
+#define EFI_IFR_QUESTION_REF1_SIZE 4u
+#define EFI_IFR_GUID_FIXED_SIZE 18u
+
+// Question without storage.
+#define EFI_VARSTORE_ID_INVALID 0x0000
+#define EFI_VAROFFSET_INVALID 0xFFFF
+
+// EDK2 extension opcodes: EFI_IFR_GUID with this GUID, then an extended
+// opcode byte; a label is EFI_IFR_GUID_LABEL (21 bytes, Number u16).
+#define EFI_IFR_TIANO_GUID \
+  { 0x0f0b1735, 0x87a0, 0x4193, { 0xb2, 0x66, 0x53, 0x8c, 0x38, 0xaf, 0x48, 0xce } }
+#define EFI_IFR_EXTEND_OP_LABEL 0x00
+#define EFI_IFR_GUID_LABEL_SIZE 21u
+
 // Default stores.
 #define EFI_HII_DEFAULT_CLASS_STANDARD 0x0000
 #define EFI_HII_DEFAULT_CLASS_MANUFACTURING 0x0001
