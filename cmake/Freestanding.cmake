@@ -7,6 +7,11 @@ set(TOLVANE_FREESTANDING_FLAGS
 # The per-image runtime, compiled once and linked into every image.
 function(tolvane_freestanding_target target)
   target_compile_options(${target} PRIVATE ${TOLVANE_FREESTANDING_FLAGS} ${TOLVANE_WARNINGS})
+  # GCC marks inline variables and statics of inline functions as unique
+  # symbols, which the dynamic loader shares between every loaded copy and
+  # which keep a module from ever being unloaded; each image load must get
+  # its own.
+  target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
   target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
 endfunction()
 

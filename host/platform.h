@@ -19,13 +19,26 @@ struct PoolStats {
   size_t outstandingBytes = 0;  // their bytes
   size_t allocations = 0;       // AllocatePool calls that succeeded
   size_t frees = 0;             // FreePool calls that succeeded
-  size_t failedByInjection = 0; // AllocatePool calls refused by a fault
+  size_t failedByInjection = 0; // allocation attempts refused by a fault
+  size_t invalidFrees = 0;      // FreePool/FreePages of memory that was not allocated (or freed twice)
+  size_t overruns = 0;          // allocations whose guard bytes were overwritten when freed
+  size_t outstandingPages = 0;  // pages from AllocatePages not yet freed
+};
+
+// One outstanding pool allocation.
+struct AllocationInfo {
+  uint64_t sequence = 0;  // 1 for the platform's first allocation, counting up
+  size_t size = 0;
+  std::string owner;      // "NAME#N" of the image that was running, or "host"
+  void* address = nullptr;
 };
 
 class Platform {
  public:
   Platform();
-  ~Platform();  // unloads every image, frees everything
+  // Frees everything and unmaps every image. Image code does not run
+  // during teardown (Unload handlers are not called).
+  ~Platform();
   Platform(const Platform&) = delete;
   Platform& operator=(const Platform&) = delete;
 
@@ -38,8 +51,21 @@ class Platform {
   // One line per outstanding allocation: sequence number, size, and the
   // image that was running when it was made.
   std::string leakReport() const;
+  // The same for allocations whose sequence number is at least `sinceSequence`.
+  std::string leakReport(uint64_t sinceSequence) const;
+  // Outstanding pool allocations and page runs, oldest first.
+  std::vector<AllocationInfo> outstandingAllocations() const;
+  // The sequence number that the next allocation will get.
+  uint64_t nextAllocationSequence() const;
+  // Invalid frees and overwritten guard bytes seen so far, one line each.
+  std::string poolErrorReport() const;
   // Allocation attempts made so far; a sweep counts the attempts of an
-  // operation and then fails each one in turn.
+  // operation and then fails each one in turn. Besides AllocatePool and
+  // AllocatePages, the services that the UEFI specification lets fail with
+  // EFI_OUT_OF_RESOURCES because they allocate (InstallProtocolInterface,
+  // CreateEvent(Ex), RegisterProtocolNotify, LocateHandleBuffer,
+  // ProtocolsPerHandle, OpenProtocolInformation) make one attempt each, so
+  // injected faults reach their failure paths too.
   size_t allocationAttempts() const;
   void failAllocation(size_t k);       // the k-th attempt from now (1-based) fails
   void failAllocationsFrom(size_t k);  // the k-th attempt from now and every later one fail
@@ -52,6 +78,8 @@ class Platform {
   // Loads a fresh instance of image `name` (its own globals), installs its
   // EFI_LOADED_IMAGE_PROTOCOL on a new image handle and runs its entry
   // EfiMain. The handle is returned even when the entry fails.
+  // When the entry fails the image is unloaded as firmware does (its
+  // loaded-image protocol and the protocols it opened are removed).
   EFI_STATUS loadImage(const std::string& name, EFI_HANDLE* imageHandle);
   // Calls the image's Unload handler: EFI_UNSUPPORTED when it has none,
   // otherwise its status; on success the loaded-image protocol is removed.
@@ -70,6 +98,17 @@ class Platform {
   EFI_STATUS uninstallProtocol(EFI_HANDLE handle, const EFI_GUID& guid, void* interface);
   void* locateProtocol(const EFI_GUID& guid);
   std::vector<EFI_HANDLE> handlesWith(const EFI_GUID& guid);
+  // Every handle in the database, in creation order.
+  std::vector<EFI_HANDLE> allHandles();
+  // The interface of `guid` on `handle`, or null.
+  void* handleProtocol(EFI_HANDLE handle, const EFI_GUID& guid);
+
+  // ---- events and task priority
+  EFI_TPL currentTpl() const;
+  // RaiseTPL above / RestoreTPL below the current level (indeterminate in
+  // UEFI): counted, the level is left unchanged.
+  size_t tplViolations() const;
+  size_t openEvents() const;
 
   // ---- console
   std::u16string consoleText() const;
@@ -81,6 +120,16 @@ class Platform {
   // ---- variables (host-side convenience)
   EFI_STATUS setVariable(const std::u16string& name, const EFI_GUID& vendor, uint32_t attributes,
                          const std::vector<uint8_t>& data);
+  // The variable's data (and attributes), or EFI_NOT_FOUND.
+  EFI_STATUS getVariable(const std::u16string& name, const EFI_GUID& vendor, std::vector<uint8_t>* data,
+                         uint32_t* attributes = nullptr) const;
+  // Limits of the variable store (reported by QueryVariableInfo).
+  static constexpr size_t kVariableStorage = 256 * 1024;
+  static constexpr size_t kMaxVariableSize = 64 * 1024;  // name (UCS-2 with NUL) + data
+
+  // ---- ResetSystem is recorded, never carried out
+  bool resetRequested() const;
+  EFI_RESET_TYPE resetType() const;
 
   struct Impl;
 
@@ -89,7 +138,9 @@ class Platform {
 };
 
 // The platform that the boot-services calls of the running code act on.
-// The emulation serves one platform at a time per thread.
+// The emulation serves one platform at a time per thread: creating a
+// Platform makes it the current one, and destroying it makes the one that
+// was current before current again (a stack; destroy in reverse order).
 Platform* currentPlatform();
 
 }  // namespace tvl::host

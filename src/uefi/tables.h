@@ -20,7 +20,6 @@ static_assert(sizeof(EFI_TABLE_HEADER) == 24, "EFI_TABLE_HEADER layout");
 
 struct EFI_DEVICE_PATH_PROTOCOL;
 struct EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL;
-struct EFI_TIME;
 struct EFI_MEMORY_DESCRIPTOR;
 struct EFI_CAPSULE_HEADER;
 
@@ -29,6 +28,28 @@ enum EFI_TIMER_DELAY : UINT32 { TimerCancel, TimerPeriodic, TimerRelative };
 enum EFI_INTERFACE_TYPE : UINT32 { EFI_NATIVE_INTERFACE };
 enum EFI_LOCATE_SEARCH_TYPE : UINT32 { AllHandles, ByRegisterNotify, ByProtocol };
 enum EFI_RESET_TYPE : UINT32 { EfiResetCold, EfiResetWarm, EfiResetShutdown, EfiResetPlatformSpecific };
+
+struct EFI_TIME {
+  UINT16 Year;
+  UINT8 Month;
+  UINT8 Day;
+  UINT8 Hour;
+  UINT8 Minute;
+  UINT8 Second;
+  UINT8 Pad1;
+  UINT32 Nanosecond;
+  INT16 TimeZone;
+  UINT8 Daylight;
+  UINT8 Pad2;
+};
+static_assert(sizeof(EFI_TIME) == 16, "EFI_TIME layout");
+#define EFI_UNSPECIFIED_TIMEZONE 0x07FF
+
+struct EFI_TIME_CAPABILITIES {
+  UINT32 Resolution;
+  UINT32 Accuracy;
+  BOOLEAN SetsToZero;
+};
 
 // Event types.
 #define EVT_TIMER 0x80000000u

@@ -1,0 +1,145 @@
+#include "tests/support/fixture.h"
+
+#include <cstdio>
+#include <stdexcept>
+
+namespace tvl::test {
+
+namespace {
+
+struct StatusName {
+  EFI_STATUS status;
+  const char* name;
+};
+
+constexpr StatusName kStatusNames[] = {
+    {EFI_SUCCESS, "EFI_SUCCESS"},
+    {EFI_LOAD_ERROR, "EFI_LOAD_ERROR"},
+    {EFI_INVALID_PARAMETER, "EFI_INVALID_PARAMETER"},
+    {EFI_UNSUPPORTED, "EFI_UNSUPPORTED"},
+    {EFI_BAD_BUFFER_SIZE, "EFI_BAD_BUFFER_SIZE"},
+    {EFI_BUFFER_TOO_SMALL, "EFI_BUFFER_TOO_SMALL"},
+    {EFI_NOT_READY, "EFI_NOT_READY"},
+    {EFI_DEVICE_ERROR, "EFI_DEVICE_ERROR"},
+    {EFI_WRITE_PROTECTED, "EFI_WRITE_PROTECTED"},
+    {EFI_OUT_OF_RESOURCES, "EFI_OUT_OF_RESOURCES"},
+    {EFI_NOT_FOUND, "EFI_NOT_FOUND"},
+    {EFI_ACCESS_DENIED, "EFI_ACCESS_DENIED"},
+    {EFI_TIMEOUT, "EFI_TIMEOUT"},
+    {EFI_NOT_STARTED, "EFI_NOT_STARTED"},
+    {EFI_ALREADY_STARTED, "EFI_ALREADY_STARTED"},
+    {EFI_ABORTED, "EFI_ABORTED"},
+    {EFI_PROTOCOL_ERROR, "EFI_PROTOCOL_ERROR"},
+    {EFI_SECURITY_VIOLATION, "EFI_SECURITY_VIOLATION"},
+    {EFI_END_OF_FILE, "EFI_END_OF_FILE"},
+    {EFI_INVALID_LANGUAGE, "EFI_INVALID_LANGUAGE"},
+    {EFI_WARN_UNKNOWN_GLYPH, "EFI_WARN_UNKNOWN_GLYPH"},
+    {EFI_WARN_BUFFER_TOO_SMALL, "EFI_WARN_BUFFER_TOO_SMALL"},
+};
+
+std::string leakedSince(const host::Platform& platform, uint64_t sequence) {
+  std::string report = platform.leakReport(sequence);
+  return report.empty() ? std::string("  (none listed)\n") : report;
+}
+
+}  // namespace
+
+std::string statusName(EFI_STATUS status) {
+  for (const StatusName& s : kStatusNames)
+    if (s.status == status) return s.name;
+  char text[32];
+  std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(status));
+  return text;
+}
+
+size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI_STATUS()>& op,
+                               const std::function<void(EFI_STATUS, size_t)>& check,
+                               const std::function<void()>& cleanup, FaultMode mode) {
+  platform.clearAllocationFaults();
+  size_t before = platform.poolStats().outstanding;
+  uint64_t sequence = platform.nextAllocationSequence();
+  size_t start = platform.allocationAttempts();
+  op();
+  size_t attempts = platform.allocationAttempts() - start;
+  if (cleanup) cleanup();
+  if (platform.poolStats().outstanding != before) {
+    ADD_FAILURE() << "the run without faults leaves " << platform.poolStats().outstanding - before
+                  << " allocation(s) outstanding after cleanup:\n"
+                  << leakedSince(platform, sequence);
+    return attempts;
+  }
+  for (size_t k = 1; k <= attempts; ++k) {
+    before = platform.poolStats().outstanding;
+    sequence = platform.nextAllocationSequence();
+    if (mode == FaultMode::Single) {
+      platform.failAllocation(k);
+    } else {
+      platform.failAllocationsFrom(k);
+    }
+    EFI_STATUS status = op();
+    platform.clearAllocationFaults();
+    check(status, k);
+    if (::testing::Test::HasFatalFailure()) {
+      if (cleanup) cleanup();
+      return attempts;
+    }
+    if (cleanup) cleanup();
+    size_t after = platform.poolStats().outstanding;
+    if (after != before) {
+      ADD_FAILURE() << "allocation attempt " << k << " of " << attempts << " failing (" << statusName(status)
+                    << ") leaks " << (after > before ? after - before : 0) << " allocation(s) (outstanding "
+                    << before << " -> " << after << "):\n"
+                    << leakedSince(platform, sequence);
+    }
+  }
+  return attempts;
+}
+
+void PlatformTest::SetUp() {
+  platform_ = std::make_unique<host::Platform>();
+  markBaseline();
+}
+
+void PlatformTest::TearDown() {
+  if (leakCheck_ && !HasFatalFailure()) expectNoLeaks();
+  platform_.reset();
+}
+
+EFI_STATUS PlatformTest::loadStatus(const std::string& image, EFI_HANDLE* handle) {
+  return platform_->loadImage(image, handle);
+}
+
+EFI_HANDLE PlatformTest::load(const std::string& image) {
+  EFI_HANDLE handle = nullptr;
+  EFI_STATUS status = platform_->loadImage(image, &handle);
+  if (status != EFI_SUCCESS) {
+    // A fatal stop from inside a function that returns a value: gtest
+    // reports the exception's text as the failure of the test.
+    throw std::runtime_error("loading image '" + image + "' from " + host::Platform::imageDirectory() +
+                             " failed: " + statusName(status));
+  }
+  return handle;
+}
+
+void PlatformTest::markBaseline() {
+  baselineSequence_ = platform_->nextAllocationSequence();
+  host::PoolStats stats = platform_->poolStats();
+  baselineInvalidFrees_ = stats.invalidFrees;
+  baselineOverruns_ = stats.overruns;
+}
+
+void PlatformTest::expectNoLeaks() {
+  size_t leaked = 0;
+  for (const host::AllocationInfo& a : platform_->outstandingAllocations())
+    if (a.sequence >= baselineSequence_) ++leaked;
+  EXPECT_EQ(leaked, 0u) << "allocations made during the test are still outstanding:\n"
+                        << platform_->leakReport(baselineSequence_);
+  host::PoolStats stats = platform_->poolStats();
+  EXPECT_EQ(stats.invalidFrees, baselineInvalidFrees_)
+      << "memory was freed that was not allocated:\n"
+      << platform_->poolErrorReport();
+  EXPECT_EQ(stats.overruns, baselineOverruns_) << "allocations were written past their end:\n"
+                                               << platform_->poolErrorReport();
+}
+
+}  // namespace tvl::test

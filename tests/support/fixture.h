@@ -1,0 +1,83 @@
+// Test support: a fresh emulated platform per test, image loading that
+// fails the test when the entry fails, an automatic pool-leak check, and
+// the allocation-failure sweep.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "host/platform.h"
+
+namespace tvl::test {
+
+// Readable name of a status ("EFI_NOT_FOUND"), or its hexadecimal value.
+std::string statusName(EFI_STATUS status);
+
+// Which fault a sweep injects at attempt k.
+enum class FaultMode {
+  Single,  // only the k-th attempt fails
+  From,    // the k-th attempt and every later one fail
+};
+
+// Runs `op` once without faults, counting its allocation attempts N, and
+// calls `cleanup`. Then for k = 1..N runs `op` with the k-th attempt
+// failing, calls `check(status, k)` and `cleanup()`, and checks that the
+// pool holds as many allocations as before that run (no leak on any
+// failure path); a leak is reported with k and the leaked allocations.
+// Stops at the first fatal failure. Returns N.
+size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI_STATUS()>& op,
+                               const std::function<void(EFI_STATUS, size_t)>& check,
+                               const std::function<void()>& cleanup = {}, FaultMode mode = FaultMode::Single);
+
+class PlatformTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  host::Platform& platform() { return *platform_; }
+  EFI_SYSTEM_TABLE* st() { return platform_->systemTable(); }
+  EFI_BOOT_SERVICES* bs() { return platform_->bootServices(); }
+  EFI_RUNTIME_SERVICES* rt() { return platform_->runtimeServices(); }
+
+  // Loads a fresh instance of `image` and runs its entry; the test stops
+  // (a fatal failure) when loading or the entry fails.
+  EFI_HANDLE load(const std::string& image);
+  // The same, returning the status instead; *handle is set even when the
+  // entry fails.
+  EFI_STATUS loadStatus(const std::string& image, EFI_HANDLE* handle);
+
+  // From now on only allocations made after this call count as leaks (and
+  // only invalid frees after it count as errors). Call it after loading the
+  // images whose allocations legitimately outlive the test body.
+  void markBaseline();
+  // Fails the test when allocations made since the baseline are still
+  // outstanding, or memory was freed that was not allocated.
+  void expectNoLeaks();
+
+  // Skips the automatic check at TearDown (for tests that hold memory on
+  // purpose and check it themselves).
+  void skipLeakCheck() { leakCheck_ = false; }
+
+  size_t sweepAllocationFailures(const std::function<EFI_STATUS()>& op,
+                                 const std::function<void(EFI_STATUS, size_t)>& check,
+                                 const std::function<void()>& cleanup = {}, FaultMode mode = FaultMode::Single) {
+    return tvl::test::sweepAllocationFailures(*platform_, op, check, cleanup, mode);
+  }
+
+  template <typename T>
+  T* locate(const EFI_GUID& guid) {
+    return static_cast<T*>(platform_->locateProtocol(guid));
+  }
+
+ private:
+  std::unique_ptr<host::Platform> platform_;
+  uint64_t baselineSequence_ = 0;
+  size_t baselineInvalidFrees_ = 0;
+  size_t baselineOverruns_ = 0;
+  bool leakCheck_ = true;
+};
+
+}  // namespace tvl::test
