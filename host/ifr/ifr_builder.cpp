@@ -149,13 +149,13 @@ Expr number(UINT64 value) { return uint64(value); }
 // ---------------------------------------------------------------- questions
 
 template <typename D>
-QuestionSpec<D>::QuestionSpec(UINT16 questionId, UINT16 prompt, UINT16 help)
+Question<D>::Question(UINT16 questionId, UINT16 prompt, UINT16 help)
     : questionId_(questionId), prompt_(prompt), help_(help) {
   if (questionId == 0) throw std::invalid_argument("question id 0 is reserved");
 }
 
 template <typename D>
-void QuestionSpec<D>::writeQuestionHeader(Bytes& out) const {
+void Question<D>::writeQuestionHeader(Bytes& out) const {
   put16(out, prompt_);
   put16(out, help_);
   put16(out, questionId_);
@@ -165,13 +165,13 @@ void QuestionSpec<D>::writeQuestionHeader(Bytes& out) const {
 }
 
 template <typename D>
-D& QuestionSpec<D>::locked() {
+D& Question<D>::locked() {
   putOp(nested_, EFI_IFR_LOCKED_OP, false, {});
   return self();
 }
 
 template <typename D>
-D& QuestionSpec<D>::image(UINT16 imageId) {
+D& Question<D>::image(UINT16 imageId) {
   Bytes f;
   put16(f, imageId);
   putOp(nested_, EFI_IFR_IMAGE_OP, false, f);
@@ -179,7 +179,7 @@ D& QuestionSpec<D>::image(UINT16 imageId) {
 }
 
 template <typename D>
-D& QuestionSpec<D>::defaultConstant(const Value& value, UINT16 defaultId) {
+D& Question<D>::defaultConstant(const Value& value, UINT16 defaultId) {
   Bytes f;
   put16(f, defaultId);
   put8(f, value.type);
@@ -189,7 +189,7 @@ D& QuestionSpec<D>::defaultConstant(const Value& value, UINT16 defaultId) {
 }
 
 template <typename D>
-D& QuestionSpec<D>::defaultExpression(const Expr& expr, UINT16 defaultId) {
+D& Question<D>::defaultExpression(const Expr& expr, UINT16 defaultId) {
   if (expr.empty()) throw std::invalid_argument("empty default expression");
   Bytes f;
   put16(f, defaultId);
@@ -203,7 +203,7 @@ D& QuestionSpec<D>::defaultExpression(const Expr& expr, UINT16 defaultId) {
 }
 
 template <typename D>
-D& QuestionSpec<D>::condition(UINT8 opcode, const Expr& expr, const std::function<void(D&)>& body) {
+D& Question<D>::condition(UINT8 opcode, const Expr& expr, const std::function<void(D&)>& body) {
   if (expr.empty()) throw std::invalid_argument("empty condition expression");
   putOp(nested_, opcode, true, {});
   putBytes(nested_, expr.code());
@@ -213,32 +213,32 @@ D& QuestionSpec<D>::condition(UINT8 opcode, const Expr& expr, const std::functio
 }
 
 template <typename D>
-D& QuestionSpec<D>::suppressIf(const Expr& expr, const std::function<void(D&)>& body) {
+D& Question<D>::suppressIf(const Expr& expr, const std::function<void(D&)>& body) {
   return condition(EFI_IFR_SUPPRESS_IF_OP, expr, body);
 }
 template <typename D>
-D& QuestionSpec<D>::grayOutIf(const Expr& expr, const std::function<void(D&)>& body) {
+D& Question<D>::grayOutIf(const Expr& expr, const std::function<void(D&)>& body) {
   return condition(EFI_IFR_GRAY_OUT_IF_OP, expr, body);
 }
 template <typename D>
-D& QuestionSpec<D>::disableIf(const Expr& expr, const std::function<void(D&)>& body) {
+D& Question<D>::disableIf(const Expr& expr, const std::function<void(D&)>& body) {
   return condition(EFI_IFR_DISABLE_IF_OP, expr, body);
 }
 
 template <typename D>
-D& QuestionSpec<D>::raw(const Bytes& opcodes) {
+D& Question<D>::raw(const Bytes& opcodes) {
   putBytes(nested_, opcodes);
   return self();
 }
 
-template class QuestionSpec<OneOf>;
-template class QuestionSpec<Checkbox>;
-template class QuestionSpec<Numeric>;
-template class QuestionSpec<Password>;
-template class QuestionSpec<String>;
-template class QuestionSpec<OrderedList>;
-template class QuestionSpec<Action>;
-template class QuestionSpec<Ref>;
+template class Question<OneOf>;
+template class Question<Checkbox>;
+template class Question<Numeric>;
+template class Question<Password>;
+template class Question<String>;
+template class Question<OrderedList>;
+template class Question<Action>;
+template class Question<Ref>;
 
 namespace {
 
@@ -256,7 +256,7 @@ void putScopedQuestion(Bytes& out, UINT8 opcode, const Q& q, const Bytes& tail) 
 }  // namespace
 
 OneOf::OneOf(UINT16 questionId, UINT16 prompt, UINT16 help, Width width)
-    : QuestionSpec(questionId, prompt, help), width_(width) {}
+    : Question(questionId, prompt, help), width_(width) {}
 
 OneOf& OneOf::option(UINT16 text, UINT64 value, UINT8 optionFlags) {
   putBytes(nested_, optionOp(width_, text, value, optionFlags));
@@ -279,14 +279,14 @@ void OneOf::encode(Bytes& out) const {
   putScopedQuestion(out, EFI_IFR_ONE_OF_OP, *this, tail);
 }
 
-Checkbox::Checkbox(UINT16 questionId, UINT16 prompt, UINT16 help) : QuestionSpec(questionId, prompt, help) {}
+Checkbox::Checkbox(UINT16 questionId, UINT16 prompt, UINT16 help) : Question(questionId, prompt, help) {}
 Checkbox& Checkbox::defaultValue(bool on, UINT16 defaultId) {
   return defaultConstant(Value::boolean(on), defaultId);
 }
 void Checkbox::encode(Bytes& out) const { putScopedQuestion(out, EFI_IFR_CHECKBOX_OP, *this, {checkboxFlags_}); }
 
 Numeric::Numeric(UINT16 questionId, UINT16 prompt, UINT16 help, Width width)
-    : QuestionSpec(questionId, prompt, help), width_(width) {}
+    : Question(questionId, prompt, help), width_(width) {}
 Numeric& Numeric::range(UINT64 minimum, UINT64 maximum, UINT64 step) {
   min_ = minimum, max_ = maximum, step_ = step;
   return *this;
@@ -305,7 +305,7 @@ void Numeric::encode(Bytes& out) const {
 }
 
 Password::Password(UINT16 questionId, UINT16 prompt, UINT16 help, UINT16 minSize, UINT16 maxSize)
-    : QuestionSpec(questionId, prompt, help), minSize_(minSize), maxSize_(maxSize) {}
+    : Question(questionId, prompt, help), minSize_(minSize), maxSize_(maxSize) {}
 void Password::encode(Bytes& out) const {
   Bytes tail;
   put16(tail, minSize_);
@@ -314,7 +314,7 @@ void Password::encode(Bytes& out) const {
 }
 
 String::String(UINT16 questionId, UINT16 prompt, UINT16 help, UINT8 minSize, UINT8 maxSize)
-    : QuestionSpec(questionId, prompt, help), minSize_(minSize), maxSize_(maxSize) {}
+    : Question(questionId, prompt, help), minSize_(minSize), maxSize_(maxSize) {}
 String& String::defaultValue(UINT16 stringId, UINT16 defaultId) {
   return defaultConstant(Value::string(stringId), defaultId);
 }
@@ -323,7 +323,7 @@ void String::encode(Bytes& out) const {
 }
 
 OrderedList::OrderedList(UINT16 questionId, UINT16 prompt, UINT16 help, Width elementWidth, UINT8 maxContainers)
-    : QuestionSpec(questionId, prompt, help), width_(elementWidth), maxContainers_(maxContainers) {}
+    : Question(questionId, prompt, help), width_(elementWidth), maxContainers_(maxContainers) {}
 OrderedList& OrderedList::option(UINT16 text, UINT64 value, UINT8 optionFlags) {
   putBytes(nested_, optionOp(width_, text, value, optionFlags));
   return *this;
@@ -336,14 +336,14 @@ void OrderedList::encode(Bytes& out) const {
 }
 
 Action::Action(UINT16 questionId, UINT16 prompt, UINT16 help, UINT16 questionConfig)
-    : QuestionSpec(questionId, prompt, help), config_(questionConfig) {}
+    : Question(questionId, prompt, help), config_(questionConfig) {}
 void Action::encode(Bytes& out) const {
   Bytes tail;
   put16(tail, config_);
   putScopedQuestion(out, EFI_IFR_ACTION_OP, *this, tail);
 }
 
-Ref::Ref(UINT16 questionId, UINT16 prompt, UINT16 help) : QuestionSpec(questionId, prompt, help) {}
+Ref::Ref(UINT16 questionId, UINT16 prompt, UINT16 help) : Question(questionId, prompt, help) {}
 Ref& Ref::toForm(UINT16 formId) {
   variant_ = 1, formId_ = formId;
   return *this;

@@ -125,9 +125,9 @@ Expr notEqual(const Expr& left, const Expr& right);
 
 // What every question shares: the question header, the opcodes nested in
 // its scope (options, defaults, locked, image, conditions) in the order
-// they were added, and the fluent setters. `Derived` is the concrete spec.
+// they were added, and the fluent setters. `Derived` is the concrete question type.
 template <typename Derived>
-class QuestionSpec {
+class Question {
  public:
   Derived& prompt(UINT16 stringId) { prompt_ = stringId; return self(); }
   Derived& help(UINT16 stringId) { help_ = stringId; return self(); }
@@ -165,7 +165,7 @@ class QuestionSpec {
   void writeQuestionHeader(Bytes& out) const;
 
  protected:
-  QuestionSpec(UINT16 questionId, UINT16 prompt, UINT16 help);
+  Question(UINT16 questionId, UINT16 prompt, UINT16 help);
   Derived& self() { return static_cast<Derived&>(*this); }
   Derived& condition(UINT8 opcode, const Expr& expr, const std::function<void(Derived&)>& body);
 
@@ -179,7 +179,7 @@ class QuestionSpec {
 };
 
 // EFI_IFR_ONE_OF with its EFI_IFR_ONE_OF_OPTION list.
-class OneOf : public QuestionSpec<OneOf> {
+class OneOf : public Question<OneOf> {
  public:
   OneOf(UINT16 questionId, UINT16 prompt, UINT16 help, Width width = Width::U8);
   // An option; `optionFlags` may hold EFI_IFR_OPTION_DEFAULT and
@@ -199,7 +199,7 @@ class OneOf : public QuestionSpec<OneOf> {
 };
 
 // EFI_IFR_CHECKBOX.
-class Checkbox : public QuestionSpec<Checkbox> {
+class Checkbox : public Question<Checkbox> {
  public:
   Checkbox(UINT16 questionId, UINT16 prompt, UINT16 help);
   // EFI_IFR_CHECKBOX_DEFAULT / EFI_IFR_CHECKBOX_DEFAULT_MFG in the flags.
@@ -214,7 +214,7 @@ class Checkbox : public QuestionSpec<Checkbox> {
 };
 
 // EFI_IFR_NUMERIC.
-class Numeric : public QuestionSpec<Numeric> {
+class Numeric : public Question<Numeric> {
  public:
   Numeric(UINT16 questionId, UINT16 prompt, UINT16 help, Width width = Width::U8);
   Numeric& range(UINT64 minimum, UINT64 maximum, UINT64 step = 0);
@@ -230,7 +230,7 @@ class Numeric : public QuestionSpec<Numeric> {
 };
 
 // EFI_IFR_PASSWORD: sizes in characters.
-class Password : public QuestionSpec<Password> {
+class Password : public Question<Password> {
  public:
   Password(UINT16 questionId, UINT16 prompt, UINT16 help, UINT16 minSize, UINT16 maxSize);
   void encode(Bytes& out) const;
@@ -240,7 +240,7 @@ class Password : public QuestionSpec<Password> {
 };
 
 // EFI_IFR_STRING: sizes in characters.
-class String : public QuestionSpec<String> {
+class String : public Question<String> {
  public:
   String(UINT16 questionId, UINT16 prompt, UINT16 help, UINT8 minSize, UINT8 maxSize);
   String& multiLine() { stringFlags_ |= EFI_IFR_STRING_MULTI_LINE; return *this; }
@@ -254,7 +254,7 @@ class String : public QuestionSpec<String> {
 };
 
 // EFI_IFR_ORDERED_LIST with its options; elements of one width.
-class OrderedList : public QuestionSpec<OrderedList> {
+class OrderedList : public Question<OrderedList> {
  public:
   OrderedList(UINT16 questionId, UINT16 prompt, UINT16 help, Width elementWidth, UINT8 maxContainers);
   OrderedList& option(UINT16 text, UINT64 value, UINT8 optionFlags = 0);
@@ -271,7 +271,7 @@ class OrderedList : public QuestionSpec<OrderedList> {
 };
 
 // EFI_IFR_ACTION with its configuration string.
-class Action : public QuestionSpec<Action> {
+class Action : public Question<Action> {
  public:
   Action(UINT16 questionId, UINT16 prompt, UINT16 help, UINT16 questionConfig = 0);
   void encode(Bytes& out) const;
@@ -283,7 +283,7 @@ class Action : public QuestionSpec<Action> {
 // EFI_IFR_REF..EFI_IFR_REF5: the target chosen decides the variant. With
 // no target the reference is the 13-byte EFI_IFR_REF5 (target taken from
 // the question's value).
-class Ref : public QuestionSpec<Ref> {
+class Ref : public Question<Ref> {
  public:
   Ref(UINT16 questionId, UINT16 prompt, UINT16 help);
   Ref& toForm(UINT16 formId);                                    // EFI_IFR_REF
