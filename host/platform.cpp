@@ -298,8 +298,16 @@ Platform::~Platform() {
     tCurrent = impl_->previous;
     tCurrentImpl = impl_->previousImpl;
   } else {
+    // Destroyed out of order: the platforms above this one now sit on the
+    // one below it.
     tCurrent = outer;
     tCurrentImpl = outerImpl;
+    for (Impl* above = outerImpl; above; above = above->previousImpl) {
+      if (above->previousImpl != impl_.get()) continue;
+      above->previous = impl_->previous;
+      above->previousImpl = impl_->previousImpl;
+      break;
+    }
   }
 }
 

@@ -367,7 +367,7 @@ EFI_STATUS installMultiple(Platform::Impl& p, EFI_HANDLE* handle, const std::vec
   size_t done = 0;
   for (; done < pairs.size(); ++done) {
     const Pair& pair = pairs[done];
-    if (!*handle && *pair.guid == kDevicePathGuid && pair.iface && devicePathInstalled(p, pair.iface)) {
+    if (*pair.guid == kDevicePathGuid && pair.iface && devicePathInstalled(p, pair.iface)) {
       status = EFI_ALREADY_STARTED;
       break;
     }

@@ -37,6 +37,9 @@ constexpr StatusName kStatusNames[] = {
     {EFI_WARN_BUFFER_TOO_SMALL, "EFI_WARN_BUFFER_TOO_SMALL"},
 };
 
+// Pool allocations and page runs together.
+size_t held(const host::Platform& platform) { return platform.outstandingAllocations().size(); }
+
 std::string leakedSince(const host::Platform& platform, uint64_t sequence) {
   std::string report = platform.leakReport(sequence);
   return report.empty() ? std::string("  (none listed)\n") : report;
@@ -56,20 +59,20 @@ size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI
                                const std::function<void(EFI_STATUS, size_t)>& check,
                                const std::function<void()>& cleanup, FaultMode mode) {
   platform.clearAllocationFaults();
-  size_t before = platform.poolStats().outstanding;
+  size_t before = held(platform);
   uint64_t sequence = platform.nextAllocationSequence();
   size_t start = platform.allocationAttempts();
   op();
   size_t attempts = platform.allocationAttempts() - start;
   if (cleanup) cleanup();
-  if (platform.poolStats().outstanding != before) {
-    ADD_FAILURE() << "the run without faults leaves " << platform.poolStats().outstanding - before
+  if (held(platform) != before) {
+    ADD_FAILURE() << "the run without faults leaves " << held(platform) - before
                   << " allocation(s) outstanding after cleanup:\n"
                   << leakedSince(platform, sequence);
     return attempts;
   }
   for (size_t k = 1; k <= attempts; ++k) {
-    before = platform.poolStats().outstanding;
+    before = held(platform);
     sequence = platform.nextAllocationSequence();
     if (mode == FaultMode::Single) {
       platform.failAllocation(k);
@@ -84,7 +87,7 @@ size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI
       return attempts;
     }
     if (cleanup) cleanup();
-    size_t after = platform.poolStats().outstanding;
+    size_t after = held(platform);
     if (after != before) {
       ADD_FAILURE() << "allocation attempt " << k << " of " << attempts << " failing (" << statusName(status)
                     << ") leaks " << (after > before ? after - before : 0) << " allocation(s) (outstanding "

@@ -1,0 +1,122 @@
+// Configuration strings: the encodings of ConfigHdr and VALUE written out
+// by hand, round trips, and the Progress position of every kind of syntax
+// error.
+#include <gtest/gtest.h>
+
+#include "host/hii/config_string.h"
+#include "host/hii/device_path.h"
+
+namespace hii = tvl::host::hii;
+
+namespace {
+
+constexpr EFI_GUID kGuid = {0x12345678, 0x9abc, 0xdef0, {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef}};
+
+std::vector<uint8_t> path() { return hii::DevicePathBuilder().pciRoot(0).pci(0x1c, 0).build(); }
+
+const std::u16string kHdr =
+    u"GUID=78563412bc9af0de0123456789abcdef&NAME=00530065007400750070"
+    u"&PATH=02010c00d041030a0000000001010600001c7fff0400";
+
+TEST(ConfigString, HeaderEncodesGuidBytesNameCharactersAndPathBytes) {
+  EXPECT_EQ(hii::configHdr(kGuid, u"Setup", path()), kHdr);
+}
+
+TEST(ConfigString, ValueDigitsAreTheBytesInReverseOrder) {
+  const uint8_t ab[] = {0x41, 0x00, 0x42, 0x00, 0x00, 0x00, 0x00, 0x00};
+  EXPECT_EQ(hii::valueDigits(ab, sizeof ab), u"0000000000420041");
+  const uint8_t word[] = {0x34, 0x12};
+  EXPECT_EQ(hii::blockConfig(0x10, word, 2), u"&OFFSET=0010&WIDTH=0002&VALUE=1234");
+  EXPECT_EQ(hii::blockName(0x12345, 1), u"&OFFSET=12345&WIDTH=0001");
+}
+
+TEST(ConfigString, ParsedHeaderAndBlocksRoundTrip) {
+  const uint8_t word[] = {0x34, 0x12};
+  const uint8_t text[] = {0x41, 0x00, 0x42, 0x00};
+  const std::u16string resp = kHdr + hii::blockConfig(2, word, 2) + hii::blockConfig(0x20, text, 4);
+  hii::ConfigString parsed;
+  ASSERT_EQ(hii::parseConfigString(resp, hii::ConfigKind::Response, parsed), EFI_SUCCESS);
+  EXPECT_EQ(parsed.header.guid, kGuid);
+  EXPECT_EQ(parsed.header.name, u"Setup");
+  EXPECT_EQ(parsed.header.path, path());
+  EXPECT_EQ(parsed.header.end, kHdr.size());
+  ASSERT_EQ(parsed.blocks.size(), 2u);
+  EXPECT_EQ(parsed.blocks[0].offset, 2u);
+  EXPECT_EQ(parsed.blocks[0].value, std::vector<uint8_t>(word, word + 2));
+  EXPECT_EQ(parsed.blocks[1].offset, 0x20u);
+  EXPECT_EQ(parsed.blocks[1].value, std::vector<uint8_t>(text, text + 4));
+  EXPECT_EQ(parsed.blocks[1].blockText, u"&OFFSET=0020&WIDTH=0004");
+  EXPECT_EQ(parsed.blocks[1].begin, resp.find(u"&OFFSET=0020"));
+}
+
+TEST(ConfigString, ShortValuesAreZeroExtendedAndDigitsAcceptEitherCase) {
+  struct Case {
+    std::u16string body;
+    std::vector<uint8_t> value;
+  } cases[] = {
+      {u"&OFFSET=0&WIDTH=2&VALUE=5", {0x05, 0x00}},
+      {u"&OFFSET=0&WIDTH=4&VALUE=AbC", {0xbc, 0x0a, 0x00, 0x00}},
+      {u"&OFFSET=0&WIDTH=1&VALUE=00", {0x00}},
+  };
+  for (const Case& c : cases) {
+    hii::ConfigString parsed;
+    ASSERT_EQ(hii::parseConfigString(kHdr + c.body, hii::ConfigKind::Response, parsed), EFI_SUCCESS);
+    EXPECT_EQ(parsed.blocks.at(0).value, c.value) << hii::toAscii(c.body);
+  }
+  hii::ConfigHeader upper;
+  std::u16string hdr = kHdr;
+  for (auto& ch : hdr)
+    if (ch >= u'a' && ch <= u'f') ch = char16_t(ch - u'a' + u'A');
+  hdr.replace(0, 4, u"GUID");  // keep the field names
+  EXPECT_EQ(hii::parseConfigHeader(hdr, 0, upper), EFI_SUCCESS);
+  EXPECT_EQ(upper.guid, kGuid);
+}
+
+struct SyntaxCase {
+  const char* name;
+  std::u16string text;
+  hii::ConfigKind kind;
+  std::u16string progressAt;  // Progress is the first occurrence of this text; empty: the string's start
+};
+
+TEST(ConfigString, SyntaxErrorsSetProgressAtTheFailingPair) {
+  using K = hii::ConfigKind;
+  const std::u16string guidOnly = u"GUID=78563412bc9af0de0123456789abcdef";
+  const std::u16string name = u"&NAME=00530065007400750070";
+  const std::u16string goodPath = u"&PATH=02010c00d041030a0000000001010600001c7fff0400";
+  const SyntaxCase cases[] = {
+      {"wrong first field", u"GUIX=" + kHdr.substr(5), K::Request, u""},
+      {"GUID of 31 digits", guidOnly.substr(0, 36) + name + goodPath, K::Request, u""},
+      {"GUID of 33 digits", guidOnly + u"0" + name + goodPath, K::Request, u""},
+      {"NAME not in groups of four", guidOnly + u"&NAME=005" + goodPath, K::Request, u"&NAME"},
+      {"NAME missing", guidOnly + goodPath, K::Request, u"&PATH"},
+      {"PATH with an odd digit count", guidOnly + name + u"&PATH=7fff040", K::Request, u"&PATH"},
+      {"PATH not a device path", guidOnly + name + u"&PATH=7fff0300", K::Request, u"&PATH"},
+      {"PATH missing", guidOnly + name, K::Request, u"&NAME"},
+      {"OFFSET without digits", kHdr + u"&OFFSET=&WIDTH=1", K::Request, u"&OFFSET"},
+      {"bad digit in OFFSET", kHdr + u"&OFFSET=1z&WIDTH=1", K::Request, u"&OFFSET"},
+      {"OFFSET beyond 64 bits", kHdr + u"&OFFSET=10000000000000000&WIDTH=1", K::Request, u"&OFFSET"},
+      {"WIDTH missing at the end", kHdr + u"&OFFSET=1", K::Request, u"&OFFSET"},
+      {"WIDTH of zero", kHdr + u"&OFFSET=1&WIDTH=0", K::Request, u"&WIDTH"},
+      {"WIDTH too large", kHdr + u"&OFFSET=1&WIDTH=1000001", K::Request, u"&WIDTH"},
+      {"VALUE in a request", kHdr + u"&OFFSET=1&WIDTH=1&VALUE=00", K::Request, u"&VALUE"},
+      {"VALUE missing in a response", kHdr + u"&OFFSET=1&WIDTH=1&OFFSET=2&WIDTH=1&VALUE=00", K::Response,
+       u"&OFFSET=2"},
+      {"VALUE without digits", kHdr + u"&OFFSET=1&WIDTH=1&VALUE=", K::Response, u"&VALUE"},
+      {"VALUE wider than WIDTH", kHdr + u"&OFFSET=1&WIDTH=1&VALUE=001", K::Response, u"&VALUE"},
+      {"unknown field after a block", kHdr + u"&OFFSET=1&WIDTH=1&ALTCFG=0000", K::Request, u"&ALTCFG"},
+      {"second block broken", kHdr + u"&OFFSET=1&WIDTH=1&OFFSET=2&WIDTH=x", K::Request, u"&WIDTH=x"},
+  };
+  for (const SyntaxCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    hii::ConfigString parsed;
+    hii::ConfigError error;
+    EXPECT_EQ(hii::parseConfigString(c.text, c.kind, parsed, &error), EFI_INVALID_PARAMETER);
+    const size_t expected = c.progressAt.empty() ? 0 : c.text.find(c.progressAt);
+    ASSERT_NE(expected, std::u16string::npos);
+    EXPECT_EQ(error.progress, expected) << error.message;
+    EXPECT_GE(error.position, error.progress);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,288 @@
+// Events, task priority levels and protocol notification.
+#include <string>
+
+#include "tests/host/platform_test_util.h"
+
+namespace tvl::test {
+namespace {
+
+const EFI_GUID kA = testGuid(1);
+const EFI_GUID kB = testGuid(2);
+
+// What each notify call saw: its tag and the TPL it ran at.
+struct Journal {
+  std::string calls;
+  EFI_BOOT_SERVICES* bs = nullptr;
+};
+
+struct Probe {
+  Journal* journal;
+  char tag;
+  EFI_EVENT chained = nullptr;  // signalled from inside the notify when set
+};
+
+EFI_TPL tplNow(EFI_BOOT_SERVICES* bs) {
+  EFI_TPL now = bs->RaiseTPL(TPL_HIGH_LEVEL);
+  bs->RestoreTPL(now);
+  return now;
+}
+
+VOID EFIAPI record(EFI_EVENT, VOID* context) {
+  auto* probe = static_cast<Probe*>(context);
+  probe->journal->calls += probe->tag;
+  probe->journal->calls += std::to_string(tplNow(probe->journal->bs));
+  probe->journal->calls += ' ';
+  if (probe->chained) probe->journal->bs->SignalEvent(probe->chained);
+}
+
+VOID EFIAPI closeSelf(EFI_EVENT event, VOID* context) {
+  auto* bs = static_cast<EFI_BOOT_SERVICES*>(context);
+  bs->CloseEvent(event);
+}
+
+VOID EFIAPI signalSelf(EFI_EVENT event, VOID* context) {
+  static_cast<EFI_BOOT_SERVICES*>(context)->SignalEvent(event);
+}
+
+class EventTest : public PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    journal.bs = bs();
+  }
+  EFI_EVENT make(Probe& probe, EFI_TPL tpl, uint32_t type = EVT_NOTIFY_SIGNAL) {
+    probe.journal = &journal;
+    EFI_EVENT e = nullptr;
+    EXPECT_EQ(bs()->CreateEvent(type, tpl, record, &probe, &e), EFI_SUCCESS);
+    return e;
+  }
+  Journal journal;
+};
+
+TEST_F(EventTest, CreateEventValidation) {
+  struct Case {
+    uint32_t type;
+    EFI_TPL tpl;
+    bool withNotify;
+    bool withOut;
+    EFI_STATUS expected;
+  };
+  const Case cases[] = {
+      {EVT_NOTIFY_SIGNAL, TPL_CALLBACK, true, true, EFI_SUCCESS},
+      {EVT_NOTIFY_WAIT, TPL_NOTIFY, true, true, EFI_SUCCESS},
+      {0, 0, false, true, EFI_SUCCESS},
+      {EVT_TIMER | EVT_NOTIFY_SIGNAL, TPL_CALLBACK, true, true, EFI_SUCCESS},
+      {EVT_NOTIFY_SIGNAL | EVT_NOTIFY_WAIT, TPL_CALLBACK, true, true, EFI_INVALID_PARAMETER},
+      {EVT_NOTIFY_SIGNAL, TPL_CALLBACK, false, true, EFI_INVALID_PARAMETER},
+      {EVT_NOTIFY_SIGNAL, TPL_APPLICATION, true, true, EFI_INVALID_PARAMETER},
+      {EVT_NOTIFY_SIGNAL, TPL_HIGH_LEVEL, true, true, EFI_INVALID_PARAMETER},
+      {EVT_NOTIFY_SIGNAL, TPL_CALLBACK, true, false, EFI_INVALID_PARAMETER},
+      {0x00000400, TPL_CALLBACK, true, true, EFI_INVALID_PARAMETER},
+  };
+  Probe probe{&journal, 'x'};
+  for (const Case& t : cases) {
+    EFI_EVENT e = nullptr;
+    EFI_STATUS s = bs()->CreateEvent(t.type, t.tpl, t.withNotify ? record : nullptr, &probe, t.withOut ? &e : nullptr);
+    EXPECT_EQ(statusName(s), statusName(t.expected)) << "type " << std::hex << t.type << " tpl " << t.tpl;
+    if (s == EFI_SUCCESS) {
+      EXPECT_EQ(bs()->CloseEvent(e), EFI_SUCCESS);
+    }
+  }
+  EXPECT_EQ(platform().openEvents(), 0u);
+  EFI_EVENT e = nullptr;
+  EFI_GUID group = kA;
+  EXPECT_EQ(bs()->CreateEventEx(EVT_SIGNAL_EXIT_BOOT_SERVICES, TPL_CALLBACK, record, &probe, &group, &e),
+            EFI_INVALID_PARAMETER);
+  platform().failAllocation(1);
+  EXPECT_EQ(bs()->CreateEvent(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, record, &probe, &e), EFI_OUT_OF_RESOURCES);
+}
+
+TEST_F(EventTest, NotifiesRunAtTheirTplOrWaitForRestore) {
+  Probe p1{&journal, 'a'}, p2{&journal, 'b'}, p3{&journal, 'c'};
+  EFI_EVENT callback1 = make(p1, TPL_CALLBACK);
+  EFI_EVENT notify = make(p2, TPL_NOTIFY);
+  EFI_EVENT callback2 = make(p3, TPL_CALLBACK);
+
+  // Above the current TPL: at once, at the notify's own TPL.
+  ASSERT_EQ(bs()->SignalEvent(callback1), EFI_SUCCESS);
+  EXPECT_EQ(journal.calls, "a8 ");
+  EXPECT_EQ(platform().currentTpl(), TPL_APPLICATION);
+
+  // Not above it: queued, then run highest TPL first, in signal order
+  // within a level, as the TPL drops.
+  journal.calls.clear();
+  EFI_TPL old = bs()->RaiseTPL(TPL_HIGH_LEVEL);
+  EXPECT_EQ(old, TPL_APPLICATION);
+  bs()->SignalEvent(callback2);
+  bs()->SignalEvent(callback1);
+  bs()->SignalEvent(notify);
+  bs()->SignalEvent(callback2);  // already pending: runs once
+  EXPECT_EQ(journal.calls, "");
+  bs()->RestoreTPL(TPL_CALLBACK);
+  EXPECT_EQ(journal.calls, "b16 ");
+  bs()->RestoreTPL(old);
+  EXPECT_EQ(journal.calls, "b16 c8 a8 ");
+  EXPECT_EQ(platform().currentTpl(), TPL_APPLICATION);
+
+  // A notify that signals another: a higher one runs inside it, an equal
+  // one right after it.
+  journal.calls.clear();
+  p1.chained = notify;
+  p2.chained = callback2;
+  bs()->SignalEvent(callback1);
+  EXPECT_EQ(journal.calls, "a8 b16 c8 ");
+
+  // Closing a pending event drops its notify.
+  journal.calls.clear();
+  p1.chained = p2.chained = nullptr;
+  old = bs()->RaiseTPL(TPL_NOTIFY);
+  bs()->SignalEvent(callback1);
+  EXPECT_EQ(bs()->CloseEvent(callback1), EFI_SUCCESS);
+  bs()->RestoreTPL(old);
+  EXPECT_EQ(journal.calls, "");
+  EXPECT_EQ(bs()->SignalEvent(callback1), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->CloseEvent(callback1), EFI_INVALID_PARAMETER);
+  bs()->CloseEvent(notify);
+  bs()->CloseEvent(callback2);
+}
+
+TEST_F(EventTest, TplMisuseIsCountedAndIgnored) {
+  EFI_TPL old = bs()->RaiseTPL(TPL_NOTIFY);
+  EXPECT_EQ(bs()->RaiseTPL(TPL_CALLBACK), TPL_NOTIFY);  // lowering by RaiseTPL
+  EXPECT_EQ(platform().currentTpl(), TPL_NOTIFY);
+  bs()->RestoreTPL(TPL_HIGH_LEVEL);  // raising by RestoreTPL
+  EXPECT_EQ(platform().currentTpl(), TPL_NOTIFY);
+  EXPECT_EQ(platform().tplViolations(), 2u);
+  bs()->RestoreTPL(old);
+  EXPECT_EQ(platform().currentTpl(), TPL_APPLICATION);
+}
+
+TEST_F(EventTest, CheckAndWaitForEvent) {
+  Probe probe{&journal, 's'};
+  EFI_EVENT signalType = make(probe, TPL_CALLBACK);
+  EFI_EVENT plain = nullptr, selfSignalling = nullptr, closing = nullptr;
+  ASSERT_EQ(bs()->CreateEvent(0, 0, nullptr, nullptr, &plain), EFI_SUCCESS);
+  ASSERT_EQ(bs()->CreateEvent(EVT_NOTIFY_WAIT, TPL_CALLBACK, signalSelf, bs(), &selfSignalling), EFI_SUCCESS);
+  ASSERT_EQ(bs()->CreateEvent(EVT_NOTIFY_WAIT, TPL_CALLBACK, closeSelf, bs(), &closing), EFI_SUCCESS);
+
+  EXPECT_EQ(bs()->CheckEvent(signalType), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->CheckEvent(plain), EFI_NOT_READY);
+  bs()->SignalEvent(plain);
+  EXPECT_EQ(bs()->CheckEvent(plain), EFI_SUCCESS);
+  EXPECT_EQ(bs()->CheckEvent(plain), EFI_NOT_READY);  // checking clears it
+  EXPECT_EQ(bs()->CheckEvent(selfSignalling), EFI_SUCCESS);
+  EXPECT_EQ(bs()->CheckEvent(closing), EFI_NOT_READY);  // its notify closed it
+
+  EFI_EVENT list[] = {plain, selfSignalling};
+  UINTN index = 9;
+  EXPECT_EQ(bs()->WaitForEvent(2, list, &index), EFI_SUCCESS);
+  EXPECT_EQ(index, 1u);
+  bs()->SignalEvent(plain);
+  EXPECT_EQ(bs()->WaitForEvent(2, list, &index), EFI_SUCCESS);
+  EXPECT_EQ(index, 0u);
+  EXPECT_EQ(bs()->WaitForEvent(1, list, &index), EFI_NOT_READY);
+  EFI_EVENT withSignalType[] = {plain, signalType};
+  EXPECT_EQ(bs()->WaitForEvent(2, withSignalType, &index), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(index, 1u);
+  EXPECT_EQ(bs()->WaitForEvent(0, list, &index), EFI_INVALID_PARAMETER);
+  EFI_TPL old = bs()->RaiseTPL(TPL_CALLBACK);
+  EXPECT_EQ(bs()->WaitForEvent(1, list, &index), EFI_UNSUPPORTED);
+  bs()->RestoreTPL(old);
+  for (EFI_EVENT e : {signalType, plain, selfSignalling}) EXPECT_EQ(bs()->CloseEvent(e), EFI_SUCCESS);
+}
+
+TEST_F(EventTest, SignallingOneGroupMemberSignalsAll) {
+  Probe p1{&journal, 'a'}, p2{&journal, 'b'}, p3{&journal, 'c'};
+  EFI_EVENT e1 = nullptr, e2 = nullptr, e3 = nullptr;
+  EFI_GUID group = kA;
+  ASSERT_EQ(bs()->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, record, &p1, &group, &e1), EFI_SUCCESS);
+  ASSERT_EQ(bs()->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_NOTIFY, record, &p2, &group, &e2), EFI_SUCCESS);
+  e3 = make(p3, TPL_CALLBACK);  // not in the group
+  bs()->SignalEvent(e1);
+  EXPECT_EQ(journal.calls, "b16 a8 ");
+  for (EFI_EVENT e : {e1, e2, e3}) bs()->CloseEvent(e);
+}
+
+TEST_F(EventTest, ProtocolNotifyAndLocateByRegistration) {
+  Probe probe{&journal, 'n'};
+  EFI_EVENT event = make(probe, TPL_CALLBACK);
+  int before = 0, a1 = 0, a2 = 0, a3 = 0, other = 0;
+  EFI_HANDLE early = nullptr;
+  ASSERT_EQ(platform().installProtocol(&early, kA, &before), EFI_SUCCESS);
+  void* registration = nullptr;
+  ASSERT_EQ(bs()->RegisterProtocolNotify(&kA, event, &registration), EFI_SUCCESS);
+  void* iface = &other;
+  EXPECT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_NOT_FOUND);  // earlier ones are not reported
+  EXPECT_EQ(iface, nullptr);
+
+  EFI_HANDLE h1 = nullptr, h2 = nullptr, h3 = nullptr, hb = nullptr;
+  bs()->InstallProtocolInterface(&h1, &kA, EFI_NATIVE_INTERFACE, &a1);
+  bs()->InstallProtocolInterface(&hb, &kB, EFI_NATIVE_INTERFACE, &other);
+  bs()->InstallProtocolInterface(&h2, &kA, EFI_NATIVE_INTERFACE, &a2);
+  EXPECT_EQ(journal.calls, "n8 n8 ");
+  ASSERT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_SUCCESS);
+  EXPECT_EQ(iface, &a1);
+  // A reinstall is a new installation for the notify.
+  ASSERT_EQ(bs()->ReinstallProtocolInterface(h1, &kA, &a1, &a3), EFI_SUCCESS);
+  EXPECT_EQ(journal.calls, "n8 n8 n8 ");
+  ASSERT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_SUCCESS);
+  EXPECT_EQ(iface, &a2);
+  // LocateHandle by registration hands out the next one and moves on.
+  EFI_HANDLE found[2] = {};
+  UINTN size = sizeof found;
+  ASSERT_EQ(bs()->LocateHandle(ByRegisterNotify, nullptr, registration, &size, found), EFI_SUCCESS);
+  EXPECT_EQ(size, sizeof(EFI_HANDLE));
+  EXPECT_EQ(found[0], h1);
+  EXPECT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_NOT_FOUND);
+
+  // An interface removed before it was fetched is not reported.
+  bs()->InstallProtocolInterface(&h3, &kA, EFI_NATIVE_INTERFACE, &a1);
+  bs()->UninstallProtocolInterface(h3, &kA, &a1);
+  EXPECT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_NOT_FOUND);
+
+  // Closing the event ends the registration.
+  journal.calls.clear();
+  ASSERT_EQ(bs()->CloseEvent(event), EFI_SUCCESS);
+  bs()->InstallProtocolInterface(&h3, &kA, EFI_NATIVE_INTERFACE, &a1);
+  EXPECT_EQ(journal.calls, "");
+  EXPECT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_INVALID_PARAMETER);
+
+  EXPECT_EQ(bs()->RegisterProtocolNotify(&kA, event, &registration), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->RegisterProtocolNotify(&kA, nullptr, &registration), EFI_INVALID_PARAMETER);
+}
+
+struct Seen {
+  EFI_BOOT_SERVICES* bs;
+  void* registration;
+  bool bothPresent = false;
+  int calls = 0;
+};
+
+VOID EFIAPI checkBothInstalled(EFI_EVENT, VOID* context) {
+  auto* seen = static_cast<Seen*>(context);
+  void* a = nullptr;
+  if (seen->bs->LocateProtocol(&kA, seen->registration, &a) != EFI_SUCCESS) return;
+  seen->calls++;
+  void* b = nullptr;
+  seen->bothPresent = seen->bs->LocateProtocol(&kB, nullptr, &b) == EFI_SUCCESS;
+}
+
+TEST_F(EventTest, InstallMultipleNotifiesAfterEverythingIsInPlace) {
+  Seen state{bs(), nullptr};
+  EFI_EVENT event = nullptr;
+  ASSERT_EQ(bs()->CreateEvent(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, checkBothInstalled, &state, &event), EFI_SUCCESS);
+  ASSERT_EQ(bs()->RegisterProtocolNotify(&kA, event, &state.registration), EFI_SUCCESS);
+  int a = 0, b = 0;
+  EFI_HANDLE h = nullptr;
+  ASSERT_EQ(bs()->InstallMultipleProtocolInterfaces(&h, &kA, &a, &kB, &b, nullptr), EFI_SUCCESS);
+  EXPECT_EQ(state.calls, 1);
+  EXPECT_TRUE(state.bothPresent);
+  // Rolled back before the notify runs: the notify finds nothing.
+  EFI_HANDLE h2 = nullptr;
+  EXPECT_EQ(bs()->InstallMultipleProtocolInterfaces(&h2, &kA, &a, &kA, &b, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(state.calls, 1);
+  bs()->CloseEvent(event);
+}
+
+}  // namespace
+}  // namespace tvl::test
