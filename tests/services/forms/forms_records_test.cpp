@@ -1,0 +1,394 @@
+// Records that ProcessForms makes from real form packages registered by a
+// sample device: every statement type with its fields, storage, block
+// names and current values; options and defaults; default stores,
+// languages, variable stores and the form-set filter.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "forms_support.h"
+
+namespace tvl::test::forms {
+namespace {
+
+using ifr::Width;
+
+constexpr UINT16 kSetupSize = 64;
+
+struct Sample {
+  ifr::Strings strings{{"en-US", "fr-FR", "x-UEFI"}};
+  UINT16 title = strings.add(u"Setup");
+  UINT16 help = strings.add(u"Setup help");
+  UINT16 formTitle = strings.add(u"Main");
+  UINT16 form2Title = strings.add(u"Other");
+  UINT16 text = strings.add(u"Text");
+  UINT16 textTwo = strings.add(u"Second");
+  UINT16 subtitle = strings.add(u"Sub");
+  UINT16 custom = strings.add(u"Custom defaults");
+  UINT16 option1 = strings.add(u"One");
+  UINT16 option2 = strings.add(u"Two");
+  UINT16 option3 = strings.add(u"Three");
+  UINT16 prompt = strings.add(u"Prompt");
+
+  std::vector<UINT8> setupBytes() const {
+    std::vector<UINT8> b(kSetupSize, 0);
+    b[2] = 0x02;                                            // one-of 0x10
+    b[4] = 0x01;                                            // checkbox 0x11
+    b[8] = 0x78, b[9] = 0x56, b[10] = 0x34, b[11] = 0x12;   // numeric 0x12
+    b[12] = 'p', b[14] = 'w';                               // password 0x13
+    b[30] = 'H', b[32] = 'i';                               // string 0x14
+    b[50] = 3, b[51] = 1, b[52] = 2;                        // ordered list 0x15
+    return b;
+  }
+
+  ifr::FormSetBuilder formSet() const {
+    ifr::FormSetBuilder fs(kFormSetGuid, title, help);
+    fs.varStore(1, kStoreGuid, "Setup", kSetupSize);
+    fs.efiVarStore(2, kVariableGuid, "Vars", 8, EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS);
+    fs.defaultStore(0x0005, custom);
+    ifr::FormBuilder& form = fs.form(1, formTitle);
+    form.subtitle(subtitle)
+        .text(text, help, textTwo)
+        .oneOf(ifr::OneOf(0x10, prompt, help, Width::U16)
+                   .store(1, 2)
+                   .resetRequired()
+                   .range(1, 3, 1)
+                   .option(option1, 1)
+                   .option(option2, 2, EFI_IFR_OPTION_DEFAULT)
+                   .option(option3, 3, EFI_IFR_OPTION_DEFAULT_MFG))
+        .checkbox(ifr::Checkbox(0x11, prompt, help).store(1, 4).defaultOn())
+        .numeric(ifr::Numeric(0x12, prompt, help, Width::U32)
+                     .store(1, 8)
+                     .readOnly()
+                     .range(10, 5000, 5)
+                     .defaultValue(100)
+                     .defaultValue(200, EFI_HII_DEFAULT_CLASS_MANUFACTURING))
+        .password(ifr::Password(0x13, prompt, help, 1, 8).store(1, 12))
+        .string(ifr::String(0x14, prompt, help, 2, 10).store(1, 30))
+        .orderedList(ifr::OrderedList(0x15, prompt, help, Width::U8, 3)
+                         .store(1, 50)
+                         .option(option1, 1)
+                         .option(option2, 2)
+                         .option(option3, 3))
+        .ref(ifr::Ref(0x16, prompt, help).toForm(2))
+        .action(ifr::Action(0x17, prompt, help, textTwo))
+        .image(7)
+        .numeric(ifr::Numeric(0x18, prompt, help, Width::U16).store(2, 2).range(0, 0xFFFF))
+        .checkbox(ifr::Checkbox(0x19, prompt, help).locked());
+    fs.form(2, form2Title).text(text, help);
+    return fs;
+  }
+};
+
+class FormsRecordsTest : public FormsTest {
+ protected:
+  // The sample's device with its storage and package list.
+  EFI_HII_HANDLE registerSample(const Sample& sample, devices::Device*& device) {
+    device = &addDevice();
+    device->addBufferStorage(kStoreGuid, u"Setup", sample.setupBytes());
+    device->addVariableStorage(kVariableGuid, u"Vars", {0, 0, 0x34, 0x12, 0, 0, 0, 0});
+    return device->addPackageList(ifr::packageList(kListGuid, sample.formSet(), sample.strings));
+  }
+};
+
+struct StatementCase {
+  const char* name;
+  UINT16 questionId;
+  UINT8 operand;
+  UINT16 storageWidth;
+  UINT8 valueType;
+  UINT8 hiiType;
+  UINT64 minimum, maximum, step;
+  int blockOffset;  // -1: no block name
+  UINT64 value;     // the number in HiiValue.Value
+  UINT8 readOnlyFlag, resetRequired, lockedFlag;
+};
+
+const StatementCase kStatements[] = {
+    {"one-of u16", 0x10, EFI_IFR_ONE_OF_OP, 2, 1, 1, 1, 3, 1, 2, 2, 0, 1, 0},
+    {"checkbox", 0x11, EFI_IFR_CHECKBOX_OP, 1, 0, EFI_IFR_TYPE_BOOLEAN, 0, 0, 0, 4, 1, 0, 0, 0},
+    {"numeric u32", 0x12, EFI_IFR_NUMERIC_OP, 4, 2, 2, 10, 5000, 5, 8, 0x12345678, 1, 0, 0},
+    {"password", 0x13, EFI_IFR_PASSWORD_OP, 16, 0, EFI_IFR_TYPE_STRING, 1, 8, 0, 12, 0, 0, 0, 0},
+    {"string", 0x14, EFI_IFR_STRING_OP, 20, 0, EFI_IFR_TYPE_STRING, 2, 10, 0, 30, 0, 0, 0, 0},
+    {"ordered list", 0x15, EFI_IFR_ORDERED_LIST_OP, 3, 0, EFI_IFR_TYPE_BUFFER, 0, 0, 0, 50, 0, 0, 0, 0},
+    {"numeric in EFI variable", 0x18, EFI_IFR_NUMERIC_OP, 2, 1, 1, 0, 0xFFFF, 0, 2, 0x1234, 0, 0, 0},
+    {"locked checkbox without storage", 0x19, EFI_IFR_CHECKBOX_OP, 1, 0, EFI_IFR_TYPE_BOOLEAN, 0, 0, 0, -1, 0, 0, 0,
+     1},
+    {"action", 0x17, EFI_IFR_ACTION_OP, 0, 0, EFI_IFR_TYPE_ACTION, 0, 0, 0, -1, 6, 0, 0, 0},
+};
+
+TEST_F(FormsRecordsTest, QuestionsCarryTypeRangeStorageAndCurrentValue) {
+  Sample sample;
+  devices::Device* device = nullptr;
+  EFI_HII_HANDLE handle = registerSample(sample, device);
+  auto parse = process({handle});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+  ASSERT_EQ(parse->count, 1u);
+  const HII_FORMSET_RECORD* set = parse->set();
+  for (const StatementCase& c : kStatements) {
+    SCOPED_TRACE(c.name);
+    HII_STATEMENT_RECORD* s = findQuestion(set, c.questionId);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(s->Operand, c.operand);
+    EXPECT_EQ(s->Prompt, sample.prompt);
+    EXPECT_EQ(s->Help, sample.help);
+    EXPECT_EQ(s->StorageWidth, c.storageWidth);
+    EXPECT_EQ(s->ValueType, c.valueType);
+    EXPECT_EQ(s->HiiValue.Type, c.hiiType);
+    EXPECT_EQ(s->Minimum, c.minimum);
+    EXPECT_EQ(s->Maximum, c.maximum);
+    EXPECT_EQ(s->Step, c.step);
+    EXPECT_EQ(s->ReadOnlyFlag, c.readOnlyFlag);
+    EXPECT_EQ(s->ResetRequired, c.resetRequired);
+    EXPECT_EQ(s->LockedFlag, c.lockedFlag);
+    if (c.blockOffset < 0) {
+      EXPECT_EQ(s->BlockName, nullptr);
+    } else {
+      EXPECT_EQ(text16(s->BlockName), hii::blockName(UINT64(c.blockOffset), c.storageWidth));
+      ASSERT_NE(s->VarStore, nullptr);
+      EXPECT_EQ(s->VarStore->Guid, c.questionId == 0x18 ? kVariableGuid : kStoreGuid);
+    }
+    if (c.hiiType <= EFI_IFR_TYPE_BOOLEAN || c.hiiType == EFI_IFR_TYPE_ACTION) {
+      EXPECT_EQ(number(s->HiiValue), c.value);
+    }
+    EXPECT_EQ(s->DisabledMark, 0);
+    EXPECT_EQ(s->SuppressedMark, 0);
+    EXPECT_EQ(s->ReadOnlyMark, 0);
+  }
+}
+
+TEST_F(FormsRecordsTest, BufferValuesOfStringsAndOrderedListsComeFromStorage) {
+  Sample sample;
+  devices::Device* device = nullptr;
+  auto parse = process({registerSample(sample, device)});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+  const HII_FORMSET_RECORD* set = parse->set();
+
+  HII_STATEMENT_RECORD* str = findQuestion(set, 0x14);
+  ASSERT_NE(str->HiiValue.Buffer, nullptr);
+  EXPECT_EQ(text16(reinterpret_cast<const CHAR16*>(str->HiiValue.Buffer)), u"Hi");
+
+  HII_STATEMENT_RECORD* list = findQuestion(set, 0x15);
+  ASSERT_NE(list->HiiValue.Buffer, nullptr);
+  EXPECT_EQ(std::vector<UINT8>(list->HiiValue.Buffer, list->HiiValue.Buffer + 3), (std::vector<UINT8>{3, 1, 2}));
+
+  // A password's stored characters are not copied into the records.
+  HII_STATEMENT_RECORD* password = findQuestion(set, 0x13);
+  ASSERT_NE(password->HiiValue.Buffer, nullptr);
+  EXPECT_EQ(text16(reinterpret_cast<const CHAR16*>(password->HiiValue.Buffer)), u"");
+}
+
+TEST_F(FormsRecordsTest, StatementsWithoutQuestionsKeepTheirOwnFields) {
+  Sample sample;
+  devices::Device* device = nullptr;
+  auto parse = process({registerSample(sample, device)});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+  const HII_FORMSET_RECORD* set = parse->set();
+  ASSERT_EQ(set->FormCount, 2u);
+  const HII_FORM_RECORD* form = set->Forms[0];
+  EXPECT_EQ(form->FormId, 1);
+  EXPECT_EQ(form->FormTitle, sample.formTitle);
+  EXPECT_EQ(set->Forms[1]->FormId, 2);
+  EXPECT_EQ(set->Forms[1]->FormTitle, sample.form2Title);
+  ASSERT_EQ(form->StatementCount, 13u);
+
+  const UINT8 order[] = {EFI_IFR_SUBTITLE_OP, EFI_IFR_TEXT_OP,         EFI_IFR_ONE_OF_OP,   EFI_IFR_CHECKBOX_OP,
+                         EFI_IFR_NUMERIC_OP,  EFI_IFR_PASSWORD_OP,     EFI_IFR_STRING_OP,   EFI_IFR_ORDERED_LIST_OP,
+                         EFI_IFR_REF_OP,      EFI_IFR_ACTION_OP,       EFI_IFR_IMAGE_OP,    EFI_IFR_NUMERIC_OP,
+                         EFI_IFR_CHECKBOX_OP};
+  for (size_t i = 0; i < sizeof(order); ++i) EXPECT_EQ(form->Statements[i]->Operand, order[i]) << "statement " << i;
+
+  const HII_STATEMENT_RECORD* text = form->Statements[1];
+  EXPECT_EQ(text->Prompt, sample.text);
+  EXPECT_EQ(text->TextTwo, sample.textTwo);
+  EXPECT_EQ(text->BlockName, nullptr);
+  EXPECT_EQ(text->VarStore, nullptr);
+  EXPECT_EQ(form->Statements[0]->Prompt, sample.subtitle);
+
+  const HII_STATEMENT_RECORD* ref = form->Statements[8];
+  EXPECT_EQ(ref->HiiValue.Type, EFI_IFR_TYPE_REF);
+  EXPECT_EQ(ref->HiiValue.Value[2] | (ref->HiiValue.Value[3] << 8), 2) << "FormId two bytes into the value";
+}
+
+TEST_F(FormsRecordsTest, OptionsAndDefaults) {
+  Sample sample;
+  devices::Device* device = nullptr;
+  auto parse = process({registerSample(sample, device)});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+  const HII_FORMSET_RECORD* set = parse->set();
+
+  const HII_STATEMENT_RECORD* oneOf = findQuestion(set, 0x10);
+  ASSERT_EQ(oneOf->OptionCount, 3u);
+  const struct {
+    UINT16 text;
+    UINT64 value;
+    UINT8 isDefault;
+  } options[] = {{sample.option1, 1, 0}, {sample.option2, 2, 1}, {sample.option3, 3, 0}};
+  for (size_t i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(oneOf->Options[i]->OptionText, options[i].text);
+    EXPECT_EQ(oneOf->Options[i]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_16);
+    EXPECT_EQ(number(oneOf->Options[i]->Value), options[i].value);
+    EXPECT_EQ(oneOf->Options[i]->OptionIsDefault, options[i].isDefault);
+    EXPECT_EQ(oneOf->Options[i]->OptionSuppressed, 0);
+  }
+  // Option default flags become defaults of the question.
+  ASSERT_EQ(oneOf->DefaultCount, 2u);
+  EXPECT_EQ(oneOf->Defaults[0]->DefaultId, EFI_HII_DEFAULT_CLASS_STANDARD);
+  EXPECT_EQ(number(oneOf->Defaults[0]->Value), 2u);
+  EXPECT_EQ(oneOf->Defaults[1]->DefaultId, EFI_HII_DEFAULT_CLASS_MANUFACTURING);
+  EXPECT_EQ(number(oneOf->Defaults[1]->Value), 3u);
+
+  const HII_STATEMENT_RECORD* numeric = findQuestion(set, 0x12);
+  ASSERT_EQ(numeric->DefaultCount, 2u);
+  EXPECT_EQ(numeric->Defaults[0]->DefaultId, EFI_HII_DEFAULT_CLASS_STANDARD);
+  EXPECT_EQ(numeric->Defaults[0]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_32);
+  EXPECT_EQ(number(numeric->Defaults[0]->Value), 100u);
+  EXPECT_EQ(numeric->Defaults[1]->DefaultId, EFI_HII_DEFAULT_CLASS_MANUFACTURING);
+  EXPECT_EQ(number(numeric->Defaults[1]->Value), 200u);
+  EXPECT_EQ(numeric->Defaults[1]->ValueExpression, nullptr);
+
+  const HII_STATEMENT_RECORD* list = findQuestion(set, 0x15);
+  ASSERT_EQ(list->OptionCount, 3u);
+  EXPECT_EQ(list->Options[2]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_8);
+}
+
+// Checkbox defaults: flags, then EFI_IFR_DEFAULT records, then defaults
+// computed by an expression.
+struct CheckboxCase {
+  const char* name;
+  std::function<void(ifr::Checkbox&)> build;
+  UINT8 standard, manufacturing;
+  size_t records;
+};
+
+const CheckboxCase kCheckboxes[] = {
+    {"no default", [](ifr::Checkbox&) {}, 0, 0, 0},
+    {"flags", [](ifr::Checkbox& c) { c.defaultOn().mfgDefaultOn(); }, 1, 1, 0},
+    {"default record overrides the flag", [](ifr::Checkbox& c) { c.defaultOn().defaultValue(false); }, 0, 0, 1},
+    {"manufacturing record", [](ifr::Checkbox& c) { c.defaultValue(true, EFI_HII_DEFAULT_CLASS_MANUFACTURING); }, 0,
+     1, 1},
+    {"expression default", [](ifr::Checkbox& c) { c.defaultExpression(ifr::True()); }, 1, 0, 1},
+    {"expression on another question", [](ifr::Checkbox& c) { c.defaultExpression(ifr::ideqval(0x40, 7)); }, 1, 0,
+     1},
+};
+
+TEST_F(FormsRecordsTest, CheckboxDefaults) {
+  for (const CheckboxCase& c : kCheckboxes) {
+    SCOPED_TRACE(c.name);
+    ifr::Strings strings({"en-US"});
+    UINT16 s = strings.add(u"x");
+    ifr::FormSetBuilder fs(kFormSetGuid, s, s);
+    fs.varStore(1, kStoreGuid, "Setup", 4);
+    ifr::Checkbox box(0x30, s, s);
+    box.store(1, 0);
+    c.build(box);
+    fs.form(1, s).checkbox(box).numeric(ifr::Numeric(0x40, s, s).store(1, 1));
+    devices::Device& device = addDevice();
+    device.addBufferStorage(kStoreGuid, u"Setup", {0, 7, 0, 0});
+    auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+    ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+    const HII_STATEMENT_RECORD* q = findQuestion(parse->set(), 0x30);
+    EXPECT_EQ(q->CheckboxDefault, c.standard);
+    EXPECT_EQ(q->CheckboxDefaultMfg, c.manufacturing);
+    ASSERT_EQ(q->DefaultCount, c.records);
+    if (c.records && q->Defaults[0]->Value.Type == EFI_IFR_TYPE_OTHER) {
+      ASSERT_NE(q->Defaults[0]->ValueExpression, nullptr);
+      EXPECT_EQ(q->Defaults[0]->ValueExpression->Result.Type, EFI_IFR_TYPE_BOOLEAN);
+      EXPECT_EQ(q->Defaults[0]->ValueExpression->Result.Value[0], 1);
+    }
+  }
+}
+
+TEST_F(FormsRecordsTest, ExpressionDefaultsCarryTheirResult) {
+  ifr::Strings strings({"en-US"});
+  UINT16 s = strings.add(u"x");
+  ifr::FormSetBuilder fs(kFormSetGuid, s, s);
+  fs.varStore(1, kStoreGuid, "Setup", 4);
+  fs.form(1, s)
+      .numeric(ifr::Numeric(0x20, s, s, Width::U16).store(1, 0).defaultExpression(ifr::uint16(0x1234)))
+      .numeric(ifr::Numeric(0x21, s, s).store(1, 2).defaultExpression(ifr::questionRef(0x20), 1));
+  devices::Device& device = addDevice();
+  device.addBufferStorage(kStoreGuid, u"Setup", {0x22, 0x11, 9, 0});
+  auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+
+  const HII_DEFAULT_RECORD* constant = findQuestion(parse->set(), 0x20)->Defaults[0];
+  EXPECT_EQ(constant->Value.Type, EFI_IFR_TYPE_OTHER);
+  ASSERT_NE(constant->ValueExpression, nullptr);
+  EXPECT_EQ(constant->ValueExpression->Result.Type, EFI_IFR_TYPE_NUM_SIZE_16);
+  EXPECT_EQ(number(constant->ValueExpression->Result), 0x1234u);
+
+  // A default that refers to another question uses its current value.
+  const HII_DEFAULT_RECORD* ref = findQuestion(parse->set(), 0x21)->Defaults[0];
+  EXPECT_EQ(ref->DefaultId, 1);
+  ASSERT_NE(ref->ValueExpression, nullptr);
+  EXPECT_EQ(number(ref->ValueExpression->Result), 0x1122u);
+}
+
+TEST_F(FormsRecordsTest, FormSetLanguagesVariableStoresAndDefaultStores) {
+  Sample sample;
+  devices::Device* device = nullptr;
+  auto parse = process({registerSample(sample, device)});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+  const HII_FORMSET_RECORD* set = parse->set();
+  EXPECT_EQ(set->Guid, kFormSetGuid);
+  EXPECT_EQ(set->FormSetTitle, sample.title);
+  EXPECT_EQ(set->FormSetHelp, sample.help);
+
+  ASSERT_EQ(set->NumberOfLanguages, 3u);
+  EXPECT_STREQ(set->Languages[0], "en-US");
+  EXPECT_STREQ(set->Languages[1], "fr-FR");
+  EXPECT_STREQ(set->Languages[2], "x-UEFI");
+
+  ASSERT_EQ(set->VarStoreBufferCount, 2u);
+  EXPECT_EQ(set->VarStoreBuffer[0]->Guid, kStoreGuid);
+  EXPECT_EQ(text16(set->VarStoreBuffer[0]->ConfigHdr), device->configHdr(kStoreGuid, u"Setup"));
+  EXPECT_EQ(text16(set->VarStoreBuffer[0]->ConfigHdr),
+            hii::configHdr(kStoreGuid, u"Setup", device->devicePath()));
+  EXPECT_EQ(set->VarStoreBuffer[1]->Guid, kVariableGuid);
+  EXPECT_EQ(text16(set->VarStoreBuffer[1]->ConfigHdr), hii::configHdr(kVariableGuid, u"Vars", device->devicePath()));
+
+  // The standard and manufacturing stores come first, then the custom one.
+  ASSERT_EQ(set->DefaultStoreCount, 3u);
+  EXPECT_EQ(set->DefaultStores[0]->DefaultId, 0);
+  EXPECT_EQ(set->DefaultStores[1]->DefaultId, 1);
+  EXPECT_EQ(set->DefaultStores[2]->DefaultId, 5);
+  EXPECT_EQ(set->DefaultStores[2]->DefaultName, sample.custom);
+}
+
+TEST_F(FormsRecordsTest, FormSetFilterAndSeveralHandles) {
+  ifr::Strings strings({"en-US"});
+  UINT16 s = strings.add(u"x");
+  ifr::FormSetBuilder first(kFormSetGuid, s, s);
+  first.form(1, s).text(s, s);
+  ifr::FormSetBuilder second(kOtherFormSetGuid, s, s);
+  second.form(7, s).text(s, s);
+  devices::Device& a = addDevice();
+  devices::Device& b = addDevice();
+  EFI_HII_HANDLE ha = a.addPackageList(ifr::packageList(kListGuid, first, strings));
+  EFI_HII_HANDLE hb = b.addPackageList(
+      ifr::packageList(kListGuid, std::vector<ifr::Bytes>{first.package(), second.package()}, strings));
+
+  auto all = process({ha, hb});
+  ASSERT_EQ(all->status, EFI_SUCCESS) << lastError().Message;
+  ASSERT_EQ(all->count, 3u);
+  EXPECT_EQ(all->set(0)->Guid, kFormSetGuid);
+  EXPECT_EQ(all->set(1)->Guid, kFormSetGuid);
+  EXPECT_EQ(all->set(2)->Guid, kOtherFormSetGuid);
+  EXPECT_EQ(all->set(2)->Forms[0]->FormId, 7);
+
+  auto filtered = process({ha, hb}, &kOtherFormSetGuid);
+  ASSERT_EQ(filtered->status, EFI_SUCCESS);
+  ASSERT_EQ(filtered->count, 1u);
+  EXPECT_EQ(filtered->set()->Guid, kOtherFormSetGuid);
+
+  const EFI_GUID missing = kStoreGuid;
+  auto none = process({ha, hb}, &missing);
+  EXPECT_EQ(none->status, EFI_NOT_FOUND);
+  EXPECT_EQ(none->sets, nullptr);
+  EXPECT_EQ(lastError().Status, EFI_NOT_FOUND);
+}
+
+}  // namespace
+}  // namespace tvl::test::forms

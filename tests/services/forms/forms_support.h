@@ -1,0 +1,103 @@
+// Shared pieces of the forms-processor tests: a platform with the HII
+// database and the forms service loaded, sample devices, a raw package-list
+// database for malformed input, and readers of the records.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "export/records/records.h"
+#include "host/devices/device.h"
+#include "host/hii/config_string.h"
+#include "host/hii/device_path.h"
+#include "host/hii/hii_database.h"
+#include "host/ifr/ifr_builder.h"
+#include "host/ifr/strings.h"
+#include "support/fixture.h"
+#include "uefi/services.h"
+
+namespace tvl::test::forms {
+
+namespace ifr = tvl::host::ifr;
+namespace hii = tvl::host::hii;
+namespace devices = tvl::host::devices;
+
+extern const EFI_GUID kFormSetGuid;
+extern const EFI_GUID kOtherFormSetGuid;
+extern const EFI_GUID kListGuid;
+extern const EFI_GUID kStoreGuid;
+extern const EFI_GUID kVariableGuid;
+
+// The result of one ProcessForms call; gives the form sets back when it
+// goes out of scope.
+struct Parse {
+  HII_FORMS_PROCESSOR2_PROTOCOL* forms = nullptr;
+  EFI_STATUS status = EFI_SUCCESS;
+  UINTN count = 0;
+  HII_FORMSET_RECORD** sets = nullptr;
+
+  Parse() = default;
+  Parse(const Parse&) = delete;
+  Parse& operator=(const Parse&) = delete;
+  ~Parse() {
+    if (sets) forms->DestroyFormSets(forms, count, sets);
+  }
+  HII_FORMSET_RECORD* set(size_t i = 0) const { return sets[i]; }
+};
+
+// The first statement of a form set with `questionId` (its own bookkeeping
+// field), or the first whose prompt is `prompt` when the id is 0.
+HII_STATEMENT_RECORD* findQuestion(const HII_FORMSET_RECORD* set, UINT16 questionId);
+HII_STATEMENT_RECORD* findPrompt(const HII_FORMSET_RECORD* set, UINT16 prompt);
+
+std::u16string text16(const CHAR16* s);  // empty for null
+UINT64 number(const HII_VALUE& v);       // the number at the width of its type
+
+// A database that exports fixed bytes for one handle, for package lists
+// the real database would refuse.
+class RawDatabase {
+ public:
+  explicit RawDatabase(host::Platform& platform);
+  ~RawDatabase();
+  void setBytes(std::vector<UINT8> bytes) { bytes_ = std::move(bytes); }
+  EFI_HII_HANDLE handle() const { return reinterpret_cast<EFI_HII_HANDLE>(0x1000); }
+
+ private:
+  static EFI_STATUS EFIAPI exportLists(const EFI_HII_DATABASE_PROTOCOL* This, EFI_HII_HANDLE Handle,
+                                       UINTN* BufferSize, EFI_HII_PACKAGE_LIST_HEADER* Buffer);
+  static EFI_STATUS EFIAPI packageListHandle(const EFI_HII_DATABASE_PROTOCOL* This, EFI_HII_HANDLE Handle,
+                                            EFI_HANDLE* DriverHandle);
+  struct Table {
+    EFI_HII_DATABASE_PROTOCOL protocol;
+    RawDatabase* self;
+  };
+  host::Platform& platform_;
+  Table table_{};
+  EFI_HANDLE handle_ = nullptr;
+  std::vector<UINT8> bytes_;
+};
+
+class FormsTest : public PlatformTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // The real HII database; created by SetUp unless useRawDatabase is set.
+  hii::HiiDatabase& database() { return *database_; }
+  // A new device with a PCI device path of its own.
+  devices::Device& addDevice();
+
+  std::unique_ptr<Parse> process(const std::vector<EFI_HII_HANDLE>& handles, const EFI_GUID* filter = nullptr);
+  HII_FORMS_PROCESSOR_ERROR lastError();
+
+  HII_FORMS_PROCESSOR2_PROTOCOL* forms_ = nullptr;
+  bool useRawDatabase_ = false;
+  std::unique_ptr<RawDatabase> raw_;
+
+ private:
+  std::unique_ptr<hii::HiiDatabase> database_;
+  std::vector<std::unique_ptr<devices::Device>> devices_;
+};
+
+}  // namespace tvl::test::forms
