@@ -101,7 +101,7 @@ void emitString(Sink<C>& sink, const Spec& spec, const T* s) {
     return;
   }
   UINTN len = 0;
-  while (s[len] && len < spec.precision) ++len;
+  while (len < spec.precision && s[len]) ++len;
   emitText(sink, spec, len, [&](UINTN i) { return UINT32(s[i]) & (sizeof(T) == 1 ? 0xFFu : 0xFFFFu); });
 }
 
