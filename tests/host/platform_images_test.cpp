@@ -1,0 +1,246 @@
+// Image loading, instances, entry failure, Exit, unload, LoadImage /
+// StartImage, and the current-platform stack.
+#include <cstdlib>
+
+#include "tests/host/platform_test_util.h"
+#include "tests/host/test_counter_image.h"
+
+namespace tvl::test {
+namespace {
+
+constexpr const char* kImage = "test_counter_image";
+const EFI_GUID kLoadedImage = EFI_LOADED_IMAGE_PROTOCOL_GUID;
+const EFI_GUID kCounterProtocol = TEST_COUNTER_PROTOCOL_GUID;
+
+using Counter = UINTN (*)();
+
+class ImageTest : public PlatformTest {
+ protected:
+  void setMode(uint32_t mode) {
+    const EFI_GUID vendor = TEST_COUNTER_VENDOR_GUID;
+    std::vector<uint8_t> bytes(reinterpret_cast<uint8_t*>(&mode), reinterpret_cast<uint8_t*>(&mode) + 4);
+    ASSERT_EQ(platform().setVariable(u"TestImageMode", vendor, EFI_VARIABLE_BOOTSERVICE_ACCESS, bytes),
+              EFI_SUCCESS);
+  }
+  EFI_LOADED_IMAGE_PROTOCOL* loadedImage(EFI_HANDLE h) {
+    return static_cast<EFI_LOADED_IMAGE_PROTOCOL*>(platform().handleProtocol(h, kLoadedImage));
+  }
+  bool inDatabase(EFI_HANDLE h) {
+    for (EFI_HANDLE x : platform().allHandles())
+      if (x == h) return true;
+    return false;
+  }
+};
+
+TEST_F(ImageTest, EveryLoadIsAnIndependentInstance) {
+  EFI_HANDLE first = load(kImage);
+  EFI_HANDLE second = load(kImage);
+  ASSERT_NE(first, second);
+  auto incFirst = platform().imageFunction<Counter>(first, "counterIncrement");
+  auto incSecond = platform().imageFunction<Counter>(second, "counterIncrement");
+  auto* counterFirst = static_cast<UINTN*>(platform().imageSymbol(first, "gCounter"));
+  auto* counterSecond = static_cast<UINTN*>(platform().imageSymbol(second, "gCounter"));
+  ASSERT_TRUE(incFirst && incSecond && counterFirst && counterSecond);
+  EXPECT_NE(counterFirst, counterSecond);
+  EXPECT_EQ(incFirst(), 1u);
+  EXPECT_EQ(incFirst(), 2u);
+  EXPECT_EQ(incSecond(), 1u);
+  EXPECT_EQ(*counterFirst, 2u);
+  EXPECT_EQ(platform().imageSymbol(first, "noSuchSymbol"), nullptr);
+
+  EFI_LOADED_IMAGE_PROTOCOL* info = loadedImage(first);
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(info->Revision, EFI_LOADED_IMAGE_PROTOCOL_REVISION);
+  EXPECT_EQ(info->SystemTable, st());
+  EXPECT_EQ(info->ImageCodeType, EfiBootServicesCode);
+  EXPECT_EQ(info->ImageDataType, EfiBootServicesData);
+  EXPECT_EQ(info->Unload, nullptr);
+  auto base = reinterpret_cast<uintptr_t>(info->ImageBase);
+  auto code = reinterpret_cast<uintptr_t>(incFirst);
+  EXPECT_TRUE(code >= base && code < base + info->ImageSize) << "ImageBase/ImageSize must cover the code";
+}
+
+TEST_F(ImageTest, MissingImages) {
+  EFI_HANDLE h = &h;
+  EXPECT_EQ(loadStatus("no_such_image", &h), EFI_NOT_FOUND);
+  EXPECT_EQ(h, nullptr);
+  EXPECT_THROW(load("no_such_image"), std::runtime_error);
+  // The directory comes from the environment when it is set there.
+  ::setenv("TOLVANE_IMAGE_DIR", "/nonexistent-tolvane-images", 1);
+  EXPECT_EQ(host::Platform::imageDirectory(), "/nonexistent-tolvane-images");
+  EXPECT_EQ(loadStatus(kImage, &h), EFI_NOT_FOUND);
+  ::unsetenv("TOLVANE_IMAGE_DIR");
+  EXPECT_EQ(loadStatus(kImage, &h), EFI_SUCCESS);
+}
+
+TEST_F(ImageTest, FailedEntriesUnloadTheImage) {
+  struct Case {
+    uint32_t mode;
+    EFI_STATUS expected;
+  };
+  const Case cases[] = {{TEST_MODE_FAIL_ENTRY, EFI_ABORTED}, {TEST_MODE_EXIT | TEST_MODE_UNLOADABLE, EFI_ABORTED}};
+  for (const Case& t : cases) {
+    setMode(t.mode);
+    EFI_HANDLE h = nullptr;
+    EXPECT_EQ(loadStatus(kImage, &h), t.expected) << "mode " << t.mode;
+    ASSERT_NE(h, nullptr);
+    EXPECT_FALSE(inDatabase(h)) << "the loaded-image protocol goes with the failed image";
+    EXPECT_NE(platform().imageSymbol(h, "gCounter"), nullptr) << "the code stays mapped";
+    EXPECT_EQ(platform().unloadImage(h), EFI_INVALID_PARAMETER);
+    EXPECT_EQ(platform().currentTpl(), TPL_APPLICATION);
+  }
+}
+
+TEST_F(ImageTest, UnloadRules) {
+  // Without an Unload handler nothing happens.
+  EFI_HANDLE plain = load(kImage);
+  EXPECT_EQ(platform().unloadImage(plain), EFI_UNSUPPORTED);
+  EXPECT_NE(loadedImage(plain), nullptr);
+
+  // A refusing handler keeps the image.
+  setMode(TEST_MODE_UNLOADABLE | TEST_MODE_REFUSE_UNLOAD);
+  EFI_HANDLE refusing = load(kImage);
+  ASSERT_NE(loadedImage(refusing)->Unload, nullptr);
+  EXPECT_EQ(platform().unloadImage(refusing), EFI_ACCESS_DENIED);
+  EXPECT_NE(loadedImage(refusing), nullptr);
+
+  // An image that holds memory and a protocol gives both back.
+  setMode(TEST_MODE_UNLOADABLE | TEST_MODE_ALLOCATE | TEST_MODE_INSTALL);
+  EFI_HANDLE full = load(kImage);
+  EXPECT_NE(platform().leakReport().find("test_counter_image#3"), std::string::npos) << platform().leakReport();
+  auto* protocol = static_cast<TEST_COUNTER_PROTOCOL*>(platform().handleProtocol(full, kCounterProtocol));
+  ASSERT_NE(protocol, nullptr);
+  EXPECT_EQ(protocol->Increment(), 1u);
+  EXPECT_EQ(bs()->UnloadImage(full), EFI_SUCCESS);
+  EXPECT_FALSE(inDatabase(full));
+  EXPECT_TRUE(platform().handlesWith(kCounterProtocol).empty());
+  EXPECT_EQ(platform().leakReport().find("test_counter_image#3"), std::string::npos);
+  EXPECT_EQ(bs()->UnloadImage(full), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->UnloadImage(nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->UnloadImage(st()->ConsoleOutHandle), EFI_INVALID_PARAMETER);
+
+  // A consumer holding the protocol BY_DRIVER makes the handler's uninstall fail.
+  EFI_HANDLE busy = load(kImage);
+  void* iface = nullptr;
+  ASSERT_EQ(bs()->OpenProtocol(busy, &kCounterProtocol, &iface, plain, busy, EFI_OPEN_PROTOCOL_BY_DRIVER),
+            EFI_SUCCESS);
+  EXPECT_EQ(platform().unloadImage(busy), EFI_ACCESS_DENIED);
+  ASSERT_EQ(bs()->CloseProtocol(busy, &kCounterProtocol, plain, busy), EFI_SUCCESS);
+  EXPECT_EQ(platform().unloadImage(busy), EFI_SUCCESS);
+}
+
+TEST_F(ImageTest, EventsOfAnUnloadedImageStillRun) {
+  setMode(TEST_MODE_UNLOADABLE);
+  EFI_HANDLE h = load(kImage);
+  auto create = platform().imageFunction<EFI_STATUS (*)(EFI_TPL, UINTN*, EFI_EVENT*)>(h, "counterCreateEvent");
+  auto value = platform().imageFunction<Counter>(h, "counterValue");
+  ASSERT_TRUE(create && value);
+  UINTN calls = 0;
+  EFI_EVENT event = nullptr;
+  ASSERT_EQ(create(TPL_CALLBACK, &calls, &event), EFI_SUCCESS);
+  ASSERT_EQ(platform().unloadImage(h), EFI_SUCCESS);
+  EXPECT_EQ(bs()->SignalEvent(event), EFI_SUCCESS);
+  EXPECT_EQ(calls, 1u);
+  EXPECT_EQ(value(), 1u);
+  bs()->CloseEvent(event);
+}
+
+std::vector<uint8_t> filePath(const std::u16string& name) {
+  std::vector<uint8_t> path;
+  size_t length = 4 + (name.size() + 1) * 2;
+  path.push_back(MEDIA_DEVICE_PATH);
+  path.push_back(0x04);
+  path.push_back(static_cast<uint8_t>(length));
+  path.push_back(static_cast<uint8_t>(length >> 8));
+  for (char16_t c : name + u'\0') {
+    path.push_back(static_cast<uint8_t>(c));
+    path.push_back(static_cast<uint8_t>(c >> 8));
+  }
+  const uint8_t end[] = {END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0};
+  path.insert(path.end(), end, end + 4);
+  return path;
+}
+
+TEST_F(ImageTest, LoadImageAndStartImageServices) {
+  EFI_HANDLE parent = load(kImage);
+  std::vector<uint8_t> path = filePath(u"\\EFI\\test_counter_image.efi");
+  setMode(TEST_MODE_ALLOCATE | TEST_MODE_UNLOADABLE);
+  markBaseline();
+  EFI_HANDLE child = nullptr;
+  ASSERT_EQ(bs()->LoadImage(FALSE, parent, asPath(path), nullptr, 0, &child), EFI_SUCCESS);
+  EFI_LOADED_IMAGE_PROTOCOL* info = loadedImage(child);
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(info->ParentHandle, parent);
+  ASSERT_NE(info->FilePath, nullptr);
+  EXPECT_EQ(std::memcmp(info->FilePath, path.data(), path.size()), 0);
+  EXPECT_EQ(platform().poolStats().outstanding, 0u) << "loaded but not started: the entry has not run";
+  UINTN exitSize = 99;
+  CHAR16 placeholder[] = u"x";
+  CHAR16* exitData = placeholder;
+  EXPECT_EQ(bs()->StartImage(child, &exitSize, &exitData), EFI_SUCCESS);
+  EXPECT_EQ(exitSize, 0u);
+  EXPECT_EQ(exitData, nullptr);
+  EXPECT_EQ(platform().poolStats().outstanding, 1u);
+  EXPECT_EQ(bs()->StartImage(child, nullptr, nullptr), EFI_INVALID_PARAMETER);  // already started
+  EXPECT_EQ(bs()->UnloadImage(child), EFI_SUCCESS);
+
+  // Unloading an image that never started does not run it.
+  ASSERT_EQ(bs()->LoadImage(FALSE, parent, asPath(path), nullptr, 0, &child), EFI_SUCCESS);
+  EXPECT_EQ(bs()->UnloadImage(child), EFI_SUCCESS);
+  EXPECT_EQ(bs()->StartImage(child, nullptr, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(platform().poolStats().outstanding, 0u);
+
+  struct Case {
+    const char* what;
+    EFI_HANDLE parent;
+    std::vector<uint8_t> path;
+    bool buffer;
+    EFI_STATUS expected;
+  };
+  int bytes = 0;
+  std::vector<Case> cases = {
+      {"from a memory buffer", parent, filePath(u"test_counter_image"), true, EFI_UNSUPPORTED},
+      {"no such file", parent, filePath(u"\\missing.efi"), false, EFI_NOT_FOUND},
+      {"no file node", parent, pciPath({1}), false, EFI_NOT_FOUND},
+      {"parent is not an image", st()->ConsoleOutHandle, filePath(u"test_counter_image"), false,
+       EFI_INVALID_PARAMETER},
+  };
+  for (Case& t : cases) {
+    EFI_HANDLE h = nullptr;
+    EFI_STATUS s = bs()->LoadImage(FALSE, t.parent, asPath(t.path), t.buffer ? &bytes : nullptr, 4, &h);
+    EXPECT_EQ(statusName(s), statusName(t.expected)) << t.what;
+  }
+  EXPECT_EQ(bs()->LoadImage(FALSE, parent, asPath(path), nullptr, 0, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->LoadImage(FALSE, parent, nullptr, nullptr, 0, &child), EFI_NOT_FOUND);
+}
+
+TEST_F(ImageTest, ExitOutsideTheRunningEntryIsRefused) {
+  EFI_HANDLE h = load(kImage);
+  EXPECT_EQ(bs()->Exit(h, EFI_SUCCESS, 0, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->Exit(nullptr, EFI_SUCCESS, 0, nullptr), EFI_INVALID_PARAMETER);
+}
+
+TEST(PlatformStack, InnermostPlatformIsCurrent) {
+  EXPECT_EQ(host::currentPlatform(), nullptr);
+  auto outer = std::make_unique<host::Platform>();
+  EXPECT_EQ(host::currentPlatform(), outer.get());
+  {
+    host::Platform inner;
+    EXPECT_EQ(host::currentPlatform(), &inner);
+    void* p = nullptr;
+    // Boot services act on the current platform.
+    ASSERT_EQ(outer->bootServices()->AllocatePool(EfiBootServicesData, 8, &p), EFI_SUCCESS);
+    EXPECT_EQ(inner.poolStats().outstanding, 1u);
+    EXPECT_EQ(outer->poolStats().outstanding, 0u);
+  }
+  EXPECT_EQ(host::currentPlatform(), outer.get());
+  // Out of order: the remaining platform falls back to the one below.
+  auto second = std::make_unique<host::Platform>();
+  outer.reset();
+  EXPECT_EQ(host::currentPlatform(), second.get());
+  second.reset();
+  EXPECT_EQ(host::currentPlatform(), nullptr);
+}
+
+}  // namespace
+}  // namespace tvl::test

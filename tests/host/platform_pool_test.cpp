@@ -1,0 +1,225 @@
+// Pool accounting, fault injection, invalid frees, and the fixture's own
+// leak check and sweep.
+#include <gtest/gtest-spi.h>
+
+#include <algorithm>
+
+#include "tests/host/platform_test_util.h"
+
+namespace tvl::test {
+namespace {
+
+const EFI_GUID kSomeGuid = testGuid(9);
+
+class PoolTest : public PlatformTest {
+ protected:
+  void* allocate(size_t size) {
+    void* p = nullptr;
+    EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, size, &p), EFI_SUCCESS);
+    return p;
+  }
+};
+
+TEST_F(PoolTest, PoolTypesAndArguments) {
+  struct Case {
+    uint32_t type;
+    EFI_STATUS expected;
+  };
+  const Case cases[] = {
+      {EfiBootServicesData, EFI_SUCCESS},      {EfiLoaderData, EFI_SUCCESS},
+      {EfiRuntimeServicesData, EFI_SUCCESS},   {0x70000000u, EFI_SUCCESS},
+      {0x80000001u, EFI_SUCCESS},              {EfiConventionalMemory, EFI_INVALID_PARAMETER},
+      {EfiPersistentMemory, EFI_INVALID_PARAMETER}, {EfiMaxMemoryType, EFI_INVALID_PARAMETER},
+      {0x6FFFFFFFu, EFI_INVALID_PARAMETER},
+  };
+  for (const Case& t : cases) {
+    void* p = nullptr;
+    EFI_STATUS s = bs()->AllocatePool(static_cast<EFI_MEMORY_TYPE>(t.type), 8, &p);
+    EXPECT_EQ(statusName(s), statusName(t.expected)) << "type 0x" << std::hex << t.type;
+    if (s == EFI_SUCCESS) {
+      EXPECT_EQ(bs()->FreePool(p), EFI_SUCCESS);
+    }
+  }
+  EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, 8, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(platform().allocationAttempts(), 5u);  // refused arguments are not attempts
+  void* empty = allocate(0);  // a zero-size allocation is still a distinct buffer
+  EXPECT_NE(empty, nullptr);
+  EXPECT_EQ(bs()->FreePool(empty), EFI_SUCCESS);
+}
+
+TEST_F(PoolTest, AccountingAndFillPatterns) {
+  auto* a = static_cast<uint8_t*>(allocate(24));
+  void* b = allocate(100);
+  for (size_t i = 0; i < 24; ++i) ASSERT_NE(a[i], 0) << "fresh pool memory must not come zeroed (byte " << i << ")";
+  host::PoolStats stats = platform().poolStats();
+  EXPECT_EQ(stats.outstanding, 2u);
+  EXPECT_EQ(stats.outstandingBytes, 124u);
+  EXPECT_EQ(stats.allocations, 2u);
+  std::string report = platform().leakReport();
+  EXPECT_NE(report.find("24 bytes allocated by host"), std::string::npos) << report;
+  EXPECT_NE(report.find("100 bytes"), std::string::npos) << report;
+  auto list = platform().outstandingAllocations();
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_LT(list[0].sequence, list[1].sequence);
+  EXPECT_EQ(list[0].address, a);
+
+  EXPECT_NE(platform().leakReport(list[1].sequence).find("100 bytes"), std::string::npos);
+  EXPECT_EQ(platform().leakReport(list[1].sequence).find("24 bytes"), std::string::npos);
+  EXPECT_EQ(bs()->FreePool(a), EFI_SUCCESS);
+  EXPECT_EQ(bs()->FreePool(b), EFI_SUCCESS);
+  stats = platform().poolStats();
+  EXPECT_EQ(stats.outstanding, 0u);
+  EXPECT_EQ(stats.outstandingBytes, 0u);
+  EXPECT_EQ(stats.frees, 2u);
+  EXPECT_EQ(platform().leakReport(), "");
+}
+
+TEST_F(PoolTest, InvalidFreesAreCountedNotFatal) {
+  void* p = allocate(16);
+  int local = 0;
+  EXPECT_EQ(bs()->FreePool(&local), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->FreePool(static_cast<uint8_t*>(p) + 1), EFI_INVALID_PARAMETER);  // interior pointer
+  EXPECT_EQ(bs()->FreePool(nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->FreePool(p), EFI_SUCCESS);
+  EXPECT_EQ(bs()->FreePool(p), EFI_INVALID_PARAMETER);  // twice
+  EXPECT_EQ(platform().poolStats().invalidFrees, 4u);
+  EXPECT_NE(platform().poolErrorReport().find("not an outstanding pool allocation"), std::string::npos);
+  // The fixture's check reports them ...
+  EXPECT_NONFATAL_FAILURE(expectNoLeaks(), "memory was freed that was not allocated");
+  // ... unless they happened before the baseline.
+  markBaseline();
+}
+
+TEST_F(PoolTest, WritesPastTheEndAreReportedAtFree) {
+  auto* p = static_cast<uint8_t*>(allocate(10));
+  p[10] = 0;
+  EXPECT_EQ(bs()->FreePool(p), EFI_SUCCESS);
+  EXPECT_EQ(platform().poolStats().overruns, 1u);
+  EXPECT_NE(platform().poolErrorReport().find("written past its end"), std::string::npos);
+  EXPECT_NONFATAL_FAILURE(expectNoLeaks(), "written past their end");
+  markBaseline();
+}
+
+TEST_F(PoolTest, FaultInjectionModes) {
+  struct Case {
+    const char* what;
+    bool from;
+    size_t k;
+    const char* outcomes;  // one letter per attempt: s succeeded, f refused
+  };
+  const Case cases[] = {
+      {"single second", false, 2, "sfsss"},
+      {"single first", false, 1, "fssss"},
+      {"from third on", true, 3, "ssfff"},
+      {"from first on", true, 1, "fffff"},
+      {"beyond the run", false, 9, "sssss"},
+  };
+  for (const Case& t : cases) {
+    size_t startAttempts = platform().allocationAttempts();
+    size_t startFailed = platform().poolStats().failedByInjection;
+    if (t.from) {
+      platform().failAllocationsFrom(t.k);
+    } else {
+      platform().failAllocation(t.k);
+    }
+    std::string outcomes;
+    std::vector<void*> held;
+    for (int i = 0; i < 5; ++i) {
+      void* p = nullptr;
+      EFI_STATUS s = bs()->AllocatePool(EfiBootServicesData, 8, &p);
+      EXPECT_TRUE(s == EFI_SUCCESS || (s == EFI_OUT_OF_RESOURCES && p == nullptr));
+      outcomes += s == EFI_SUCCESS ? 's' : 'f';
+      if (p) held.push_back(p);
+    }
+    platform().clearAllocationFaults();
+    EXPECT_EQ(outcomes, t.outcomes) << t.what;
+    EXPECT_EQ(platform().allocationAttempts() - startAttempts, 5u);
+    size_t refused = static_cast<size_t>(std::count(outcomes.begin(), outcomes.end(), 'f'));
+    EXPECT_EQ(platform().poolStats().failedByInjection - startFailed, refused) << t.what;
+    for (void* p : held) bs()->FreePool(p);
+  }
+  // Firmware services that allocate take part too.
+  EFI_PHYSICAL_ADDRESS pages = 0;
+  platform().failAllocationsFrom(1);
+  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 1, &pages), EFI_OUT_OF_RESOURCES);
+  int iface = 0;
+  EFI_HANDLE h = nullptr;
+  EXPECT_EQ(bs()->InstallProtocolInterface(&h, &kSomeGuid, EFI_NATIVE_INTERFACE, &iface), EFI_OUT_OF_RESOURCES);
+  EXPECT_EQ(h, nullptr);
+  platform().clearAllocationFaults();
+}
+
+TEST_F(PoolTest, Pages) {
+  EFI_PHYSICAL_ADDRESS address = 0;
+  ASSERT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 3, &address), EFI_SUCCESS);
+  EXPECT_EQ(address % 4096, 0u);
+  EXPECT_EQ(platform().poolStats().outstandingPages, 3u);
+  EXPECT_NE(platform().leakReport().find("(pages)"), std::string::npos);
+  std::memset(reinterpret_cast<void*>(address), 0, 3 * 4096);  // all of it is usable
+  EXPECT_EQ(bs()->FreePages(address, 2), EFI_NOT_FOUND);
+  EXPECT_EQ(bs()->FreePages(address + 1, 3), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->FreePages(address, 3), EFI_SUCCESS);
+  EXPECT_EQ(bs()->FreePages(address, 3), EFI_NOT_FOUND);
+  EXPECT_EQ(platform().poolStats().outstandingPages, 0u);
+  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 0, &address), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->AllocatePages(AllocateAddress, EfiBootServicesData, 1, &address), EFI_NOT_FOUND);
+  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiConventionalMemory, 1, &address), EFI_INVALID_PARAMETER);
+  address = 4095;  // nothing lies below one page
+  EXPECT_EQ(bs()->AllocatePages(AllocateMaxAddress, EfiBootServicesData, 1, &address), EFI_NOT_FOUND);
+  markBaseline();  // the two refused FreePages calls were deliberate
+}
+
+TEST_F(PoolTest, LeakCheckSeesAllocationsSinceTheBaseline) {
+  void* kept = allocate(40);
+  markBaseline();  // held on purpose, like an image's state
+  void* leaked = allocate(8);
+  EXPECT_NONFATAL_FAILURE(expectNoLeaks(), "8 bytes allocated by host");
+  bs()->FreePool(leaked);
+  expectNoLeaks();
+  bs()->FreePool(kept);
+}
+
+TEST_F(PoolTest, SweepRunsEveryFailurePointAndFindsLeaks) {
+  // An operation with three allocations that cleans up after itself.
+  auto tidy = [&]() -> EFI_STATUS {
+    void* p[3] = {};
+    EFI_STATUS s = EFI_SUCCESS;
+    for (int i = 0; i < 3 && s == EFI_SUCCESS; ++i) s = bs()->AllocatePool(EfiBootServicesData, 16, &p[i]);
+    for (void* q : p)
+      if (q) bs()->FreePool(q);
+    return s;
+  };
+  std::vector<size_t> seen;
+  EXPECT_EQ(sweepAllocationFailures(tidy,
+                                    [&](EFI_STATUS s, size_t k) {
+                                      EXPECT_EQ(s, EFI_OUT_OF_RESOURCES);
+                                      seen.push_back(k);
+                                    }),
+            3u);
+  EXPECT_EQ(seen, (std::vector<size_t>{1, 2, 3}));
+  seen.clear();
+  sweepAllocationFailures(tidy, [&](EFI_STATUS, size_t k) { seen.push_back(k); }, {}, FaultMode::From);
+  EXPECT_EQ(seen, (std::vector<size_t>{1, 2, 3}));
+
+  // One that forgets its first buffer when the second allocation fails.
+  void* first = nullptr;
+  void* second = nullptr;
+  auto leaky = [&]() -> EFI_STATUS {
+    RETURN_IF_ERROR(bs()->AllocatePool(EfiBootServicesData, 16, &first));
+    EFI_STATUS s = bs()->AllocatePool(EfiBootServicesData, 16, &second);
+    if (EFI_ERROR(s)) first = nullptr;
+    return s;
+  };
+  auto cleanup = [&] {
+    if (first) bs()->FreePool(first);
+    if (second) bs()->FreePool(second);
+    first = second = nullptr;
+  };
+  EXPECT_NONFATAL_FAILURE(sweepAllocationFailures(leaky, [](EFI_STATUS, size_t) {}, cleanup),
+                          "allocation attempt 2 of 2");
+  // Free what the leaky run lost so that this test itself ends clean.
+  for (const host::AllocationInfo& a : platform().outstandingAllocations()) bs()->FreePool(a.address);
+}
+
+}  // namespace
+}  // namespace tvl::test
