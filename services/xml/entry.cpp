@@ -1,6 +1,20 @@
 // The platform's XML service: parses XML texts into XML_NODE trees,
 // serialises trees, and creates and frees nodes. Its state (the parser
 // limits) lives in the protocol instance installed by the entry.
+//
+// Conventions of the trees it hands out and takes:
+// - `contents` is escaped text ("&", "<", ">" as references, quotes as they
+//   are); attribute values are plain text.
+// - The parser keeps an element's text as its contents. An element with
+//   child elements drops the whitespace-only stretches between and after
+//   them and concatenates the rest; a leaf keeps its text exactly, so
+//   <a></a> gets empty contents and <a/> none (the serialiser writes them
+//   back the same way).
+// - The serialiser writes a fragment: no XML declaration, no indentation.
+//   It never writes text that is not well-formed: invalid names, repeated
+//   attribute names, invalid UTF-8 and characters XML 1.0 does not allow
+//   make it fail with EFI_INVALID_PARAMETER rather than drop or mangle
+//   anything.
 #include "services/xml/parser.h"
 #include "services/xml/tree.h"
 #include "services/xml/writer.h"

@@ -1,0 +1,118 @@
+#include "tests/services/xml/xml_support.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ostream>
+#include <tuple>
+
+namespace tvl::test::xml {
+
+bool operator==(const Tree& a, const Tree& b) {
+  return std::tie(a.name, a.contents, a.attributes, a.children) ==
+         std::tie(b.name, b.contents, b.attributes, b.children);
+}
+
+std::ostream& operator<<(std::ostream& out, const Tree& tree) {
+  out << tree.name;
+  for (const auto& [name, value] : tree.attributes) out << " @" << name << "='" << value << "'";
+  if (tree.contents) out << " {" << *tree.contents << "}";
+  if (!tree.children.empty()) {
+    out << " (";
+    for (const Tree& child : tree.children) out << child << "; ";
+    out << ")";
+  }
+  return out;
+}
+
+LintResult xmllint(const std::string& text) {
+  char path[] = "/tmp/tvl_xml_XXXXXX";
+  int fd = mkstemp(path);
+  if (fd < 0) return {-1, "cannot create a temporary file"};
+  bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  close(fd);
+  LintResult result{-1, written ? "" : "cannot write the temporary file"};
+  if (written) {
+    std::string command = std::string("xmllint --noout ") + path + " 2>&1";
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+      char buffer[512];
+      size_t n;
+      while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
+      result.status = pclose(pipe);
+    }
+  }
+  unlink(path);
+  return result;
+}
+
+void XmlServiceTest::SetUp() {
+  PlatformTest::SetUp();
+  load("xml_service");
+  xml_ = locate<XML_PROTOCOL>(XML_PROTOCOL_GUID);
+  ASSERT_NE(xml_, nullptr);
+  markBaseline();  // the service instance stays installed
+}
+
+CHAR8* XmlServiceTest::poolText(const std::string& text) {
+  void* buffer = nullptr;
+  EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, text.size() + 1, &buffer), EFI_SUCCESS);
+  std::memcpy(buffer, text.c_str(), text.size() + 1);
+  return static_cast<CHAR8*>(buffer);
+}
+
+XML_ATTRIBUTE* XmlServiceTest::poolAttribute(const std::string& name, const std::string& value) {
+  void* buffer = nullptr;
+  EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, sizeof(XML_ATTRIBUTE), &buffer), EFI_SUCCESS);
+  auto* attribute = static_cast<XML_ATTRIBUTE*>(buffer);
+  *attribute = XML_ATTRIBUTE{poolText(name), poolText(value), nullptr, 0};
+  return attribute;
+}
+
+XML_NODE* XmlServiceTest::build(const Tree& tree) {
+  XML_NODE* node = nullptr;
+  EXPECT_EQ(xml_->XML_CreateNode(xml_, tree.name.c_str(), &node), EFI_SUCCESS);
+  if (tree.contents) node->contents = poolText(*tree.contents);
+  XML_ATTRIBUTE** tail = &node->attributes;
+  for (const auto& [name, value] : tree.attributes) {
+    *tail = poolAttribute(name, value);
+    tail = &(*tail)->next;
+  }
+  XML_NODE* last = nullptr;
+  for (const Tree& child : tree.children) {
+    XML_NODE* built = build(child);
+    built->parent = node;
+    (last ? last->next : node->children) = built;
+    last = built;
+  }
+  return node;
+}
+
+Tree XmlServiceTest::read(const XML_NODE* node) {
+  Tree tree{node->name, std::nullopt, {}, {}};
+  if (node->contents) tree.contents = node->contents;
+  for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next) tree.attributes.emplace_back(a->name, a->value);
+  for (const XML_NODE* child = node->children; child; child = child->next) {
+    EXPECT_EQ(child->parent, node) << "parent link of <" << child->name << ">";
+    EXPECT_EQ(child->previous, nullptr);
+    tree.children.push_back(read(child));
+  }
+  return tree;
+}
+
+EFI_STATUS XmlServiceTest::serialise(XML_NODE* root, std::string* text) {
+  CHAR8* out = nullptr;
+  EFI_STATUS status = xml_->XML_NodeToXML(xml_, root, &out);
+  if (status == EFI_SUCCESS) {
+    *text = out;
+    bs()->FreePool(out);
+  }
+  return status;
+}
+
+EFI_STATUS XmlServiceTest::parse(const std::string& text, XML_NODE** root, XML_PARSE_ERROR* error) {
+  return xml_->XML_ParseText(xml_, text.data(), text.size(), root, error);
+}
+
+}  // namespace tvl::test::xml

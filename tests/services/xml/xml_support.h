@@ -1,0 +1,55 @@
+// Helpers of the XML service tests: a fixture with the service loaded, a
+// plain description of a tree that can be built into XML_NODE records (as
+// the driver builds them) and read back from them, and a check of texts
+// with xmllint.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/fixture.h"
+#include "uefi/services.h"
+
+namespace tvl::test::xml {
+
+struct Tree {
+  std::string name;
+  std::optional<std::string> contents;
+  std::vector<std::pair<std::string, std::string>> attributes;
+  std::vector<Tree> children;
+};
+bool operator==(const Tree& a, const Tree& b);
+inline bool operator!=(const Tree& a, const Tree& b) { return !(a == b); }
+std::ostream& operator<<(std::ostream& out, const Tree& tree);
+
+// xmllint's verdict on a text: its exit status and what it printed.
+struct LintResult {
+  int status;
+  std::string output;
+};
+LintResult xmllint(const std::string& text);
+
+class XmlServiceTest : public PlatformTest {
+ protected:
+  void SetUp() override;
+
+  // Builds `tree` (with its following `siblings`): nodes from the service,
+  // contents and attributes allocated from the pool by the caller.
+  XML_NODE* build(const Tree& tree);
+  // Reads a tree back (recursive: for small trees only). Fails the test
+  // when a child's parent link does not point at its parent.
+  Tree read(const XML_NODE* node);
+  // A new pool copy of a text, as the driver allocates it.
+  CHAR8* poolText(const std::string& text);
+  XML_ATTRIBUTE* poolAttribute(const std::string& name, const std::string& value);
+
+  // NodeToXML, with the text copied out and released.
+  EFI_STATUS serialise(XML_NODE* root, std::string* text);
+  EFI_STATUS parse(const std::string& text, XML_NODE** root, XML_PARSE_ERROR* error = nullptr);
+
+  XML_PROTOCOL* xml_ = nullptr;
+};
+
+}  // namespace tvl::test::xml
