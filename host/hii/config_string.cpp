@@ -47,15 +47,19 @@ EFI_GUID guidOf(const uint8_t b[16]) {
 
 class Scanner {
  public:
-  Scanner(std::u16string_view text, size_t start, ConfigError* error) : t_(text), pos_(start), start_(start), error_(error) {}
+  Scanner(std::u16string_view text, size_t start, ConfigError* error)
+      : t_(text), pos_(start), pairStart_(start), error_(error) {}
 
   size_t pos() const { return pos_; }
   bool atEnd() const { return pos_ >= t_.size(); }
   bool atPairEnd() const { return atEnd() || t_[pos_] == u'&'; }
 
-  bool literal(std::u16string_view s) {
-    if (t_.substr(pos_, s.size()) != s) return false;
-    pos_ += s.size();
+  // Matches the name of the next pair ("&WIDTH=", or "GUID=" at the
+  // start); that pair then is the one being read.
+  bool pair(std::u16string_view name) {
+    if (t_.substr(pos_, name.size()) != name) return false;
+    pairStart_ = pos_;
+    pos_ += name.size();
     return true;
   }
   size_t hexRun() const {
@@ -68,31 +72,25 @@ class Scanner {
     for (size_t i = 0; i < count; ++i, pos_ += 2) out[i] = uint8_t(hexValue(t_[pos_]) << 4 | hexValue(t_[pos_ + 1]));
   }
   void skip(size_t n) { pos_ += n; }
-  char16_t at(size_t i) const { return t_[i]; }
   std::u16string_view slice(size_t from, size_t to) const { return t_.substr(from, to - from); }
 
-  EFI_STATUS fail(size_t position, const char* message) {
-    if (error_) {
-      error_->position = position;
-      error_->progress = start_;
-      for (size_t i = position < t_.size() ? position + 1 : t_.size(); i-- > start_;) {
-        if (t_[i] == u'&') {
-          error_->progress = i;
-          break;
-        }
-      }
-      error_->message = message;
-    }
-    return EFI_INVALID_PARAMETER;
+  // A fault inside the value of the pair being read: Progress at that
+  // pair's '&' (the start of the string for the first pair).
+  EFI_STATUS failValue(size_t position, const char* message) { return fail(position, pairStart_, message); }
+  // The next pair is not the one expected: Progress at its '&', or at the
+  // pair just read when the text ends or goes on with something else.
+  EFI_STATUS failPair(const char* message) {
+    const bool nextPair = pos_ < t_.size() && t_[pos_] == u'&';
+    return fail(pos_, nextPair ? pos_ : pairStart_, message);
   }
 
   // A hexadecimal number of at most 64 bits.
   EFI_STATUS number(uint64_t& value, const char* what) {
     const size_t n = hexRun();
-    if (n == 0) return fail(pos_, what);
+    if (n == 0) return failValue(pos_, what);
     value = 0;
     for (size_t i = 0; i < n; ++i) {
-      if (value >> 60) return fail(pos_ + i, "number does not fit 64 bits");
+      if (value >> 60) return failValue(pos_ + i, "number does not fit 64 bits");
       value = value << 4 | uint64_t(hexValue(t_[pos_ + i]));
     }
     pos_ += n;
@@ -100,41 +98,51 @@ class Scanner {
   }
 
  private:
+  EFI_STATUS fail(size_t position, size_t progress, const char* message) {
+    if (error_) {
+      error_->position = position;
+      error_->progress = progress;
+      error_->message = message;
+    }
+    return EFI_INVALID_PARAMETER;
+  }
+
   std::u16string_view t_;
   size_t pos_;
-  size_t start_;
+  size_t pairStart_;
   ConfigError* error_;
 };
 
 EFI_STATUS header(Scanner& s, ConfigHeader& out) {
   ConfigHeader h;
   h.begin = s.pos();
-  if (!s.literal(u"GUID=")) return s.fail(s.pos(), "expected GUID=");
-  if (s.hexRun() < kGuidDigits) return s.fail(s.pos() + s.hexRun(), "GUID needs 32 hex digits");
+  if (!s.pair(u"GUID=")) return s.failPair("expected GUID=");
+  if (s.hexRun() < kGuidDigits) return s.failValue(s.pos() + s.hexRun(), "GUID needs 32 hex digits");
   uint8_t g[16];
   s.bytes(16, g);
   h.guid = guidOf(g);
-  if (!s.atPairEnd()) return s.fail(s.pos(), "GUID needs 32 hex digits");
+  if (!s.atPairEnd()) return s.failValue(s.pos(), "GUID needs 32 hex digits");
 
-  if (!s.literal(u"&NAME=")) return s.fail(s.pos(), "expected &NAME=");
+  if (!s.pair(u"&NAME=")) return s.failPair("expected &NAME=");
   const size_t nameDigits = s.hexRun();
-  if (nameDigits % 4 != 0) return s.fail(s.pos() + nameDigits, "NAME needs 4 hex digits per character");
+  if (nameDigits % 4 != 0) return s.failValue(s.pos() + nameDigits, "NAME needs 4 hex digits per character");
   for (size_t i = 0; i < nameDigits / 4; ++i) {
     uint8_t c[2];
     s.bytes(2, c);
     h.name.push_back(char16_t(c[0] << 8 | c[1]));
   }
-  if (!s.atPairEnd()) return s.fail(s.pos(), "NAME needs 4 hex digits per character");
+  if (!s.atPairEnd()) return s.failValue(s.pos(), "NAME needs 4 hex digits per character");
 
-  if (!s.literal(u"&PATH=")) return s.fail(s.pos(), "expected &PATH=");
+  if (!s.pair(u"&PATH=")) return s.failPair("expected &PATH=");
   const size_t pathStart = s.pos();
   const size_t pathDigits = s.hexRun();
-  if (pathDigits == 0 || pathDigits % 2 != 0) return s.fail(s.pos() + pathDigits, "PATH needs 2 hex digits per byte");
+  if (pathDigits == 0 || pathDigits % 2 != 0)
+    return s.failValue(s.pos() + pathDigits, "PATH needs 2 hex digits per byte");
   h.path.resize(pathDigits / 2);
   s.bytes(h.path.size(), h.path.data());
-  if (!s.atPairEnd()) return s.fail(s.pos(), "PATH needs 2 hex digits per byte");
+  if (!s.atPairEnd()) return s.failValue(s.pos(), "PATH needs 2 hex digits per byte");
   if (devicePathSize(h.path.data(), h.path.size()) != h.path.size())
-    return s.fail(pathStart, "PATH is not one well-formed device path");
+    return s.failValue(pathStart, "PATH is not one well-formed device path");
   h.end = s.pos();
   out = std::move(h);
   return EFI_SUCCESS;
@@ -142,9 +150,9 @@ EFI_STATUS header(Scanner& s, ConfigHeader& out) {
 
 EFI_STATUS value(Scanner& s, ConfigBlock& block) {
   const size_t digits = s.hexRun();
-  if (digits == 0) return s.fail(s.pos(), "VALUE without digits");
-  if (digits > 2 * block.width) return s.fail(s.pos() + 2 * block.width, "VALUE wider than WIDTH");
-  // Zero-extend to 2 x width digits, then the last pair is byte 0.
+  if (digits == 0) return s.failValue(s.pos(), "VALUE without digits");
+  if (digits > 2 * block.width) return s.failValue(s.pos() + 2 * block.width, "VALUE wider than WIDTH");
+  // Zero-extend to 2 x width digits; the last pair is byte 0.
   std::u16string padded(2 * block.width - digits, u'0');
   padded.append(s.slice(s.pos(), s.pos() + digits));
   block.value.resize(block.width);
@@ -160,22 +168,22 @@ EFI_STATUS value(Scanner& s, ConfigBlock& block) {
 EFI_STATUS block(Scanner& s, ConfigKind kind, ConfigBlock& out) {
   ConfigBlock b;
   b.begin = s.pos();
-  if (!s.literal(u"&OFFSET=")) return s.fail(s.pos(), "expected &OFFSET=");
+  if (!s.pair(u"&OFFSET=")) return s.failPair("expected &OFFSET=");
   RETURN_IF_ERROR(s.number(b.offset, "OFFSET without digits"));
-  if (!s.literal(u"&WIDTH=")) return s.fail(s.pos(), "expected &WIDTH=");
+  if (!s.pair(u"&WIDTH=")) return s.failPair("expected &WIDTH=");
   const size_t widthAt = s.pos();
   RETURN_IF_ERROR(s.number(b.width, "WIDTH without digits"));
-  if (b.width == 0) return s.fail(widthAt, "WIDTH of zero");
-  if (b.width > kMaxConfigWidth) return s.fail(widthAt, "WIDTH too large");
+  if (b.width == 0) return s.failValue(widthAt, "WIDTH of zero");
+  if (b.width > kMaxConfigWidth) return s.failValue(widthAt, "WIDTH too large");
   b.blockText = std::u16string(s.slice(b.begin, s.pos()));
   const size_t valueAt = s.pos();
-  if (s.literal(u"&VALUE=")) {
-    if (kind == ConfigKind::Request) return s.fail(valueAt, "VALUE in a request");
+  if (s.pair(u"&VALUE=")) {
+    if (kind == ConfigKind::Request) return s.failValue(valueAt, "VALUE in a request");
     RETURN_IF_ERROR(value(s, b));
   } else if (kind == ConfigKind::Response) {
-    return s.fail(s.pos(), "expected &VALUE=");
+    return s.failPair("expected &VALUE=");
   }
-  if (!s.atPairEnd()) return s.fail(s.pos(), "unexpected character");
+  if (!s.atPairEnd()) return s.failValue(s.pos(), "unexpected character after a value");
   out = std::move(b);
   return EFI_SUCCESS;
 }

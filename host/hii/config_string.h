@@ -13,9 +13,11 @@
 // than 2 x WIDTH digits are zero-extended; more are refused. Hex digits are
 // produced in lower case and accepted in either case.
 //
-// Errors carry the UEFI "Progress" position: the most recent '&' at or
-// before the first bad character, or the start of the string when the
-// failure lies in the first name/value pair.
+// Errors carry the UEFI "Progress" position: the '&' that begins the
+// failing name/value pair (a pair with a bad value, or an unexpected pair
+// where another was due), or the start of the string when the failure lies
+// in the first pair (GUID=). When the text ends where a pair was due, the
+// last pair read counts as the failing one.
 #pragma once
 
 #include <cstddef>
