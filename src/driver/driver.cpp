@@ -1,5 +1,6 @@
 #include "driver/driver.h"
 
+#include "assembly/combined.h"
 #include "driver/trace.h"
 #include "uefi/runtime.h"
 
@@ -127,7 +128,7 @@ void fillRecord(TOLVANE_PROTOCOL& record) {
   record.Slot6 = &UnsupportedOperation;
   record.SetBIOSPassword = unsupported<TOLVANE_SET_BIOS_PASSWORD>();
   record.Slot8 = &UnsupportedOperation;
-  record.NodesToCombinedXMLChar = unsupported<TOLVANE_NODES_TO_COMBINED_XML_CHAR>();
+  record.NodesToCombinedXMLChar = tvlNodesToCombinedXMLChar;
 }
 
 }  // namespace

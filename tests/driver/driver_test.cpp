@@ -1,0 +1,381 @@
+// The driver's life cycle: service binding, installation and replacement of
+// the converter protocol, late binding through protocol-notify events, the
+// unsupported slots and unload.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "driver/driver.h"
+#include "support/driver.h"
+#include "xml/node.h"
+
+namespace {
+
+using tvl::test::DriverTest;
+using tvl::test::kAllServices;
+using tvl::test::kFormsProcessor;
+using tvl::test::kHiiDatabase;
+using tvl::test::kHiiString;
+using tvl::test::kLogService;
+using tvl::test::kRequiredServices;
+using tvl::test::kXmlService;
+using tvl::test::statusName;
+
+constexpr EFI_GUID kConverterGuid = TOLVANE_PROTOCOL_GUID;
+constexpr char kEntry[] = "TolvaneInitialize";
+
+// The sequence number of the outstanding allocation at `address`, or 0.
+uint64_t allocationSequence(tvl::host::Platform& platform, const void* address) {
+  for (const tvl::host::AllocationInfo& a : platform.outstandingAllocations())
+    if (a.address == address) return a.sequence;
+  return 0;
+}
+bool sequenceOutstanding(tvl::host::Platform& platform, uint64_t sequence) {
+  for (const tvl::host::AllocationInfo& a : platform.outstandingAllocations())
+    if (a.sequence == sequence) return true;
+  return false;
+}
+
+// ---------------------------------------------------------------- record and bindings
+
+TEST_F(DriverTest, InstallsZeroPaddedRecordOnItsImageHandleWithUnloadHandler) {
+  std::vector<EFI_HANDLE> handles = platform().handlesWith(kConverterGuid);
+  ASSERT_EQ(handles, std::vector<EFI_HANDLE>{driver()});
+  TOLVANE_PROTOCOL* record = converter();
+  size_t size = 0;
+  ASSERT_TRUE(isAllocated(record, &size));
+  EXPECT_EQ(size, 80u);
+  EXPECT_EQ(record->Revision, 0x2000u);
+  UINT32 padding = 0xFFFFFFFFu;
+  std::memcpy(&padding, reinterpret_cast<const unsigned char*>(record) + 4, sizeof padding);
+  EXPECT_EQ(padding, 0u);
+  EXPECT_EQ(reinterpret_cast<void*>(record->NodesToCombinedXMLChar), symbol("tvlNodesToCombinedXMLChar"));
+
+  auto* loaded = static_cast<EFI_LOADED_IMAGE_PROTOCOL*>(
+      platform().handleProtocol(driver(), EFI_LOADED_IMAGE_PROTOCOL_GUID));
+  ASSERT_NE(loaded, nullptr);
+  EXPECT_EQ(reinterpret_cast<void*>(loaded->Unload), symbol("TolvaneUnload"));
+}
+
+TEST_F(DriverTest, BindsEachServiceIntoItsGlobal) {
+  struct Binding {
+    const char* global;
+    EFI_GUID guid;
+  };
+  const Binding bindings[] = {
+      {"gLogProtocol", DEBUG_LOG_PROTOCOL_GUID},
+      {"gHiiFormsProcessor2Protocol", HII_FORMS_PROCESSOR2_PROTOCOL_GUID},
+      {"gHiiDatabase", EFI_HII_DATABASE_PROTOCOL_GUID},
+      {"XMLProtocol", XML_PROTOCOL_GUID},
+      {"HiiStringProtocol", EFI_HII_STRING_PROTOCOL_GUID},
+  };
+  for (const Binding& b : bindings) {
+    void* expected = platform().locateProtocol(b.guid);
+    ASSERT_NE(expected, nullptr) << b.global;
+    EXPECT_EQ(global<void*>(b.global), expected) << b.global;
+  }
+  EXPECT_EQ(DRIVER_GLOBAL(gDeviceLocationProtocol), nullptr);
+  const tvl::test::LogRecord* entering = log().find(kEntry, "Entering\n");
+  ASSERT_NE(entering, nullptr) << log().dump();
+  EXPECT_EQ(entering->level, TVL_LEVEL_PROGRESS);
+}
+
+// ---------------------------------------------------------------- replacement
+
+TEST_F(DriverTest, SecondLoadReplacesTheFirstInstanceAndFreesItsRecord) {
+  EFI_HANDLE first = driver();
+  uint64_t firstRecord = allocationSequence(platform(), converter());
+  ASSERT_NE(firstRecord, 0u);
+  log().clear();
+
+  ASSERT_EQ(loadDriver(), EFI_SUCCESS);
+  EXPECT_EQ(platform().handlesWith(kConverterGuid), std::vector<EFI_HANDLE>{driver()});
+  EXPECT_FALSE(sequenceOutstanding(platform(), firstRecord));
+  EXPECT_TRUE(isAllocated(converter()));
+  const tvl::test::LogRecord* uninstall = log().find(kEntry, "UninstallProtocolInterface Status = 0\n");
+  ASSERT_NE(uninstall, nullptr) << log().dump();
+  EXPECT_EQ(uninstall->level, TVL_LEVEL_PROGRESS);
+
+  // The first image no longer carries the protocol: its unload has nothing
+  // to remove and leaves the second instance alone.
+  EXPECT_EQ(platform().unloadImage(first), EFI_SUCCESS);
+  EXPECT_EQ(platform().handlesWith(kConverterGuid), std::vector<EFI_HANDLE>{driver()});
+  EXPECT_TRUE(isAllocated(converter()));
+}
+
+TEST_F(DriverTest, EarlierInstanceHeldByAnotherDriverIsTracedAndKept) {
+  EFI_HANDLE first = driver();
+  TOLVANE_PROTOCOL* firstRecord = converter();
+  EFI_HANDLE agent = nullptr;
+  installStandIn(EFI_GUID{0x1d0a0001, 0, 0, {0}}, 8, &agent);
+  VOID* opened = nullptr;
+  ASSERT_EQ(bs()->OpenProtocol(first, &kConverterGuid, &opened, agent, first, EFI_OPEN_PROTOCOL_BY_DRIVER),
+            EFI_SUCCESS);
+  log().clear();
+
+  ASSERT_EQ(loadDriver(), EFI_SUCCESS);
+  EXPECT_TRUE(isAllocated(firstRecord));
+  EXPECT_EQ(platform().handlesWith(kConverterGuid), (std::vector<EFI_HANDLE>{first, driver()}));
+  EXPECT_EQ(log().count(kEntry, "UninstallProtocolInterface Status = f\n"), 1u) << log().dump();
+}
+
+// ---------------------------------------------------------------- late services
+
+class DriverWithoutLogTest : public DriverTest {
+ protected:
+  unsigned initialServices() const override { return kRequiredServices; }
+};
+
+TEST_F(DriverWithoutLogTest, TracesStartWhenTheLogServiceArrives) {
+  EXPECT_EQ(DRIVER_GLOBAL(gLogProtocol), nullptr);
+  provide(kLogService);
+  ASSERT_TRUE(log().attached());
+  EXPECT_EQ(DRIVER_GLOBAL(gLogProtocol), log().protocol());
+
+  XML_NODE* node = nullptr;
+  ASSERT_EQ(DRIVER_FN(createNode)("Late", &node), EFI_SUCCESS);
+  EXPECT_EQ(DRIVER_FN(freeNode)(node), EFI_SUCCESS);
+  const tvl::test::LogRecord* line = log().find("createNode", "createNode, name: Late\n");
+  ASSERT_NE(line, nullptr) << log().dump();
+  EXPECT_EQ(line->level, TVL_LEVEL_TOOLBOX);
+}
+
+TEST_F(DriverTest, DeviceLocationServiceIsBoundWhenItArrives) {
+  ASSERT_EQ(DRIVER_GLOBAL(gDeviceLocationProtocol), nullptr);
+  void* location = installStandIn(DEVICE_LOCATION_PROTOCOL_GUID);
+  EXPECT_EQ(DRIVER_GLOBAL(gDeviceLocationProtocol), location);
+}
+
+TEST_F(DriverTest, DeviceLocationServicePresentAtEntryIsBoundWithoutAnEvent) {
+  void* location = installStandIn(DEVICE_LOCATION_PROTOCOL_GUID);
+  size_t events = platform().openEvents();
+  ASSERT_EQ(loadDriver(), EFI_SUCCESS);
+  EXPECT_EQ(DRIVER_GLOBAL(gDeviceLocationProtocol), location);
+  EXPECT_EQ(platform().openEvents(), events);
+}
+
+// ---------------------------------------------------------------- passwords
+
+struct PasswordCase {
+  const char* name;
+  bool newer;
+  bool older;
+  bool bindsNewer;
+  bool bindsOlder;
+  const char* trace;  // the one password trace expected, or null
+};
+
+void PrintTo(const PasswordCase& c, std::ostream* os) { *os << c.name; }
+
+class PasswordBindingTest : public DriverTest, public ::testing::WithParamInterface<PasswordCase> {
+ protected:
+  bool loadsDriver() const override { return false; }
+};
+
+TEST_P(PasswordBindingTest, BindsAtMostOnePasswordService) {
+  const PasswordCase& c = GetParam();
+  void* newer = c.newer ? installStandIn(PASSWORD2_PROTOCOL_GUID, sizeof(PASSWORD_SERVICE_PROTOCOL)) : nullptr;
+  void* older = c.older ? installStandIn(LEGACY_PASSWORD_PROTOCOL_GUID, sizeof(PASSWORD_SERVICE_PROTOCOL)) : nullptr;
+  ASSERT_EQ(loadDriver(), EFI_SUCCESS);
+  EXPECT_EQ(DRIVER_GLOBAL(gPassword2Protocol), c.bindsNewer ? newer : nullptr);
+  EXPECT_EQ(DRIVER_GLOBAL(gLegacyPasswordProtocol), c.bindsOlder ? older : nullptr);
+
+  const char* traces[] = {"New password2 protocol found\n", " Both new and old password protocols not found \n"};
+  for (const char* text : traces) {
+    bool expected = c.trace && std::string(c.trace) == text;
+    EXPECT_EQ(log().count(kEntry, text), expected ? 1u : 0u) << text << log().dump();
+    if (expected) {
+      EXPECT_EQ(log().find(kEntry, text)->level, TVL_LEVEL_PROGRESS);
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Services, PasswordBindingTest,
+    ::testing::Values(PasswordCase{"Neither", false, false, false, false,
+                                   " Both new and old password protocols not found \n"},
+                      PasswordCase{"OlderOnly", false, true, false, true, nullptr},
+                      PasswordCase{"NewerOnly", true, false, true, false, "New password2 protocol found\n"},
+                      PasswordCase{"Both", true, true, true, false, "New password2 protocol found\n"}),
+    [](const ::testing::TestParamInfo<PasswordCase>& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------- entry failures
+
+struct MissingServiceCase {
+  const char* name;
+  unsigned missing;
+  size_t boundBefore;  // how many of the required globals, in binding order, are bound
+};
+
+void PrintTo(const MissingServiceCase& c, std::ostream* os) { *os << c.name; }
+
+class MissingServiceTest : public DriverTest, public ::testing::WithParamInterface<MissingServiceCase> {
+ protected:
+  unsigned initialServices() const override { return kAllServices & ~GetParam().missing; }
+  bool loadsDriver() const override { return false; }
+};
+
+TEST_P(MissingServiceTest, EntryFailsWithTheLocateStatusAndInstallsNothing) {
+  const char* required[] = {"gHiiFormsProcessor2Protocol", "gHiiDatabase", "XMLProtocol", "HiiStringProtocol"};
+  EXPECT_EQ(loadDriver(), EFI_NOT_FOUND);
+  EXPECT_TRUE(platform().handlesWith(kConverterGuid).empty());
+  for (size_t i = 0; i < 4; ++i)
+    EXPECT_EQ(global<void*>(required[i]) != nullptr, i < GetParam().boundBefore) << required[i];
+  EXPECT_EQ(DRIVER_GLOBAL(gPassword2Protocol), nullptr);
+  EXPECT_EQ(DRIVER_GLOBAL(gLegacyPasswordProtocol), nullptr);
+  ASSERT_EQ(log().records().size(), 1u) << log().dump();
+  EXPECT_EQ(log().records()[0].function, kEntry);
+  EXPECT_EQ(log().records()[0].text, "Entering\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Services, MissingServiceTest,
+                         ::testing::Values(MissingServiceCase{"FormsProcessor", kFormsProcessor, 0},
+                                           MissingServiceCase{"HiiDatabase", kHiiDatabase, 1},
+                                           MissingServiceCase{"Xml", kXmlService, 2},
+                                           MissingServiceCase{"HiiString", kHiiString, 3}),
+                         [](const ::testing::TestParamInfo<MissingServiceCase>& info) {
+                           return std::string(info.param.name);
+                         });
+
+class EntryWithoutLogTest : public DriverTest {
+ protected:
+  unsigned initialServices() const override { return kRequiredServices & ~kXmlService; }
+  bool loadsDriver() const override { return false; }
+};
+
+TEST_F(EntryWithoutLogTest, FailedEntryKeepsTheLogNotifyEvent) {
+  size_t events = platform().openEvents();
+  EXPECT_EQ(loadDriver(), EFI_NOT_FOUND);
+  EXPECT_EQ(platform().openEvents(), events + 1);
+  // The kept event binds the log service once it arrives.
+  provide(kLogService);
+  EXPECT_EQ(DRIVER_GLOBAL(gLogProtocol), log().protocol());
+}
+
+TEST_F(DriverTest, EntryOnAHandleWithoutLoadedImageFailsWithTheOpenStatus) {
+  EFI_HANDLE bare = nullptr;
+  installStandIn(EFI_GUID{0x1d0a0002, 0, 0, {0}}, 8, &bare);
+  EFI_STATUS status = DRIVER_FN(TolvaneInitialize)(bare, st());
+  EXPECT_EQ(status, EFI_UNSUPPORTED) << statusName(status);
+  // The earlier instance was already replaced: nothing stays installed.
+  EXPECT_TRUE(platform().handlesWith(kConverterGuid).empty());
+}
+
+// Every allocation attempt of the entry (the handle listing of the earlier
+// instance, the device-location notify event, the record, the
+// installation) failing in turn.
+TEST_F(DriverTest, EntryAllocationFailures) {
+  auto initialize = DRIVER_FN(TolvaneInitialize);
+  TOLVANE_PROTOCOL* before = nullptr;
+  size_t eventsBefore = 0;
+  std::vector<EFI_STATUS> statuses;
+  size_t attempts = sweepAllocationFailures(
+      [&] {
+        before = converter();
+        eventsBefore = platform().openEvents();
+        log().clear();
+        return initialize(driver(), st());
+      },
+      [&](EFI_STATUS status, size_t k) {
+        statuses.push_back(status);
+        if (status == EFI_SUCCESS) {
+          EXPECT_NE(converter(), nullptr) << k;
+          return;
+        }
+        EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << k << " " << statusName(status);
+        EXPECT_EQ(platform().openEvents(), eventsBefore) << "an event stays after failure " << k;
+        if (k == 1) {
+          // Listing the handles of the earlier instance: it stays installed.
+          EXPECT_EQ(converter(), before);
+          const tvl::test::LogRecord* line = log().find(kEntry, "LocateHandleBuffer status = 9\n");
+          ASSERT_NE(line, nullptr) << log().dump();
+          EXPECT_EQ(line->level, TVL_LEVEL_FAILURE);
+        } else {
+          EXPECT_EQ(converter(), nullptr) << k;
+        }
+      },
+      [&] {
+        if (!converter()) {
+          ASSERT_EQ(initialize(driver(), st()), EFI_SUCCESS);
+        }
+      });
+  // Listing, event, notify registration, record, installation.
+  ASSERT_EQ(attempts, 5u);
+  std::vector<EFI_STATUS> expected = {EFI_OUT_OF_RESOURCES, EFI_SUCCESS, EFI_SUCCESS, EFI_OUT_OF_RESOURCES,
+                                      EFI_OUT_OF_RESOURCES};
+  EXPECT_EQ(statuses, expected);
+  EXPECT_EQ(platform().unloadImage(driver()), EFI_SUCCESS);
+}
+
+// ---------------------------------------------------------------- unsupported slots and unload
+
+TEST_F(DriverTest, UnsupportedSlotsAnswerUnsupportedWhateverTheyAreGiven) {
+  TOLVANE_PROTOCOL* p = converter();
+  ASSERT_NE(p, nullptr);
+  void* unsupported = symbol("UnsupportedOperation");
+  const TOLVANE_UNSUPPORTED fixedSlots[] = {p->Slot3, p->Slot4, p->Slot6, p->Slot8};
+  for (TOLVANE_UNSUPPORTED slot : fixedSlots) EXPECT_EQ(reinterpret_cast<void*>(slot), unsupported);
+
+  // Slots whose operations are not in the driver yet hold the same function.
+  std::vector<void*> slots;
+  for (size_t offset = 8; offset < sizeof(TOLVANE_PROTOCOL); offset += 8) {
+    void* fn = nullptr;
+    std::memcpy(&fn, reinterpret_cast<const unsigned char*>(p) + offset, sizeof fn);
+    if (fn == unsupported) slots.push_back(fn);
+  }
+  ASSERT_GE(slots.size(), 4u);
+
+  XML_NODE* node = nullptr;
+  CHAR16* request = nullptr;
+  int junk[4] = {1, 2, 3, 4};
+  const std::function<EFI_STATUS(void*)> calls[] = {
+      [](void* f) { return reinterpret_cast<EFI_STATUS(EFIAPI*)()>(f)(); },
+      [&](void* f) { return reinterpret_cast<TOLVANE_HII_TO_NODE>(f)(p, nullptr, &node, &node); },
+      [&](void* f) { return reinterpret_cast<TOLVANE_NODE_TO_HII>(f)(nullptr, junk, nullptr, &request, nullptr); },
+      [&](void* f) { return reinterpret_cast<TOLVANE_SET_BIOS_PASSWORD>(f)(p, reinterpret_cast<XML_NODE*>(junk), &node); },
+      [](void* f) { return reinterpret_cast<TOLVANE_UNSUPPORTED>(f)(1.5, ~0ull, "text", nullptr, 7, 8, 9, 10); },
+  };
+  for (void* slot : slots)
+    for (const auto& call : calls) EXPECT_EQ(call(slot), EFI_UNSUPPORTED);
+  EXPECT_EQ(node, nullptr);
+  EXPECT_EQ(request, nullptr);
+}
+
+TEST_F(DriverTest, UnloadRemovesTheProtocolAndFreesTheRecord) {
+  uint64_t record = allocationSequence(platform(), converter());
+  EXPECT_EQ(platform().unloadImage(driver()), EFI_SUCCESS);
+  EXPECT_TRUE(platform().handlesWith(kConverterGuid).empty());
+  EXPECT_FALSE(sequenceOutstanding(platform(), record));
+}
+
+TEST_F(DriverTest, UnloadWithoutTheProtocolSucceeds) {
+  TOLVANE_PROTOCOL* record = converter();
+  ASSERT_EQ(platform().uninstallProtocol(driver(), kConverterGuid, record), EFI_SUCCESS);
+  EXPECT_EQ(DRIVER_FN(TolvaneUnload)(driver()), EFI_SUCCESS);
+  EXPECT_TRUE(isAllocated(record));  // not the unload's to free any more
+  bs()->FreePool(record);
+}
+
+TEST_F(DriverTest, RefusedUninstallRefusesTheUnloadAndKeepsTheRecord) {
+  TOLVANE_PROTOCOL* record = converter();
+  EFI_HANDLE agent = nullptr;
+  installStandIn(EFI_GUID{0x1d0a0003, 0, 0, {0}}, 8, &agent);
+  VOID* opened = nullptr;
+  ASSERT_EQ(bs()->OpenProtocol(driver(), &kConverterGuid, &opened, agent, driver(), EFI_OPEN_PROTOCOL_BY_DRIVER),
+            EFI_SUCCESS);
+
+  EFI_STATUS status = platform().unloadImage(driver());
+  EXPECT_EQ(status, EFI_ACCESS_DENIED) << statusName(status);
+  EXPECT_EQ(converter(), record);
+  EXPECT_TRUE(isAllocated(record));
+
+  // Once the consumer lets go, the unload goes through.
+  ASSERT_EQ(bs()->CloseProtocol(driver(), &kConverterGuid, agent, driver()), EFI_SUCCESS);
+  EXPECT_EQ(platform().unloadImage(driver()), EFI_SUCCESS);
+  EXPECT_FALSE(isAllocated(record));
+}
+
+}  // namespace
