@@ -1,0 +1,287 @@
+// The text utilities, called in a loaded driver (they allocate from its
+// boot-services pool).
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/driver.h"
+#include "util/text.h"
+
+namespace {
+
+using tvl::test::DriverTest;
+using tvl::test::statusName;
+
+class TextTest : public DriverTest {
+ protected:
+  // A pool copy of `text` made as the driver would (its terminator from the
+  // zero fill).
+  CHAR8* poolText(const std::string& text) {
+    VOID* buffer = nullptr;
+    EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, text.size() + 1, &buffer), EFI_SUCCESS);
+    std::memcpy(buffer, text.c_str(), text.size() + 1);
+    return static_cast<CHAR8*>(buffer);
+  }
+  void freeText(CHAR8* text) {
+    if (text) bs()->FreePool(text);
+  }
+};
+
+TEST_F(TextTest, ParseDecimal) {
+  struct Case {
+    const char* text;
+    UINT64 value;
+  } cases[] = {
+      {nullptr, 0},
+      {"", 0},
+      {"  42abc", 42},
+      {"-5", 0},
+      {"\t5", 0},  // only blanks are skipped
+      {"007", 7},
+      {"12\x80" "3", 12},  // bytes of 0x80 and above end the number
+      {"1844674407370955161", 1844674407370955161ull},
+      {"18446744073709551614", 18446744073709551614ull},
+      {"18446744073709551615", ~0ull},
+      {"18446744073709551616", ~0ull},
+      {"99999999999999999999999", ~0ull},
+  };
+  auto parse = DRIVER_FN(parseDecimal);
+  for (const Case& c : cases) EXPECT_EQ(parse(c.text), c.value) << (c.text ? c.text : "(null)");
+}
+
+TEST_F(TextTest, IsAllDigits) {
+  struct Case {
+    const char* text;
+    BOOLEAN digits;
+  } cases[] = {{nullptr, TRUE}, {"", TRUE}, {"0123456789", TRUE}, {"12a", FALSE}, {" 1", FALSE}, {"/:", FALSE}};
+  auto test = DRIVER_FN(isAllDigits);
+  for (const Case& c : cases) EXPECT_EQ(test(c.text), c.digits) << (c.text ? c.text : "(null)");
+}
+
+TEST_F(TextTest, CompareNoCase) {
+  struct Case {
+    const char* a;
+    const char* b;
+    INT64 result;
+  } cases[] = {
+      {"Abc", "aBC", 0},
+      {"", "", 0},
+      {"ab", "abc", -1},
+      {"abc", "ab", 1},
+      {"zz", "abc", -1},  // length decides before any character
+      {"abd", "abc", 1},
+      {"a", "B", 'A' - 'B'},
+      {"[", "{", '[' - '{'},  // only a-z are mapped
+      {"\x80", "a", -128 - 'A'},  // characters compare as signed bytes
+  };
+  auto compare = DRIVER_FN(compareNoCase);
+  for (const Case& c : cases) EXPECT_EQ(compare(c.a, c.b), c.result) << c.a << " vs " << c.b;
+}
+
+TEST_F(TextTest, LowerCasing) {
+  char ascii[] = "AbZ@[`z09";
+  DRIVER_FN(toLowerAscii)(ascii);
+  EXPECT_STREQ(ascii, "abz@[`z09");
+  CHAR16 wide[] = u"AZ\u00C0\u0141q";
+  DRIVER_FN(toLowerUnicode)(wide);
+  EXPECT_EQ(std::u16string(wide), u"az\u00C0\u0141q");
+}
+
+TEST_F(TextTest, NarrowToAscii) {
+  struct Case {
+    std::u16string source;
+    std::string narrow;
+  } cases[] = {
+      {u"", ""},
+      {u"Plain text ~", "Plain text ~"},
+      {u"a\tb\u007Fc", "a b c"},
+      {u"\u00E9t\u00E9", " t "},
+      {u"\u0141\u0100x", "A x"},  // only the low byte is kept
+  };
+  for (const Case& c : cases) {
+    std::vector<char> out(c.source.size() + 1, '#');
+    DRIVER_FN(narrowToAscii)(c.source.c_str(), out.data());
+    EXPECT_EQ(std::string(out.data()), c.narrow);
+    EXPECT_EQ(out.back(), '\0');
+  }
+}
+
+TEST_F(TextTest, NumberToDecimalTextIsExactlySized) {
+  const UINT64 numbers[] = {0, 7, 10, 4294967296ull, ~0ull};
+  for (UINT64 n : numbers) {
+    CHAR8* text = DRIVER_FN(numberToDecimalText)(n);
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(std::string(text), std::to_string(n));
+    size_t size = 0;
+    ASSERT_TRUE(isAllocated(text, &size));
+    EXPECT_EQ(size, std::to_string(n).size() + 1);
+    freeText(text);
+  }
+  sweepAllocationFailures([&] {
+    CHAR8* text = DRIVER_FN(numberToDecimalText)(12);
+    freeText(text);
+    return text ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
+  }, [](EFI_STATUS status, size_t) { EXPECT_EQ(status, EFI_OUT_OF_RESOURCES); });
+}
+
+TEST_F(TextTest, BoundedFormatting) {
+  // Fixed: 128 characters including the terminator.
+  std::vector<CHAR16> fixed(200, u'#');
+  DRIVER_FN(formatUnicodeFixed)(fixed.data(), u"%s-%d", std::u16string(150, u'x').c_str(), 5);
+  EXPECT_EQ(std::u16string(fixed.data()), std::u16string(127, u'x'));
+  EXPECT_EQ(fixed[128], u'#');
+  DRIVER_FN(formatUnicodeFixed)(fixed.data(), u"%a=%x %r", "id", 0x2Au, EFI_NOT_FOUND);
+  EXPECT_EQ(std::u16string(fixed.data()), u"id=2a Not Found");
+
+  struct WideCase {
+    UINTN capacity;
+    std::u16string expected;
+  } wide[] = {{1, u""}, {4, u"7:a"}, {32, u"7:ab-18446744073709551615"}};
+  for (const WideCase& c : wide) {
+    std::vector<CHAR16> out(40, u'#');
+    DRIVER_FN(formatUnicodeN)(out.data(), c.capacity, u"%d:%a-%lu", 7, "ab", ~0ull);
+    EXPECT_EQ(std::u16string(out.data()), c.expected) << c.capacity;
+    EXPECT_EQ(out[c.capacity], u'#') << "wrote past the capacity " << c.capacity;
+  }
+
+  struct NarrowCase {
+    UINTN capacity;
+    std::string expected;
+  } narrow[] = {{1, ""}, {5, "-3|f"}, {64, "-3|ffffffff|Invalid Parameter|wide"}};
+  for (const NarrowCase& c : narrow) {
+    std::vector<char> out(80, '#');
+    DRIVER_FN(formatAsciiN)(out.data(), c.capacity, "%d|%x|%r|%s", -3, 0xFFFFFFFFu, EFI_INVALID_PARAMETER, u"wide");
+    EXPECT_EQ(std::string(out.data()), c.expected) << c.capacity;
+    EXPECT_EQ(out[c.capacity], '#') << "wrote past the capacity " << c.capacity;
+  }
+}
+
+TEST_F(TextTest, AsciiLengthAndFreeIfSet) {
+  EXPECT_EQ(DRIVER_FN(asciiLength)(nullptr), 0u);
+  EXPECT_EQ(DRIVER_FN(asciiLength)("four"), 4u);
+  DRIVER_FN(freeIfSet)(nullptr);
+  CHAR8* text = poolText("x");
+  DRIVER_FN(freeIfSet)(text);
+  EXPECT_FALSE(isAllocated(text));
+}
+
+TEST_F(TextTest, ReplaceAll) {
+  struct Case {
+    const char* text;
+    const char* search;
+    const char* replacement;
+    EFI_STATUS status;
+    const char* result;
+  } cases[] = {
+      {"a&b&c&", "&", "&amp;", EFI_SUCCESS, "a&amp;b&amp;c&amp;"},
+      {"abc", "x", "y", EFI_NOT_FOUND, "abc"},
+      {"", "x", "y", EFI_NOT_FOUND, ""},
+      {"aaaa", "aa", "a", EFI_SUCCESS, "aa"},
+      {"aaa", "aa", "b", EFI_SUCCESS, "ba"},       // left to right, no overlap
+      {"abab", "ab", "abab", EFI_SUCCESS, "abababab"},  // replacements are not searched again
+      {"xx", "x", "", EFI_SUCCESS, ""},
+      {"&lt;", "&lt;", "<", EFI_SUCCESS, "<"},
+  };
+  auto replace = DRIVER_FN(replaceAll);
+  for (const Case& c : cases) {
+    CHAR8* text = poolText(c.text);
+    EXPECT_EQ(replace(c.search, c.replacement, &text), c.status) << c.text;
+    ASSERT_NE(text, nullptr);
+    EXPECT_STREQ(text, c.result);
+    size_t size = 0;
+    ASSERT_TRUE(isAllocated(text, &size));
+    EXPECT_EQ(size, std::strlen(c.result) + 1) << c.text;
+    freeText(text);
+  }
+}
+
+TEST_F(TextTest, ReplaceAllRefusals) {
+  auto replace = DRIVER_FN(replaceAll);
+  CHAR8* text = poolText("abc");
+  CHAR8* none = nullptr;
+  EXPECT_EQ(replace(nullptr, "x", &text), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(replace("a", nullptr, &text), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(replace("a", "x", nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(replace("a", "x", &none), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(replace("", "x", &text), EFI_INVALID_PARAMETER);
+  EXPECT_STREQ(text, "abc");
+
+  // A refused allocation leaves the text as it was.
+  sweepAllocationFailures([&] { return replace("b", "<b>", &text); },
+                          [&](EFI_STATUS status, size_t) {
+                            EXPECT_EQ(status, EFI_OUT_OF_RESOURCES);
+                            EXPECT_STREQ(text, "abc");
+                          },
+                          [&] {
+                            freeText(text);
+                            text = poolText("abc");
+                          });
+  freeText(text);
+}
+
+TEST_F(TextTest, DecodeOctalEscapes) {
+  struct Case {
+    const char* source;
+    const char* decoded;  // null: out stays untouched
+  } cases[] = {
+      {"no backslash", nullptr},
+      {"", nullptr},
+      {"\\101", "A"},
+      {"x\\040y", "x y"},
+      {"\\000", "\\000"},  // not printable
+      {"\\377", "\\377"},
+      {"\\501", "A"},  // 321 modulo 256
+      {"\\18x", "\\18x"},
+      {"\\9", "\\9"},
+      {"a\\10", "a\\10"},  // fewer than three characters follow
+      {"\\101-\\101-\\102", "A-A-B"},
+      {"\\134101", "\\101"},  // the decoded backslash does not start a new escape
+      {"\\\\101", "\\A"},
+  };
+  auto decode = DRIVER_FN(decodeOctalEscapes);
+  for (const Case& c : cases) {
+    CHAR8 sentinel[] = "untouched";
+    CHAR8* out = sentinel;
+    decode(c.source, &out);
+    if (!c.decoded) {
+      EXPECT_EQ(out, sentinel) << c.source;
+      continue;
+    }
+    ASSERT_NE(out, sentinel) << c.source;
+    EXPECT_STREQ(out, c.decoded) << c.source;
+    freeText(out);
+  }
+  CHAR8* out = nullptr;
+  decode(nullptr, &out);
+  decode("\\101", nullptr);
+  EXPECT_EQ(out, nullptr);
+}
+
+TEST_F(TextTest, DecodeOctalEscapesAllocationFailures) {
+  CHAR8* out = nullptr;
+  sweepAllocationFailures(
+      [&] {
+        DRIVER_FN(decodeOctalEscapes)("\\101\\102", &out);
+        return EFI_SUCCESS;
+      },
+      [&](EFI_STATUS, size_t k) {
+        // The copy refused: nothing written. A replacement refused: that
+        // escape stays, the others are decoded.
+        const char* expected[] = {nullptr, "\\101B", "A\\102"};
+        ASSERT_LE(k, 3u);
+        if (!expected[k - 1]) {
+          EXPECT_EQ(out, nullptr);
+        } else {
+          ASSERT_NE(out, nullptr);
+          EXPECT_STREQ(out, expected[k - 1]);
+        }
+      },
+      [&] {
+        freeText(out);
+        out = nullptr;
+      });
+}
+
+}  // namespace
