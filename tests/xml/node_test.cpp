@@ -1,0 +1,564 @@
+// The node toolbox in a loaded driver, on trees of the real XML service.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/driver.h"
+#include "xml/node.h"
+
+namespace {
+
+using tvl::test::DriverTest;
+using tvl::test::statusName;
+
+// Nodes from `start` in document order: each node, its descendants, then
+// its following siblings. Iterative, for long chains.
+std::vector<const XML_NODE*> documentOrder(const XML_NODE* start) {
+  std::vector<const XML_NODE*> order;
+  std::vector<const XML_NODE*> pending;
+  for (const XML_NODE* node = start; node;) {
+    order.push_back(node);
+    if (node->children) {
+      if (node->next) pending.push_back(node->next);
+      node = node->children;
+    } else if (node->next) {
+      node = node->next;
+    } else if (!pending.empty()) {
+      node = pending.back();
+      pending.pop_back();
+    } else {
+      node = nullptr;
+    }
+  }
+  return order;
+}
+
+std::string text(const CHAR8* s) { return s ? std::string(s) : std::string("(null)"); }
+
+std::vector<std::pair<std::string, std::string>> attributesOf(const XML_NODE* node) {
+  std::vector<std::pair<std::string, std::string>> out;
+  for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next) out.emplace_back(text(a->name), text(a->value));
+  return out;
+}
+
+// Same names, contents and attributes, linked the same way; a copy has no
+// parents. Reports the first difference.
+::testing::AssertionResult sameTree(const XML_NODE* original, const XML_NODE* copy) {
+  std::vector<const XML_NODE*> a = documentOrder(original);
+  std::vector<const XML_NODE*> b = documentOrder(copy);
+  if (a.size() != b.size())
+    return ::testing::AssertionFailure() << a.size() << " nodes against " << b.size() << " in the copy";
+  std::map<const XML_NODE*, size_t> ia, ib;
+  for (size_t i = 0; i < a.size(); ++i) {
+    ia[a[i]] = i;
+    ib[b[i]] = i;
+  }
+  auto index = [](std::map<const XML_NODE*, size_t>& m, const XML_NODE* n) { return n ? long(m.at(n)) : -1L; };
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (a[i] == b[i]) return ::testing::AssertionFailure() << "node " << i << " is shared, not copied";
+    if (text(a[i]->name) != text(b[i]->name) || text(a[i]->contents) != text(b[i]->contents) ||
+        attributesOf(a[i]) != attributesOf(b[i]) || index(ia, a[i]->children) != index(ib, b[i]->children) ||
+        index(ia, a[i]->next) != index(ib, b[i]->next) || b[i]->parent != nullptr)
+      return ::testing::AssertionFailure() << "node " << i << " (" << text(a[i]->name) << ") differs";
+  }
+  return ::testing::AssertionSuccess();
+}
+
+class NodeTest : public DriverTest {
+ protected:
+  void SetUp() override {
+    DriverTest::SetUp();
+    if (HasFatalFailure()) return;
+    xml_ = locate<XML_PROTOCOL>(XML_PROTOCOL_GUID);
+    ASSERT_NE(xml_, nullptr);
+    log().clear();
+  }
+
+  // A tree of the XML service from a text; freed by the test.
+  XML_NODE* parse(const std::string& document) {
+    XML_NODE* root = nullptr;
+    XML_PARSE_ERROR error{};
+    EXPECT_EQ(xml_->XML_ParseText(xml_, document.c_str(), document.size(), &root, &error), EFI_SUCCESS)
+        << error.Message;
+    return root;
+  }
+  std::string serialise(XML_NODE* root) {
+    CHAR8* out = nullptr;
+    EXPECT_EQ(xml_->XML_NodeToXML(xml_, root, &out), EFI_SUCCESS);
+    std::string result = out ? out : "";
+    if (out) bs()->FreePool(out);
+    return result;
+  }
+  void release(XML_NODE* root) {
+    if (!root) return;
+    EXPECT_EQ(DRIVER_FN(freeNode)(root), EFI_SUCCESS);
+  }
+  // The node whose "id" attribute is `id`, host-side.
+  XML_NODE* byId(XML_NODE* root, const std::string& id) {
+    for (const XML_NODE* node : documentOrder(root))
+      for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next)
+        if (text(a->name) == "id" && text(a->value) == id) return const_cast<XML_NODE*>(node);
+    ADD_FAILURE() << "no node with id " << id;
+    return nullptr;
+  }
+  CHAR8* poolText(const std::string& s) {
+    VOID* buffer = nullptr;
+    EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, s.size() + 1, &buffer), EFI_SUCCESS);
+    std::memcpy(buffer, s.c_str(), s.size() + 1);
+    return static_cast<CHAR8*>(buffer);
+  }
+
+  XML_PROTOCOL* xml_ = nullptr;
+};
+
+// ---------------------------------------------------------------- creation
+
+TEST_F(NodeTest, CreateNodeClearsLinksAndTraces) {
+  XML_NODE* node = nullptr;
+  ASSERT_EQ(DRIVER_FN(createNode)("Item", &node), EFI_SUCCESS);
+  EXPECT_STREQ(node->name, "Item");
+  EXPECT_EQ(node->contents, nullptr);
+  EXPECT_EQ(node->attributes, nullptr);
+  EXPECT_EQ(node->parent, nullptr);
+  EXPECT_EQ(node->children, nullptr);
+  EXPECT_EQ(node->next, nullptr);
+  const tvl::test::LogRecord* line = log().find("createNode", "createNode, name: Item\n");
+  ASSERT_NE(line, nullptr) << log().dump();
+  EXPECT_EQ(line->level, TVL_LEVEL_TOOLBOX);
+  release(node);
+
+  XML_NODE* untouched = node;
+  EXPECT_EQ(DRIVER_FN(createNode)(nullptr, &untouched), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(untouched, node);
+  EXPECT_EQ(log().from("createNode").size(), 2u) << "the entry is traced before the arguments are checked";
+  EXPECT_EQ(DRIVER_FN(freeNode)(nullptr), EFI_INVALID_PARAMETER);
+}
+
+TEST_F(NodeTest, CreateNodeWithStringStoresEscapedCopy) {
+  struct Case {
+    const char* contents;
+    const char* stored;
+  } cases[] = {
+      {"a<b&c", "a&lt;b&amp;c"},
+      {"x>y", "x&gt;y"},
+      {"&lt;", "&lt;"},  // already escaped: unchanged
+      {"", ""},
+      {"&amp;lt;", "&lt;"},
+      {"5 &amp; 6 & 7", "5 &amp; 6 &amp; 7"},  // a mixture comes out fully escaped
+      {"&gt;&", "&gt;&amp;"},
+      {"\"quoted\" 'text'", "\"quoted\" 'text'"},
+  };
+  for (const Case& c : cases) {
+    XML_NODE* node = nullptr;
+    ASSERT_EQ(DRIVER_FN(createNodeWithString)("Value", c.contents, &node), EFI_SUCCESS) << c.contents;
+    ASSERT_NE(node->contents, nullptr);
+    EXPECT_STREQ(node->contents, c.stored) << c.contents;
+    EXPECT_NE(node->contents, c.contents);
+    size_t size = 0;
+    ASSERT_TRUE(isAllocated(node->contents, &size));
+    EXPECT_EQ(size, std::strlen(c.stored) + 1);
+    release(node);
+  }
+  std::vector<tvl::test::LogRecord> lines = log().records();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(lines[0].function, "createNodeWithString");
+  EXPECT_EQ(lines[0].text, "createNodeWithString, name: Value\n");
+  EXPECT_EQ(lines[0].level, TVL_LEVEL_TOOLBOX);
+  EXPECT_EQ(lines[1].function, "createNode");
+
+  XML_NODE* node = nullptr;
+  EXPECT_EQ(DRIVER_FN(createNodeWithString)(nullptr, "x", &node), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(DRIVER_FN(createNodeWithString)("Value", nullptr, &node), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(node, nullptr);
+}
+
+TEST_F(NodeTest, CreateNodeWithStringAllocationFailures) {
+  XML_NODE* node = nullptr;
+  size_t attempts = sweepAllocationFailures(
+      [&] { return DRIVER_FN(createNodeWithString)("Value", "a&b", &node); },
+      [&](EFI_STATUS status, size_t k) {
+        if (status != EFI_SUCCESS) {
+          // The node or its contents: nothing handed out.
+          EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << k;
+          EXPECT_EQ(node, nullptr) << k;
+          return;
+        }
+        // Escaping ignores its own failures: the copy stays as it was.
+        ASSERT_NE(node, nullptr);
+        EXPECT_STREQ(node->contents, "a&b") << k;
+      },
+      [&] {
+        release(node);
+        node = nullptr;
+      });
+  EXPECT_GE(attempts, 3u);
+}
+
+TEST_F(NodeTest, EscapeAndUnescape) {
+  struct Case {
+    const char* input;
+    const char* escaped;
+    const char* unescaped;
+  } cases[] = {
+      {"plain", "plain", "plain"},
+      {"<a> & b", "&lt;a&gt; &amp; b", "<a> & b"},
+      {"&lt;a&gt; &amp;amp;", "&lt;a&gt; &amp;amp;", "<a> &amp;"},
+      {"&amp;lt;", "&lt;", "<"},  // rows run in order, so both passes apply
+      {"&quot;", "&amp;quot;", "&quot;"},  // only the three table entries are known
+  };
+  for (const Case& c : cases) {
+    CHAR8* escaped = poolText(c.input);
+    DRIVER_FN(escapeXmlText)(&escaped);
+    EXPECT_STREQ(escaped, c.escaped) << c.input;
+    CHAR8* unescaped = poolText(c.input);
+    DRIVER_FN(unescapeXmlText)(&unescaped);
+    EXPECT_STREQ(unescaped, c.unescaped) << c.input;
+    bs()->FreePool(escaped);
+    bs()->FreePool(unescaped);
+  }
+  CHAR8* none = nullptr;
+  DRIVER_FN(escapeXmlText)(&none);
+  EXPECT_EQ(none, nullptr);
+}
+
+// ---------------------------------------------------------------- attributes
+
+TEST_F(NodeTest, AddAttributeKeepsOnlyDistinctPairs) {
+  struct Step {
+    const char* name;
+    const char* value;
+    size_t length;  // list length afterwards
+  } steps[] = {
+      {"a", "1", 1}, {"a", "1", 1}, {"a", "2", 2}, {"b", "1", 3}, {"a", "2", 3}, {"b", "", 4},
+  };
+  XML_NODE* node = nullptr;
+  ASSERT_EQ(DRIVER_FN(createNode)("N", &node), EFI_SUCCESS);
+  for (const Step& s : steps) {
+    ASSERT_EQ(DRIVER_FN(addAttribute)(s.name, s.value, &node), EFI_SUCCESS);
+    EXPECT_EQ(attributesOf(node).size(), s.length) << s.name << "=" << s.value;
+  }
+  using Pairs = std::vector<std::pair<std::string, std::string>>;
+  EXPECT_EQ(attributesOf(node), (Pairs{{"a", "1"}, {"a", "2"}, {"b", "1"}, {"b", ""}}));
+  size_t size = 0;
+  ASSERT_TRUE(isAllocated(node->attributes, &size));
+  EXPECT_EQ(size, sizeof(XML_ATTRIBUTE));
+  EXPECT_EQ(node->attributes->reserved, 0u);
+
+  // Numbers: no duplicate test.
+  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("n", 0, &node), EFI_SUCCESS);
+  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("n", 0, &node), EFI_SUCCESS);
+  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("max", ~0ull, &node), EFI_SUCCESS);
+  Pairs all = attributesOf(node);
+  EXPECT_EQ(Pairs(all.begin() + 4, all.end()), (Pairs{{"n", "0"}, {"n", "0"}, {"max", "18446744073709551615"}}));
+
+  XML_NODE* null = nullptr;
+  const EFI_STATUS refusals[] = {
+      DRIVER_FN(addAttribute)("a", "1", nullptr),       DRIVER_FN(addAttribute)("a", "1", &null),
+      DRIVER_FN(addAttribute)(nullptr, "1", &node),     DRIVER_FN(addAttribute)("a", nullptr, &node),
+      DRIVER_FN(addNumericAttribute)("n", 1, nullptr),  DRIVER_FN(addNumericAttribute)("n", 1, &null),
+      DRIVER_FN(addNumericAttribute)(nullptr, 1, &node),
+  };
+  for (EFI_STATUS status : refusals) EXPECT_EQ(status, EFI_INVALID_PARAMETER);
+  EXPECT_EQ(attributesOf(node).size(), 7u);
+  EXPECT_EQ(DRIVER_FN(newAttribute)(nullptr, "v"), nullptr);
+  EXPECT_EQ(DRIVER_FN(newAttribute)("n", nullptr), nullptr);
+  release(node);
+}
+
+TEST_F(NodeTest, AttributeAllocationFailures) {
+  XML_NODE* node = nullptr;
+  ASSERT_EQ(DRIVER_FN(createNode)("N", &node), EFI_SUCCESS);
+  ASSERT_EQ(DRIVER_FN(addAttribute)("first", "1", &node), EFI_SUCCESS);
+  auto cleanup = [&] {
+    // Back to the one attribute the node started with.
+    XML_ATTRIBUTE* extra = node->attributes->next;
+    node->attributes->next = nullptr;
+    for (XML_ATTRIBUTE* a = extra; a;) {
+      XML_ATTRIBUTE* next = a->next;
+      bs()->FreePool(a->name);
+      bs()->FreePool(a->value);
+      bs()->FreePool(a);
+      a = next;
+    }
+  };
+  // Record, name copy, value copy.
+  EXPECT_EQ(sweepAllocationFailures([&] { return DRIVER_FN(addAttribute)("second", "2", &node); },
+                                    [&](EFI_STATUS status, size_t k) {
+                                      EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << k;
+                                      EXPECT_EQ(attributesOf(node).size(), 1u);
+                                    },
+                                    cleanup),
+            3u);
+  // The decimal text, then the attribute.
+  EXPECT_EQ(sweepAllocationFailures([&] { return DRIVER_FN(addNumericAttribute)("n", 42, &node); },
+                                    [&](EFI_STATUS status, size_t k) {
+                                      EXPECT_EQ(status, k == 1 ? EFI_INVALID_PARAMETER : EFI_OUT_OF_RESOURCES) << k;
+                                      EXPECT_EQ(attributesOf(node).size(), 1u);
+                                    },
+                                    cleanup),
+            4u);
+  sweepAllocationFailures(
+      [&] {
+        XML_ATTRIBUTE* a = DRIVER_FN(newAttribute)("n", "v");
+        if (!a) return EFI_OUT_OF_RESOURCES;
+        bs()->FreePool(a->name);
+        bs()->FreePool(a->value);
+        bs()->FreePool(a);
+        return EFI_SUCCESS;
+      },
+      [](EFI_STATUS status, size_t k) { EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << k; });
+  release(node);
+}
+
+TEST_F(NodeTest, AttributeQueries) {
+  XML_NODE* root = parse("<r><n id=\"x\" a=\"1\" b=\"\"/><bare/></r>");
+  ASSERT_NE(root, nullptr);
+  XML_NODE* n = root->children;
+  XML_NODE* bare = n->next;
+  struct Case {
+    XML_NODE* node;
+    const char* name;
+    EFI_STATUS status;
+    const char* value;
+  } cases[] = {
+      {n, "a", EFI_SUCCESS, "1"},     {n, "b", EFI_SUCCESS, ""},    {n, "A", EFI_NOT_FOUND, nullptr},
+      {n, "c", EFI_NOT_FOUND, nullptr}, {bare, "a", EFI_NOT_FOUND, nullptr}, {nullptr, "a", EFI_NOT_FOUND, nullptr},
+  };
+  for (const Case& c : cases) {
+    CHAR8* value = nullptr;
+    EXPECT_EQ(DRIVER_FN(getAttributeValue)(c.node, c.name, &value), c.status) << c.name;
+    EXPECT_EQ(DRIVER_FN(hasAttribute)(c.node, c.name), c.status == EFI_SUCCESS ? TRUE : FALSE) << c.name;
+    if (c.value) {
+      EXPECT_STREQ(value, c.value);
+    } else {
+      EXPECT_EQ(value, nullptr);
+    }
+  }
+  CHAR8* shared = nullptr;
+  ASSERT_EQ(DRIVER_FN(getAttributeValue)(n, "a", &shared), EFI_SUCCESS);
+  EXPECT_EQ(shared, n->attributes->next->value) << "the value is the tree's own";
+  release(root);
+}
+
+// ---------------------------------------------------------------- searches
+
+constexpr char kSearchDocument[] =
+    "<root id=\"root\">"
+    "<A id=\"a1\"><B id=\"b1\">x</B><C id=\"c1\"><N id=\"n1\"/><N id=\"n2\">pw</N></C></A>"
+    "<C id=\"c2\"><N id=\"n3\">pw</N></C>"
+    "<B id=\"b2\">y</B>"
+    "<D id=\"d1\"><E id=\"e1\"/></D>"
+    "</root>";
+
+enum class Finder { ByName, ByChildContents, ByNameAndContents };
+
+TEST_F(NodeTest, FindersVisitStartDescendantsAndFollowingSiblingsInDocumentOrder) {
+  XML_NODE* root = parse(kSearchDocument);
+  ASSERT_NE(root, nullptr);
+  struct Case {
+    Finder finder;
+    const char* name;
+    const char* contents;
+    const char* start;
+    const char* found;  // id, or null for EFI_NOT_FOUND
+  } cases[] = {
+      {Finder::ByName, "B", nullptr, "root", "b1"},  // descendants before siblings
+      {Finder::ByName, "root", nullptr, "root", "root"},
+      {Finder::ByName, "C", nullptr, "b1", "c1"},  // a following sibling of the start
+      {Finder::ByName, "E", nullptr, "a1", "e1"},  // below a following sibling
+      {Finder::ByName, "B", nullptr, "c1", nullptr},  // the parent's following siblings are out of range
+      {Finder::ByName, "A", nullptr, "c2", nullptr},  // so are earlier nodes
+      {Finder::ByName, "Z", nullptr, "root", nullptr},
+      {Finder::ByChildContents, "C", "pw", "root", "c2"},  // c1's first child has no contents
+      {Finder::ByChildContents, "A", "x", "root", "a1"},
+      {Finder::ByChildContents, "N", "pw", "root", nullptr},
+      {Finder::ByChildContents, "C", "PW", "root", nullptr},
+      {Finder::ByNameAndContents, "B", "y", "root", "b2"},
+      {Finder::ByNameAndContents, "N", "pw", "root", "n2"},
+      {Finder::ByNameAndContents, "N", "pw", "c2", "n3"},
+      {Finder::ByNameAndContents, "B", "x", "c1", nullptr},
+  };
+  for (const Case& c : cases) {
+    XML_NODE* start = byId(root, c.start);
+    XML_NODE* out = nullptr;
+    EFI_STATUS status = EFI_ABORTED;
+    switch (c.finder) {
+      case Finder::ByName:
+        status = DRIVER_FN(findNodeByName)(c.name, start, &out);
+        break;
+      case Finder::ByChildContents:
+        status = DRIVER_FN(findNodeByChildContents)(c.contents, c.name, start, &out);
+        break;
+      case Finder::ByNameAndContents:
+        status = DRIVER_FN(findNodeByNameAndContents)(c.name, c.contents, start, &out);
+        break;
+    }
+    std::string label = std::string(c.name) + " from " + c.start;
+    if (!c.found) {
+      EXPECT_EQ(status, EFI_NOT_FOUND) << label;
+      EXPECT_EQ(out, nullptr) << label;
+    } else {
+      EXPECT_EQ(status, EFI_SUCCESS) << label;
+      EXPECT_EQ(out, byId(root, c.found)) << label;
+    }
+  }
+  release(root);
+}
+
+TEST_F(NodeTest, FindersRefuseMissingArguments) {
+  XML_NODE* root = parse(kSearchDocument);
+  XML_NODE* out = nullptr;
+  const EFI_STATUS refusals[] = {
+      DRIVER_FN(findNodeByName)(nullptr, root, &out),
+      DRIVER_FN(findNodeByName)("A", nullptr, &out),
+      DRIVER_FN(findNodeByChildContents)(nullptr, "C", root, &out),
+      DRIVER_FN(findNodeByChildContents)("pw", "C", nullptr, &out),
+      DRIVER_FN(findNodeByNameAndContents)(nullptr, "x", root, &out),
+      DRIVER_FN(findNodeByNameAndContents)("B", nullptr, root, &out),
+      DRIVER_FN(findNodeByNameAndContents)("B", "x", nullptr, &out),
+  };
+  for (EFI_STATUS status : refusals) EXPECT_EQ(status, EFI_INVALID_PARAMETER);
+  EXPECT_EQ(out, nullptr);
+  release(root);
+}
+
+TEST_F(NodeTest, CountValueStructsWalksTheSiblingChainOnly) {
+  XML_NODE* root =
+      parse("<r><ValueStruct/><X/><ValueStruct><ValueStruct/></ValueStruct><valuestruct/></r>");
+  ASSERT_NE(root, nullptr);
+  struct Case {
+    XML_NODE* start;
+    UINTN count;
+  } cases[] = {{root->children, 2}, {root->children->next, 1}, {root, 0}, {nullptr, 0}};
+  for (const Case& c : cases) EXPECT_EQ(DRIVER_FN(countValueStructs)(c.start), c.count);
+  release(root);
+}
+
+// ---------------------------------------------------------------- copies
+
+TEST_F(NodeTest, CopyCoversChildrenAndFollowingSiblings) {
+  XML_NODE* root = parse("<r><P id=\"p\" k=\"v\">t&amp;u<C1>one &lt; two</C1><C2/></P><S id=\"s\"/></r>");
+  ASSERT_NE(root, nullptr);
+  XML_NODE* p = root->children;
+  XML_NODE* copy = nullptr;
+  ASSERT_EQ(DRIVER_FN(copyNodeTree)(p, &copy), EFI_SUCCESS);
+  EXPECT_TRUE(sameTree(p, copy));
+  EXPECT_EQ(documentOrder(copy).size(), 4u);
+  EXPECT_STREQ(copy->contents, "t&amp;u");
+  release(copy);
+
+  XML_NODE* untouched = root;
+  EXPECT_EQ(DRIVER_FN(copyNodeTree)(nullptr, &untouched), EFI_NOT_FOUND);
+  EXPECT_EQ(untouched, root);
+  release(root);
+}
+
+TEST_F(NodeTest, CopyKeepsOneOfRepeatedIdenticalAttributes) {
+  XML_NODE* node = nullptr;
+  ASSERT_EQ(DRIVER_FN(createNode)("N", &node), EFI_SUCCESS);
+  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("n", 1, &node), EFI_SUCCESS);
+  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("n", 1, &node), EFI_SUCCESS);
+  ASSERT_EQ(DRIVER_FN(addAttribute)("n", "2", &node), EFI_SUCCESS);
+  XML_NODE* copy = nullptr;
+  ASSERT_EQ(DRIVER_FN(copyNodeTree)(node, &copy), EFI_SUCCESS);
+  using Pairs = std::vector<std::pair<std::string, std::string>>;
+  EXPECT_EQ(attributesOf(copy), (Pairs{{"n", "1"}, {"n", "2"}}));
+  release(copy);
+  release(node);
+}
+
+TEST_F(NodeTest, CopyAllocationFailuresLeaveAFreeablePrefix) {
+  XML_NODE* root = parse("<r><P k=\"v\">text<C1 a=\"1\">one</C1><C2><G/></C2></P><S/></r>");
+  ASSERT_NE(root, nullptr);
+  std::vector<const XML_NODE*> source = documentOrder(root->children);
+  XML_NODE* copy = nullptr;
+  size_t attempts = sweepAllocationFailures(
+      [&] { return DRIVER_FN(copyNodeTree)(root->children, &copy); },
+      [&](EFI_STATUS status, size_t k) {
+        EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << k;
+        if (!copy) return;  // the first node failed: nothing handed out
+        std::vector<const XML_NODE*> partial = documentOrder(copy);
+        ASSERT_LT(partial.size(), source.size()) << k;
+        for (size_t i = 0; i < partial.size(); ++i) EXPECT_STREQ(partial[i]->name, source[i]->name) << k;
+      },
+      [&] {
+        release(copy);
+        copy = nullptr;
+      });
+  EXPECT_GT(attempts, source.size());
+  release(root);
+}
+
+// ---------------------------------------------------------------- size
+
+// A root whose children are `count` siblings; the last one is named "Last"
+// and carries contents.
+XML_NODE* buildWideTree(DriverTest&, decltype(&createNode) create, decltype(&createNodeWithString) createWith,
+                        size_t count) {
+  XML_NODE* root = nullptr;
+  if (create("Root", &root) != EFI_SUCCESS) return nullptr;
+  XML_NODE** slot = &root->children;
+  for (size_t i = 0; i + 1 < count; ++i) {
+    if (create("ValueStruct", slot) != EFI_SUCCESS) return root;
+    slot = &(*slot)->next;
+  }
+  createWith("Last", "end", slot);
+  return root;
+}
+
+TEST_F(NodeTest, HundredThousandSiblingsAreBuiltSearchedCopiedAndFreed) {
+  ASSERT_EQ(log().setLevelMask(~TVL_LEVEL_TOOLBOX), EFI_SUCCESS);  // one line per node is not the point here
+  constexpr size_t kSiblings = 100000;
+  XML_NODE* root = buildWideTree(*this, DRIVER_FN(createNode), DRIVER_FN(createNodeWithString), kSiblings);
+  ASSERT_NE(root, nullptr);
+  XML_NODE* found = nullptr;
+  ASSERT_EQ(DRIVER_FN(findNodeByNameAndContents)("Last", "end", root, &found), EFI_SUCCESS);
+  EXPECT_EQ(found->next, nullptr);
+  EXPECT_EQ(DRIVER_FN(findNodeByName)("Missing", root->children, &found), EFI_NOT_FOUND);
+  EXPECT_EQ(DRIVER_FN(countValueStructs)(root->children), kSiblings - 1);
+
+  XML_NODE* copy = nullptr;
+  ASSERT_EQ(DRIVER_FN(copyNodeTree)(root, &copy), EFI_SUCCESS);
+  EXPECT_TRUE(sameTree(root, copy));
+  // From the first sibling, the copy is the whole chain.
+  XML_NODE* chain = nullptr;
+  ASSERT_EQ(DRIVER_FN(copyNodeTree)(root->children, &chain), EFI_SUCCESS);
+  EXPECT_EQ(documentOrder(chain).size(), kSiblings);
+  release(chain);
+  release(copy);
+  release(root);
+}
+
+// Every level has a child and a following sibling, so the walks hold one
+// pending sibling per level, beyond the levels kept without allocation.
+TEST_F(NodeTest, DeepTreesAreSearchedAndCopied) {
+  constexpr size_t kDepth = 3 * tvl::xml::kNodeWalkInlineDepth;
+  XML_NODE* root = nullptr;
+  ASSERT_EQ(DRIVER_FN(createNode)("Level", &root), EFI_SUCCESS);
+  XML_NODE* level = root;
+  for (size_t i = 0; i < kDepth; ++i) {
+    ASSERT_EQ(DRIVER_FN(createNode)("Level", &level->children), EFI_SUCCESS);
+    ASSERT_EQ(DRIVER_FN(createNode)(i == 0 ? "Tail" : "Side", &level->next), EFI_SUCCESS);
+    level = level->children;
+  }
+  XML_NODE* found = nullptr;
+  ASSERT_EQ(DRIVER_FN(findNodeByName)("Tail", root, &found), EFI_SUCCESS);
+  EXPECT_EQ(found, root->next);
+  XML_NODE* copy = nullptr;
+  ASSERT_EQ(DRIVER_FN(copyNodeTree)(root, &copy), EFI_SUCCESS);
+  EXPECT_TRUE(sameTree(root, copy));
+  release(copy);
+
+  // The walk's own memory is refused: the search reports it.
+  platform().failAllocationsFrom(1);
+  EFI_STATUS status = DRIVER_FN(findNodeByName)("Tail", root, &found);
+  platform().clearAllocationFaults();
+  EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << statusName(status);
+  release(root);
+}
+
+}  // namespace
