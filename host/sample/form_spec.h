@@ -1,0 +1,168 @@
+// Declarative descriptions of the sample platform's setup forms. A device
+// is described as data (its form set, forms, statements, storage and
+// current values), and one generic translation turns any description into
+// the HII package list a firmware driver would register and into the
+// initial bytes of its variable stores.
+//
+// Every statement has two texts: the prompt shown to users ("en-US") and
+// its keyword text ("x-UEFI"): the setting's name followed by bracketed
+// key:value tokens, e.g. "BootMode[ProgWrite:true]" or
+// "UsbManagedPort[SuppressIf:UsbPorts=0]". Help texts exist in "en-US" only.
+//
+// A description that cannot be laid out (a question outside its store,
+// two questions sharing bytes, a store or form that does not exist, a
+// current value that does not fit) throws std::invalid_argument: it is a
+// mistake in the description, found the first time the device is built.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/ifr/ifr_builder.h"
+
+namespace tvl::host::sample {
+
+// A condition scope (suppressif, grayoutif, disableif) around a statement
+// or an option.
+struct Condition {
+  UINT8 opcode = 0;  // EFI_IFR_SUPPRESS_IF_OP, EFI_IFR_GRAY_OUT_IF_OP or EFI_IFR_DISABLE_IF_OP
+  ifr::Expr expr;
+};
+Condition suppressIf(const ifr::Expr& expr);
+Condition grayOutIf(const ifr::Expr& expr);
+Condition disableIf(const ifr::Expr& expr);
+
+struct OptionSpec {
+  std::u16string text;     // en-US
+  std::u16string keyword;  // x-UEFI
+  UINT64 value = 0;
+  UINT8 flags = 0;  // EFI_IFR_OPTION_DEFAULT, EFI_IFR_OPTION_DEFAULT_MFG
+  std::vector<Condition> conditions;  // inside the question's scope, around the option
+};
+
+// A default of one default store: a constant of the question's kind or an
+// expression.
+struct DefaultSpec {
+  enum class Kind { Number, Boolean, Text, List, Expression };
+  Kind kind = Kind::Number;
+  UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD;
+  UINT64 number = 0;           // Number, Boolean
+  std::u16string text;         // Text (a string question's default)
+  std::vector<UINT64> list;    // List (an ordered list's default)
+  ifr::Expr expr;              // Expression
+};
+
+struct Statement {
+  UINT8 opcode = 0;  // EFI_IFR_*_OP
+  UINT16 questionId = 0;
+  std::u16string prompt;   // en-US
+  std::u16string keyword;  // x-UEFI
+  std::u16string helpText; // en-US; empty: no help
+  std::u16string textTwo;  // text statements: the second text
+  UINT16 varStore = 0;     // 0: no storage
+  UINT16 offset = 0;
+  ifr::Width width = ifr::Width::U8;  // numbers; an ordered list's elements
+  UINT64 minimum = 0, maximum = 0, step = 0;  // numeric range; string and password sizes in characters
+  UINT8 maxContainers = 0;                    // ordered list
+  UINT8 questionFlags = 0;                    // EFI_IFR_FLAG_*
+  UINT8 checkboxFlags = 0;                    // EFI_IFR_CHECKBOX_DEFAULT(_MFG)
+  bool isLocked = false;
+  UINT16 targetForm = 0;                      // reference
+  std::vector<OptionSpec> options;
+  std::vector<DefaultSpec> defaults;
+  std::vector<Condition> conditions;  // around the statement, outermost first
+  // What the device's storage holds at start: a number (checkbox 0 or 1),
+  // the elements of an ordered list, or the text of a string question.
+  std::vector<UINT64> current;
+  std::u16string currentText;
+
+  Statement& at(UINT16 store, UINT16 byteOffset);
+  Statement& help(const std::u16string& text);
+  Statement& range(UINT64 min, UINT64 max, UINT64 stepBy = 0);
+  Statement& option(const std::u16string& text, const std::u16string& keyword, UINT64 value, UINT8 flags = 0);
+  // An option inside a condition scope of its own.
+  Statement& optionIf(const Condition& condition, const std::u16string& text, const std::u16string& keyword,
+                      UINT64 value, UINT8 flags = 0);
+  Statement& defaultNumber(UINT64 value, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
+  Statement& defaultBoolean(bool on, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
+  Statement& defaultText(const std::u16string& text, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
+  Statement& defaultList(const std::vector<UINT64>& elements, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
+  Statement& defaultExpression(const ifr::Expr& expr, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
+  Statement& checkboxDefaults(bool standard, bool manufacturing);
+  Statement& when(const Condition& condition);
+  Statement& readOnly();
+  Statement& resetRequired();
+  Statement& locked();
+  Statement& value(UINT64 number);
+  Statement& values(const std::vector<UINT64>& elements);
+  Statement& valueText(const std::u16string& text);
+
+  // Bytes the question occupies in its store (0 for statements).
+  size_t storageBytes() const;
+};
+
+Statement subtitle(const std::u16string& prompt, const std::u16string& keyword);
+Statement text(const std::u16string& prompt, const std::u16string& keyword, const std::u16string& textTwo);
+Statement oneOf(UINT16 questionId, const std::u16string& prompt, const std::u16string& keyword,
+                ifr::Width width = ifr::Width::U8);
+Statement checkbox(UINT16 questionId, const std::u16string& prompt, const std::u16string& keyword);
+Statement numeric(UINT16 questionId, const std::u16string& prompt, const std::u16string& keyword,
+                  ifr::Width width = ifr::Width::U8);
+Statement string(UINT16 questionId, const std::u16string& prompt, const std::u16string& keyword, UINT8 minChars,
+                 UINT8 maxChars);
+Statement password(UINT16 questionId, const std::u16string& prompt, const std::u16string& keyword, UINT16 minChars,
+                   UINT16 maxChars);
+Statement orderedList(UINT16 questionId, const std::u16string& prompt, const std::u16string& keyword,
+                      ifr::Width elementWidth, UINT8 maxContainers);
+Statement reference(UINT16 questionId, const std::u16string& prompt, const std::u16string& keyword, UINT16 formId);
+
+struct FormSpec {
+  UINT16 id = 0;
+  std::u16string title;    // en-US
+  std::u16string keyword;  // x-UEFI
+  std::vector<Statement> statements;
+};
+
+struct VarStoreSpec {
+  UINT16 id = 0;
+  EFI_GUID guid{};
+  std::string name;
+  UINT16 size = 0;
+  bool efiVariable = false;  // an EFI variable rather than a buffer the device holds
+  UINT32 attributes = 0;     // EFI variable attributes
+};
+
+struct FormSetSpec {
+  EFI_GUID guid{};
+  std::u16string title;    // en-US
+  std::u16string keyword;  // x-UEFI
+  std::u16string helpText; // en-US
+  std::u16string standardDefaultsName = u"Standard Defaults";
+  std::u16string manufacturingDefaultsName = u"Manufacturing Defaults";
+  std::vector<VarStoreSpec> varStores;
+  std::vector<FormSpec> forms;
+};
+
+struct DeviceSpec {
+  std::u16string fqdd;
+  std::u16string description;
+  std::vector<UINT8> devicePath;  // end node included
+  EFI_GUID packageListGuid{};
+  FormSetSpec formSet;
+};
+
+// The package list of a device: its forms package and one string package
+// per language ("en-US", then "x-UEFI"), validated against the rules in the
+// header comment.
+ifr::Bytes buildPackageList(const DeviceSpec& device);
+
+// The bytes a store holds at start: every question stored there written
+// with its current value (little-endian numbers, UCS-2 text), zero elsewhere.
+std::vector<UINT8> initialStorage(const FormSetSpec& formSet, const VarStoreSpec& store);
+
+// Checks the layout rules; throws std::invalid_argument naming the first
+// statement that breaks one.
+void validate(const DeviceSpec& device);
+
+}  // namespace tvl::host::sample

@@ -1,0 +1,133 @@
+#include "host/sample/sample_platform.h"
+
+#include <cstdio>
+#include <stdexcept>
+
+#include "host/hii/config_string.h"
+#include "host/sample/sample_devices.h"
+
+namespace tvl::host::sample {
+namespace {
+
+struct StatusName {
+  EFI_STATUS status;
+  const char* name;
+};
+
+constexpr StatusName kStatusNames[] = {
+    {EFI_SUCCESS, "EFI_SUCCESS"},
+    {EFI_LOAD_ERROR, "EFI_LOAD_ERROR"},
+    {EFI_INVALID_PARAMETER, "EFI_INVALID_PARAMETER"},
+    {EFI_UNSUPPORTED, "EFI_UNSUPPORTED"},
+    {EFI_BAD_BUFFER_SIZE, "EFI_BAD_BUFFER_SIZE"},
+    {EFI_BUFFER_TOO_SMALL, "EFI_BUFFER_TOO_SMALL"},
+    {EFI_NOT_READY, "EFI_NOT_READY"},
+    {EFI_DEVICE_ERROR, "EFI_DEVICE_ERROR"},
+    {EFI_WRITE_PROTECTED, "EFI_WRITE_PROTECTED"},
+    {EFI_OUT_OF_RESOURCES, "EFI_OUT_OF_RESOURCES"},
+    {EFI_VOLUME_CORRUPTED, "EFI_VOLUME_CORRUPTED"},
+    {EFI_NOT_FOUND, "EFI_NOT_FOUND"},
+    {EFI_ACCESS_DENIED, "EFI_ACCESS_DENIED"},
+    {EFI_ALREADY_STARTED, "EFI_ALREADY_STARTED"},
+    {EFI_ABORTED, "EFI_ABORTED"},
+    {EFI_PROTOCOL_ERROR, "EFI_PROTOCOL_ERROR"},
+    {EFI_SECURITY_VIOLATION, "EFI_SECURITY_VIOLATION"},
+    {EFI_INVALID_LANGUAGE, "EFI_INVALID_LANGUAGE"},
+};
+
+template <typename T>
+T* locateAs(Platform& platform, const EFI_GUID& guid) {
+  return static_cast<T*>(platform.locateProtocol(guid));
+}
+
+constexpr EFI_GUID kLogGuid = DEBUG_LOG_PROTOCOL_GUID;
+constexpr EFI_GUID kXmlGuid = XML_PROTOCOL_GUID;
+constexpr EFI_GUID kLocationGuid = DEVICE_LOCATION_PROTOCOL_GUID;
+constexpr EFI_GUID kFormsGuid = HII_FORMS_PROCESSOR2_PROTOCOL_GUID;
+
+}  // namespace
+
+std::string statusText(EFI_STATUS status) {
+  for (const StatusName& s : kStatusNames)
+    if (s.status == status) return s.name;
+  char text[32];
+  std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(status));
+  return text;
+}
+
+SamplePlatform::SamplePlatform() : owned_(std::make_unique<Platform>()), platform_(owned_.get()) {
+  build(sampleDevices());
+}
+
+SamplePlatform::SamplePlatform(Platform& platform) : platform_(&platform) { build(sampleDevices()); }
+
+SamplePlatform::SamplePlatform(Platform& platform, std::vector<DeviceSpec> devices) : platform_(&platform) {
+  build(std::move(devices));
+}
+
+SamplePlatform::~SamplePlatform() {
+  devices_.clear();
+  hii_.reset();
+}
+
+void SamplePlatform::build(std::vector<DeviceSpec> specs) {
+  // The log first, so that the other services' traces have somewhere to go.
+  loadService("log_service", kLogGuid);
+  loadService("xml_service", kXmlGuid);
+  loadService("location_service", kLocationGuid);
+  loadService("forms_service", kFormsGuid);
+  hii_ = std::make_unique<hii::HiiDatabase>(*platform_);
+  for (auto& spec : specs) addDevice(std::move(spec));
+}
+
+void SamplePlatform::loadService(const std::string& image, const EFI_GUID& protocol) {
+  ServiceImage service{image, protocol, nullptr};
+  EFI_STATUS status = platform_->loadImage(image, &service.handle);
+  if (status != EFI_SUCCESS)
+    throw std::runtime_error("cannot load the service image " + image + " from " + Platform::imageDirectory() +
+                             ": " + statusText(status));
+  if (!platform_->locateProtocol(protocol))
+    throw std::runtime_error("the service image " + image + " installed no protocol");
+  services_.push_back(service);
+}
+
+void SamplePlatform::addDevice(DeviceSpec spec) {
+  const std::string name = hii::toAscii(spec.fqdd);
+  auto device = std::make_unique<devices::Device>(*platform_, *hii_, spec.devicePath);
+  for (const auto& store : spec.formSet.varStores) {
+    std::u16string storeName = hii::toUtf16(store.name);
+    std::vector<UINT8> bytes = initialStorage(spec.formSet, store);
+    if (store.efiVariable)
+      device->addVariableStorage(store.guid, storeName, bytes, store.attributes);
+    else
+      device->addBufferStorage(store.guid, storeName, bytes);
+  }
+  device->addPackageList(buildPackageList(spec));
+
+  DEVICE_LOCATION_PROTOCOL* service = location();
+  EFI_STATUS status = service->RegisterLocation(
+      service, reinterpret_cast<const EFI_DEVICE_PATH_PROTOCOL*>(spec.devicePath.data()), spec.fqdd.c_str(),
+      spec.description.c_str());
+  if (status != EFI_SUCCESS)
+    throw std::runtime_error("the location service refuses device " + name + ": " + statusText(status));
+  devices_.push_back({std::move(spec), std::move(device)});
+}
+
+DEVICE_LOCATION_PROTOCOL* SamplePlatform::location() const {
+  return locateAs<DEVICE_LOCATION_PROTOCOL>(*platform_, kLocationGuid);
+}
+HII_FORMS_PROCESSOR2_PROTOCOL* SamplePlatform::formsProcessor() const {
+  return locateAs<HII_FORMS_PROCESSOR2_PROTOCOL>(*platform_, kFormsGuid);
+}
+XML_PROTOCOL* SamplePlatform::xml() const { return locateAs<XML_PROTOCOL>(*platform_, kXmlGuid); }
+DEBUG_LOG_PROTOCOL* SamplePlatform::log() const { return locateAs<DEBUG_LOG_PROTOCOL>(*platform_, kLogGuid); }
+
+SampleDevice* SamplePlatform::findDevice(const std::u16string& fqdd) {
+  for (auto& d : devices_)
+    if (d.spec.fqdd == fqdd) return &d;
+  return nullptr;
+}
+
+EFI_STATUS SamplePlatform::loadDriver(EFI_HANDLE* imageHandle) { return platform_->loadImage(kDriverImage, imageHandle); }
+
+}  // namespace tvl::host::sample
