@@ -11,15 +11,15 @@ ExprValue number(UINT8 type, UINT64 n) { return ExprValue{type, n}; }
 bool isNumber(const ExprValue& v) { return v.type <= EFI_IFR_TYPE_NUM_SIZE_64; }
 bool isComparable(const ExprValue& v) { return isNumber(v) || v.type == EFI_IFR_TYPE_BOOLEAN; }
 
-// Heap sort of the index entries by key; iterative, no extra memory.
-template <typename T>
-void sortByKey(T* a, UINTN n) {
-  auto siftDown = [a](UINTN root, UINTN end) {
+// Heap sort with `less`; iterative, no extra memory.
+template <typename T, typename Less>
+void heapSort(T* a, UINTN n, Less less) {
+  auto siftDown = [a, &less](UINTN root, UINTN end) {
     for (;;) {
       UINTN child = 2 * root + 1;
       if (child >= end) return;
-      if (child + 1 < end && a[child].key < a[child + 1].key) ++child;
-      if (!(a[root].key < a[child].key)) return;
+      if (child + 1 < end && less(a[child], a[child + 1])) ++child;
+      if (!less(a[root], a[child])) return;
       T t = a[root];
       a[root] = a[child];
       a[child] = t;
@@ -239,24 +239,28 @@ EFI_STATUS QuestionIndex::build(const ParsedForms& parsed) {
   for (UINTN i = 0; i < parsed.statements.size(); ++i) {
     const StatementEntry& s = parsed.statements[i];
     if (s.record->QuestionId == 0) continue;
-    UINT64 key = (UINT64(s.formSet) << 48) | (UINT64(s.record->QuestionId) << 32) | UINT64(i);
-    RETURN_IF_ERROR(entries_.push({key, s.record}));
+    RETURN_IF_ERROR(entries_.push({s.formSet, s.record->QuestionId, UINT32(i), s.record}));
   }
-  sortByKey(entries_.data(), entries_.size());
+  heapSort(entries_.data(), entries_.size(), [](const Entry& a, const Entry& b) {
+    if (a.formSet != b.formSet) return a.formSet < b.formSet;
+    if (a.questionId != b.questionId) return a.questionId < b.questionId;
+    return a.position < b.position;
+  });
   return EFI_SUCCESS;
 }
 
 const HII_STATEMENT_RECORD* QuestionIndex::find(UINT32 formSet, UINT16 questionId) const {
-  UINT64 wanted = (UINT64(formSet) << 48) | (UINT64(questionId) << 32);
   UINTN lo = 0, hi = entries_.size();
   while (lo < hi) {
     UINTN mid = lo + (hi - lo) / 2;
-    if (entries_[mid].key < wanted)
+    const Entry& e = entries_[mid];
+    if (e.formSet < formSet || (e.formSet == formSet && e.questionId < questionId))
       lo = mid + 1;
     else
       hi = mid;
   }
-  if (lo < entries_.size() && (entries_[lo].key >> 32) == (wanted >> 32)) return entries_[lo].record;
+  if (lo < entries_.size() && entries_[lo].formSet == formSet && entries_[lo].questionId == questionId)
+    return entries_[lo].record;
   return nullptr;
 }
 

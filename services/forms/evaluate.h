@@ -23,7 +23,9 @@ class QuestionIndex {
 
  private:
   struct Entry {
-    UINT64 key;  // form set, question id, position: the sort order
+    UINT32 formSet;
+    UINT16 questionId;
+    UINT32 position;  // among the statements: the first of equal ids sorts first
     const HII_STATEMENT_RECORD* record;
   };
   Vector<Entry> entries_;

@@ -104,10 +104,16 @@ EFI_STATUS processPackageList(EFI_HII_DATABASE_PROTOCOL* db, EFI_HII_HANDLE hand
                               const EFI_GUID* filter, FormSetList& result) {
   rt::Pool<UINT8> buffer;
   UINTN size = 0;
-  EFI_STATUS status = rt::callWithSizedBuffer(kInitialExportSize, buffer, size, [db, handle](UINT8* b, UINTN* s) {
-    return db->ExportPackageLists(db, handle, s, reinterpret_cast<EFI_HII_PACKAGE_LIST_HEADER*>(b));
-  });
+  UINTN allocated = 0;
+  EFI_STATUS status =
+      rt::callWithSizedBuffer(kInitialExportSize, buffer, size, [db, handle, &allocated](UINT8* b, UINTN* s) {
+        allocated = *s;
+        return db->ExportPackageLists(db, handle, s, reinterpret_cast<EFI_HII_PACKAGE_LIST_HEADER*>(b));
+      });
   if (EFI_ERROR(status)) return reportFailure(status, 0, "ExportPackageLists failed: %r", status);
+  if (size > allocated)
+    return reportFailure(EFI_VOLUME_CORRUPTED, 0, "ExportPackageLists reported %d bytes for a %d-byte buffer",
+                         UINT32(size), UINT32(allocated));
 
   PackageList list;
   list.index = index;

@@ -15,23 +15,6 @@ namespace {
 using ifr::Bytes;
 
 // ---------------------------------------------------------------- IFR bytes
-Bytes cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
-
-Bytes op(UINT8 opcode, bool scope, const Bytes& body) {
-  Bytes out{opcode, UINT8((body.size() + 2) | (scope ? 0x80 : 0))};
-  out.insert(out.end(), body.begin(), body.end());
-  return out;
-}
-
-Bytes guidBytes(const EFI_GUID& g) {
-  const UINT8* p = reinterpret_cast<const UINT8*>(&g);
-  return Bytes(p, p + sizeof(g));
-}
-
 const Bytes kEnd = {EFI_IFR_END_OP, 0x02};
 const Bytes kFormSet = op(EFI_IFR_FORM_SET_OP, true, cat({guidBytes(kFormSetGuid), {1, 0, 1, 0, 0}}));
 const Bytes kForm = op(EFI_IFR_FORM_OP, true, {1, 0, 1, 0});

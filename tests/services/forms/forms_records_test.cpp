@@ -390,5 +390,76 @@ TEST_F(FormsRecordsTest, FormSetFilterAndSeveralHandles) {
   EXPECT_EQ(lastError().Status, EFI_NOT_FOUND);
 }
 
+TEST_F(FormsRecordsTest, DatesTimesResetButtonsFormMapsNamedStorageAndReferences) {
+  ifr::Strings strings({"en-US"});
+  UINT16 s = strings.add(u"x");
+  UINT16 t = strings.add(u"y");
+  auto question = [s](UINT8 opcode, UINT16 id, UINT16 offset) {
+    return op(opcode, false, cat({le16(s), le16(s), le16(id), le16(1), le16(offset), {0, 0}}));
+  };
+  ifr::FormSetBuilder fs(kFormSetGuid, s, s);
+  fs.varStore(1, kStoreGuid, "Setup", 8);
+  fs.nameValueVarStore(3, kVariableGuid);
+  fs.form(1, s)
+      .raw(question(EFI_IFR_DATE_OP, 0x40, 0))
+      .raw(question(EFI_IFR_TIME_OP, 0x41, 4))
+      .raw(op(EFI_IFR_RESET_BUTTON_OP, false, cat({le16(t), le16(s), le16(1)})))
+      .numeric(ifr::Numeric(0x42, s, s).storeNamed(3, t))
+      .ref(ifr::Ref(0x43, s, s).toQuestion(2, 0x40))
+      .ref(ifr::Ref(0x44, s, s).toFormSet(kOtherFormSetGuid, 3, 4))
+      .ref(ifr::Ref(0x45, s, s).toDevice(9, kOtherFormSetGuid, 5, 6))
+      .ref(ifr::Ref(0x46, s, s))
+      .label(1)
+      .locked();
+  fs.raw(cat({op(EFI_IFR_FORM_MAP_OP, true, cat({le16(8), le16(t), guidBytes(kStoreGuid)})),
+              op(EFI_IFR_TEXT_OP, false, cat({le16(t), le16(s), le16(0)})), {EFI_IFR_END_OP, 2}}));
+  devices::Device& device = addDevice();
+  device.addBufferStorage(kStoreGuid, u"Setup", {0xE8, 0x07, 6, 11, 12, 34, 56, 0});
+  auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+  const HII_FORMSET_RECORD* set = parse->set();
+
+  const HII_STATEMENT_RECORD* date = findQuestion(set, 0x40);
+  EXPECT_EQ(date->Operand, EFI_IFR_DATE_OP);
+  EXPECT_EQ(date->HiiValue.Type, EFI_IFR_TYPE_DATE);
+  EXPECT_EQ(std::vector<UINT8>(date->HiiValue.Value, date->HiiValue.Value + 4), (std::vector<UINT8>{0xE8, 7, 6, 11}));
+  EXPECT_EQ(text16(date->BlockName), hii::blockName(0, 4));
+  const HII_STATEMENT_RECORD* time = findQuestion(set, 0x41);
+  EXPECT_EQ(time->HiiValue.Type, EFI_IFR_TYPE_TIME);
+  EXPECT_EQ(std::vector<UINT8>(time->HiiValue.Value, time->HiiValue.Value + 4), (std::vector<UINT8>{12, 34, 56, 0}));
+  EXPECT_EQ(text16(time->BlockName), hii::blockName(4, 3));
+  EXPECT_EQ(findPrompt(set, t)->Operand, EFI_IFR_RESET_BUTTON_OP);
+
+  // Name/value storage: the store is known, a block name is not.
+  const HII_STATEMENT_RECORD* named = findQuestion(set, 0x42);
+  ASSERT_NE(named->VarStore, nullptr);
+  EXPECT_EQ(named->VarStore->Guid, kVariableGuid);
+  EXPECT_EQ(named->BlockName, nullptr);
+  ASSERT_EQ(set->VarStoreBufferCount, 2u);
+  EXPECT_EQ(text16(set->VarStoreBuffer[1]->ConfigHdr), hii::configHdr(kVariableGuid, u"", device.devicePath()));
+
+  // References: EFI_HII_REF is QuestionId, FormId, FormSetGuid, DevicePath.
+  const struct {
+    UINT16 id, question, form, devicePath;
+    EFI_GUID formSet;
+  } refs[] = {{0x43, 0x40, 2, 0, {}}, {0x44, 4, 3, 0, kOtherFormSetGuid}, {0x45, 6, 5, 9, kOtherFormSetGuid},
+              {0x46, 0, 0, 0, {}}};
+  for (const auto& r : refs) {
+    SCOPED_TRACE(r.id);
+    const HII_VALUE& v = findQuestion(set, r.id)->HiiValue;
+    EXPECT_EQ(v.Type, EFI_IFR_TYPE_REF);
+    EXPECT_EQ(v.Value[0] | (v.Value[1] << 8), r.question);
+    EXPECT_EQ(v.Value[2] | (v.Value[3] << 8), r.form);
+    EXPECT_EQ(std::memcmp(&v.Value[4], &r.formSet, sizeof(EFI_GUID)), 0);
+    EXPECT_EQ(v.Value[20] | (v.Value[21] << 8), r.devicePath);
+  }
+
+  ASSERT_EQ(set->FormCount, 2u);
+  EXPECT_EQ(set->Forms[0]->StatementCount, 8u) << "the label and the locked tag are no statements";
+  EXPECT_EQ(set->Forms[1]->FormId, 8);
+  EXPECT_EQ(set->Forms[1]->FormTitle, t);
+  EXPECT_EQ(set->Forms[1]->StatementCount, 1u);
+}
+
 }  // namespace
 }  // namespace tvl::test::forms

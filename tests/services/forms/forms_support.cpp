@@ -36,6 +36,25 @@ UINT64 number(const HII_VALUE& v) {
   return hiiValueNumber(v, hiiNumberWidth(v.Type));
 }
 
+ifr::Bytes cat(std::initializer_list<ifr::Bytes> parts) {
+  ifr::Bytes out;
+  for (const ifr::Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+
+ifr::Bytes op(UINT8 opcode, bool scope, const ifr::Bytes& body) {
+  ifr::Bytes out{opcode, UINT8((body.size() + 2) | (scope ? 0x80 : 0))};
+  out.insert(out.end(), body.begin(), body.end());
+  return out;
+}
+
+ifr::Bytes guidBytes(const EFI_GUID& g) {
+  const UINT8* p = reinterpret_cast<const UINT8*>(&g);
+  return ifr::Bytes(p, p + sizeof(g));
+}
+
+ifr::Bytes le16(UINT16 v) { return {UINT8(v), UINT8(v >> 8)}; }
+
 // ---------------------------------------------------------------- raw database
 RawDatabase::RawDatabase(host::Platform& platform) : platform_(platform) {
   table_.protocol.ExportPackageLists = exportLists;

@@ -54,6 +54,12 @@ HII_STATEMENT_RECORD* findPrompt(const HII_FORMSET_RECORD* set, UINT16 prompt);
 std::u16string text16(const CHAR16* s);  // empty for null
 UINT64 number(const HII_VALUE& v);       // the number at the width of its type
 
+// Raw IFR bytes for what the builder does not write.
+ifr::Bytes cat(std::initializer_list<ifr::Bytes> parts);
+ifr::Bytes op(UINT8 opcode, bool scope, const ifr::Bytes& body);  // header with the length computed
+ifr::Bytes guidBytes(const EFI_GUID& g);
+ifr::Bytes le16(UINT16 v);
+
 // A database that exports fixed bytes for one handle, for package lists
 // the real database would refuse.
 class RawDatabase {
