@@ -3,12 +3,34 @@
 // packages, parses the IFR of its forms packages into records and completes
 // them with the device's current values and the evaluated conditions.
 //
-// Malformed package data (a package list, package or opcode that does not
-// fit, misplaced or unclosed scopes, unknown opcodes, malformed
-// expressions, a forms package without a form set) fails the whole call
-// with EFI_VOLUME_CORRUPTED; bad arguments give EFI_INVALID_PARAMETER and
-// finding no form set at all gives EFI_NOT_FOUND. A failed call returns no
-// records, keeps no memory, and leaves its cause for GetLastError.
+// Statuses: bad arguments (a null handle among them) give
+// EFI_INVALID_PARAMETER; malformed package data (a package list, package
+// or opcode that does not fit, misplaced or unclosed scopes, unknown
+// opcodes, counts that overrun their opcode, malformed expressions, nesting
+// past the limits, a forms package without a form set) gives
+// EFI_VOLUME_CORRUPTED; no form set at all, or none with the GUID asked
+// for, gives EFI_NOT_FOUND; the database's own failures are passed on. A
+// failed call returns no records and keeps no memory; GetLastError tells
+// its status, the index of the handle being parsed, the byte offset in
+// that package list and a message. The filter compares the form set's own
+// GUID.
+//
+// Current values: a buffer store is read through the driver's
+// EFI_HII_CONFIG_ACCESS_PROTOCOL.ExtractConfig with its ConfigHdr alone (the
+// whole store), an EFI variable store through GetVariable. Without
+// configuration access, or when either read fails for another reason than
+// a lack of memory, the values stay zero and the parse goes on; so does a
+// question whose field lies outside its store. Passwords are never read
+// back; a reference keeps the target its opcode names.
+//
+// Conditions are evaluated with those current values. A suppressif,
+// disableif or grayoutif around a statement sets SuppressedMark,
+// DisabledMark or ReadOnlyMark when any enclosing one is true; one inside a
+// question's own scope that holds no option governs the question the same
+// way; suppressif and disableif around an option set OptionSuppressed.
+// Every grayoutif that governs a statement also makes its ReadOnlyCondition,
+// whose boolean Result is true when any of them is. An expression whose
+// value is not a boolean TRUE (undefined included) does not hold.
 #include "services/forms/complete.h"
 #include "services/forms/config.h"
 #include "services/forms/parsed.h"
