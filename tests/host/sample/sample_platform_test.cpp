@@ -1,0 +1,188 @@
+// The sample platform: its devices as the forms processor and the location
+// service see them, the layout rules of the form descriptions, and the
+// initial bytes of a store.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+#include "export/records/records.h"
+#include "host/hii/config_string.h"
+#include "host/sample/sample_devices.h"
+#include "host/sample/sample_platform.h"
+#include "tests/support/fixture.h"
+
+namespace sample = tvl::host::sample;
+using sample::Statement;
+using tvl::host::ifr::Width;
+
+namespace {
+
+class SamplePlatformTest : public tvl::test::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    sample_ = std::make_unique<sample::SamplePlatform>(platform());
+    // The services' own tables and the devices' registrations live as long
+    // as the platform.
+    markBaseline();
+  }
+  void TearDown() override {
+    // The devices and the HII database hold no pool memory; they must go
+    // before the platform.
+    sample_.reset();
+    PlatformTest::TearDown();
+  }
+
+  // ProcessForms over every package list of a device, without a filter.
+  EFI_STATUS process(const sample::SampleDevice& device, UINTN* count, HII_FORMSET_RECORD*** sets) {
+    HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
+    std::vector<EFI_HII_HANDLE> handles = device.packageLists();
+    return p->ProcessForms(p, handles.data(), handles.size(), nullptr, count, sets);
+  }
+
+  std::unique_ptr<sample::SamplePlatform> sample_;
+};
+
+TEST_F(SamplePlatformTest, FormsProcessorSeesEveryFormAndStatementOfEachDevice) {
+  ASSERT_EQ(sample_->devices().size(), 2u);
+  for (const auto& device : sample_->devices()) {
+    SCOPED_TRACE(tvl::host::hii::toAscii(device.fqdd()));
+    const sample::FormSetSpec& spec = device.spec.formSet;
+    UINTN count = 0;
+    HII_FORMSET_RECORD** sets = nullptr;
+    ASSERT_EQ(process(device, &count, &sets), EFI_SUCCESS);
+    ASSERT_EQ(count, 1u);
+    const HII_FORMSET_RECORD& fs = *sets[0];
+    EXPECT_EQ(fs.Guid, spec.guid);
+    EXPECT_EQ(fs.NumberOfLanguages, 2u);
+    EXPECT_EQ(fs.VarStoreBufferCount, spec.varStores.size());
+    EXPECT_EQ(fs.DefaultStoreCount, 2u);
+    ASSERT_EQ(fs.FormCount, spec.forms.size());
+    for (size_t f = 0; f < spec.forms.size(); ++f) {
+      EXPECT_EQ(fs.Forms[f]->FormId, spec.forms[f].id);
+      ASSERT_EQ(fs.Forms[f]->StatementCount, spec.forms[f].statements.size()) << "form " << spec.forms[f].id;
+      for (size_t s = 0; s < spec.forms[f].statements.size(); ++s)
+        EXPECT_EQ(fs.Forms[f]->Statements[s]->Operand, spec.forms[f].statements[s].opcode);
+    }
+    HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
+    EXPECT_EQ(p->DestroyFormSets(p, count, sets), EFI_SUCCESS);
+  }
+  // The leak check at TearDown covers every record DestroyFormSets freed.
+}
+
+TEST_F(SamplePlatformTest, BiosFilterKeepsTheInternalSetupFormSet) {
+  sample::SampleDevice* bios = sample_->findDevice(u"BIOS.InternalSetup.1-1");
+  ASSERT_NE(bios, nullptr);
+  ASSERT_EQ(sample_->findDevice(u"bios.internalsetup.1-1"), nullptr);
+  const EFI_GUID filters[] = {INTERNAL_BIOS_SETUP_FORMSET_GUID, sample::kNicFormSetGuid};
+  const EFI_STATUS expected[] = {EFI_SUCCESS, EFI_NOT_FOUND};
+  HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
+  for (size_t i = 0; i < 2; ++i) {
+    std::vector<EFI_HII_HANDLE> handles = bios->packageLists();
+    UINTN count = 0;
+    HII_FORMSET_RECORD** sets = nullptr;
+    EXPECT_EQ(p->ProcessForms(p, handles.data(), handles.size(), &filters[i], &count, &sets), expected[i]);
+    if (sets) p->DestroyFormSets(p, count, sets);
+  }
+}
+
+TEST_F(SamplePlatformTest, ProcessFormsOnTheNicLeaksNothingWhenAllocationsFail) {
+  sample::SampleDevice* nic = sample_->findDevice(u"NIC.Integrated.1-1-1");
+  ASSERT_NE(nic, nullptr);
+  UINTN count = 0;
+  HII_FORMSET_RECORD** sets = nullptr;
+  HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
+  size_t attempts = sweepAllocationFailures(
+      [&] { return process(*nic, &count, &sets); },
+      [&](EFI_STATUS status, size_t k) {
+        EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << "attempt " << k;
+        EXPECT_EQ(sets, nullptr) << "attempt " << k;
+      },
+      [&] {
+        if (sets) p->DestroyFormSets(p, count, sets);
+        sets = nullptr;
+        count = 0;
+      });
+  EXPECT_GT(attempts, 10u);
+}
+
+TEST_F(SamplePlatformTest, LocationServiceKnowsEachDeviceByItsDevicePath) {
+  DEVICE_LOCATION_PROTOCOL* location = sample_->location();
+  const EFI_GUID devicePathGuid = EFI_DEVICE_PATH_PROTOCOL_GUID;
+  for (const auto& device : sample_->devices()) {
+    auto* path = static_cast<EFI_DEVICE_PATH_PROTOCOL*>(platform().handleProtocol(device.handle(), devicePathGuid));
+    ASSERT_NE(path, nullptr);
+    CHAR16 *description = nullptr, *fqdd = nullptr, *text = nullptr;
+    ASSERT_EQ(location->DevicePathToLocationText(location, path, "en-US", &description, &fqdd, &text), EFI_SUCCESS);
+    EXPECT_EQ(std::u16string(fqdd), device.fqdd());
+    EXPECT_EQ(std::u16string(description), device.spec.description);
+    for (CHAR16* t : {description, fqdd, text}) bs()->FreePool(t);
+  }
+}
+
+TEST_F(SamplePlatformTest, DriverLoadsAndInstallsTheConverter) {
+  EFI_HANDLE driver = nullptr;
+  ASSERT_EQ(sample_->loadDriver(&driver), EFI_SUCCESS);
+  const EFI_GUID converter = TOLVANE_PROTOCOL_GUID;
+  auto* record = static_cast<TOLVANE_PROTOCOL*>(platform().handleProtocol(driver, converter));
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->Revision, TOLVANE_PROTOCOL_REVISION);
+  skipLeakCheck();  // the installed record lives until the driver unloads
+}
+
+// ---------------------------------------------------------------- descriptions
+sample::DeviceSpec tinyDevice(std::vector<Statement> statements) {
+  sample::DeviceSpec d;
+  d.fqdd = u"Test.Device.1";
+  d.formSet.guid = {0x11111111, 0x2222, 0x3333, {4, 4, 5, 5, 6, 6, 7, 7}};
+  d.formSet.title = u"Test";
+  d.formSet.varStores = {{1, {0x1, 0x2, 0x3, {4, 5, 6, 7, 8, 9, 10, 11}}, "Store", 16, false, 0}};
+  d.formSet.forms = {{1, u"Main", u"Main", std::move(statements)}};
+  return d;
+}
+
+TEST(SampleFormSpec, RefusesDescriptionsThatCannotBeLaidOut) {
+  struct Case {
+    const char* name;
+    std::vector<Statement> statements;
+  };
+  const Case cases[] = {
+      {"past the end of the store", {sample::numeric(1, u"N", u"N", Width::U32).at(1, 13)}},
+      {"two questions share a byte",
+       {sample::numeric(1, u"A", u"A", Width::U16).at(1, 0), sample::checkbox(2, u"B", u"B").at(1, 1)}},
+      {"unknown store", {sample::checkbox(1, u"C", u"C").at(2, 0)}},
+      {"repeated question id", {sample::checkbox(1, u"A", u"A").at(1, 0), sample::checkbox(1, u"B", u"B").at(1, 1)}},
+      {"zero question id", {sample::checkbox(0, u"A", u"A").at(1, 0)}},
+      {"reference to a missing form", {sample::reference(1, u"R", u"R", 9)}},
+      {"current value wider than the question", {sample::numeric(1, u"N", u"N", Width::U8).at(1, 0).value(256)}},
+      {"checkbox value above 1", {sample::checkbox(1, u"C", u"C").at(1, 0).value(2)}},
+      {"more elements than containers",
+       {sample::orderedList(1, u"L", u"L", Width::U8, 2).at(1, 0).values({1, 2, 3})}},
+      {"text longer than the maximum", {sample::string(1, u"S", u"S", 0, 2).at(1, 0).valueText(u"abc")}},
+      {"value without storage", {sample::checkbox(1, u"C", u"C").value(1)}},
+      {"option on a checkbox", {sample::checkbox(1, u"C", u"C").at(1, 0).option(u"X", u"X", 1)}},
+      {"default that does not suit", {sample::checkbox(1, u"C", u"C").at(1, 0).defaultNumber(1)}},
+  };
+  for (const auto& c : cases) {
+    sample::DeviceSpec device = tinyDevice(c.statements);
+    EXPECT_THROW(sample::buildPackageList(device), std::invalid_argument) << c.name;
+  }
+  // The same shapes laid out correctly are accepted.
+  EXPECT_NO_THROW(sample::buildPackageList(tinyDevice({sample::numeric(1, u"N", u"N", Width::U32).at(1, 12),
+                                                       sample::reference(2, u"R", u"R", 1)})));
+}
+
+TEST(SampleFormSpec, InitialStorageWritesEachCurrentValueAtItsOffset) {
+  sample::DeviceSpec d = tinyDevice({
+      sample::numeric(1, u"N", u"N", Width::U32).at(1, 0).value(0x11223344),
+      sample::checkbox(2, u"C", u"C").at(1, 4).value(1),
+      sample::orderedList(3, u"L", u"L", Width::U16, 2).at(1, 6).values({0x0102, 0x0304}),
+      sample::string(4, u"S", u"S", 0, 2).at(1, 10).valueText(u"hi"),
+      sample::password(5, u"P", u"P", 0, 1).at(1, 14),
+  });
+  std::vector<UINT8> expected = {0x44, 0x33, 0x22, 0x11, 1, 0, 0x02, 0x01, 0x04, 0x03, 'h', 0, 'i', 0, 0, 0};
+  EXPECT_EQ(sample::initialStorage(d.formSet, d.formSet.varStores[0]), expected);
+}
+
+}  // namespace
