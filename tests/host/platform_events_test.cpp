@@ -123,6 +123,13 @@ TEST_F(EventTest, NotifiesRunAtTheirTplOrWaitForRestore) {
   bs()->RestoreTPL(old);
   EXPECT_EQ(journal.calls, "b16 c8 a8 ");
   EXPECT_EQ(platform().currentTpl(), TPL_APPLICATION);
+  // Dropping straight to the bottom still runs the higher level first.
+  journal.calls.clear();
+  old = bs()->RaiseTPL(TPL_HIGH_LEVEL);
+  bs()->SignalEvent(callback1);
+  bs()->SignalEvent(notify);
+  bs()->RestoreTPL(old);
+  EXPECT_EQ(journal.calls, "b16 a8 ");
 
   // A notify that signals another: a higher one runs inside it, an equal
   // one right after it.

@@ -103,9 +103,10 @@ void PlatformTest::SetUp() {
   markBaseline();
 }
 
+// The platform itself goes with the fixture object, after the members of
+// derived fixtures that may still use it in their destructors.
 void PlatformTest::TearDown() {
   if (leakCheck_ && !HasFatalFailure()) expectNoLeaks();
-  platform_.reset();
 }
 
 EFI_STATUS PlatformTest::loadStatus(const std::string& image, EFI_HANDLE* handle) {

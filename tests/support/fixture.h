@@ -32,6 +32,9 @@ size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI
                                const std::function<void(EFI_STATUS, size_t)>& check,
                                const std::function<void()>& cleanup = {}, FaultMode mode = FaultMode::Single);
 
+// The platform is created in SetUp and destroyed with the fixture object,
+// so members of derived fixtures (destroyed first) may still use it.
+// TearDown runs the leak check.
 class PlatformTest : public ::testing::Test {
  protected:
   void SetUp() override;
