@@ -49,7 +49,8 @@ class Platform {
   // ---- pool
   PoolStats poolStats() const;
   // One line per outstanding allocation: sequence number, size, and the
-  // image that was running when it was made.
+  // image that was running when it was made (its entry, its Unload handler,
+  // or a notify function of an event it created), or "host".
   std::string leakReport() const;
   // The same for allocations whose sequence number is at least `sinceSequence`.
   std::string leakReport(uint64_t sinceSequence) const;
