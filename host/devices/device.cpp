@@ -250,6 +250,7 @@ Device::Device(Platform& platform, hii::HiiDatabase& hii, std::vector<uint8_t> d
 }
 
 Device::~Device() {
+  if (currentPlatform() != &impl_->platform) return;  // the platform went first
   for (EFI_HII_HANDLE list : impl_->lists) impl_->hii.removePackageList(list);
   impl_->platform.uninstallProtocol(impl_->handle, kConfigAccessGuid, &impl_->access.protocol);
   impl_->platform.uninstallProtocol(impl_->handle, kDevicePathGuid, impl_->devicePath.data());

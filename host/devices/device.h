@@ -44,7 +44,8 @@ class Device {
   // configuration-access protocol.
   Device(Platform& platform, hii::HiiDatabase& hii, std::vector<uint8_t> devicePath);
   // Removes the device's package lists and uninstalls its protocols; must
-  // run before the platform and the database are destroyed.
+  // run before the database is destroyed (nothing is done when the
+  // platform is no longer the current one).
   ~Device();
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;

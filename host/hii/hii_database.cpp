@@ -584,6 +584,8 @@ HiiDatabase::HiiDatabase(Platform& platform) : impl_(std::make_unique<Impl>(plat
 }
 
 HiiDatabase::~HiiDatabase() {
+  // A platform torn down first has taken its handles with it.
+  if (currentPlatform() != &impl_->platform) return;
   impl_->platform.uninstallProtocol(impl_->handle, kStringGuid, &impl_->str.protocol);
   impl_->platform.uninstallProtocol(impl_->handle, kDatabaseGuid, &impl_->db.protocol);
 }

@@ -42,8 +42,9 @@ constexpr UINTN kNotifyAddPack = 0x08;
 
 class HiiDatabase {
  public:
-  // Installs both protocols on a new handle of `platform`. The database
-  // must be destroyed before the platform; it uninstalls them again.
+  // Installs both protocols on a new handle of `platform`, which must be
+  // the current platform. Destroying the database uninstalls them again
+  // (nothing is done when the platform is no longer the current one).
   explicit HiiDatabase(Platform& platform);
   ~HiiDatabase();
   HiiDatabase(const HiiDatabase&) = delete;
