@@ -217,6 +217,20 @@ TEST_F(PoolTest, SweepRunsEveryFailurePointAndFindsLeaks) {
   };
   EXPECT_NONFATAL_FAILURE(sweepAllocationFailures(leaky, [](EFI_STATUS, size_t) {}, cleanup),
                           "allocation attempt 2 of 2");
+  // One that frees its buffer twice when the second allocation fails.
+  auto doubleFree = [&]() -> EFI_STATUS {
+    RETURN_IF_ERROR(bs()->AllocatePool(EfiBootServicesData, 16, &first));
+    EFI_STATUS s = bs()->AllocatePool(EfiBootServicesData, 16, &second);
+    if (EFI_ERROR(s)) {
+      bs()->FreePool(first);
+      bs()->FreePool(first);
+      first = nullptr;
+    }
+    return s;
+  };
+  EXPECT_NONFATAL_FAILURE(sweepAllocationFailures(doubleFree, [](EFI_STATUS, size_t) {}, cleanup),
+                          "allocation attempt 2 of 2 failing (EFI_OUT_OF_RESOURCES) frees memory");
+  markBaseline();
   // Free what the leaky run lost so that this test itself ends clean.
   for (const host::AllocationInfo& a : platform().outstandingAllocations()) bs()->FreePool(a.address);
 }

@@ -68,12 +68,6 @@ class DeviceTest : public HiiTest {
   std::u16string bufferHdr_, variableHdr_;
 };
 
-TEST_F(DeviceTest, HeaderNamesTheStoreAndTheDevicePath) {
-  EXPECT_EQ(bufferHdr_, hii::configHdr(kBufferGuid, kBufferName, path_));
-  EXPECT_NE(bufferHdr_.find(u"&NAME=00530065007400750070&PATH=02010c00d041030a0000000001010600001c030b2500001122334455"),
-            std::u16string::npos);
-}
-
 TEST_F(DeviceTest, ExtractAnswersWholeStoresOrTheRequestedFields) {
   const std::u16string wholeBuffer = u"&OFFSET=0000&WIDTH=0010&VALUE=0f0e0d0c0b0a09080706050403020100";
   const std::u16string wholeVariable = u"&OFFSET=0000&WIDTH=0004&VALUE=ddccbbaa";

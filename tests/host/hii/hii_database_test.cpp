@@ -225,29 +225,6 @@ TEST_F(HiiDatabaseTest, MalformedPackageListsAreRefusedAndLeaveNothingBehind) {
             EFI_INVALID_PARAMETER);
 }
 
-TEST_F(HiiDatabaseTest, CorruptedBytesNeverCrashTheDatabase) {
-  const Bytes good = hii::buildPackageList(
-      guidNumber(1), {hii::buildStringPackage("en-US", {u"alpha", u"beta"}), hii::buildPackage(EFI_HII_PACKAGE_FORMS, {1})});
-  size_t accepted = 0;
-  for (size_t i = 0; i < good.size(); ++i) {
-    if (i >= 16 && i < 20) continue;  // PackageLength is trusted: the caller vouches for the buffer
-    Bytes bad = good;
-    bad[i] ^= 0xFF;
-    ExactCopy copy(bad);
-    EFI_HII_HANDLE handle = nullptr;
-    EFI_STATUS status =
-        db()->NewPackageList(db(), reinterpret_cast<const EFI_HII_PACKAGE_LIST_HEADER*>(copy.data.get()), nullptr, &handle);
-    ASSERT_TRUE(status == EFI_SUCCESS || status == EFI_INVALID_PARAMETER) << "byte " << i;
-    if (status != EFI_SUCCESS) continue;
-    ++accepted;
-    CHAR16 text[64];
-    UINTN size = sizeof text;
-    str()->GetString(str(), "en-US", handle, 2, text, &size, nullptr);
-    ASSERT_EQ(db()->RemovePackageList(db(), handle), EFI_SUCCESS);
-  }
-  EXPECT_GT(accepted, 0u);  // flipped text bytes still make valid packages
-}
-
 TEST_F(HiiDatabaseTest, SameGuidIsRefusedOnlyForTheSameDriverHandle) {
   EFI_HANDLE a = newHandle(), b = newHandle();
   add(simpleList(1), a);
@@ -458,25 +435,6 @@ TEST_F(HiiDatabaseTest, NotificationsReachTheRegisteredTypes) {
     EXPECT_EQ(db()->RegisterPackageNotify(db(), c.type, c.guid, c.fn, c.notifyType, c.nullToken ? nullptr : &token),
               EFI_INVALID_PARAMETER);
   EXPECT_EQ(db()->UnregisterPackageNotify(db(), onG1), EFI_SUCCESS);
-}
-
-TEST_F(HiiDatabaseTest, KeyboardLayoutsAreNotKnown) {
-  UINT16 length = 0;
-  EFI_GUID guid = guidNumber(1);
-  EXPECT_EQ(db()->FindKeyboardLayouts(db(), &length, nullptr), EFI_NOT_FOUND);
-  length = 16;
-  EXPECT_EQ(db()->FindKeyboardLayouts(db(), &length, nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(db()->FindKeyboardLayouts(db(), nullptr, &guid), EFI_INVALID_PARAMETER);
-  length = 0;
-  EXPECT_EQ(db()->GetKeyboardLayout(db(), &guid, &length, nullptr), EFI_NOT_FOUND);
-  EXPECT_EQ(db()->GetKeyboardLayout(db(), nullptr, nullptr, nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(db()->SetKeyboardLayout(db(), &guid), EFI_NOT_FOUND);
-  EXPECT_EQ(db()->SetKeyboardLayout(db(), nullptr), EFI_INVALID_PARAMETER);
-}
-
-TEST_F(HiiDatabaseTest, ProtocolsAreInstalledOnThePlatform) {
-  EXPECT_EQ(locate<EFI_HII_DATABASE_PROTOCOL>(EFI_GUID(EFI_HII_DATABASE_PROTOCOL_GUID)), db());
-  EXPECT_EQ(locate<EFI_HII_STRING_PROTOCOL>(EFI_GUID(EFI_HII_STRING_PROTOCOL_GUID)), str());
 }
 
 }  // namespace

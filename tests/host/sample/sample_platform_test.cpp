@@ -48,22 +48,22 @@ TEST_F(SamplePlatformTest, FormsProcessorSeesEveryFormAndStatementOfEachDevice) 
   ASSERT_EQ(sample_->devices().size(), 2u);
   for (const auto& device : sample_->devices()) {
     SCOPED_TRACE(tvl::host::hii::toAscii(device.fqdd()));
-    const sample::FormSetSpec& spec = device.spec.formSet;
+    const sample::FormSetDescription& description = device.description.formSet;
     UINTN count = 0;
     HII_FORMSET_RECORD** sets = nullptr;
     ASSERT_EQ(process(device, &count, &sets), EFI_SUCCESS);
     ASSERT_EQ(count, 1u);
     const HII_FORMSET_RECORD& fs = *sets[0];
-    EXPECT_EQ(fs.Guid, spec.guid);
+    EXPECT_EQ(fs.Guid, description.guid);
     EXPECT_EQ(fs.NumberOfLanguages, 2u);
-    EXPECT_EQ(fs.VarStoreBufferCount, spec.varStores.size());
+    EXPECT_EQ(fs.VarStoreBufferCount, description.varStores.size());
     EXPECT_EQ(fs.DefaultStoreCount, 2u);
-    ASSERT_EQ(fs.FormCount, spec.forms.size());
-    for (size_t f = 0; f < spec.forms.size(); ++f) {
-      EXPECT_EQ(fs.Forms[f]->FormId, spec.forms[f].id);
-      ASSERT_EQ(fs.Forms[f]->StatementCount, spec.forms[f].statements.size()) << "form " << spec.forms[f].id;
-      for (size_t s = 0; s < spec.forms[f].statements.size(); ++s)
-        EXPECT_EQ(fs.Forms[f]->Statements[s]->Operand, spec.forms[f].statements[s].opcode);
+    ASSERT_EQ(fs.FormCount, description.forms.size());
+    for (size_t f = 0; f < description.forms.size(); ++f) {
+      EXPECT_EQ(fs.Forms[f]->FormId, description.forms[f].id);
+      ASSERT_EQ(fs.Forms[f]->StatementCount, description.forms[f].statements.size()) << "form " << description.forms[f].id;
+      for (size_t s = 0; s < description.forms[f].statements.size(); ++s)
+        EXPECT_EQ(fs.Forms[f]->Statements[s]->Operand, description.forms[f].statements[s].opcode);
     }
     HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
     EXPECT_EQ(p->DestroyFormSets(p, count, sets), EFI_SUCCESS);
@@ -116,7 +116,7 @@ TEST_F(SamplePlatformTest, LocationServiceKnowsEachDeviceByItsDevicePath) {
     CHAR16 *description = nullptr, *fqdd = nullptr, *text = nullptr;
     ASSERT_EQ(location->DevicePathToLocationText(location, path, "en-US", &description, &fqdd, &text), EFI_SUCCESS);
     EXPECT_EQ(std::u16string(fqdd), device.fqdd());
-    EXPECT_EQ(std::u16string(description), device.spec.description);
+    EXPECT_EQ(std::u16string(description), device.description.description);
     for (CHAR16* t : {description, fqdd, text}) bs()->FreePool(t);
   }
 }
@@ -132,8 +132,8 @@ TEST_F(SamplePlatformTest, DriverLoadsAndInstallsTheConverter) {
 }
 
 // ---------------------------------------------------------------- descriptions
-sample::DeviceSpec tinyDevice(std::vector<Statement> statements) {
-  sample::DeviceSpec d;
+sample::DeviceDescription tinyDevice(std::vector<Statement> statements) {
+  sample::DeviceDescription d;
   d.fqdd = u"Test.Device.1";
   d.formSet.guid = {0x11111111, 0x2222, 0x3333, {4, 4, 5, 5, 6, 6, 7, 7}};
   d.formSet.title = u"Test";
@@ -142,7 +142,7 @@ sample::DeviceSpec tinyDevice(std::vector<Statement> statements) {
   return d;
 }
 
-TEST(SampleFormSpec, RefusesDescriptionsThatCannotBeLaidOut) {
+TEST(SampleFormDescription, RefusesDescriptionsThatCannotBeLaidOut) {
   struct Case {
     const char* name;
     std::vector<Statement> statements;
@@ -165,7 +165,7 @@ TEST(SampleFormSpec, RefusesDescriptionsThatCannotBeLaidOut) {
       {"default that does not suit", {sample::checkbox(1, u"C", u"C").at(1, 0).defaultNumber(1)}},
   };
   for (const auto& c : cases) {
-    sample::DeviceSpec device = tinyDevice(c.statements);
+    sample::DeviceDescription device = tinyDevice(c.statements);
     EXPECT_THROW(sample::buildPackageList(device), std::invalid_argument) << c.name;
   }
   // The same shapes laid out correctly are accepted.
@@ -173,8 +173,8 @@ TEST(SampleFormSpec, RefusesDescriptionsThatCannotBeLaidOut) {
                                                        sample::reference(2, u"R", u"R", 1)})));
 }
 
-TEST(SampleFormSpec, InitialStorageWritesEachCurrentValueAtItsOffset) {
-  sample::DeviceSpec d = tinyDevice({
+TEST(SampleFormDescription, InitialStorageWritesEachCurrentValueAtItsOffset) {
+  sample::DeviceDescription d = tinyDevice({
       sample::numeric(1, u"N", u"N", Width::U32).at(1, 0).value(0x11223344),
       sample::checkbox(2, u"C", u"C").at(1, 4).value(1),
       sample::orderedList(3, u"L", u"L", Width::U16, 2).at(1, 6).values({0x0102, 0x0304}),
