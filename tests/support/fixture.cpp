@@ -74,6 +74,7 @@ size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI
   for (size_t k = 1; k <= attempts; ++k) {
     before = held(platform);
     sequence = platform.nextAllocationSequence();
+    const host::PoolStats statsBefore = platform.poolStats();
     if (mode == FaultMode::Single) {
       platform.failAllocation(k);
     } else {
@@ -93,6 +94,12 @@ size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI
                     << ") leaks " << (after > before ? after - before : 0) << " allocation(s) (outstanding "
                     << before << " -> " << after << "):\n"
                     << leakedSince(platform, sequence);
+    }
+    const host::PoolStats statsAfter = platform.poolStats();
+    if (statsAfter.invalidFrees != statsBefore.invalidFrees || statsAfter.overruns != statsBefore.overruns) {
+      ADD_FAILURE() << "allocation attempt " << k << " of " << attempts << " failing (" << statusName(status)
+                    << ") frees memory that was not allocated or writes past an allocation:\n"
+                    << platform.poolErrorReport();
     }
   }
   return attempts;

@@ -26,7 +26,9 @@ enum class FaultMode {
 // calls `cleanup`. Then for k = 1..N runs `op` with the k-th attempt
 // failing, calls `check(status, k)` and `cleanup()`, and checks that the
 // pool holds as many allocations as before that run (no leak on any
-// failure path); a leak is reported with k and the leaked allocations.
+// failure path); a leak is reported with k and the leaked allocations,
+// and so is a FreePool of memory that was not allocated (a double free on
+// a failure path).
 // Stops at the first fatal failure. Returns N.
 size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI_STATUS()>& op,
                                const std::function<void(EFI_STATUS, size_t)>& check,
