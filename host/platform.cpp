@@ -283,6 +283,9 @@ Platform::Platform() : impl_(std::make_unique<Impl>()) {
   impl_->previousImpl = tCurrentImpl;
   tCurrent = this;
   tCurrentImpl = impl_.get();
+  // TOLVANE_CONSOLE_ECHO=1 shows what images print while tests run.
+  const char* echo = std::getenv("TOLVANE_CONSOLE_ECHO");
+  impl_->echo = echo && *echo && *echo != '0';
   impl_->setupTables();
 }
 

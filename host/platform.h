@@ -115,7 +115,8 @@ class Platform {
   std::u16string consoleText() const;
   std::string consoleTextNarrow() const;
   void clearConsole();
-  // Echo console output to the process's standard output as it arrives.
+  // Echo console output to the process's standard output as it arrives
+  // (on from the start when the environment has TOLVANE_CONSOLE_ECHO=1).
   void echoConsole(bool on);
 
   // ---- variables (host-side convenience)
