@@ -9,7 +9,7 @@ namespace tvl::cli {
 void badInput(const std::string& message) { throw Error(kExitBadInput, message); }
 void failure(const std::string& message) { throw Error(kExitFailure, message); }
 
-Options::Options(const std::vector<OptionSpec>& spec, const std::vector<std::string>& args) {
+Options::Options(const std::vector<OptionDescription>& description, const std::vector<std::string>& args) {
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
     std::string name = arg, value;
@@ -20,8 +20,8 @@ Options::Options(const std::vector<OptionSpec>& spec, const std::vector<std::str
       value = arg.substr(eq + 1);
       inlineValue = true;
     }
-    const OptionSpec* found = nullptr;
-    for (const auto& s : spec)
+    const OptionDescription* found = nullptr;
+    for (const auto& s : description)
       if (name == s.name) found = &s;
     if (!found) {
       if (!arg.empty() && arg[0] == '-') badInput("unknown option '" + arg + "' (see --help)");

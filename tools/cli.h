@@ -37,7 +37,7 @@ class Error : public std::runtime_error {
 [[noreturn]] void badInput(const std::string& message);
 [[noreturn]] void failure(const std::string& message);
 
-struct OptionSpec {
+struct OptionDescription {
   const char* name;  // "--device", "-o"
   bool takesValue;
 };
@@ -46,7 +46,7 @@ struct OptionSpec {
 // argument or after '='. Anything else is refused with exit code 2.
 class Options {
  public:
-  Options(const std::vector<OptionSpec>& spec, const std::vector<std::string>& args);
+  Options(const std::vector<OptionDescription>& description, const std::vector<std::string>& args);
   bool has(const std::string& name) const;
   // The value of an option that was given (empty when absent).
   std::string value(const std::string& name) const;

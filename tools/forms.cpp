@@ -76,7 +76,7 @@ void deviceForms(SamplePlatform& sample, SampleDevice& device, FormsOutline& out
   // storage controllers without a filter and then with the controller's.
   const bool storage = containsNoCase(device.fqdd(), "Disk.Bay") || containsNoCase(device.fqdd(), "PCIeSSD.Slot");
   const bool bios = !storage && containsNoCase(device.fqdd(), "BIOS.InternalSetup.1");
-  out << "Device " << utf8(device.fqdd()) << " " << quoted(device.spec.description) << "\n";
+  out << "Device " << utf8(device.fqdd()) << " " << quoted(device.definition.description) << "\n";
   out << "  package lists: " << device.packageLists().size() << "\n";
   out << "  form-set filter: "
       << (bios ? guidText(kBiosFilter) + " (BIOS internal setup)"

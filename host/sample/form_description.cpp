@@ -1,4 +1,4 @@
-#include "host/sample/form_spec.h"
+#include "host/sample/form_description.h"
 
 #include <functional>
 #include <map>
@@ -42,7 +42,7 @@ bool isQuestion(UINT8 opcode) {
   throw std::invalid_argument("statement \"" + hii::toAscii(s.keyword.empty() ? s.prompt : s.keyword) + "\": " + why);
 }
 
-const VarStoreSpec* findStore(const FormSetSpec& formSet, UINT16 id) {
+const VarStoreDescription* findStore(const FormSetDescription& formSet, UINT16 id) {
   for (const auto& store : formSet.varStores)
     if (store.id == id) return &store;
   return nullptr;
@@ -79,10 +79,10 @@ void checkCurrent(const Statement& s) {
 // ---------------------------------------------------------------- translation
 class Translator {
  public:
-  explicit Translator(const DeviceSpec& device) : device_(device) {}
+  explicit Translator(const DeviceDescription& device) : device_(device) {}
 
   ifr::Bytes packageList() {
-    const FormSetSpec& fs = device_.formSet;
+    const FormSetDescription& fs = device_.formSet;
     ifr::FormSetBuilder builder(fs.guid, named(fs.title, fs.keyword), helpId(fs.helpText));
     builder.defaultStore(EFI_HII_DEFAULT_CLASS_STANDARD, named(fs.standardDefaultsName, fs.standardDefaultsName));
     builder.defaultStore(EFI_HII_DEFAULT_CLASS_MANUFACTURING,
@@ -190,7 +190,7 @@ class Translator {
   }
 
   template <typename Q>
-  void addOption(Q& q, const Statement& s, const OptionSpec& o, UINT16 textId, size_t depth) {
+  void addOption(Q& q, const Statement& s, const OptionDescription& o, UINT16 textId, size_t depth) {
     if constexpr (std::is_same_v<Q, ifr::OneOf> || std::is_same_v<Q, ifr::OrderedList>) {
       if (depth == o.conditions.size()) {
         q.option(textId, o.value, o.flags);
@@ -211,8 +211,8 @@ class Translator {
   }
 
   template <typename Q>
-  void addDefault(Q& q, const Statement& s, const DefaultSpec& d) {
-    using K = DefaultSpec::Kind;
+  void addDefault(Q& q, const Statement& s, const DefaultDescription& d) {
+    using K = DefaultDescription::Kind;
     if (d.kind == K::Expression) {
       q.defaultExpression(d.expr, d.store);
       return;
@@ -241,7 +241,7 @@ class Translator {
     refuse(s, "a default of this kind does not suit the question");
   }
 
-  const DeviceSpec& device_;
+  const DeviceDescription& device_;
   ifr::Strings strings_{{"en-US", "x-UEFI"}};
 };
 
@@ -326,40 +326,40 @@ Statement& Statement::optionIf(const Condition& condition, const std::u16string&
   return *this;
 }
 Statement& Statement::defaultNumber(UINT64 v, UINT16 store) {
-  DefaultSpec d;
-  d.kind = DefaultSpec::Kind::Number;
+  DefaultDescription d;
+  d.kind = DefaultDescription::Kind::Number;
   d.store = store;
   d.number = v;
   defaults.push_back(d);
   return *this;
 }
 Statement& Statement::defaultBoolean(bool on, UINT16 store) {
-  DefaultSpec d;
-  d.kind = DefaultSpec::Kind::Boolean;
+  DefaultDescription d;
+  d.kind = DefaultDescription::Kind::Boolean;
   d.store = store;
   d.number = on ? 1 : 0;
   defaults.push_back(d);
   return *this;
 }
 Statement& Statement::defaultText(const std::u16string& t, UINT16 store) {
-  DefaultSpec d;
-  d.kind = DefaultSpec::Kind::Text;
+  DefaultDescription d;
+  d.kind = DefaultDescription::Kind::Text;
   d.store = store;
   d.text = t;
   defaults.push_back(d);
   return *this;
 }
 Statement& Statement::defaultList(const std::vector<UINT64>& elements, UINT16 store) {
-  DefaultSpec d;
-  d.kind = DefaultSpec::Kind::List;
+  DefaultDescription d;
+  d.kind = DefaultDescription::Kind::List;
   d.store = store;
   d.list = elements;
   defaults.push_back(d);
   return *this;
 }
 Statement& Statement::defaultExpression(const ifr::Expr& expr, UINT16 store) {
-  DefaultSpec d;
-  d.kind = DefaultSpec::Kind::Expression;
+  DefaultDescription d;
+  d.kind = DefaultDescription::Kind::Expression;
   d.store = store;
   d.expr = expr;
   defaults.push_back(d);
@@ -416,8 +416,8 @@ size_t Statement::storageBytes() const {
 }
 
 // ---------------------------------------------------------------- layout
-void validate(const DeviceSpec& device) {
-  const FormSetSpec& fs = device.formSet;
+void validate(const DeviceDescription& device) {
+  const FormSetDescription& fs = device.formSet;
   std::set<UINT16> formIds, questionIds, storeIds;
   for (const auto& store : fs.varStores)
     if (store.id == 0 || !storeIds.insert(store.id).second)
@@ -438,7 +438,7 @@ void validate(const DeviceSpec& device) {
         if (!s.current.empty() || !s.currentText.empty()) refuse(s, "has a current value but no storage");
         continue;
       }
-      const VarStoreSpec* store = findStore(fs, s.varStore);
+      const VarStoreDescription* store = findStore(fs, s.varStore);
       if (!store) refuse(s, "names a variable store that does not exist");
       size_t bytes = s.storageBytes();
       if (bytes == 0) refuse(s, "a statement of this kind has no storage");
@@ -452,12 +452,12 @@ void validate(const DeviceSpec& device) {
   }
 }
 
-ifr::Bytes buildPackageList(const DeviceSpec& device) {
+ifr::Bytes buildPackageList(const DeviceDescription& device) {
   validate(device);
   return Translator(device).packageList();
 }
 
-std::vector<UINT8> initialStorage(const FormSetSpec& formSet, const VarStoreSpec& store) {
+std::vector<UINT8> initialStorage(const FormSetDescription& formSet, const VarStoreDescription& store) {
   std::vector<UINT8> bytes(store.size, 0);
   auto put = [&](size_t at, UINT64 v, unsigned width) {
     for (unsigned i = 0; i < width && at + i < bytes.size(); ++i) bytes[at + i] = UINT8(v >> (8 * i));

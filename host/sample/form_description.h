@@ -33,7 +33,7 @@ Condition suppressIf(const ifr::Expr& expr);
 Condition grayOutIf(const ifr::Expr& expr);
 Condition disableIf(const ifr::Expr& expr);
 
-struct OptionSpec {
+struct OptionDescription {
   std::u16string text;     // en-US
   std::u16string keyword;  // x-UEFI
   UINT64 value = 0;
@@ -43,7 +43,7 @@ struct OptionSpec {
 
 // A default of one default store: a constant of the question's kind or an
 // expression.
-struct DefaultSpec {
+struct DefaultDescription {
   enum class Kind { Number, Boolean, Text, List, Expression };
   Kind kind = Kind::Number;
   UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD;
@@ -69,8 +69,8 @@ struct Statement {
   UINT8 checkboxFlags = 0;                    // EFI_IFR_CHECKBOX_DEFAULT(_MFG)
   bool isLocked = false;
   UINT16 targetForm = 0;                      // reference
-  std::vector<OptionSpec> options;
-  std::vector<DefaultSpec> defaults;
+  std::vector<OptionDescription> options;
+  std::vector<DefaultDescription> defaults;
   std::vector<Condition> conditions;  // around the statement, outermost first
   // What the device's storage holds at start: a number (checkbox 0 or 1),
   // the elements of an ordered list, or the text of a string question.
@@ -117,14 +117,14 @@ Statement orderedList(UINT16 questionId, const std::u16string& prompt, const std
                       ifr::Width elementWidth, UINT8 maxContainers);
 Statement reference(UINT16 questionId, const std::u16string& prompt, const std::u16string& keyword, UINT16 formId);
 
-struct FormSpec {
+struct FormDescription {
   UINT16 id = 0;
   std::u16string title;    // en-US
   std::u16string keyword;  // x-UEFI
   std::vector<Statement> statements;
 };
 
-struct VarStoreSpec {
+struct VarStoreDescription {
   UINT16 id = 0;
   EFI_GUID guid{};
   std::string name;
@@ -133,36 +133,36 @@ struct VarStoreSpec {
   UINT32 attributes = 0;     // EFI variable attributes
 };
 
-struct FormSetSpec {
+struct FormSetDescription {
   EFI_GUID guid{};
   std::u16string title;    // en-US
   std::u16string keyword;  // x-UEFI
   std::u16string helpText; // en-US
   std::u16string standardDefaultsName = u"Standard Defaults";
   std::u16string manufacturingDefaultsName = u"Manufacturing Defaults";
-  std::vector<VarStoreSpec> varStores;
-  std::vector<FormSpec> forms;
+  std::vector<VarStoreDescription> varStores;
+  std::vector<FormDescription> forms;
 };
 
-struct DeviceSpec {
+struct DeviceDescription {
   std::u16string fqdd;
   std::u16string description;
   std::vector<UINT8> devicePath;  // end node included
   EFI_GUID packageListGuid{};
-  FormSetSpec formSet;
+  FormSetDescription formSet;
 };
 
 // The package list of a device: its forms package and one string package
 // per language ("en-US", then "x-UEFI"), validated against the rules in the
 // header comment.
-ifr::Bytes buildPackageList(const DeviceSpec& device);
+ifr::Bytes buildPackageList(const DeviceDescription& device);
 
 // The bytes a store holds at start: every question stored there written
 // with its current value (little-endian numbers, UCS-2 text), zero elsewhere.
-std::vector<UINT8> initialStorage(const FormSetSpec& formSet, const VarStoreSpec& store);
+std::vector<UINT8> initialStorage(const FormSetDescription& formSet, const VarStoreDescription& store);
 
 // Checks the layout rules; throws std::invalid_argument naming the first
 // statement that breaks one.
-void validate(const DeviceSpec& device);
+void validate(const DeviceDescription& device);
 
 }  // namespace tvl::host::sample

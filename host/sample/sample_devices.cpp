@@ -35,7 +35,7 @@ constexpr const char16_t* kBootDevices[] = {u"HardDisk.List.1-1", u"NIC.Integrat
 constexpr const char16_t* kBootDeviceNames[] = {u"Embedded SATA Port Disk A", u"Integrated NIC 1 Port 1 Partition 1",
                                                 u"Embedded SATA Port Optical Drive", u"Front USB Drive"};
 
-FormSpec mainForm() {
+FormDescription mainForm() {
   return {1,
           u"System BIOS Settings",
           u"SysBiosMain",
@@ -50,7 +50,7 @@ FormSpec mainForm() {
           }};
 }
 
-FormSpec bootForm() {
+FormDescription bootForm() {
   Statement sequence = orderedList(bios::kBootSeq, u"Boot Sequence", u"BootSeq", Width::U8, 4)
                            .at(kSetup, 0x04)
                            .help(u"Order in which the system tries the boot devices.")
@@ -86,8 +86,8 @@ FormSpec bootForm() {
 }
 
 // One enable checkbox per boot-sequence entry, named by the entry's FQDD.
-FormSpec bootSequenceSwitchForm() {
-  FormSpec form{7, u"Boot Sequence Enable/Disable", u"BootSeqEnDis", {}};
+FormDescription bootSequenceSwitchForm() {
+  FormDescription form{7, u"Boot Sequence Enable/Disable", u"BootSeqEnDis", {}};
   const UINT64 enabled[] = {1, 1, 0, 1};
   for (UINT16 i = 0; i < 4; ++i) {
     form.statements.push_back(checkbox(UINT16(bios::kBootSeqEnDis1 + i), kBootDeviceNames[i],
@@ -99,7 +99,7 @@ FormSpec bootSequenceSwitchForm() {
   return form;
 }
 
-FormSpec processorForm() {
+FormDescription processorForm() {
   return {3,
           u"Processor Settings",
           u"ProcSettings",
@@ -137,7 +137,7 @@ FormSpec processorForm() {
           }};
 }
 
-FormSpec memoryForm() {
+FormDescription memoryForm() {
   return {4,
           u"Memory Settings",
           u"MemSettings",
@@ -168,7 +168,7 @@ FormSpec memoryForm() {
           }};
 }
 
-FormSpec securityForm() {
+FormDescription securityForm() {
   return {5,
           u"System Security",
           u"SysSecurity",
@@ -204,7 +204,7 @@ FormSpec securityForm() {
           }};
 }
 
-FormSpec integratedDevicesForm() {
+FormDescription integratedDevicesForm() {
   return {6,
           u"Integrated Devices",
           u"IntegratedDevices",
@@ -231,7 +231,7 @@ FormSpec integratedDevicesForm() {
           }};
 }
 
-FormSpec nicMainForm() {
+FormDescription nicMainForm() {
   return {1,
           u"Main Configuration Page",
           u"NICMain",
@@ -268,7 +268,7 @@ FormSpec nicMainForm() {
           }};
 }
 
-FormSpec nicIscsiForm() {
+FormDescription nicIscsiForm() {
   return {2,
           u"iSCSI Configuration",
           u"IscsiConfig",
@@ -290,13 +290,13 @@ FormSpec nicIscsiForm() {
 
 }  // namespace
 
-DeviceSpec biosSetupDevice() {
-  DeviceSpec d;
+DeviceDescription biosSetupDevice() {
+  DeviceDescription d;
   d.fqdd = u"BIOS.InternalSetup.1-1";
   d.description = u"System BIOS Setup";
   d.devicePath = hii::DevicePathBuilder().vendorHardware(kBiosDeviceVendor).build();
   d.packageListGuid = kBiosPackageListGuid;
-  FormSetSpec& fs = d.formSet;
+  FormSetDescription& fs = d.formSet;
   fs.guid = kBiosSetupFormSetGuid;
   fs.title = u"System BIOS Settings";
   fs.keyword = u"SysBios";
@@ -311,8 +311,8 @@ DeviceSpec biosSetupDevice() {
   return d;
 }
 
-DeviceSpec integratedNicDevice() {
-  DeviceSpec d;
+DeviceDescription integratedNicDevice() {
+  DeviceDescription d;
   d.fqdd = u"NIC.Integrated.1-1-1";
   d.description = u"Integrated NIC 1 Port 1 Partition 1";
   d.devicePath = hii::DevicePathBuilder()
@@ -322,7 +322,7 @@ DeviceSpec integratedNicDevice() {
                      .mac({0x00, 0x1B, 0x21, 0x3C, 0x4D, 0x5E})
                      .build();
   d.packageListGuid = kNicPackageListGuid;
-  FormSetSpec& fs = d.formSet;
+  FormSetDescription& fs = d.formSet;
   fs.guid = kNicFormSetGuid;
   fs.title = u"Integrated NIC 1 Port 1 Configuration";
   fs.keyword = u"NICConfig";
@@ -332,6 +332,6 @@ DeviceSpec integratedNicDevice() {
   return d;
 }
 
-std::vector<DeviceSpec> sampleDevices() { return {biosSetupDevice(), integratedNicDevice()}; }
+std::vector<DeviceDescription> sampleDevices() { return {biosSetupDevice(), integratedNicDevice()}; }
 
 }  // namespace tvl::host::sample

@@ -1,12 +1,12 @@
 // The devices of the built-in sample platform, each a data description
-// (form_spec.h): the BIOS internal setup and an integrated NIC partition.
+// (form_description.h): the BIOS internal setup and an integrated NIC partition.
 // Further devices are added by writing another description and listing it
 // in sampleDevices().
 #pragma once
 
 #include <vector>
 
-#include "host/sample/form_spec.h"
+#include "host/sample/form_description.h"
 
 namespace tvl::host::sample {
 
@@ -72,9 +72,9 @@ extern const EFI_GUID kBiosSecurityStoreGuid;  // EFI variable store "BiosSecuri
 extern const EFI_GUID kNicConfigStoreGuid;     // buffer store "NicConfig"
 extern const EFI_GUID kNicFormSetGuid;
 
-DeviceSpec biosSetupDevice();
-DeviceSpec integratedNicDevice();
+DeviceDescription biosSetupDevice();
+DeviceDescription integratedNicDevice();
 // Every sample device, in the order the platform registers them.
-std::vector<DeviceSpec> sampleDevices();
+std::vector<DeviceDescription> sampleDevices();
 
 }  // namespace tvl::host::sample

@@ -61,7 +61,7 @@ SamplePlatform::SamplePlatform() : owned_(std::make_unique<Platform>()), platfor
 
 SamplePlatform::SamplePlatform(Platform& platform) : platform_(&platform) { build(sampleDevices()); }
 
-SamplePlatform::SamplePlatform(Platform& platform, std::vector<DeviceSpec> devices) : platform_(&platform) {
+SamplePlatform::SamplePlatform(Platform& platform, std::vector<DeviceDescription> devices) : platform_(&platform) {
   build(std::move(devices));
 }
 
@@ -70,14 +70,14 @@ SamplePlatform::~SamplePlatform() {
   hii_.reset();
 }
 
-void SamplePlatform::build(std::vector<DeviceSpec> specs) {
+void SamplePlatform::build(std::vector<DeviceDescription> descriptions) {
   // The log first, so that the other services' traces have somewhere to go.
   loadService("log_service", kLogGuid);
   loadService("xml_service", kXmlGuid);
   loadService("location_service", kLocationGuid);
   loadService("forms_service", kFormsGuid);
   hii_ = std::make_unique<hii::HiiDatabase>(*platform_);
-  for (auto& spec : specs) addDevice(std::move(spec));
+  for (auto& description : descriptions) addDevice(std::move(description));
 }
 
 void SamplePlatform::loadService(const std::string& image, const EFI_GUID& protocol) {
@@ -91,26 +91,26 @@ void SamplePlatform::loadService(const std::string& image, const EFI_GUID& proto
   services_.push_back(service);
 }
 
-void SamplePlatform::addDevice(DeviceSpec spec) {
-  const std::string name = hii::toAscii(spec.fqdd);
-  auto device = std::make_unique<devices::Device>(*platform_, *hii_, spec.devicePath);
-  for (const auto& store : spec.formSet.varStores) {
+void SamplePlatform::addDevice(DeviceDescription description) {
+  const std::string name = hii::toAscii(description.fqdd);
+  auto device = std::make_unique<devices::Device>(*platform_, *hii_, description.devicePath);
+  for (const auto& store : description.formSet.varStores) {
     std::u16string storeName = hii::toUtf16(store.name);
-    std::vector<UINT8> bytes = initialStorage(spec.formSet, store);
+    std::vector<UINT8> bytes = initialStorage(description.formSet, store);
     if (store.efiVariable)
       device->addVariableStorage(store.guid, storeName, bytes, store.attributes);
     else
       device->addBufferStorage(store.guid, storeName, bytes);
   }
-  device->addPackageList(buildPackageList(spec));
+  device->addPackageList(buildPackageList(description));
 
   DEVICE_LOCATION_PROTOCOL* service = location();
   EFI_STATUS status = service->RegisterLocation(
-      service, reinterpret_cast<const EFI_DEVICE_PATH_PROTOCOL*>(spec.devicePath.data()), spec.fqdd.c_str(),
-      spec.description.c_str());
+      service, reinterpret_cast<const EFI_DEVICE_PATH_PROTOCOL*>(description.devicePath.data()), description.fqdd.c_str(),
+      description.description.c_str());
   if (status != EFI_SUCCESS)
     throw std::runtime_error("the location service refuses device " + name + ": " + statusText(status));
-  devices_.push_back({std::move(spec), std::move(device)});
+  devices_.push_back({std::move(description), std::move(device)});
 }
 
 DEVICE_LOCATION_PROTOCOL* SamplePlatform::location() const {
@@ -124,7 +124,7 @@ DEBUG_LOG_PROTOCOL* SamplePlatform::log() const { return locateAs<DEBUG_LOG_PROT
 
 SampleDevice* SamplePlatform::findDevice(const std::u16string& fqdd) {
   for (auto& d : devices_)
-    if (d.spec.fqdd == fqdd) return &d;
+    if (d.definition.fqdd == fqdd) return &d;
   return nullptr;
 }
 

@@ -21,16 +21,16 @@
 #include "host/devices/device.h"
 #include "host/hii/hii_database.h"
 #include "host/platform.h"
-#include "host/sample/form_spec.h"
+#include "host/sample/form_description.h"
 #include "uefi/services.h"
 
 namespace tvl::host::sample {
 
 struct SampleDevice {
-  DeviceSpec spec;
+  DeviceDescription definition;
   std::unique_ptr<devices::Device> device;
 
-  const std::u16string& fqdd() const { return spec.fqdd; }
+  const std::u16string& fqdd() const { return definition.fqdd; }
   EFI_HANDLE handle() const { return device->handle(); }
   const std::vector<EFI_HII_HANDLE>& packageLists() const { return device->packageLists(); }
 };
@@ -49,7 +49,7 @@ class SamplePlatform {
   // The sample platform on `platform`, which must outlive it, with the
   // given devices (the sample devices by default).
   explicit SamplePlatform(Platform& platform);
-  SamplePlatform(Platform& platform, std::vector<DeviceSpec> devices);
+  SamplePlatform(Platform& platform, std::vector<DeviceDescription> devices);
   // Removes the devices and the HII database; the images stay with the
   // platform.
   ~SamplePlatform();
@@ -79,9 +79,9 @@ class SamplePlatform {
   static constexpr const char* kDriverImage = "tolvane_driver";
 
  private:
-  void build(std::vector<DeviceSpec> specs);
+  void build(std::vector<DeviceDescription> descriptions);
   void loadService(const std::string& image, const EFI_GUID& protocol);
-  void addDevice(DeviceSpec spec);
+  void addDevice(DeviceDescription description);
 
   std::unique_ptr<Platform> owned_;
   Platform* platform_;

@@ -67,7 +67,7 @@ class Sink {
   UINTN n_ = 0;
 };
 
-struct Spec {
+struct Conversion {
   bool left = false;
   bool zero = false;
   bool plus = false;
@@ -83,30 +83,30 @@ void pad(Sink<C>& sink, UINTN count, UINT32 c) {
 }
 
 // Emits `len` characters produced by `at(i)` with the width and alignment
-// of `spec`.
+// of `conv`.
 template <typename C, typename At>
-void emitText(Sink<C>& sink, const Spec& spec, UINTN len, At at) {
-  if (len > spec.precision) len = spec.precision;
-  UINTN fill = spec.width > len ? spec.width - len : 0;
-  if (!spec.left) pad(sink, fill, ' ');
+void emitText(Sink<C>& sink, const Conversion& conv, UINTN len, At at) {
+  if (len > conv.precision) len = conv.precision;
+  UINTN fill = conv.width > len ? conv.width - len : 0;
+  if (!conv.left) pad(sink, fill, ' ');
   for (UINTN i = 0; i < len; ++i) sink.put(at(i));
-  if (spec.left) pad(sink, fill, ' ');
+  if (conv.left) pad(sink, fill, ' ');
 }
 
 template <typename C, typename T>
-void emitString(Sink<C>& sink, const Spec& spec, const T* s) {
+void emitString(Sink<C>& sink, const Conversion& conv, const T* s) {
   if (!s) {
     const CHAR8* null = "<null string>";
-    emitText(sink, spec, 13, [&](UINTN i) { return UINT32(UINT8(null[i])); });
+    emitText(sink, conv, 13, [&](UINTN i) { return UINT32(UINT8(null[i])); });
     return;
   }
   UINTN len = 0;
-  while (len < spec.precision && s[len]) ++len;
-  emitText(sink, spec, len, [&](UINTN i) { return UINT32(s[i]) & (sizeof(T) == 1 ? 0xFFu : 0xFFFFu); });
+  while (len < conv.precision && s[len]) ++len;
+  emitText(sink, conv, len, [&](UINTN i) { return UINT32(s[i]) & (sizeof(T) == 1 ? 0xFFu : 0xFFFFu); });
 }
 
 template <typename C>
-void emitNumber(Sink<C>& sink, const Spec& spec, UINT64 value, bool negative, UINT32 base, bool upper) {
+void emitNumber(Sink<C>& sink, const Conversion& conv, UINT64 value, bool negative, UINT32 base, bool upper) {
   CHAR8 digits[24];
   UINTN n = 0;
   const CHAR8* set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
@@ -114,24 +114,24 @@ void emitNumber(Sink<C>& sink, const Spec& spec, UINT64 value, bool negative, UI
     digits[n++] = set[value % base];
     value /= base;
   } while (value != 0);
-  CHAR8 sign = negative ? '-' : spec.plus ? '+' : spec.space ? ' ' : 0;
+  CHAR8 sign = negative ? '-' : conv.plus ? '+' : conv.space ? ' ' : 0;
   UINTN len = n + (sign ? 1 : 0);
-  UINTN fill = spec.width > len ? spec.width - len : 0;
-  if (!spec.left && !spec.zero) pad(sink, fill, ' ');
+  UINTN fill = conv.width > len ? conv.width - len : 0;
+  if (!conv.left && !conv.zero) pad(sink, fill, ' ');
   if (sign) sink.put(UINT32(sign));
-  if (!spec.left && spec.zero) pad(sink, fill, '0');
+  if (!conv.left && conv.zero) pad(sink, fill, '0');
   while (n > 0) sink.put(UINT32(digits[--n]));
-  if (spec.left) pad(sink, fill, ' ');
+  if (conv.left) pad(sink, fill, ' ');
 }
 
 template <typename C>
 void emitGuid(Sink<C>& sink, const EFI_GUID* g) {
-  Spec none;
+  Conversion none;
   if (!g) {
     emitString(sink, none, "<null guid>");
     return;
   }
-  Spec hex;
+  Conversion hex;
   hex.zero = true;
   hex.width = 8;
   emitNumber(sink, hex, g->Data1, false, 16, false);
@@ -157,32 +157,32 @@ UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
       sink.put(UINT32(*p));
       continue;
     }
-    Spec spec;
+    Conversion conv;
     ++p;
     for (;; ++p) {
-      if (*p == '-') spec.left = true;
-      else if (*p == '0') spec.zero = true;
-      else if (*p == '+') spec.plus = true;
-      else if (*p == ' ') spec.space = true;
+      if (*p == '-') conv.left = true;
+      else if (*p == '0') conv.zero = true;
+      else if (*p == '+') conv.plus = true;
+      else if (*p == ' ') conv.space = true;
       else if (*p == ',') {
       } else break;
     }
     if (*p == '*') {
-      spec.width = __builtin_va_arg(*args, UINTN);
+      conv.width = __builtin_va_arg(*args, UINTN);
       ++p;
     }
-    while (*p >= '0' && *p <= '9') spec.width = spec.width * 10 + UINTN(*p++ - '0');
+    while (*p >= '0' && *p <= '9') conv.width = conv.width * 10 + UINTN(*p++ - '0');
     if (*p == '.') {
       ++p;
-      spec.precision = 0;
+      conv.precision = 0;
       if (*p == '*') {
-        spec.precision = __builtin_va_arg(*args, UINTN);
+        conv.precision = __builtin_va_arg(*args, UINTN);
         ++p;
       }
-      while (*p >= '0' && *p <= '9') spec.precision = spec.precision * 10 + UINTN(*p++ - '0');
+      while (*p >= '0' && *p <= '9') conv.precision = conv.precision * 10 + UINTN(*p++ - '0');
     }
     while (*p == 'l' || *p == 'L') {
-      spec.wide = true;
+      conv.wide = true;
       ++p;
     }
     switch (*p) {
@@ -192,38 +192,38 @@ UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
         sink.put('%');
         break;
       case 'a':
-        emitString(sink, spec, __builtin_va_arg(*args, const CHAR8*));
+        emitString(sink, conv, __builtin_va_arg(*args, const CHAR8*));
         break;
       case 's':
       case 'S':
-        emitString(sink, spec, __builtin_va_arg(*args, const CHAR16*));
+        emitString(sink, conv, __builtin_va_arg(*args, const CHAR16*));
         break;
       case 'c': {
         UINT32 c = UINT32(__builtin_va_arg(*args, UINTN)) & 0xFFFF;
-        emitText(sink, spec, 1, [&](UINTN) { return c; });
+        emitText(sink, conv, 1, [&](UINTN) { return c; });
         break;
       }
       case 'd':
       case 'i': {
-        INT64 v = spec.wide ? __builtin_va_arg(*args, INT64) : INT64(__builtin_va_arg(*args, INT32));
+        INT64 v = conv.wide ? __builtin_va_arg(*args, INT64) : INT64(__builtin_va_arg(*args, INT32));
         bool negative = v < 0;
         UINT64 magnitude = negative ? UINT64(0) - UINT64(v) : UINT64(v);
-        emitNumber(sink, spec, magnitude, negative, 10, false);
+        emitNumber(sink, conv, magnitude, negative, 10, false);
         break;
       }
       case 'u': {
-        UINT64 v = spec.wide ? __builtin_va_arg(*args, UINT64) : UINT64(__builtin_va_arg(*args, UINT32));
-        emitNumber(sink, spec, v, false, 10, false);
+        UINT64 v = conv.wide ? __builtin_va_arg(*args, UINT64) : UINT64(__builtin_va_arg(*args, UINT32));
+        emitNumber(sink, conv, v, false, 10, false);
         break;
       }
       case 'x':
       case 'X': {
-        UINT64 v = spec.wide ? __builtin_va_arg(*args, UINT64) : UINT64(__builtin_va_arg(*args, UINT32));
-        emitNumber(sink, spec, v, false, 16, *p == 'X');
+        UINT64 v = conv.wide ? __builtin_va_arg(*args, UINT64) : UINT64(__builtin_va_arg(*args, UINT32));
+        emitNumber(sink, conv, v, false, 16, *p == 'X');
         break;
       }
       case 'p': {
-        Spec ptr = spec;
+        Conversion ptr = conv;
         ptr.zero = true;
         if (ptr.width == 0) ptr.width = 16;
         emitNumber(sink, ptr, UINT64(UINTN(__builtin_va_arg(*args, VOID*))), false, 16, false);
@@ -232,9 +232,9 @@ UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
       case 'r': {
         EFI_STATUS status = __builtin_va_arg(*args, EFI_STATUS);
         if (const CHAR8* text = statusText(status)) {
-          emitString(sink, spec, text);
+          emitString(sink, conv, text);
         } else {
-          Spec hex;
+          Conversion hex;
           emitString(sink, hex, "0x");
           emitNumber(sink, hex, status, false, 16, false);
         }

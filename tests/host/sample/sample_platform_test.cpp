@@ -48,7 +48,7 @@ TEST_F(SamplePlatformTest, FormsProcessorSeesEveryFormAndStatementOfEachDevice) 
   ASSERT_EQ(sample_->devices().size(), 2u);
   for (const auto& device : sample_->devices()) {
     SCOPED_TRACE(tvl::host::hii::toAscii(device.fqdd()));
-    const sample::FormSetDescription& description = device.description.formSet;
+    const sample::FormSetDescription& description = device.definition.formSet;
     UINTN count = 0;
     HII_FORMSET_RECORD** sets = nullptr;
     ASSERT_EQ(process(device, &count, &sets), EFI_SUCCESS);
@@ -116,7 +116,7 @@ TEST_F(SamplePlatformTest, LocationServiceKnowsEachDeviceByItsDevicePath) {
     CHAR16 *description = nullptr, *fqdd = nullptr, *text = nullptr;
     ASSERT_EQ(location->DevicePathToLocationText(location, path, "en-US", &description, &fqdd, &text), EFI_SUCCESS);
     EXPECT_EQ(std::u16string(fqdd), device.fqdd());
-    EXPECT_EQ(std::u16string(description), device.description.description);
+    EXPECT_EQ(std::u16string(description), device.definition.description);
     for (CHAR16* t : {description, fqdd, text}) bs()->FreePool(t);
   }
 }
