@@ -1,41 +1,12 @@
 #include "tests/support/fixture.h"
 
-#include <cstdio>
 #include <stdexcept>
+
+#include "host/status.h"
 
 namespace tvl::test {
 
 namespace {
-
-struct StatusName {
-  EFI_STATUS status;
-  const char* name;
-};
-
-constexpr StatusName kStatusNames[] = {
-    {EFI_SUCCESS, "EFI_SUCCESS"},
-    {EFI_LOAD_ERROR, "EFI_LOAD_ERROR"},
-    {EFI_INVALID_PARAMETER, "EFI_INVALID_PARAMETER"},
-    {EFI_UNSUPPORTED, "EFI_UNSUPPORTED"},
-    {EFI_BAD_BUFFER_SIZE, "EFI_BAD_BUFFER_SIZE"},
-    {EFI_BUFFER_TOO_SMALL, "EFI_BUFFER_TOO_SMALL"},
-    {EFI_NOT_READY, "EFI_NOT_READY"},
-    {EFI_DEVICE_ERROR, "EFI_DEVICE_ERROR"},
-    {EFI_WRITE_PROTECTED, "EFI_WRITE_PROTECTED"},
-    {EFI_OUT_OF_RESOURCES, "EFI_OUT_OF_RESOURCES"},
-    {EFI_NOT_FOUND, "EFI_NOT_FOUND"},
-    {EFI_ACCESS_DENIED, "EFI_ACCESS_DENIED"},
-    {EFI_TIMEOUT, "EFI_TIMEOUT"},
-    {EFI_NOT_STARTED, "EFI_NOT_STARTED"},
-    {EFI_ALREADY_STARTED, "EFI_ALREADY_STARTED"},
-    {EFI_ABORTED, "EFI_ABORTED"},
-    {EFI_PROTOCOL_ERROR, "EFI_PROTOCOL_ERROR"},
-    {EFI_SECURITY_VIOLATION, "EFI_SECURITY_VIOLATION"},
-    {EFI_END_OF_FILE, "EFI_END_OF_FILE"},
-    {EFI_INVALID_LANGUAGE, "EFI_INVALID_LANGUAGE"},
-    {EFI_WARN_UNKNOWN_GLYPH, "EFI_WARN_UNKNOWN_GLYPH"},
-    {EFI_WARN_BUFFER_TOO_SMALL, "EFI_WARN_BUFFER_TOO_SMALL"},
-};
 
 // Pool allocations and page runs together.
 size_t held(const host::Platform& platform) { return platform.outstandingAllocations().size(); }
@@ -47,13 +18,7 @@ std::string leakedSince(const host::Platform& platform, uint64_t sequence) {
 
 }  // namespace
 
-std::string statusName(EFI_STATUS status) {
-  for (const StatusName& s : kStatusNames)
-    if (s.status == status) return s.name;
-  char text[32];
-  std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(status));
-  return text;
-}
+std::string statusName(EFI_STATUS status) { return host::statusName(status); }
 
 size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI_STATUS()>& op,
                                const std::function<void(EFI_STATUS, size_t)>& check,
