@@ -23,20 +23,27 @@ void setLength(Bytes& b, uint32_t length) {
   for (int i = 0; i < 4; ++i) b[16 + i] = uint8_t(length >> (8 * i));
 }
 
-TEST(PackageList, BuiltListSplitsIntoItsPackages) {
-  const Bytes list = sample();
-  ExactCopy copy(list);
-  hii::PackageListView view;
-  ASSERT_EQ(hii::parsePackageList(copy.data.get(), copy.size, view), EFI_SUCCESS);
-  EXPECT_EQ(view.guid, kListGuid);
-  EXPECT_EQ(view.size, list.size());
-  ASSERT_EQ(view.packages.size(), 2u);
-  EXPECT_EQ(view.packages[0].type, EFI_HII_PACKAGE_STRINGS);
-  EXPECT_EQ(view.packages[0].offset, sizeof(EFI_HII_PACKAGE_LIST_HEADER));
-  EXPECT_EQ(view.packages[1].type, EFI_HII_PACKAGE_FORMS);
-  EXPECT_EQ(view.packages[1].size, 7u);
-  EXPECT_EQ(view.packages[1].data[4], 1);
-  EXPECT_EQ(list.size(), 20 + view.packages[0].size + 7 + 4);
+TEST(PackageList, BuiltListSplitsIntoItsPackagesAndListsSitBackToBack) {
+  const Bytes a = sample();
+  Bytes both = cat({a, hii::buildPackageList(kListGuid, {})});
+  ExactCopy copy(both);
+  std::vector<hii::PackageListView> lists;
+  ASSERT_EQ(hii::parsePackageLists(copy.data.get(), copy.size, lists), EFI_SUCCESS);
+  ASSERT_EQ(lists.size(), 2u);
+  EXPECT_EQ(lists[0].guid, kListGuid);
+  EXPECT_EQ(lists[0].size, a.size());
+  ASSERT_EQ(lists[0].packages.size(), 2u);
+  EXPECT_EQ(lists[0].packages[0].type, EFI_HII_PACKAGE_STRINGS);
+  EXPECT_EQ(lists[0].packages[1].type, EFI_HII_PACKAGE_FORMS);
+  EXPECT_EQ(lists[0].packages[1].data[4], 1);
+  EXPECT_TRUE(lists[1].packages.empty());
+
+  // A broken second list is reported at its offset in the whole input.
+  both[a.size() + 20] = 2;
+  ExactCopy broken(both);
+  hii::FormatError error;
+  EXPECT_EQ(hii::parsePackageLists(broken.data.get(), broken.size, lists, &error), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(error.offset, a.size() + 20);
 }
 
 struct Malformed {
@@ -71,26 +78,6 @@ TEST(PackageList, MalformedListsAreRefusedWithTheirOffset) {
     EXPECT_EQ(hii::parsePackageList(copy.data.get(), copy.size, view, &error), EFI_INVALID_PARAMETER);
     EXPECT_EQ(error.offset, c.errorOffset) << error.message;
   }
-}
-
-TEST(PackageList, ExportFormatHoldsListsBackToBack) {
-  Bytes a = sample();
-  Bytes b = hii::buildPackageList(kListGuid, {});
-  Bytes both = cat({a, b});
-  ExactCopy copy(both);
-  std::vector<hii::PackageListView> lists;
-  ASSERT_EQ(hii::parsePackageLists(copy.data.get(), copy.size, lists), EFI_SUCCESS);
-  ASSERT_EQ(lists.size(), 2u);
-  EXPECT_EQ(lists[0].packages.size(), 2u);
-  EXPECT_TRUE(lists[1].packages.empty());
-  EXPECT_EQ(lists[1].size, 24u);
-
-  // A broken second list is reported at its offset in the whole input.
-  both[a.size() + 20] = 2;
-  ExactCopy broken(both);
-  hii::FormatError error;
-  EXPECT_EQ(hii::parsePackageLists(broken.data.get(), broken.size, lists, &error), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(error.offset, a.size() + 20);
 }
 
 }  // namespace
