@@ -62,10 +62,7 @@ class LocationTest : public tvl::test::PlatformTest {
     ASSERT_NE(loc_, nullptr);
   }
   void TearDown() override {
-    // Unload frees the table, so registrations are no leak.
-    if (image_) {
-      EXPECT_EQ(platform().unloadImage(image_), EFI_SUCCESS);
-    }
+    if (image_) EXPECT_EQ(platform().unloadImage(image_), EFI_SUCCESS);  // frees the table
     PlatformTest::TearDown();
   }
 
@@ -78,15 +75,10 @@ class LocationTest : public tvl::test::PlatformTest {
   };
   // DevicePathToLocationText; the three texts are copied and freed.
   EFI_STATUS lookup(const Bytes& path, Texts& out, const CHAR8* language = "en-US") {
-    CHAR16* d = nullptr;
-    CHAR16* f = nullptr;
-    CHAR16* t = nullptr;
+    CHAR16 *d = nullptr, *f = nullptr, *t = nullptr;
     EFI_STATUS status = loc_->DevicePathToLocationText(loc_, dp(path), language, &d, &f, &t);
-    for (auto [text, target] : {std::pair{d, &out.description}, {f, &out.fqdd}, {t, &out.path}}) {
-      if (!text) continue;
-      *target = text;
-      bs()->FreePool(text);
-    }
+    for (auto [text, target] : {std::pair{d, &out.description}, {f, &out.fqdd}, {t, &out.path}})
+      if (text) *target = text, bs()->FreePool(text);
     return status;
   }
 
@@ -94,7 +86,7 @@ class LocationTest : public tvl::test::PlatformTest {
   DEVICE_LOCATION_PROTOCOL* loc_ = nullptr;
 };
 
-TEST_F(LocationTest, RegisteredPathsAnswerTheirTexts) {
+TEST_F(LocationTest, LookupsBothWaysGiveTheRegisteredTextsAndPath) {
   for (const Entry& e : entries()) ASSERT_EQ(reg(e), EFI_SUCCESS) << e.name;
   for (const Entry& e : entries()) {
     SCOPED_TRACE(e.name);
@@ -103,27 +95,36 @@ TEST_F(LocationTest, RegisteredPathsAnswerTheirTexts) {
     EXPECT_EQ(texts.fqdd, e.fqdd);
     EXPECT_EQ(texts.description, e.description);
     EXPECT_EQ(texts.path, e.text);
+    EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
+    ASSERT_EQ(loc_->LocationTextToDevicePath(loc_, e.fqdd.c_str(), &path), EFI_SUCCESS);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(path);
+    EXPECT_EQ(Bytes(bytes, bytes + e.path.size()), e.path);
+    EXPECT_EQ(hii::devicePathSize(path, e.path.size()), e.path.size());
+    bs()->FreePool(path);
   }
   // Texts are not localised: any language gets the same answer.
   Texts texts;
   ASSERT_EQ(lookup(entries()[0].path, texts, "x-UEFI"), EFI_SUCCESS);
   EXPECT_EQ(texts.fqdd, entries()[0].fqdd);
+  EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
+  EXPECT_EQ(loc_->LocationTextToDevicePath(loc_, u"nic.integrated.1-1-1", &path), EFI_NOT_FOUND);
+  EXPECT_EQ(path, nullptr);
 }
 
 TEST_F(LocationTest, OnlyTheExactPathMatches) {
   const Entry nic = entries()[0];
   ASSERT_EQ(reg(nic), EFI_SUCCESS);
-  Bytes otherMac = hii::DevicePathBuilder().pciRoot(0).pci(0x1c, 0).mac({0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcd}).build();
-  Bytes prefix = hii::DevicePathBuilder().pciRoot(0).pci(0x1c, 0).build();
-  Bytes longer = hii::DevicePathBuilder().pciRoot(0).pci(0x1c, 0).mac({0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc}).pci(0, 0).build();
-  Bytes trailing = nic.path;
-  trailing.insert(trailing.end(), {0xde, 0xad});  // bytes after the end node are not part of the path
-  for (const Bytes& path : {otherMac, prefix, longer}) {
+  auto nicPath = [] { return hii::DevicePathBuilder().pciRoot(0).pci(0x1c, 0); };
+  const Bytes unknown[] = {nicPath().mac({0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcd}).build(), nicPath().build(),
+                           nicPath().mac({0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc}).pci(0, 0).build()};
+  for (const Bytes& path : unknown) {
     CHAR16* sentinel = reinterpret_cast<CHAR16*>(uintptr_t(8));
     CHAR16 *d = sentinel, *f = sentinel, *t = sentinel;
     EXPECT_EQ(loc_->DevicePathToLocationText(loc_, dp(path), "en-US", &d, &f, &t), EFI_NOT_FOUND);
     EXPECT_TRUE(d == sentinel && f == sentinel && t == sentinel);
   }
+  Bytes trailing = nic.path;
+  trailing.insert(trailing.end(), {0xde, 0xad});  // bytes after the end node are not part of the path
   Texts texts;
   EXPECT_EQ(lookup(trailing, texts), EFI_SUCCESS);
 }
@@ -138,34 +139,32 @@ TEST_F(LocationTest, MalformedOrMissingArgumentsAreRefused) {
   struct {
     DEVICE_LOCATION_PROTOCOL protocol;
     UINT64 rest[8];
-  } impostorStorage = {*loc_, {}};
-  DEVICE_LOCATION_PROTOCOL& impostor = impostorStorage.protocol;
-  struct Case {
+  } impostor = {*loc_, {}};
+  const std::u16string tooLong(1025, u'x');
+  const struct {
     const char* name;
     DEVICE_LOCATION_PROTOCOL* self;
     const EFI_DEVICE_PATH_PROTOCOL* path;
     const CHAR8* language;
     CHAR16** out;
+    const CHAR16* fqdd;  // for RegisterLocation
   } cases[] = {
-      {"node shorter than its header", loc_, dp(shortNode), "en-US", &f},
-      {"no end node within the limit", loc_, dp(endless), "en-US", &f},
-      {"null path", loc_, nullptr, "en-US", &f},
-      {"null language", loc_, dp(nic.path), nullptr, &f},
-      {"null output", loc_, dp(nic.path), "en-US", nullptr},
-      {"not the service's instance", &impostor, dp(nic.path), "en-US", &f},
+      {"node shorter than its header", loc_, dp(shortNode), "en-US", &f, u"X.1"},
+      {"no end node within the limit", loc_, dp(endless), "en-US", &f, u"X.1"},
+      {"null path", loc_, nullptr, "en-US", &f, u"X.1"},
+      {"null language, no FQDD", loc_, dp(nic.path), nullptr, &f, nullptr},
+      {"null output, empty FQDD", loc_, dp(nic.path), "en-US", nullptr, u""},
+      {"not the service's instance, FQDD too long", &impostor.protocol, dp(nic.path), "en-US", &f, tooLong.c_str()},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(loc_->DevicePathToLocationText(c.self, c.path, c.language, &d, c.out, &t), EFI_INVALID_PARAMETER);
     EXPECT_EQ(f, nullptr);
+    EXPECT_EQ(loc_->RegisterLocation(loc_, c.path, c.fqdd, u""), EFI_INVALID_PARAMETER);
   }
-  EXPECT_EQ(loc_->RegisterLocation(loc_, dp(shortNode), u"X.1", u""), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(loc_->RegisterLocation(loc_, dp(endless), u"X.1", u""), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(loc_->RegisterLocation(loc_, nullptr, u"X.1", u""), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(loc_->RegisterLocation(loc_, dp(nic.path), nullptr, u""), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(loc_->RegisterLocation(loc_, dp(nic.path), u"", u""), EFI_INVALID_PARAMETER);
-  const std::u16string tooLong(1025, u'x');
-  EXPECT_EQ(loc_->RegisterLocation(loc_, dp(nic.path), tooLong.c_str(), u""), EFI_INVALID_PARAMETER);
+  EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
+  EXPECT_EQ(loc_->LocationTextToDevicePath(loc_, nullptr, &path), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(loc_->LocationTextToDevicePath(loc_, nic.fqdd.c_str(), nullptr), EFI_INVALID_PARAMETER);
 }
 
 TEST_F(LocationTest, RegisteringAPathAgainReplacesItsTexts) {
@@ -182,30 +181,16 @@ TEST_F(LocationTest, RegisteringAPathAgainReplacesItsTexts) {
   EXPECT_EQ(loc_->RegisterLocation(loc_, dp(all[1].path), u"NIC.Integrated.1-1-2", u""), EFI_ALREADY_STARTED);
   ASSERT_EQ(lookup(all[1].path, texts), EFI_SUCCESS);
   EXPECT_EQ(texts.fqdd, all[1].fqdd);
-}
-
-TEST_F(LocationTest, LocationTextGivesACopyOfTheRegisteredPath) {
-  for (const Entry& e : entries()) ASSERT_EQ(reg(e), EFI_SUCCESS);
-  for (const Entry& e : entries()) {
-    EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
-    ASSERT_EQ(loc_->LocationTextToDevicePath(loc_, e.fqdd.c_str(), &path), EFI_SUCCESS) << e.name;
-    const auto* bytes = reinterpret_cast<const uint8_t*>(path);
-    EXPECT_EQ(Bytes(bytes, bytes + e.path.size()), e.path) << e.name;
-    EXPECT_EQ(hii::devicePathSize(path, e.path.size()), e.path.size());
-    bs()->FreePool(path);
-  }
-  EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
-  EXPECT_EQ(loc_->LocationTextToDevicePath(loc_, u"nic.integrated.1-1-1", &path), EFI_NOT_FOUND);
-  EXPECT_EQ(loc_->LocationTextToDevicePath(loc_, nullptr, &path), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(loc_->LocationTextToDevicePath(loc_, u"Serial.1", nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(path, nullptr);
+  // Unloading removes the service and frees the table (TearDown's leak check).
+  ASSERT_EQ(platform().unloadImage(image_), EFI_SUCCESS);
+  image_ = nullptr;
+  EXPECT_EQ(locate<DEVICE_LOCATION_PROTOCOL>(kLocationGuid), nullptr);
 }
 
 TEST_F(LocationTest, AllocationFailuresLeaveNothingBehind) {
   const Entry nic = entries()[0];
   const Entry disk = entries()[3];
   ASSERT_EQ(reg(nic), EFI_SUCCESS);
-
   // Registration makes one allocation; when it fails nothing changes,
   // neither for a new path nor for one being registered again.
   const size_t outstanding = platform().poolStats().outstanding;
@@ -221,41 +206,26 @@ TEST_F(LocationTest, AllocationFailuresLeaveNothingBehind) {
   EXPECT_EQ(texts.fqdd, nic.fqdd);
 
   CHAR16 *d = nullptr, *f = nullptr, *t = nullptr;
-  size_t attempts = sweepAllocationFailures(
+  sweepAllocationFailures(
       [&] { return loc_->DevicePathToLocationText(loc_, dp(nic.path), "en-US", &d, &f, &t); },
       [&](EFI_STATUS status, size_t) {
         EXPECT_EQ(status, EFI_OUT_OF_RESOURCES);
         EXPECT_TRUE(!d && !f && !t);
       },
       [&] {
-        for (CHAR16** p : {&d, &f, &t}) {
-          if (*p) bs()->FreePool(*p);
-          *p = nullptr;
-        }
+        for (CHAR16** p : {&d, &f, &t})
+          if (*p) bs()->FreePool(*p), *p = nullptr;
       });
-  EXPECT_EQ(attempts, 3u);
-
   EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
-  attempts = sweepAllocationFailures(
+  sweepAllocationFailures(
       [&] { return loc_->LocationTextToDevicePath(loc_, nic.fqdd.c_str(), &path); },
       [&](EFI_STATUS status, size_t) {
         EXPECT_EQ(status, EFI_OUT_OF_RESOURCES);
         EXPECT_EQ(path, nullptr);
       },
       [&] {
-        if (path) bs()->FreePool(path);
-        path = nullptr;
+        if (path) bs()->FreePool(path), path = nullptr;
       });
-  EXPECT_EQ(attempts, 1u);
-}
-
-TEST_F(LocationTest, UnloadRemovesTheServiceAndFreesTheTable) {
-  for (const Entry& e : entries()) ASSERT_EQ(reg(e), EFI_SUCCESS);
-  const size_t before = platform().poolStats().outstanding;
-  ASSERT_EQ(platform().unloadImage(image_), EFI_SUCCESS);
-  image_ = nullptr;
-  EXPECT_EQ(locate<DEVICE_LOCATION_PROTOCOL>(kLocationGuid), nullptr);
-  EXPECT_EQ(platform().poolStats().outstanding, before - entries().size() - 1);
 }
 
 }  // namespace
