@@ -150,36 +150,32 @@ TEST_F(FormsErrorsTest, BadArguments) {
   EXPECT_EQ(sets, nullptr);
   EXPECT_EQ(lastError().PackageListIndex, 1u);
   EXPECT_NE(std::string(lastError().Message).find("ExportPackageLists"), std::string::npos);
-
-  UINT32 revision = 0;
-  EXPECT_EQ(forms_->GetRevision(forms_, &revision), EFI_SUCCESS);
-  EXPECT_NE(revision, 0u);
   EXPECT_EQ(forms_->GetLastError(forms_, nullptr), EFI_INVALID_PARAMETER);
 }
 
 // ---------------------------------------------------------------- raw package lists
+// A valid list: header, a forms package holding a rich form set, a
+// string package, the END package.
+Bytes validList() {
+  ifr::Strings strings({"en-US", "x-UEFI"});
+  UINT16 s = strings.add(u"x");
+  ifr::FormSetBuilder fs(kFormSetGuid, s, s);
+  fs.varStore(1, kStoreGuid, "Setup", 16);
+  fs.form(1, s)
+      .subtitle(s)
+      .suppressIf(ifr::And(ifr::ideqval(1, 1), ifr::Not(ifr::False())),
+                  [s](ifr::FormBuilder& f) {
+                    f.oneOf(ifr::OneOf(1, s, s).store(1, 0).option(s, 1).option(s, 2, EFI_IFR_OPTION_DEFAULT));
+                  })
+      .checkbox(ifr::Checkbox(2, s, s).store(1, 1).defaultExpression(ifr::ideqvallist(1, {1, 2})))
+      .string(ifr::String(3, s, s, 1, 4).store(1, 2).grayOutIf(ifr::True(), [](ifr::String&) {}))
+      .orderedList(ifr::OrderedList(4, s, s, ifr::Width::U8, 2).store(1, 10).option(s, 1).option(s, 2));
+  return ifr::packageList(kListGuid, fs, strings);
+}
+
 class FormsCorruptionTest : public FormsTest {
  protected:
   FormsCorruptionTest() { useRawDatabase_ = true; }
-
-  // A valid list: header, a forms package holding a rich form set, a
-  // string package, the END package.
-  static Bytes validList() {
-    ifr::Strings strings({"en-US", "x-UEFI"});
-    UINT16 s = strings.add(u"x");
-    ifr::FormSetBuilder fs(kFormSetGuid, s, s);
-    fs.varStore(1, kStoreGuid, "Setup", 16);
-    fs.form(1, s)
-        .subtitle(s)
-        .suppressIf(ifr::And(ifr::ideqval(1, 1), ifr::Not(ifr::False())),
-                    [s](ifr::FormBuilder& f) {
-                      f.oneOf(ifr::OneOf(1, s, s).store(1, 0).option(s, 1).option(s, 2, EFI_IFR_OPTION_DEFAULT));
-                    })
-        .checkbox(ifr::Checkbox(2, s, s).store(1, 1).defaultExpression(ifr::ideqvallist(1, {1, 2})))
-        .string(ifr::String(3, s, s, 1, 4).store(1, 2).grayOutIf(ifr::True(), [](ifr::String&) {}))
-        .orderedList(ifr::OrderedList(4, s, s, ifr::Width::U8, 2).store(1, 10).option(s, 1).option(s, 2));
-    return ifr::packageList(kListGuid, fs, strings);
-  }
 
   // Runs ProcessForms on `bytes` and checks the outcome: success, or a
   // failure with no records; no pool allocation outlives the call.
@@ -201,15 +197,6 @@ class FormsCorruptionTest : public FormsTest {
 
   size_t failures_ = 0;
 };
-
-TEST_F(FormsCorruptionTest, ValidListParses) {
-  raw_->setBytes(validList());
-  auto parse = process({raw_->handle()});
-  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-  ASSERT_EQ(parse->count, 1u);
-  EXPECT_EQ(parse->set()->NumberOfLanguages, 2u);
-  EXPECT_EQ(findQuestion(parse->set(), 3)->ReadOnlyCondition->Result.Value[0], 1);
-}
 
 struct FramingCase {
   const char* name;
@@ -250,6 +237,12 @@ TEST_F(FormsCorruptionTest, DamagedFramingIsRefused) {
 
 TEST_F(FormsCorruptionTest, EveryTruncationIsHandled) {
   const Bytes good = validList();
+  raw_->setBytes(good);
+  {
+    auto parse = process({raw_->handle()});
+    ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+    EXPECT_EQ(findQuestion(parse->set(), 3)->ReadOnlyCondition->Result.Value[0], 1);
+  }
   for (size_t n = 0; n < good.size(); ++n) {
     // Cut as exported, and cut with the list length made to agree.
     Bytes cut(good.begin(), good.begin() + long(n));
@@ -262,11 +255,8 @@ TEST_F(FormsCorruptionTest, EveryTruncationIsHandled) {
   // Only cuts at the three package boundaries after the forms package,
   // with the length made to agree, give a whole list.
   EXPECT_EQ(failures_, 2 * good.size() - 20 - 3);
-}
 
-TEST_F(FormsCorruptionTest, EveryPrefixOfTheIfrIsRefused) {
   // The forms package cut inside its IFR with every length made to agree.
-  const Bytes good = validList();
   const size_t formsLength = good[20] | (good[21] << 8) | (good[22] << 16);
   for (size_t keep = 0; keep < formsLength - 4; ++keep) {
     Bytes bytes(good.begin(), good.begin() + long(24 + keep));
@@ -275,8 +265,7 @@ TEST_F(FormsCorruptionTest, EveryPrefixOfTheIfrIsRefused) {
     bytes[20] = UINT8(forms), bytes[21] = UINT8(forms >> 8), bytes[22] = UINT8(forms >> 16);
     bytes[16] = UINT8(list), bytes[17] = UINT8(list >> 8);
     raw_->setBytes(bytes);
-    auto parse = process({raw_->handle()});
-    EXPECT_EQ(parse->status, EFI_VOLUME_CORRUPTED) << "IFR cut at " << keep;
+    EXPECT_EQ(process({raw_->handle()})->status, EFI_VOLUME_CORRUPTED) << "IFR cut at " << keep;
   }
 }
 
@@ -311,34 +300,18 @@ TEST_F(FormsCorruptionTest, RandomMutationsAreHandled) {
 }
 
 // ---------------------------------------------------------------- allocation failures
-class FormsAllocationTest : public FormsTest {};
+using FormsAllocationTest = FormsTest;
 
 TEST_F(FormsAllocationTest, EveryAllocationFailureOfProcessFormsIsClean) {
-  ifr::Strings strings({"en-US", "fr-FR", "x-UEFI"});
-  UINT16 s = strings.add(u"x");
-  ifr::FormSetBuilder fs(kFormSetGuid, s, s);
-  fs.varStore(1, kStoreGuid, "Setup", 32);
-  fs.efiVarStore(2, kVariableGuid, "Vars", 4, EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS);
-  fs.defaultStore(7, s);
-  ifr::FormBuilder& form = fs.form(1, s);
-  for (UINT16 q = 1; q <= 6; ++q)
-    form.oneOf(ifr::OneOf(q, s, s).store(1, q).option(s, 1).option(s, 2, EFI_IFR_OPTION_DEFAULT));
-  form.suppressIf(ifr::ideqval(1, 1), [s](ifr::FormBuilder& f) { f.text(s, s); })
-      .checkbox(ifr::Checkbox(10, s, s).store(1, 10).defaultExpression(ifr::True()))
-      .string(ifr::String(11, s, s, 1, 5).store(1, 12).grayOutIf(ifr::False(), [](ifr::String&) {}))
-      .orderedList(ifr::OrderedList(12, s, s, ifr::Width::U8, 3).store(1, 24).option(s, 1).option(s, 2))
-      .numeric(ifr::Numeric(13, s, s, ifr::Width::U32).store(2, 0));
-  fs.form(2, s).text(s, s);
+  Sample sample;
   devices::Device& device = addDevice();
-  device.addBufferStorage(kStoreGuid, u"Setup", std::vector<UINT8>(32, 1));
-  device.addVariableStorage(kVariableGuid, u"Vars", {1, 2, 3, 4});
-  EFI_HII_HANDLE handle = device.addPackageList(ifr::packageList(kListGuid, fs, strings));
-
+  device.addBufferStorage(kStoreGuid, u"Setup", std::vector<UINT8>(16, 1));
+  EFI_HII_HANDLE handles[] = {registerSample(sample), device.addPackageList(validList())};
   for (FaultMode mode : {FaultMode::Single, FaultMode::From}) {
     UINTN count = 0;
     HII_FORMSET_RECORD** sets = nullptr;
     size_t attempts = sweepAllocationFailures(
-        [&] { return forms_->ProcessForms(forms_, &handle, 1, nullptr, &count, &sets); },
+        [&] { return forms_->ProcessForms(forms_, handles, 2, nullptr, &count, &sets); },
         [&](EFI_STATUS status, size_t k) {
           EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << "attempt " << k;
           EXPECT_EQ(sets, nullptr) << "attempt " << k;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 
 #include "forms_support.h"
 
@@ -13,91 +14,13 @@ namespace {
 
 using ifr::Width;
 
-constexpr UINT16 kSetupSize = 64;
-
-struct Sample {
-  ifr::Strings strings{{"en-US", "fr-FR", "x-UEFI"}};
-  UINT16 title = strings.add(u"Setup");
-  UINT16 help = strings.add(u"Setup help");
-  UINT16 formTitle = strings.add(u"Main");
-  UINT16 form2Title = strings.add(u"Other");
-  UINT16 text = strings.add(u"Text");
-  UINT16 textTwo = strings.add(u"Second");
-  UINT16 subtitle = strings.add(u"Sub");
-  UINT16 custom = strings.add(u"Custom defaults");
-  UINT16 option1 = strings.add(u"One");
-  UINT16 option2 = strings.add(u"Two");
-  UINT16 option3 = strings.add(u"Three");
-  UINT16 prompt = strings.add(u"Prompt");
-
-  std::vector<UINT8> setupBytes() const {
-    std::vector<UINT8> b(kSetupSize, 0);
-    b[2] = 0x02;                                            // one-of 0x10
-    b[4] = 0x01;                                            // checkbox 0x11
-    b[8] = 0x78, b[9] = 0x56, b[10] = 0x34, b[11] = 0x12;   // numeric 0x12
-    b[12] = 'p', b[14] = 'w';                               // password 0x13
-    b[30] = 'H', b[32] = 'i';                               // string 0x14
-    b[50] = 3, b[51] = 1, b[52] = 2;                        // ordered list 0x15
-    return b;
-  }
-
-  ifr::FormSetBuilder formSet() const {
-    ifr::FormSetBuilder fs(kFormSetGuid, title, help);
-    fs.varStore(1, kStoreGuid, "Setup", kSetupSize);
-    fs.efiVarStore(2, kVariableGuid, "Vars", 8, EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS);
-    fs.defaultStore(0x0005, custom);
-    ifr::FormBuilder& form = fs.form(1, formTitle);
-    form.subtitle(subtitle)
-        .text(text, help, textTwo)
-        .oneOf(ifr::OneOf(0x10, prompt, help, Width::U16)
-                   .store(1, 2)
-                   .resetRequired()
-                   .range(1, 3, 1)
-                   .option(option1, 1)
-                   .option(option2, 2, EFI_IFR_OPTION_DEFAULT)
-                   .option(option3, 3, EFI_IFR_OPTION_DEFAULT_MFG))
-        .checkbox(ifr::Checkbox(0x11, prompt, help).store(1, 4).defaultOn())
-        .numeric(ifr::Numeric(0x12, prompt, help, Width::U32)
-                     .store(1, 8)
-                     .readOnly()
-                     .range(10, 5000, 5)
-                     .defaultValue(100)
-                     .defaultValue(200, EFI_HII_DEFAULT_CLASS_MANUFACTURING))
-        .password(ifr::Password(0x13, prompt, help, 1, 8).store(1, 12))
-        .string(ifr::String(0x14, prompt, help, 2, 10).store(1, 30))
-        .orderedList(ifr::OrderedList(0x15, prompt, help, Width::U8, 3)
-                         .store(1, 50)
-                         .option(option1, 1)
-                         .option(option2, 2)
-                         .option(option3, 3))
-        .ref(ifr::Ref(0x16, prompt, help).toForm(2))
-        .action(ifr::Action(0x17, prompt, help, textTwo))
-        .image(7)
-        .numeric(ifr::Numeric(0x18, prompt, help, Width::U16).store(2, 2).range(0, 0xFFFF))
-        .checkbox(ifr::Checkbox(0x19, prompt, help).locked());
-    fs.form(2, form2Title).text(text, help);
-    return fs;
-  }
-};
-
-class FormsRecordsTest : public FormsTest {
- protected:
-  // The sample's device with its storage and package list.
-  EFI_HII_HANDLE registerSample(const Sample& sample, devices::Device*& device) {
-    device = &addDevice();
-    device->addBufferStorage(kStoreGuid, u"Setup", sample.setupBytes());
-    device->addVariableStorage(kVariableGuid, u"Vars", {0, 0, 0x34, 0x12, 0, 0, 0, 0});
-    return device->addPackageList(ifr::packageList(kListGuid, sample.formSet(), sample.strings));
-  }
-};
+using FormsRecordsTest = FormsTest;
 
 struct StatementCase {
-  const char* name;
   UINT16 questionId;
   UINT8 operand;
   UINT16 storageWidth;
-  UINT8 valueType;
-  UINT8 hiiType;
+  UINT8 valueType, hiiType;
   UINT64 minimum, maximum, step;
   int blockOffset;  // -1: no block name
   UINT64 value;     // the number in HiiValue.Value
@@ -105,28 +28,26 @@ struct StatementCase {
 };
 
 const StatementCase kStatements[] = {
-    {"one-of u16", 0x10, EFI_IFR_ONE_OF_OP, 2, 1, 1, 1, 3, 1, 2, 2, 0, 1, 0},
-    {"checkbox", 0x11, EFI_IFR_CHECKBOX_OP, 1, 0, EFI_IFR_TYPE_BOOLEAN, 0, 0, 0, 4, 1, 0, 0, 0},
-    {"numeric u32", 0x12, EFI_IFR_NUMERIC_OP, 4, 2, 2, 10, 5000, 5, 8, 0x12345678, 1, 0, 0},
-    {"password", 0x13, EFI_IFR_PASSWORD_OP, 16, 0, EFI_IFR_TYPE_STRING, 1, 8, 0, 12, 0, 0, 0, 0},
-    {"string", 0x14, EFI_IFR_STRING_OP, 20, 0, EFI_IFR_TYPE_STRING, 2, 10, 0, 30, 0, 0, 0, 0},
-    {"ordered list", 0x15, EFI_IFR_ORDERED_LIST_OP, 3, 0, EFI_IFR_TYPE_BUFFER, 0, 0, 0, 50, 0, 0, 0, 0},
-    {"numeric in EFI variable", 0x18, EFI_IFR_NUMERIC_OP, 2, 1, 1, 0, 0xFFFF, 0, 2, 0x1234, 0, 0, 0},
-    {"locked checkbox without storage", 0x19, EFI_IFR_CHECKBOX_OP, 1, 0, EFI_IFR_TYPE_BOOLEAN, 0, 0, 0, -1, 0, 0, 0,
-     1},
-    {"action", 0x17, EFI_IFR_ACTION_OP, 0, 0, EFI_IFR_TYPE_ACTION, 0, 0, 0, -1, 6, 0, 0, 0},
+    {0x10, EFI_IFR_ONE_OF_OP, 2, 1, 1, 1, 3, 1, 2, 2, 0, 1, 0},
+    {0x11, EFI_IFR_CHECKBOX_OP, 1, 0, EFI_IFR_TYPE_BOOLEAN, 0, 0, 0, 4, 1, 0, 0, 0},
+    {0x12, EFI_IFR_NUMERIC_OP, 4, 2, 2, 10, 5000, 5, 8, 0x12345678, 1, 0, 0},
+    {0x13, EFI_IFR_PASSWORD_OP, 16, 0, EFI_IFR_TYPE_STRING, 1, 8, 0, 12, 0, 0, 0, 0},
+    {0x14, EFI_IFR_STRING_OP, 20, 0, EFI_IFR_TYPE_STRING, 2, 10, 0, 30, 0, 0, 0, 0},
+    {0x15, EFI_IFR_ORDERED_LIST_OP, 3, 0, EFI_IFR_TYPE_BUFFER, 0, 0, 0, 50, 0, 0, 0, 0},
+    {0x18, EFI_IFR_NUMERIC_OP, 2, 1, 1, 0, 0xFFFF, 0, 2, 0x1234, 0, 0, 0},  // in the EFI variable
+    {0x19, EFI_IFR_CHECKBOX_OP, 1, 0, EFI_IFR_TYPE_BOOLEAN, 0, 0, 0, -1, 0, 0, 0, 1},  // no storage
+    {0x17, EFI_IFR_ACTION_OP, 0, 0, EFI_IFR_TYPE_ACTION, 0, 0, 0, -1, 6, 0, 0, 0},
 };
 
-TEST_F(FormsRecordsTest, QuestionsCarryTypeRangeStorageAndCurrentValue) {
+TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
   Sample sample;
   devices::Device* device = nullptr;
-  EFI_HII_HANDLE handle = registerSample(sample, device);
-  auto parse = process({handle});
+  auto parse = process({registerSample(sample, &device)});
   ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
   ASSERT_EQ(parse->count, 1u);
   const HII_FORMSET_RECORD* set = parse->set();
   for (const StatementCase& c : kStatements) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.questionId);
     HII_STATEMENT_RECORD* s = findQuestion(set, c.questionId);
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(s->Operand, c.operand);
@@ -148,109 +69,83 @@ TEST_F(FormsRecordsTest, QuestionsCarryTypeRangeStorageAndCurrentValue) {
       ASSERT_NE(s->VarStore, nullptr);
       EXPECT_EQ(s->VarStore->Guid, c.questionId == 0x18 ? kVariableGuid : kStoreGuid);
     }
-    if (c.hiiType <= EFI_IFR_TYPE_BOOLEAN || c.hiiType == EFI_IFR_TYPE_ACTION) {
-      EXPECT_EQ(number(s->HiiValue), c.value);
-    }
-    EXPECT_EQ(s->DisabledMark, 0);
-    EXPECT_EQ(s->SuppressedMark, 0);
-    EXPECT_EQ(s->ReadOnlyMark, 0);
+    if (c.hiiType <= EFI_IFR_TYPE_BOOLEAN || c.hiiType == EFI_IFR_TYPE_ACTION) { EXPECT_EQ(number(s->HiiValue), c.value); }
+    EXPECT_TRUE(!s->DisabledMark && !s->SuppressedMark && !s->ReadOnlyMark);
   }
-}
 
-TEST_F(FormsRecordsTest, BufferValuesOfStringsAndOrderedListsComeFromStorage) {
-  Sample sample;
-  devices::Device* device = nullptr;
-  auto parse = process({registerSample(sample, device)});
-  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-  const HII_FORMSET_RECORD* set = parse->set();
+  // Buffer values come from storage, except a password's characters.
+  auto buffer = [&](UINT16 id, size_t n) {
+    const UINT8* b = findQuestion(set, id)->HiiValue.Buffer;
+    return b ? std::vector<UINT8>(b, b + n) : std::vector<UINT8>{};
+  };
+  EXPECT_EQ(buffer(0x14, 6), (std::vector<UINT8>{'H', 0, 'i', 0, 0, 0}));
+  EXPECT_EQ(buffer(0x15, 3), (std::vector<UINT8>{3, 1, 2}));
+  EXPECT_EQ(buffer(0x13, 2), (std::vector<UINT8>{0, 0}));
 
-  HII_STATEMENT_RECORD* str = findQuestion(set, 0x14);
-  ASSERT_NE(str->HiiValue.Buffer, nullptr);
-  EXPECT_EQ(text16(reinterpret_cast<const CHAR16*>(str->HiiValue.Buffer)), u"Hi");
-
-  HII_STATEMENT_RECORD* list = findQuestion(set, 0x15);
-  ASSERT_NE(list->HiiValue.Buffer, nullptr);
-  EXPECT_EQ(std::vector<UINT8>(list->HiiValue.Buffer, list->HiiValue.Buffer + 3), (std::vector<UINT8>{3, 1, 2}));
-
-  // A password's stored characters are not copied into the records.
-  HII_STATEMENT_RECORD* password = findQuestion(set, 0x13);
-  ASSERT_NE(password->HiiValue.Buffer, nullptr);
-  EXPECT_EQ(text16(reinterpret_cast<const CHAR16*>(password->HiiValue.Buffer)), u"");
-}
-
-TEST_F(FormsRecordsTest, StatementsWithoutQuestionsKeepTheirOwnFields) {
-  Sample sample;
-  devices::Device* device = nullptr;
-  auto parse = process({registerSample(sample, device)});
-  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-  const HII_FORMSET_RECORD* set = parse->set();
+  // Statements in order, those without questions with their own fields.
   ASSERT_EQ(set->FormCount, 2u);
   const HII_FORM_RECORD* form = set->Forms[0];
-  EXPECT_EQ(form->FormId, 1);
   EXPECT_EQ(form->FormTitle, sample.formTitle);
   EXPECT_EQ(set->Forms[1]->FormId, 2);
   EXPECT_EQ(set->Forms[1]->FormTitle, sample.form2Title);
-  ASSERT_EQ(form->StatementCount, 13u);
-
-  const UINT8 order[] = {EFI_IFR_SUBTITLE_OP, EFI_IFR_TEXT_OP,         EFI_IFR_ONE_OF_OP,   EFI_IFR_CHECKBOX_OP,
-                         EFI_IFR_NUMERIC_OP,  EFI_IFR_PASSWORD_OP,     EFI_IFR_STRING_OP,   EFI_IFR_ORDERED_LIST_OP,
-                         EFI_IFR_REF_OP,      EFI_IFR_ACTION_OP,       EFI_IFR_IMAGE_OP,    EFI_IFR_NUMERIC_OP,
+  const UINT8 order[] = {EFI_IFR_SUBTITLE_OP,     EFI_IFR_TEXT_OP,   EFI_IFR_ONE_OF_OP,  EFI_IFR_CHECKBOX_OP,
+                         EFI_IFR_NUMERIC_OP,      EFI_IFR_PASSWORD_OP, EFI_IFR_STRING_OP, EFI_IFR_ORDERED_LIST_OP,
+                         EFI_IFR_REF_OP,          EFI_IFR_ACTION_OP, EFI_IFR_IMAGE_OP,   EFI_IFR_NUMERIC_OP,
                          EFI_IFR_CHECKBOX_OP};
+  ASSERT_EQ(form->StatementCount, sizeof(order));
   for (size_t i = 0; i < sizeof(order); ++i) EXPECT_EQ(form->Statements[i]->Operand, order[i]) << "statement " << i;
-
+  EXPECT_EQ(form->Statements[0]->Prompt, sample.subtitle);
   const HII_STATEMENT_RECORD* text = form->Statements[1];
   EXPECT_EQ(text->Prompt, sample.text);
   EXPECT_EQ(text->TextTwo, sample.textTwo);
-  EXPECT_EQ(text->BlockName, nullptr);
-  EXPECT_EQ(text->VarStore, nullptr);
-  EXPECT_EQ(form->Statements[0]->Prompt, sample.subtitle);
+  EXPECT_TRUE(!text->BlockName && !text->VarStore);
+  const HII_VALUE& ref = form->Statements[8]->HiiValue;
+  EXPECT_EQ(ref.Type, EFI_IFR_TYPE_REF);
+  EXPECT_EQ(ref.Value[2] | (ref.Value[3] << 8), 2) << "FormId two bytes into the value";
 
-  const HII_STATEMENT_RECORD* ref = form->Statements[8];
-  EXPECT_EQ(ref->HiiValue.Type, EFI_IFR_TYPE_REF);
-  EXPECT_EQ(ref->HiiValue.Value[2] | (ref->HiiValue.Value[3] << 8), 2) << "FormId two bytes into the value";
-}
-
-TEST_F(FormsRecordsTest, OptionsAndDefaults) {
-  Sample sample;
-  devices::Device* device = nullptr;
-  auto parse = process({registerSample(sample, device)});
-  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-  const HII_FORMSET_RECORD* set = parse->set();
-
+  // Options, and option default flags as defaults of the question.
   const HII_STATEMENT_RECORD* oneOf = findQuestion(set, 0x10);
   ASSERT_EQ(oneOf->OptionCount, 3u);
-  const struct {
-    UINT16 text;
-    UINT64 value;
-    UINT8 isDefault;
-  } options[] = {{sample.option1, 1, 0}, {sample.option2, 2, 1}, {sample.option3, 3, 0}};
-  for (size_t i = 0; i < 3; ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(oneOf->Options[i]->OptionText, options[i].text);
+  const UINT16 optionTexts[] = {sample.option1, sample.option2, sample.option3};
+  for (UINT8 i = 0; i < 3; ++i) {
+    EXPECT_EQ(oneOf->Options[i]->OptionText, optionTexts[i]);
     EXPECT_EQ(oneOf->Options[i]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_16);
-    EXPECT_EQ(number(oneOf->Options[i]->Value), options[i].value);
-    EXPECT_EQ(oneOf->Options[i]->OptionIsDefault, options[i].isDefault);
+    EXPECT_EQ(number(oneOf->Options[i]->Value), i + 1u);
+    EXPECT_EQ(oneOf->Options[i]->OptionIsDefault, i == 1);
     EXPECT_EQ(oneOf->Options[i]->OptionSuppressed, 0);
   }
-  // Option default flags become defaults of the question.
-  ASSERT_EQ(oneOf->DefaultCount, 2u);
-  EXPECT_EQ(oneOf->Defaults[0]->DefaultId, EFI_HII_DEFAULT_CLASS_STANDARD);
-  EXPECT_EQ(number(oneOf->Defaults[0]->Value), 2u);
-  EXPECT_EQ(oneOf->Defaults[1]->DefaultId, EFI_HII_DEFAULT_CLASS_MANUFACTURING);
-  EXPECT_EQ(number(oneOf->Defaults[1]->Value), 3u);
+  EXPECT_EQ(findQuestion(set, 0x15)->Options[2]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_8);
+  for (const auto& [id, type, standard, manufacturing] :
+       {std::tuple{0x10, EFI_IFR_TYPE_NUM_SIZE_16, 2, 3}, {0x12, EFI_IFR_TYPE_NUM_SIZE_32, 100, 200}}) {
+    const HII_STATEMENT_RECORD* q = findQuestion(set, UINT16(id));
+    ASSERT_EQ(q->DefaultCount, 2u);
+    EXPECT_EQ(q->Defaults[0]->DefaultId, EFI_HII_DEFAULT_CLASS_STANDARD);
+    EXPECT_EQ(q->Defaults[0]->Value.Type, type);
+    EXPECT_EQ(number(q->Defaults[0]->Value), UINT64(standard));
+    EXPECT_EQ(q->Defaults[1]->DefaultId, EFI_HII_DEFAULT_CLASS_MANUFACTURING);
+    EXPECT_EQ(number(q->Defaults[1]->Value), UINT64(manufacturing));
+    EXPECT_EQ(q->Defaults[1]->ValueExpression, nullptr);
+  }
 
-  const HII_STATEMENT_RECORD* numeric = findQuestion(set, 0x12);
-  ASSERT_EQ(numeric->DefaultCount, 2u);
-  EXPECT_EQ(numeric->Defaults[0]->DefaultId, EFI_HII_DEFAULT_CLASS_STANDARD);
-  EXPECT_EQ(numeric->Defaults[0]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_32);
-  EXPECT_EQ(number(numeric->Defaults[0]->Value), 100u);
-  EXPECT_EQ(numeric->Defaults[1]->DefaultId, EFI_HII_DEFAULT_CLASS_MANUFACTURING);
-  EXPECT_EQ(number(numeric->Defaults[1]->Value), 200u);
-  EXPECT_EQ(numeric->Defaults[1]->ValueExpression, nullptr);
-
-  const HII_STATEMENT_RECORD* list = findQuestion(set, 0x15);
-  ASSERT_EQ(list->OptionCount, 3u);
-  EXPECT_EQ(list->Options[2]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_8);
+  // The form set: languages, variable stores, default stores (standard and
+  // manufacturing first, then the custom one).
+  EXPECT_EQ(set->Guid, kFormSetGuid);
+  EXPECT_EQ(set->FormSetTitle, sample.title);
+  EXPECT_EQ(set->FormSetHelp, sample.help);
+  ASSERT_EQ(set->NumberOfLanguages, 3u);
+  EXPECT_STREQ(set->Languages[0], "en-US");
+  EXPECT_STREQ(set->Languages[1], "fr-FR");
+  EXPECT_STREQ(set->Languages[2], "x-UEFI");
+  ASSERT_EQ(set->VarStoreBufferCount, 2u);
+  EXPECT_EQ(set->VarStoreBuffer[0]->Guid, kStoreGuid);
+  EXPECT_EQ(text16(set->VarStoreBuffer[0]->ConfigHdr), hii::configHdr(kStoreGuid, u"Setup", device->devicePath()));
+  EXPECT_EQ(set->VarStoreBuffer[1]->Guid, kVariableGuid);
+  EXPECT_EQ(text16(set->VarStoreBuffer[1]->ConfigHdr), hii::configHdr(kVariableGuid, u"Vars", device->devicePath()));
+  ASSERT_EQ(set->DefaultStoreCount, 3u);
+  EXPECT_EQ(set->DefaultStores[0]->DefaultId, 0);
+  EXPECT_EQ(set->DefaultStores[1]->DefaultId, 1);
+  EXPECT_EQ(set->DefaultStores[2]->DefaultId, 5);
+  EXPECT_EQ(set->DefaultStores[2]->DefaultName, sample.custom);
 }
 
 // Checkbox defaults: flags, then EFI_IFR_DEFAULT records, then defaults
@@ -312,49 +207,16 @@ TEST_F(FormsRecordsTest, ExpressionDefaultsCarryTheirResult) {
   device.addBufferStorage(kStoreGuid, u"Setup", {0x22, 0x11, 9, 0});
   auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
   ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-
-  const HII_DEFAULT_RECORD* constant = findQuestion(parse->set(), 0x20)->Defaults[0];
-  EXPECT_EQ(constant->Value.Type, EFI_IFR_TYPE_OTHER);
-  ASSERT_NE(constant->ValueExpression, nullptr);
-  EXPECT_EQ(constant->ValueExpression->Result.Type, EFI_IFR_TYPE_NUM_SIZE_16);
-  EXPECT_EQ(number(constant->ValueExpression->Result), 0x1234u);
-
-  // A default that refers to another question uses its current value.
-  const HII_DEFAULT_RECORD* ref = findQuestion(parse->set(), 0x21)->Defaults[0];
-  EXPECT_EQ(ref->DefaultId, 1);
-  ASSERT_NE(ref->ValueExpression, nullptr);
-  EXPECT_EQ(number(ref->ValueExpression->Result), 0x1122u);
-}
-
-TEST_F(FormsRecordsTest, FormSetLanguagesVariableStoresAndDefaultStores) {
-  Sample sample;
-  devices::Device* device = nullptr;
-  auto parse = process({registerSample(sample, device)});
-  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-  const HII_FORMSET_RECORD* set = parse->set();
-  EXPECT_EQ(set->Guid, kFormSetGuid);
-  EXPECT_EQ(set->FormSetTitle, sample.title);
-  EXPECT_EQ(set->FormSetHelp, sample.help);
-
-  ASSERT_EQ(set->NumberOfLanguages, 3u);
-  EXPECT_STREQ(set->Languages[0], "en-US");
-  EXPECT_STREQ(set->Languages[1], "fr-FR");
-  EXPECT_STREQ(set->Languages[2], "x-UEFI");
-
-  ASSERT_EQ(set->VarStoreBufferCount, 2u);
-  EXPECT_EQ(set->VarStoreBuffer[0]->Guid, kStoreGuid);
-  EXPECT_EQ(text16(set->VarStoreBuffer[0]->ConfigHdr), device->configHdr(kStoreGuid, u"Setup"));
-  EXPECT_EQ(text16(set->VarStoreBuffer[0]->ConfigHdr),
-            hii::configHdr(kStoreGuid, u"Setup", device->devicePath()));
-  EXPECT_EQ(set->VarStoreBuffer[1]->Guid, kVariableGuid);
-  EXPECT_EQ(text16(set->VarStoreBuffer[1]->ConfigHdr), hii::configHdr(kVariableGuid, u"Vars", device->devicePath()));
-
-  // The standard and manufacturing stores come first, then the custom one.
-  ASSERT_EQ(set->DefaultStoreCount, 3u);
-  EXPECT_EQ(set->DefaultStores[0]->DefaultId, 0);
-  EXPECT_EQ(set->DefaultStores[1]->DefaultId, 1);
-  EXPECT_EQ(set->DefaultStores[2]->DefaultId, 5);
-  EXPECT_EQ(set->DefaultStores[2]->DefaultName, sample.custom);
+  // A constant, and another question's current value.
+  for (const auto& [id, defaultId, type, result] : {std::tuple{0x20, 0, EFI_IFR_TYPE_NUM_SIZE_16, 0x1234u},
+                                                    {0x21, 1, EFI_IFR_TYPE_NUM_SIZE_16, 0x1122u}}) {
+    const HII_DEFAULT_RECORD* d = findQuestion(parse->set(), UINT16(id))->Defaults[0];
+    EXPECT_EQ(d->DefaultId, defaultId);
+    EXPECT_EQ(d->Value.Type, EFI_IFR_TYPE_OTHER);
+    ASSERT_NE(d->ValueExpression, nullptr);
+    EXPECT_EQ(d->ValueExpression->Result.Type, type);
+    EXPECT_EQ(number(d->ValueExpression->Result), result);
+  }
 }
 
 TEST_F(FormsRecordsTest, FormSetFilterAndSeveralHandles) {
@@ -428,7 +290,8 @@ TEST_F(FormsRecordsTest, DatesTimesResetButtonsFormMapsNamedStorageAndReferences
   EXPECT_EQ(time->HiiValue.Type, EFI_IFR_TYPE_TIME);
   EXPECT_EQ(std::vector<UINT8>(time->HiiValue.Value, time->HiiValue.Value + 4), (std::vector<UINT8>{12, 34, 56, 0}));
   EXPECT_EQ(text16(time->BlockName), hii::blockName(4, 3));
-  EXPECT_EQ(findPrompt(set, t)->Operand, EFI_IFR_RESET_BUTTON_OP);
+  EXPECT_EQ(set->Forms[0]->Statements[2]->Operand, EFI_IFR_RESET_BUTTON_OP);
+  EXPECT_EQ(set->Forms[0]->Statements[2]->Prompt, t);
 
   // Name/value storage: the store is known, a block name is not.
   const HII_STATEMENT_RECORD* named = findQuestion(set, 0x42);

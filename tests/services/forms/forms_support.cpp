@@ -11,21 +11,15 @@ const EFI_GUID kStoreGuid = {0xa1b2c3d4, 0xe5f6, 0x0718, {0x29, 0x3a, 0x4b, 0x5c
 const EFI_GUID kVariableGuid = {0x0badcafe, 0x1234, 0x5678, {0x9a, 0xbc, 0xde, 0xf0, 0x01, 0x23, 0x45, 0x67}};
 
 namespace {
-template <typename Match>
-HII_STATEMENT_RECORD* findStatement(const HII_FORMSET_RECORD* set, Match match) {
-  for (UINT64 f = 0; f < set->FormCount; ++f)
-    for (UINT64 s = 0; s < set->Forms[f]->StatementCount; ++s)
-      if (match(set->Forms[f]->Statements[s])) return set->Forms[f]->Statements[s];
-  return nullptr;
-}
+using ifr::Width;
+constexpr UINT16 kSetupSize = 64;
 }  // namespace
 
 HII_STATEMENT_RECORD* findQuestion(const HII_FORMSET_RECORD* set, UINT16 questionId) {
-  return findStatement(set, [questionId](HII_STATEMENT_RECORD* s) { return s->QuestionId == questionId; });
-}
-
-HII_STATEMENT_RECORD* findPrompt(const HII_FORMSET_RECORD* set, UINT16 prompt) {
-  return findStatement(set, [prompt](HII_STATEMENT_RECORD* s) { return s->Prompt == prompt; });
+  for (UINT64 f = 0; f < set->FormCount; ++f)
+    for (UINT64 s = 0; s < set->Forms[f]->StatementCount; ++s)
+      if (set->Forms[f]->Statements[s]->QuestionId == questionId) return set->Forms[f]->Statements[s];
+  return nullptr;
 }
 
 std::u16string text16(const CHAR16* s) { return s ? std::u16string(s) : std::u16string(); }
@@ -54,6 +48,45 @@ ifr::Bytes guidBytes(const EFI_GUID& g) {
 }
 
 ifr::Bytes le16(UINT16 v) { return {UINT8(v), UINT8(v >> 8)}; }
+
+// ---------------------------------------------------------------- sample
+std::vector<UINT8> Sample::setupBytes() const {
+  std::vector<UINT8> b(kSetupSize, 0);
+  b[2] = 0x02, b[4] = 0x01;                              // one-of 0x10, checkbox 0x11
+  b[8] = 0x78, b[9] = 0x56, b[10] = 0x34, b[11] = 0x12;  // numeric 0x12
+  b[12] = 'p', b[14] = 'w', b[30] = 'H', b[32] = 'i';    // password 0x13, string 0x14
+  b[50] = 3, b[51] = 1, b[52] = 2;                       // ordered list 0x15
+  return b;
+}
+
+ifr::FormSetBuilder Sample::formSet() const {
+  ifr::FormSetBuilder fs(kFormSetGuid, title, help);
+  fs.varStore(1, kStoreGuid, "Setup", kSetupSize);
+  fs.efiVarStore(2, kVariableGuid, "Vars", 8, EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS);
+  fs.defaultStore(0x0005, custom);
+  ifr::FormBuilder& form = fs.form(1, formTitle);
+  form.subtitle(subtitle)
+      .text(text, help, textTwo)
+      .oneOf(ifr::OneOf(0x10, prompt, help, Width::U16).store(1, 2).resetRequired().range(1, 3, 1)
+                 .option(option1, 1).option(option2, 2, EFI_IFR_OPTION_DEFAULT)
+                 .option(option3, 3, EFI_IFR_OPTION_DEFAULT_MFG))
+      .checkbox(ifr::Checkbox(0x11, prompt, help).store(1, 4).defaultOn())
+      .numeric(ifr::Numeric(0x12, prompt, help, Width::U32).store(1, 8).readOnly().range(10, 5000, 5)
+                   .defaultValue(100).defaultValue(200, EFI_HII_DEFAULT_CLASS_MANUFACTURING))
+      .password(ifr::Password(0x13, prompt, help, 1, 8).store(1, 12))
+      .string(ifr::String(0x14, prompt, help, 2, 10).store(1, 30))
+      .orderedList(ifr::OrderedList(0x15, prompt, help, Width::U8, 3).store(1, 50)
+                       .option(option1, 1).option(option2, 2).option(option3, 3))
+      .ref(ifr::Ref(0x16, prompt, help).toForm(2))
+      .action(ifr::Action(0x17, prompt, help, textTwo))
+      .image(7)
+      .numeric(ifr::Numeric(0x18, prompt, help, Width::U16).store(2, 2).range(0, 0xFFFF))
+      .checkbox(ifr::Checkbox(0x19, prompt, help).locked());
+  fs.form(2, form2Title).text(text, help);
+  return fs;
+}
+
+ifr::Bytes Sample::list() const { return ifr::packageList(kListGuid, formSet(), strings); }
 
 // ---------------------------------------------------------------- raw database
 RawDatabase::RawDatabase(host::Platform& platform) : platform_(platform) {
@@ -111,6 +144,14 @@ devices::Device& FormsTest::addDevice() {
   std::vector<uint8_t> path = hii::DevicePathBuilder().pciRoot(0).pci(UINT8(devices_.size() + 1), 0).build();
   devices_.push_back(std::make_unique<devices::Device>(platform(), *database_, path));
   return *devices_.back();
+}
+
+EFI_HII_HANDLE FormsTest::registerSample(const Sample& sample, devices::Device** device) {
+  devices::Device& d = addDevice();
+  d.addBufferStorage(kStoreGuid, u"Setup", sample.setupBytes());
+  d.addVariableStorage(kVariableGuid, u"Vars", {0, 0, 0x34, 0x12, 0, 0, 0, 0});
+  if (device) *device = &d;
+  return d.addPackageList(sample.list());
 }
 
 std::unique_ptr<Parse> FormsTest::process(const std::vector<EFI_HII_HANDLE>& handles, const EFI_GUID* filter) {

@@ -46,10 +46,8 @@ struct Parse {
   HII_FORMSET_RECORD* set(size_t i = 0) const { return sets[i]; }
 };
 
-// The first statement of a form set with `questionId` (its own bookkeeping
-// field), or the first whose prompt is `prompt` when the id is 0.
+// The first statement of a form set with `questionId`.
 HII_STATEMENT_RECORD* findQuestion(const HII_FORMSET_RECORD* set, UINT16 questionId);
-HII_STATEMENT_RECORD* findPrompt(const HII_FORMSET_RECORD* set, UINT16 prompt);
 
 std::u16string text16(const CHAR16* s);  // empty for null
 UINT64 number(const HII_VALUE& v);       // the number at the width of its type
@@ -84,6 +82,29 @@ class RawDatabase {
   std::vector<UINT8> bytes_;
 };
 
+// A form set with every kind of statement over a buffer store (64 bytes)
+// and an EFI variable store (8 bytes), three languages and a custom
+// default store.
+struct Sample {
+  ifr::Strings strings{{"en-US", "fr-FR", "x-UEFI"}};
+  UINT16 title = strings.add(u"Setup");
+  UINT16 help = strings.add(u"Setup help");
+  UINT16 formTitle = strings.add(u"Main");
+  UINT16 form2Title = strings.add(u"Other");
+  UINT16 text = strings.add(u"Text");
+  UINT16 textTwo = strings.add(u"Second");
+  UINT16 subtitle = strings.add(u"Sub");
+  UINT16 custom = strings.add(u"Custom defaults");
+  UINT16 option1 = strings.add(u"One");
+  UINT16 option2 = strings.add(u"Two");
+  UINT16 option3 = strings.add(u"Three");
+  UINT16 prompt = strings.add(u"Prompt");
+
+  std::vector<UINT8> setupBytes() const;
+  ifr::FormSetBuilder formSet() const;
+  ifr::Bytes list() const;
+};
+
 class FormsTest : public PlatformTest {
  protected:
   void SetUp() override;
@@ -93,6 +114,8 @@ class FormsTest : public PlatformTest {
   hii::HiiDatabase& database() { return *database_; }
   // A new device with a PCI device path of its own.
   devices::Device& addDevice();
+  // A new device with the sample's storage and package list.
+  EFI_HII_HANDLE registerSample(const Sample& sample, devices::Device** device = nullptr);
 
   std::unique_ptr<Parse> process(const std::vector<EFI_HII_HANDLE>& handles, const EFI_GUID* filter = nullptr);
   HII_FORMS_PROCESSOR_ERROR lastError();
