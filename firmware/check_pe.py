@@ -1,15 +1,21 @@
 #!/usr/bin/env python3
 """Checks that each given file is a PE32+ x64 image for the EFI boot-service
-driver subsystem, relocatable, with an entry point and no imports."""
+driver subsystem (or, with --application, the EFI application subsystem),
+relocatable, with an entry point and no imports."""
 import struct
 import sys
 
 IMAGE_FILE_MACHINE_AMD64 = 0x8664
 PE32_PLUS = 0x20B
+SUBSYSTEM_EFI_APPLICATION = 10
 SUBSYSTEM_EFI_BOOT_SERVICE_DRIVER = 11
+SUBSYSTEMS = {
+    SUBSYSTEM_EFI_APPLICATION: "EFI application",
+    SUBSYSTEM_EFI_BOOT_SERVICE_DRIVER: "EFI boot-service driver",
+}
 
 
-def check(path):
+def check(path, expected=SUBSYSTEM_EFI_BOOT_SERVICE_DRIVER):
     data = open(path, "rb").read()
     if data[:2] != b"MZ":
         return "no MZ header"
@@ -27,8 +33,8 @@ def check(path):
     if entry == 0:
         return "no entry point"
     (subsystem,) = struct.unpack_from("<H", data, opt + 68)
-    if subsystem != SUBSYSTEM_EFI_BOOT_SERVICE_DRIVER:
-        return "subsystem %d, not an EFI boot-service driver" % subsystem
+    if subsystem != expected:
+        return "subsystem %d, not an %s" % (subsystem, SUBSYSTEMS[expected])
     (count,) = struct.unpack_from("<I", data, opt + 108)
     dirs = [struct.unpack_from("<II", data, opt + 112 + 8 * i) for i in range(count)]
     if count > 1 and dirs[1][1] != 0:
@@ -38,11 +44,16 @@ def check(path):
     return None
 
 
-def main(paths):
+def main(args):
+    expected = SUBSYSTEM_EFI_BOOT_SERVICE_DRIVER
+    if args[:1] == ["--application"]:
+        expected = SUBSYSTEM_EFI_APPLICATION
+        args = args[1:]
+    paths = args
     failed = 0
     for path in paths:
-        problem = check(path)
-        print("%s: %s" % (path, problem or "PE32+ x64 boot-service driver"))
+        problem = check(path, expected)
+        print("%s: %s" % (path, problem or "PE32+ x64 " + SUBSYSTEMS[expected]))
         failed += problem is not None
     return 1 if failed or not paths else 0
 
