@@ -97,8 +97,8 @@ TEST_F(CombinedTest, Refusals) {
   const std::string invalid = "Tolvane-tvlNodesToCombinedXmlChar: Invalid starting parameter: Invalid Parameter\n";
   const std::string notConfigData =
       "Tolvane-tvlNodesToCombinedXmlChar: possible or current do not point to <ConfigData>\n";
+  TOLVANE_PROTOCOL* self = converter();
   struct Case {
-    const char* name;
     TOLVANE_PROTOCOL* self;
     XML_NODE* first;
     XML_NODE* second;
@@ -106,23 +106,23 @@ TEST_F(CombinedTest, Refusals) {
     EFI_STATUS status;
     std::string trace;  // after the entry trace, if any
   } cases[] = {
-      {"no This", nullptr, first_, second_, &text, EFI_INVALID_PARAMETER, invalid},
-      {"no first", converter(), nullptr, second_, &text, EFI_INVALID_PARAMETER, invalid},
-      {"no second", converter(), first_, nullptr, &text, EFI_INVALID_PARAMETER, invalid},
-      {"no text", converter(), first_, second_, nullptr, EFI_INVALID_PARAMETER, invalid},
-      {"second is an entry", converter(), first_, entryRoot, &text, EFI_INVALID_PARAMETER, notConfigData},
-      {"first is an entry", converter(), entryRoot, second_, &text, EFI_INVALID_PARAMETER, notConfigData},
-      {"second has no entry", converter(), first_, noEntry, &text, EFI_NOT_FOUND, ""},
-      {"first has no entry", converter(), noEntry, second_, &text, EFI_NOT_FOUND, ""},
+      {nullptr, first_, second_, &text, EFI_INVALID_PARAMETER, invalid},
+      {self, nullptr, second_, &text, EFI_INVALID_PARAMETER, invalid},
+      {self, first_, nullptr, &text, EFI_INVALID_PARAMETER, invalid},
+      {self, first_, second_, nullptr, EFI_INVALID_PARAMETER, invalid},
+      {self, first_, entryRoot, &text, EFI_INVALID_PARAMETER, notConfigData},
+      {self, entryRoot, second_, &text, EFI_INVALID_PARAMETER, notConfigData},
+      {self, first_, noEntry, &text, EFI_NOT_FOUND, ""},
+      {self, noEntry, second_, &text, EFI_NOT_FOUND, ""},
   };
-  for (const Case& c : cases) {
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const Case& c = cases[i];
     log().clear();
-    EFI_STATUS status = combine(c.self, c.first, c.second, c.text);
-    EXPECT_EQ(status, c.status) << c.name << ": " << statusName(status);
-    EXPECT_EQ(text, nullptr) << c.name;
+    EXPECT_EQ(statusName(combine(c.self, c.first, c.second, c.text)), statusName(c.status)) << "case " << i;
+    EXPECT_EQ(text, nullptr) << "case " << i;
     std::vector<std::string> expected = {kEntering};
     if (!c.trace.empty()) expected.push_back(c.trace);
-    EXPECT_EQ(traces(), expected) << c.name;
+    EXPECT_EQ(traces(), expected) << "case " << i;
   }
   expectUnchanged();
   DRIVER_FN(freeNode)(noEntry);
@@ -144,15 +144,16 @@ TEST_F(CombinedTest, SerialisationFailureRestoresTheLink) {
 
 TEST_F(CombinedTest, AllocationFailuresLeaveBothTreesUnchanged) {
   CHAR8* text = nullptr;
-  size_t attempts = sweepAllocationFailures([&] { return combine(converter(), first_, second_, &text); },
-                          [&](EFI_STATUS status, size_t k) {
-                            EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << k;
-                            EXPECT_EQ(text, nullptr) << k;
-                          },
-                          [&] {
-                            if (text) bs()->FreePool(text);
-                            text = nullptr;
-                          });
+  size_t attempts = sweepAllocationFailures(
+      [&] { return combine(converter(), first_, second_, &text); },
+      [&](EFI_STATUS status, size_t k) {
+        EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << k;
+        EXPECT_EQ(text, nullptr) << k;
+      },
+      [&] {
+        if (text) bs()->FreePool(text);
+        text = nullptr;
+      });
   EXPECT_GT(attempts, 0u);
   expectUnchanged();
 }
