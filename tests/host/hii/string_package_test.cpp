@@ -3,9 +3,6 @@
 // and the builder/serialiser against the parser.
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <map>
-#include <optional>
 
 #include "host/hii/string_package.h"
 #include "tests/host/hii/hii_bytes.h"
@@ -20,146 +17,94 @@ EFI_STATUS parse(const Bytes& bytes, hii::StringPackage& out, hii::FormatError* 
   return hii::parseStringPackage(copy.data.get(), copy.size, out, error);
 }
 
-// Expected content: id -> text, or nullopt for an id that must be undefined.
-using Expected = std::map<EFI_STRING_ID, std::optional<std::u16string>>;
-
-struct BlockCase {
-  const char* name;
-  Bytes blocks;
-  Expected expected;
-  EFI_STRING_ID lastId;
-};
-
 const Bytes kFontBlock = cat({{EFI_HII_SIBT_EXT2, EFI_HII_SIBT_FONT}, u16le(4 + 7 + 8), {1}, u16le(19),
                               {0, 0, 0, 0}, ucs2(u"Sys")});
+const Bytes kEnd = {EFI_HII_SIBT_END};
+Bytes str(const std::u16string& s) { return cat({{EFI_HII_SIBT_STRING_UCS2}, ucs2(s)}); }
 
 TEST(StringPackageBlocks, EachBlockTypeYieldsItsIds) {
-  const BlockCase cases[] = {
-      {"single UCS-2 strings",
-       cat({{EFI_HII_SIBT_STRING_UCS2}, ucs2(u"One"), {EFI_HII_SIBT_STRING_UCS2}, ucs2(u"Two"), {EFI_HII_SIBT_END}}),
-       {{1, u"One"}, {2, u"Two"}, {3, std::nullopt}},
-       2},
-      {"counted UCS-2 strings",
-       cat({{EFI_HII_SIBT_STRINGS_UCS2}, u16le(3), ucs2(u"a"), ucs2(u""), ucs2(u"c"), {EFI_HII_SIBT_END}}),
-       {{1, u"a"}, {2, u""}, {3, u"c"}},
-       3},
+  const struct {
+    const char* name;
+    Bytes blocks;
+    std::vector<const char16_t*> texts;  // ids 1..n, null for an undefined id; n is the last id
+  } cases[] = {
+      {"single and counted UCS-2 strings", cat({str(u"One"), {EFI_HII_SIBT_STRINGS_UCS2}, u16le(2), ucs2(u""), ucs2(u"c"), kEnd}),
+       {u"One", u"", u"c"}},
       {"SKIP1 and SKIP2 leave ids undefined",
-       cat({{EFI_HII_SIBT_STRING_UCS2}, ucs2(u"A"), {EFI_HII_SIBT_SKIP1, 2}, {EFI_HII_SIBT_STRING_UCS2}, ucs2(u"D"),
-            {EFI_HII_SIBT_SKIP2}, u16le(300), {EFI_HII_SIBT_STRING_UCS2}, ucs2(u"E"), {EFI_HII_SIBT_END}}),
-       {{1, u"A"}, {2, std::nullopt}, {3, std::nullopt}, {4, u"D"}, {5, std::nullopt}, {304, std::nullopt},
-        {305, u"E"}},
-       305},
-      {"DUPLICATE repeats an earlier string",
-       cat({{EFI_HII_SIBT_STRING_UCS2}, ucs2(u"X"), {EFI_HII_SIBT_STRING_UCS2}, ucs2(u"Y"), {EFI_HII_SIBT_DUPLICATE},
-            u16le(1), {EFI_HII_SIBT_END}}),
-       {{1, u"X"}, {2, u"Y"}, {3, u"X"}},
-       3},
+       cat({str(u"A"), {EFI_HII_SIBT_SKIP1, 2}, str(u"D"), {EFI_HII_SIBT_SKIP2}, u16le(2), str(u"E"), kEnd}),
+       {u"A", nullptr, nullptr, u"D", nullptr, nullptr, u"E"}},
+      {"DUPLICATE repeats an earlier string", cat({str(u"X"), str(u"Y"), {EFI_HII_SIBT_DUPLICATE}, u16le(1), kEnd}),
+       {u"X", u"Y", u"X"}},
       {"font definition and strings with a font",
        cat({kFontBlock, {EFI_HII_SIBT_STRING_UCS2_FONT, 1}, ucs2(u"F"), {EFI_HII_SIBT_STRINGS_UCS2_FONT, 1},
-            u16le(2), ucs2(u"G"), ucs2(u"H"), {EFI_HII_SIBT_END}}),
-       {{1, u"F"}, {2, u"G"}, {3, u"H"}},
-       3},
+            u16le(2), ucs2(u"G"), ucs2(u"H"), kEnd}),
+       {u"F", u"G", u"H"}},
       {"unknown extended blocks take no id",
-       cat({{EFI_HII_SIBT_EXT1, 0x77, 5, 0xAA, 0xBB}, {EFI_HII_SIBT_EXT4, 0x78, 8, 0, 0, 0, 0xCC, 0xDD},
-            {EFI_HII_SIBT_STRING_UCS2}, ucs2(u"Z"), {EFI_HII_SIBT_END}}),
-       {{1, u"Z"}},
-       1},
+       cat({{EFI_HII_SIBT_EXT1, 0x77, 5, 0xAA, 0xBB, EFI_HII_SIBT_EXT4, 0x78, 8, 0, 0, 0, 0xCC, 0xDD}, str(u"Z"), kEnd}),
+       {u"Z"}},
       {"SCSU text in ASCII and the Latin-1 window, with and without a font",
-       cat({{EFI_HII_SIBT_STRING_SCSU, 'H', 'i', 0}, {EFI_HII_SIBT_STRINGS_SCSU}, u16le(2),
-            {'a', 0, 0xE9, 't', 0xE9, 0}, {EFI_HII_SIBT_STRING_SCSU_FONT, 2, 'Q', 0},
-            {EFI_HII_SIBT_STRINGS_SCSU_FONT, 2}, u16le(1), {'R', 0}, {EFI_HII_SIBT_END}}),
-       {{1, u"Hi"}, {2, u"a"}, {3, u"\u00e9t\u00e9"}, {4, u"Q"}, {5, u"R"}},
-       5},
-      {"strings start after a StringInfoOffset gap", {}, {{1, u"gap"}}, 1},
+       cat({{EFI_HII_SIBT_STRING_SCSU, 'H', 'i', 0, EFI_HII_SIBT_STRINGS_SCSU}, u16le(2), {'a', 0, 0xE9, 't', 0xE9, 0},
+            {EFI_HII_SIBT_STRING_SCSU_FONT, 2, 'Q', 0, EFI_HII_SIBT_STRINGS_SCSU_FONT, 2}, u16le(1), {'R', 0}, kEnd}),
+       {u"Hi", u"a", u"\u00e9t\u00e9", u"Q", u"R"}},
+      {"strings start after a StringInfoOffset gap", cat({{9, 9, 9, 9}, str(u"gap"), kEnd}), {u"gap"}},
   };
-  for (const BlockCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Bytes bytes = stringPackage("en-US", c.blocks);
-    if (c.blocks.empty()) {
-      // StringInfoOffset beyond HdrSize: four filler bytes, then the blocks.
-      bytes = stringPackage("en-US", cat({{9, 9, 9, 9, EFI_HII_SIBT_STRING_UCS2}, ucs2(u"gap"), {EFI_HII_SIBT_END}}));
-      bytes[8] = uint8_t(bytes[8] + 4);
-    }
+    if (c.blocks[0] == 9) bytes[8] = uint8_t(bytes[8] + 4);  // StringInfoOffset beyond HdrSize: skip the filler
     hii::StringPackage package;
     ASSERT_EQ(parse(bytes, package), EFI_SUCCESS);
-    EXPECT_EQ(package.lastId(), c.lastId);
-    for (const auto& [id, text] : c.expected) {
-      const hii::StringEntry* entry = package.find(id);
-      if (!text) {
-        EXPECT_EQ(entry, nullptr) << "id " << id;
-      } else {
-        ASSERT_NE(entry, nullptr) << "id " << id;
-        EXPECT_EQ(entry->text, *text) << "id " << id;
-      }
+    EXPECT_EQ(package.lastId(), c.texts.size());
+    for (size_t i = 0; i < c.texts.size(); ++i) {
+      const hii::StringEntry* entry = package.find(EFI_STRING_ID(i + 1));
+      ASSERT_EQ(entry != nullptr, c.texts[i] != nullptr) << "id " << i + 1;
+      if (entry) { EXPECT_EQ(entry->text, c.texts[i]) << "id " << i + 1; }
     }
   }
 }
 
-struct MalformedCase {
-  const char* name;
-  std::function<Bytes()> make;
-  EFI_STATUS status;
-};
-
-Bytes valid() {
-  return stringPackage("en-US", cat({{EFI_HII_SIBT_STRING_UCS2}, ucs2(u"ok"), {EFI_HII_SIBT_END}}));
+Bytes valid() { return stringPackage("en-US", cat({str(u"ok"), kEnd})); }
+Bytes patched(size_t at, uint8_t value) {
+  Bytes b = valid();
+  b[at] = value;
+  return b;
 }
 Bytes withBlocks(const Bytes& blocks) { return stringPackage("en-US", blocks); }
 
 TEST(StringPackageRefusals, MalformedPackagesAreRefused) {
-  const MalformedCase cases[] = {
-      {"shorter than the fixed header", [] { Bytes b = valid(); b.resize(40); b[0] = 40; return b; },
-       EFI_INVALID_PARAMETER},
-      {"header length differs from the package size", [] { Bytes b = valid(); b[0] = uint8_t(b[0] + 1); return b; },
-       EFI_INVALID_PARAMETER},
-      {"HdrSize past the package", [] { Bytes b = valid(); b[4] = 0xF0; return b; }, EFI_INVALID_PARAMETER},
-      {"Language not terminated inside HdrSize", [] { Bytes b = valid(); b[4] = uint8_t(b[4] - 1); b[8] = b[4]; return b; },
-       EFI_INVALID_PARAMETER},
-      {"empty Language", [] { return stringPackage("", {EFI_HII_SIBT_END}); }, EFI_INVALID_PARAMETER},
-      {"StringInfoOffset past the package", [] { Bytes b = valid(); b[8] = 0xF0; return b; }, EFI_INVALID_PARAMETER},
-      {"StringInfoOffset inside the header", [] { Bytes b = valid(); b[8] = 10; return b; }, EFI_INVALID_PARAMETER},
-      {"no END block", [] { return withBlocks(cat({{EFI_HII_SIBT_STRING_UCS2}, ucs2(u"x")})); },
-       EFI_INVALID_PARAMETER},
-      {"counted strings fewer than the count",
-       [] { return withBlocks(cat({{EFI_HII_SIBT_STRINGS_UCS2}, u16le(3), ucs2(u"a"), ucs2(u"b"), {0}})); },
-       EFI_INVALID_PARAMETER},
-      {"DUPLICATE of a later id",
-       [] { return withBlocks(cat({{EFI_HII_SIBT_DUPLICATE}, u16le(2), {EFI_HII_SIBT_END}})); },
-       EFI_INVALID_PARAMETER},
-      {"DUPLICATE of a skipped id",
-       [] { return withBlocks(cat({{EFI_HII_SIBT_SKIP1, 1, EFI_HII_SIBT_DUPLICATE}, u16le(1), {0}})); },
-       EFI_INVALID_PARAMETER},
-      {"ids beyond 0xFFFF",
-       [] { return withBlocks(cat({{EFI_HII_SIBT_SKIP2}, u16le(0xFFFF), {EFI_HII_SIBT_STRING_UCS2}, ucs2(u"x"), {0}})); },
-       EFI_INVALID_PARAMETER},
-      {"EXT2 shorter than its header", [] { return withBlocks(cat({{EFI_HII_SIBT_EXT2, 0x77}, u16le(3), {0}})); },
-       EFI_INVALID_PARAMETER},
-      {"EXT4 block runs past the package",
-       [] { return withBlocks({EFI_HII_SIBT_EXT4, 0x77, 0x00, 0x01, 0, 0, 0}); }, EFI_INVALID_PARAMETER},
-      {"font name runs past its block",
-       [] {
-         return withBlocks(cat({{EFI_HII_SIBT_EXT2, EFI_HII_SIBT_FONT}, u16le(4 + 7 + 2), {1}, u16le(19),
-                                {0, 0, 0, 0}, {'S', 0}, ucs2(u"ys"), {0}}));
-       },
-       EFI_INVALID_PARAMETER},
-      {"unknown block type", [] { return withBlocks({0x50, EFI_HII_SIBT_END}); }, EFI_INVALID_PARAMETER},
-      {"SCSU control tag", [] { return withBlocks({EFI_HII_SIBT_STRING_SCSU, 'a', 0x05, 'b', 0, 0}); },
-       EFI_UNSUPPORTED},
+  const size_t length = valid().size(), hdrSize = valid()[4];
+  const Bytes cases[] = {
+      patched(0, uint8_t(length + 1)),  // header length differs from the package size
+      patched(4, 0xF0),                 // HdrSize past the package
+      [&] { Bytes b = patched(4, uint8_t(hdrSize - 1)); b[8] = b[4]; return b; }(),  // Language not terminated
+      stringPackage("", kEnd),          // empty Language
+      patched(8, 0xF0),                 // StringInfoOffset past the package
+      patched(8, 10),                   // StringInfoOffset inside the header
+      withBlocks(str(u"x")),            // no END block
+      withBlocks(cat({{EFI_HII_SIBT_STRINGS_UCS2}, u16le(3), ucs2(u"a"), ucs2(u"b"), kEnd})),  // fewer than counted
+      withBlocks(cat({{EFI_HII_SIBT_DUPLICATE}, u16le(2), kEnd})),                           // DUPLICATE of a later id
+      withBlocks(cat({{EFI_HII_SIBT_SKIP1, 1, EFI_HII_SIBT_DUPLICATE}, u16le(1), kEnd})),     // of a skipped id
+      withBlocks(cat({{EFI_HII_SIBT_SKIP2}, u16le(0xFFFF), str(u"x"), kEnd})),                // ids beyond 0xFFFF
+      withBlocks(cat({{EFI_HII_SIBT_EXT2, 0x77}, u16le(3), kEnd})),  // EXT2 shorter than its header
+      withBlocks(cat({{EFI_HII_SIBT_EXT2, EFI_HII_SIBT_FONT}, u16le(4 + 7 + 2), {1}, u16le(19), {0, 0, 0, 0, 'S', 0},
+                      ucs2(u"ys"), kEnd})),                          // font name runs past its block
+      withBlocks({0x50, EFI_HII_SIBT_END}),                          // unknown block type
   };
-  for (const MalformedCase& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (size_t i = 0; i < std::size(cases); ++i) {
     hii::StringPackage package;
     hii::FormatError error;
-    EXPECT_EQ(parse(c.make(), package, &error), c.status);
+    EXPECT_EQ(parse(cases[i], package, &error), EFI_INVALID_PARAMETER) << "case " << i;
     EXPECT_FALSE(error.message.empty());
   }
+  hii::StringPackage package;
+  EXPECT_EQ(parse(withBlocks({EFI_HII_SIBT_STRING_SCSU, 'a', 0x05, 'b', 0, 0}), package), EFI_UNSUPPORTED);  // SCSU tag
 }
 
 TEST(StringPackageRefusals, EveryTruncationIsRefused) {
   const Bytes full = stringPackage(
       "x-UEFI-ns", cat({kFontBlock, {EFI_HII_SIBT_STRING_UCS2_FONT, 1}, ucs2(u"F"), {EFI_HII_SIBT_SKIP1, 2},
                         {EFI_HII_SIBT_STRINGS_UCS2}, u16le(2), ucs2(u"ab"), ucs2(u"cd"), {EFI_HII_SIBT_DUPLICATE},
-                        u16le(4), {EFI_HII_SIBT_STRING_SCSU, 's', 0}, {EFI_HII_SIBT_END}}));
+                        u16le(4), {EFI_HII_SIBT_STRING_SCSU, 's', 0}, kEnd}));
   hii::StringPackage package;
   ASSERT_EQ(parse(full, package), EFI_SUCCESS);
   for (size_t n = 0; n < full.size(); ++n) {
@@ -191,10 +136,9 @@ TEST(StringPackageBuilder, SerialisedModelParsesToTheSameModel) {
   EXPECT_EQ(back.extendedBlocks, model.extendedBlocks);
   ASSERT_EQ(back.strings.size(), model.strings.size());
   for (size_t i = 0; i < model.strings.size(); ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(back.strings[i].defined, model.strings[i].defined);
-    EXPECT_EQ(back.strings[i].text, model.strings[i].text);
-    EXPECT_EQ(back.strings[i].hasFont, model.strings[i].hasFont);
+    EXPECT_EQ(back.strings[i].defined, model.strings[i].defined) << i;
+    EXPECT_EQ(back.strings[i].text, model.strings[i].text) << i;
+    EXPECT_EQ(back.strings[i].hasFont, model.strings[i].hasFont) << i;
   }
   // The plain builder: one string per id, in order.
   const std::vector<std::u16string> strings = {u"", u"[x] caf\u00e9 \u2122", std::u16string(300, u'w')};
