@@ -1,7 +1,5 @@
 #include "forms_support.h"
 
-#include <cstring>
-
 namespace tvl::test::forms {
 
 const EFI_GUID kFormSetGuid = {0x3c1f0a52, 0x7e21, 0x4d6b, {0x9a, 0x10, 0x55, 0x21, 0x0b, 0xc4, 0x7e, 0x01}};
@@ -56,14 +54,20 @@ std::vector<UINT8> Sample::setupBytes() const {
   b[8] = 0x78, b[9] = 0x56, b[10] = 0x34, b[11] = 0x12;  // numeric 0x12
   b[12] = 'p', b[14] = 'w', b[30] = 'H', b[32] = 'i';    // password 0x13, string 0x14
   b[50] = 3, b[51] = 1, b[52] = 2;                       // ordered list 0x15
+  b[56] = 0xE8, b[57] = 0x07, b[58] = 6, b[59] = 11;     // date 0x1A
+  b[60] = 12, b[61] = 34, b[62] = 56;                    // time 0x1B
   return b;
 }
 
-ifr::FormSetBuilder Sample::formSet() const {
+ifr::Bytes Sample::list() const {
   ifr::FormSetBuilder fs(kFormSetGuid, title, help);
   fs.varStore(1, kStoreGuid, "Setup", kSetupSize);
   fs.efiVarStore(2, kVariableGuid, "Vars", 8, EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS);
   fs.defaultStore(0x0005, custom);
+  fs.nameValueVarStore(3, kOtherFormSetGuid);
+  auto dateTime = [this](UINT8 opcode, UINT16 id, UINT16 offset) {
+    return op(opcode, false, cat({le16(prompt), le16(help), le16(id), le16(1), le16(offset), {0, 0}}));
+  };
   ifr::FormBuilder& form = fs.form(1, formTitle);
   form.subtitle(subtitle)
       .text(text, help, textTwo)
@@ -79,53 +83,29 @@ ifr::FormSetBuilder Sample::formSet() const {
                        .option(option1, 1).option(option2, 2).option(option3, 3))
       .ref(ifr::Ref(0x16, prompt, help).toForm(2))
       .action(ifr::Action(0x17, prompt, help, textTwo))
-      .image(7)
-      .numeric(ifr::Numeric(0x18, prompt, help, Width::U16).store(2, 2).range(0, 0xFFFF))
-      .checkbox(ifr::Checkbox(0x19, prompt, help).locked());
+      .suppressIf(ifr::And(ifr::ideqval(0x10, 3), ifr::Not(ifr::False())), [](ifr::FormBuilder& f) { f.image(7); })
+      .numeric(ifr::Numeric(0x18, prompt, help, Width::U64).store(2, 0).range(0, ~0ull))
+      .checkbox(ifr::Checkbox(0x19, prompt, help).locked().defaultExpression(ifr::ideqvallist(0x10, {1, 2})))
+      .raw(dateTime(EFI_IFR_DATE_OP, 0x1A, 56))
+      .raw(dateTime(EFI_IFR_TIME_OP, 0x1B, 60))
+      .raw(op(EFI_IFR_RESET_BUTTON_OP, false, cat({le16(prompt), le16(help), le16(1)})))
+      .numeric(ifr::Numeric(0x1C, prompt, help).storeNamed(3, text))
+      .ref(ifr::Ref(0x1D, prompt, help).toQuestion(2, 0x1A))
+      .ref(ifr::Ref(0x1E, prompt, help).toFormSet(kOtherFormSetGuid, 3, 4))
+      .ref(ifr::Ref(0x1F, prompt, help).toDevice(9, kOtherFormSetGuid, 5, 6))
+      .ref(ifr::Ref(0x20, prompt, help))
+      .label(1)
+      .locked();
   fs.form(2, form2Title).text(text, help);
-  return fs;
-}
-
-ifr::Bytes Sample::list() const { return ifr::packageList(kListGuid, formSet(), strings); }
-
-// ---------------------------------------------------------------- raw database
-RawDatabase::RawDatabase(host::Platform& platform) : platform_(platform) {
-  table_.protocol.ExportPackageLists = exportLists;
-  table_.protocol.GetPackageListHandle = packageListHandle;
-  table_.self = this;
-  EFI_GUID guid = EFI_HII_DATABASE_PROTOCOL_GUID;
-  platform_.installProtocol(&handle_, guid, &table_.protocol);
-}
-
-RawDatabase::~RawDatabase() {
-  EFI_GUID guid = EFI_HII_DATABASE_PROTOCOL_GUID;
-  platform_.uninstallProtocol(handle_, guid, &table_.protocol);
-}
-
-EFI_STATUS EFIAPI RawDatabase::exportLists(const EFI_HII_DATABASE_PROTOCOL* This, EFI_HII_HANDLE Handle,
-                                           UINTN* BufferSize, EFI_HII_PACKAGE_LIST_HEADER* Buffer) {
-  auto* self = reinterpret_cast<const Table*>(This)->self;
-  if (Handle != self->handle()) return EFI_NOT_FOUND;
-  if (*BufferSize < self->bytes_.size()) {
-    *BufferSize = self->bytes_.size();
-    return EFI_BUFFER_TOO_SMALL;
-  }
-  *BufferSize = self->bytes_.size();
-  if (!self->bytes_.empty()) std::memcpy(Buffer, self->bytes_.data(), self->bytes_.size());
-  return EFI_SUCCESS;
-}
-
-EFI_STATUS EFIAPI RawDatabase::packageListHandle(const EFI_HII_DATABASE_PROTOCOL*, EFI_HII_HANDLE, EFI_HANDLE*) {
-  return EFI_NOT_FOUND;
+  fs.raw(cat({op(EFI_IFR_FORM_MAP_OP, true, cat({le16(8), le16(form2Title), guidBytes(kStoreGuid)})),
+              op(EFI_IFR_TEXT_OP, false, cat({le16(text), le16(help), le16(0)})), {EFI_IFR_END_OP, 2}}));
+  return ifr::packageList(kListGuid, fs, strings);
 }
 
 // ---------------------------------------------------------------- fixture
 void FormsTest::SetUp() {
   PlatformTest::SetUp();
-  if (useRawDatabase_)
-    raw_ = std::make_unique<RawDatabase>(platform());
-  else
-    database_ = std::make_unique<hii::HiiDatabase>(platform());
+  installDatabase();
   load("forms_service");
   EFI_GUID guid = HII_FORMS_PROCESSOR2_PROTOCOL_GUID;
   forms_ = locate<HII_FORMS_PROCESSOR2_PROTOCOL>(guid);
@@ -133,10 +113,11 @@ void FormsTest::SetUp() {
   markBaseline();
 }
 
+void FormsTest::installDatabase() { database_ = std::make_unique<hii::HiiDatabase>(platform()); }
+
 void FormsTest::TearDown() {
   devices_.clear();
   database_.reset();
-  raw_.reset();
   PlatformTest::TearDown();
 }
 

@@ -1,6 +1,6 @@
 // Shared pieces of the forms-processor tests: a platform with the HII
-// database and the forms service loaded, sample devices, a raw package-list
-// database for malformed input, and readers of the records.
+// database and the forms service loaded, sample devices, raw IFR bytes and
+// readers of the records.
 #pragma once
 
 #include <memory>
@@ -30,16 +30,12 @@ extern const EFI_GUID kStoreGuid;
 extern const EFI_GUID kVariableGuid;
 
 // The result of one ProcessForms call; gives the form sets back when it
-// goes out of scope.
+// goes out of scope (held by unique_ptr, never copied).
 struct Parse {
   HII_FORMS_PROCESSOR2_PROTOCOL* forms = nullptr;
   EFI_STATUS status = EFI_SUCCESS;
   UINTN count = 0;
   HII_FORMSET_RECORD** sets = nullptr;
-
-  Parse() = default;
-  Parse(const Parse&) = delete;
-  Parse& operator=(const Parse&) = delete;
   ~Parse() {
     if (sets) forms->DestroyFormSets(forms, count, sets);
   }
@@ -58,50 +54,19 @@ ifr::Bytes op(UINT8 opcode, bool scope, const ifr::Bytes& body);  // header with
 ifr::Bytes guidBytes(const EFI_GUID& g);
 ifr::Bytes le16(UINT16 v);
 
-// A database that exports fixed bytes for one handle, for package lists
-// the real database would refuse.
-class RawDatabase {
- public:
-  explicit RawDatabase(host::Platform& platform);
-  ~RawDatabase();
-  void setBytes(std::vector<UINT8> bytes) { bytes_ = std::move(bytes); }
-  EFI_HII_HANDLE handle() const { return reinterpret_cast<EFI_HII_HANDLE>(0x1000); }
-
- private:
-  static EFI_STATUS EFIAPI exportLists(const EFI_HII_DATABASE_PROTOCOL* This, EFI_HII_HANDLE Handle,
-                                       UINTN* BufferSize, EFI_HII_PACKAGE_LIST_HEADER* Buffer);
-  static EFI_STATUS EFIAPI packageListHandle(const EFI_HII_DATABASE_PROTOCOL* This, EFI_HII_HANDLE Handle,
-                                            EFI_HANDLE* DriverHandle);
-  struct Table {
-    EFI_HII_DATABASE_PROTOCOL protocol;
-    RawDatabase* self;
-  };
-  host::Platform& platform_;
-  Table table_{};
-  EFI_HANDLE handle_ = nullptr;
-  std::vector<UINT8> bytes_;
-};
-
-// A form set with every kind of statement over a buffer store (64 bytes)
-// and an EFI variable store (8 bytes), three languages and a custom
-// default store.
+// A form set with every kind of statement (dates, times, references of
+// every length, a reset button, a form map, an image suppressed while
+// one-of 0x10 is 3) over a buffer store (64 bytes), an EFI variable store
+// (8 bytes) and a name/value store, three languages and a custom default
+// store.
 struct Sample {
   ifr::Strings strings{{"en-US", "fr-FR", "x-UEFI"}};
-  UINT16 title = strings.add(u"Setup");
-  UINT16 help = strings.add(u"Setup help");
-  UINT16 formTitle = strings.add(u"Main");
-  UINT16 form2Title = strings.add(u"Other");
-  UINT16 text = strings.add(u"Text");
-  UINT16 textTwo = strings.add(u"Second");
-  UINT16 subtitle = strings.add(u"Sub");
-  UINT16 custom = strings.add(u"Custom defaults");
-  UINT16 option1 = strings.add(u"One");
-  UINT16 option2 = strings.add(u"Two");
-  UINT16 option3 = strings.add(u"Three");
-  UINT16 prompt = strings.add(u"Prompt");
+  UINT16 title = strings.add(u"Setup"), help = strings.add(u"Setup help"), formTitle = strings.add(u"Main"),
+         form2Title = strings.add(u"Other"), text = strings.add(u"Text"), textTwo = strings.add(u"Second"),
+         subtitle = strings.add(u"Sub"), custom = strings.add(u"Custom defaults"), option1 = strings.add(u"One"),
+         option2 = strings.add(u"Two"), option3 = strings.add(u"Three"), prompt = strings.add(u"Prompt");
 
   std::vector<UINT8> setupBytes() const;
-  ifr::FormSetBuilder formSet() const;
   ifr::Bytes list() const;
 };
 
@@ -109,8 +74,9 @@ class FormsTest : public PlatformTest {
  protected:
   void SetUp() override;
   void TearDown() override;
+  // Installs the real HII database, before the service is loaded.
+  virtual void installDatabase();
 
-  // The real HII database; created by SetUp unless useRawDatabase is set.
   hii::HiiDatabase& database() { return *database_; }
   // A new device with a PCI device path of its own.
   devices::Device& addDevice();
@@ -121,8 +87,6 @@ class FormsTest : public PlatformTest {
   HII_FORMS_PROCESSOR_ERROR lastError();
 
   HII_FORMS_PROCESSOR2_PROTOCOL* forms_ = nullptr;
-  bool useRawDatabase_ = false;
-  std::unique_ptr<RawDatabase> raw_;
 
  private:
   std::unique_ptr<hii::HiiDatabase> database_;
