@@ -33,8 +33,7 @@ TEST(PackageList, BuiltListSplitsIntoItsPackagesAndListsSitBackToBack) {
   EXPECT_EQ(lists[0].guid, kListGuid);
   EXPECT_EQ(lists[0].size, a.size());
   ASSERT_EQ(lists[0].packages.size(), 2u);
-  EXPECT_EQ(lists[0].packages[0].type, EFI_HII_PACKAGE_STRINGS);
-  EXPECT_EQ(lists[0].packages[1].type, EFI_HII_PACKAGE_FORMS);
+  EXPECT_EQ(lists[0].packages[0].type * 256 + lists[0].packages[1].type, EFI_HII_PACKAGE_STRINGS * 256 + EFI_HII_PACKAGE_FORMS);
   EXPECT_EQ(lists[0].packages[1].data[4], 1);
   EXPECT_TRUE(lists[1].packages.empty());
 
@@ -46,16 +45,14 @@ TEST(PackageList, BuiltListSplitsIntoItsPackagesAndListsSitBackToBack) {
   EXPECT_EQ(error.offset, a.size() + 20);
 }
 
-struct Malformed {
-  const char* name;
-  std::function<void(Bytes&)> mutate;
-  size_t errorOffset;
-};
-
 TEST(PackageList, MalformedListsAreRefusedWithTheirOffset) {
   const size_t second = 20 + hii::buildStringPackage("en-US", {u"a", u"b"}).size();
   const size_t end = second + 7;
-  const Malformed cases[] = {
+  const struct {
+    const char* name;
+    std::function<void(Bytes&)> mutate;
+    size_t errorOffset;
+  } cases[] = {
       {"header cut off", [](Bytes& b) { b.resize(19); }, 0},
       {"length too small for an END package", [](Bytes& b) { setLength(b, 23); }, 16},
       {"length past the data", [](Bytes& b) { setLength(b, uint32_t(b.size() + 1)); }, 16},
@@ -68,7 +65,7 @@ TEST(PackageList, MalformedListsAreRefusedWithTheirOffset) {
       {"data after the END package",
        [&](Bytes& b) { b.insert(b.end(), {4, 0, 0, 2}); setLength(b, uint32_t(b.size())); }, end},
   };
-  for (const Malformed& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Bytes list = sample();
     c.mutate(list);
