@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ostream>
 #include <tuple>
 
 namespace tvl::test::xml {
@@ -11,18 +10,6 @@ namespace tvl::test::xml {
 bool operator==(const Tree& a, const Tree& b) {
   return std::tie(a.name, a.contents, a.attributes, a.children) ==
          std::tie(b.name, b.contents, b.attributes, b.children);
-}
-
-std::ostream& operator<<(std::ostream& out, const Tree& tree) {
-  out << tree.name;
-  for (const auto& [name, value] : tree.attributes) out << " @" << name << "='" << value << "'";
-  if (tree.contents) out << " {" << *tree.contents << "}";
-  if (!tree.children.empty()) {
-    out << " (";
-    for (const Tree& child : tree.children) out << child << "; ";
-    out << ")";
-  }
-  return out;
 }
 
 bool xmllintAccepts(const std::string& text) {
@@ -47,21 +34,16 @@ CHAR8* XmlServiceTest::poolText(const std::string& text) {
   return static_cast<CHAR8*>(buffer);
 }
 
-XML_ATTRIBUTE* XmlServiceTest::poolAttribute(const std::string& name, const std::string& value) {
-  void* buffer = nullptr;
-  EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, sizeof(XML_ATTRIBUTE), &buffer), EFI_SUCCESS);
-  auto* attribute = static_cast<XML_ATTRIBUTE*>(buffer);
-  *attribute = XML_ATTRIBUTE{poolText(name), poolText(value), nullptr, 0};
-  return attribute;
-}
-
 XML_NODE* XmlServiceTest::build(const Tree& tree) {
   XML_NODE* node = nullptr;
   EXPECT_EQ(xml_->XML_CreateNode(xml_, tree.name.c_str(), &node), EFI_SUCCESS);
   if (tree.contents) node->contents = poolText(*tree.contents);
   XML_ATTRIBUTE** tail = &node->attributes;
   for (const auto& [name, value] : tree.attributes) {
-    *tail = poolAttribute(name, value);
+    void* buffer = nullptr;
+    EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, sizeof(XML_ATTRIBUTE), &buffer), EFI_SUCCESS);
+    *tail = static_cast<XML_ATTRIBUTE*>(buffer);
+    **tail = XML_ATTRIBUTE{poolText(name), poolText(value), nullptr, 0};
     tail = &(*tail)->next;
   }
   XML_NODE* last = nullptr;

@@ -1,7 +1,5 @@
-// Helpers of the XML service tests: a fixture with the service loaded, a
-// plain description of a tree that can be built into XML_NODE records (as
-// the driver builds them) and read back from them, and a check of texts
-// with xmllint.
+// Helpers of the XML service tests: the service loaded, trees built into
+// XML_NODE records as the driver builds them and read back, xmllint.
 #pragma once
 
 #include <optional>
@@ -21,8 +19,6 @@ struct Tree {
   std::vector<Tree> children;
 };
 bool operator==(const Tree& a, const Tree& b);
-inline bool operator!=(const Tree& a, const Tree& b) { return !(a == b); }
-std::ostream& operator<<(std::ostream& out, const Tree& tree);
 
 // True when xmllint accepts `text` without a word; otherwise what it said
 // goes to the test's output.
@@ -32,15 +28,14 @@ class XmlServiceTest : public PlatformTest {
  protected:
   void SetUp() override;
 
-  // Builds `tree` (with its following `siblings`): nodes from the service,
-  // contents and attributes allocated from the pool by the caller.
+  // Builds `tree`: nodes from the service, contents and attributes
+  // allocated from the pool by the caller.
   XML_NODE* build(const Tree& tree);
   // Reads a tree back (recursive: for small trees only). Fails the test
   // when a child's parent link does not point at its parent.
   Tree read(const XML_NODE* node);
   // A new pool copy of a text, as the driver allocates it.
   CHAR8* poolText(const std::string& text);
-  XML_ATTRIBUTE* poolAttribute(const std::string& name, const std::string& value);
 
   // NodeToXML, with the text copied out and released.
   EFI_STATUS serialise(XML_NODE* root, std::string* text);
