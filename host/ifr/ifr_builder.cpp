@@ -255,28 +255,35 @@ void putScopedQuestion(Bytes& out, UINT8 opcode, const Q& q, const Bytes& tail) 
 
 }  // namespace
 
-OneOf::OneOf(UINT16 questionId, UINT16 prompt, UINT16 help, Width width)
-    : Question(questionId, prompt, help), width_(width) {}
-
-OneOf& OneOf::option(UINT16 text, UINT64 value, UINT8 optionFlags) {
-  putBytes(nested_, optionOp(width_, text, value, optionFlags));
-  return *this;
-}
-OneOf& OneOf::range(UINT64 minimum, UINT64 maximum, UINT64 step) {
+template <typename Derived, UINT8 Opcode>
+Derived& NumberQuestion<Derived, Opcode>::range(UINT64 minimum, UINT64 maximum, UINT64 step) {
   min_ = minimum, max_ = maximum, step_ = step;
-  return *this;
+  return this->self();
 }
-OneOf& OneOf::display(UINT8 displayFlags) {
+template <typename Derived, UINT8 Opcode>
+Derived& NumberQuestion<Derived, Opcode>::display(UINT8 displayFlags) {
   display_ = displayFlags & EFI_IFR_DISPLAY;
-  return *this;
+  return this->self();
 }
-OneOf& OneOf::defaultValue(UINT64 value, UINT16 defaultId) {
-  return defaultConstant(Value::number(width_, value), defaultId);
+template <typename Derived, UINT8 Opcode>
+Derived& NumberQuestion<Derived, Opcode>::defaultValue(UINT64 value, UINT16 defaultId) {
+  return this->defaultConstant(Value::number(width_, value), defaultId);
 }
-void OneOf::encode(Bytes& out) const {
+template <typename Derived, UINT8 Opcode>
+void NumberQuestion<Derived, Opcode>::encode(Bytes& out) const {
   Bytes tail{UINT8(UINT8(width_) | display_)};
   putBytes(tail, minMaxStep(width_, min_, max_, step_));
-  putScopedQuestion(out, EFI_IFR_ONE_OF_OP, *this, tail);
+  putScopedQuestion(out, Opcode, static_cast<const Derived&>(*this), tail);
+}
+template class NumberQuestion<OneOf, EFI_IFR_ONE_OF_OP>;
+template class NumberQuestion<Numeric, EFI_IFR_NUMERIC_OP>;
+
+OneOf::OneOf(UINT16 questionId, UINT16 prompt, UINT16 help, Width width)
+    : NumberQuestion(questionId, prompt, help, width) {}
+
+OneOf& OneOf::option(UINT16 text, UINT64 value, UINT8 optionFlags) {
+  putBytes(nested_, optionOp(width(), text, value, optionFlags));
+  return *this;
 }
 
 Checkbox::Checkbox(UINT16 questionId, UINT16 prompt, UINT16 help) : Question(questionId, prompt, help) {}
@@ -286,23 +293,7 @@ Checkbox& Checkbox::defaultValue(bool on, UINT16 defaultId) {
 void Checkbox::encode(Bytes& out) const { putScopedQuestion(out, EFI_IFR_CHECKBOX_OP, *this, {checkboxFlags_}); }
 
 Numeric::Numeric(UINT16 questionId, UINT16 prompt, UINT16 help, Width width)
-    : Question(questionId, prompt, help), width_(width) {}
-Numeric& Numeric::range(UINT64 minimum, UINT64 maximum, UINT64 step) {
-  min_ = minimum, max_ = maximum, step_ = step;
-  return *this;
-}
-Numeric& Numeric::display(UINT8 displayFlags) {
-  display_ = displayFlags & EFI_IFR_DISPLAY;
-  return *this;
-}
-Numeric& Numeric::defaultValue(UINT64 value, UINT16 defaultId) {
-  return defaultConstant(Value::number(width_, value), defaultId);
-}
-void Numeric::encode(Bytes& out) const {
-  Bytes tail{UINT8(UINT8(width_) | display_)};
-  putBytes(tail, minMaxStep(width_, min_, max_, step_));
-  putScopedQuestion(out, EFI_IFR_NUMERIC_OP, *this, tail);
-}
+    : NumberQuestion(questionId, prompt, help, width) {}
 
 Password::Password(UINT16 questionId, UINT16 prompt, UINT16 help, UINT16 minSize, UINT16 maxSize)
     : Question(questionId, prompt, help), minSize_(minSize), maxSize_(maxSize) {}

@@ -178,24 +178,35 @@ class Question {
   Bytes nested_;
 };
 
-// EFI_IFR_ONE_OF with its EFI_IFR_ONE_OF_OPTION list.
-class OneOf : public Question<OneOf> {
+// What one-of and numeric questions share: the value width, the display
+// format and the minimum, maximum and step written in that width.
+template <typename Derived, UINT8 Opcode>
+class NumberQuestion : public Question<Derived> {
  public:
-  OneOf(UINT16 questionId, UINT16 prompt, UINT16 help, Width width = Width::U8);
-  // An option; `optionFlags` may hold EFI_IFR_OPTION_DEFAULT and
-  // EFI_IFR_OPTION_DEFAULT_MFG.
-  OneOf& option(UINT16 text, UINT64 value, UINT8 optionFlags = 0);
-  OneOf& range(UINT64 minimum, UINT64 maximum, UINT64 step = 0);
+  Derived& range(UINT64 minimum, UINT64 maximum, UINT64 step = 0);
   // EFI_IFR_DISPLAY_* bits; unsigned decimal when not given.
-  OneOf& display(UINT8 displayFlags);
-  OneOf& defaultValue(UINT64 value, UINT16 defaultId = EFI_HII_DEFAULT_CLASS_STANDARD);
+  Derived& display(UINT8 displayFlags);
+  Derived& defaultValue(UINT64 value, UINT16 defaultId = EFI_HII_DEFAULT_CLASS_STANDARD);
   Width width() const { return width_; }
   void encode(Bytes& out) const;
+
+ protected:
+  NumberQuestion(UINT16 questionId, UINT16 prompt, UINT16 help, Width width)
+      : Question<Derived>(questionId, prompt, help), width_(width) {}
 
  private:
   Width width_;
   UINT8 display_ = EFI_IFR_DISPLAY_UINT_DEC;
   UINT64 min_ = 0, max_ = 0, step_ = 0;
+};
+
+// EFI_IFR_ONE_OF with its EFI_IFR_ONE_OF_OPTION list.
+class OneOf : public NumberQuestion<OneOf, EFI_IFR_ONE_OF_OP> {
+ public:
+  OneOf(UINT16 questionId, UINT16 prompt, UINT16 help, Width width = Width::U8);
+  // An option; `optionFlags` may hold EFI_IFR_OPTION_DEFAULT and
+  // EFI_IFR_OPTION_DEFAULT_MFG.
+  OneOf& option(UINT16 text, UINT64 value, UINT8 optionFlags = 0);
 };
 
 // EFI_IFR_CHECKBOX.
@@ -214,19 +225,9 @@ class Checkbox : public Question<Checkbox> {
 };
 
 // EFI_IFR_NUMERIC.
-class Numeric : public Question<Numeric> {
+class Numeric : public NumberQuestion<Numeric, EFI_IFR_NUMERIC_OP> {
  public:
   Numeric(UINT16 questionId, UINT16 prompt, UINT16 help, Width width = Width::U8);
-  Numeric& range(UINT64 minimum, UINT64 maximum, UINT64 step = 0);
-  Numeric& display(UINT8 displayFlags);
-  Numeric& defaultValue(UINT64 value, UINT16 defaultId = EFI_HII_DEFAULT_CLASS_STANDARD);
-  Width width() const { return width_; }
-  void encode(Bytes& out) const;
-
- private:
-  Width width_;
-  UINT8 display_ = EFI_IFR_DISPLAY_UINT_DEC;
-  UINT64 min_ = 0, max_ = 0, step_ = 0;
 };
 
 // EFI_IFR_PASSWORD: sizes in characters.
