@@ -62,7 +62,9 @@ class LocationTest : public tvl::test::PlatformTest {
     ASSERT_NE(loc_, nullptr);
   }
   void TearDown() override {
-    if (image_) EXPECT_EQ(platform().unloadImage(image_), EFI_SUCCESS);  // frees the table
+    if (image_) {
+      EXPECT_EQ(platform().unloadImage(image_), EFI_SUCCESS);  // frees the table
+    }
     PlatformTest::TearDown();
   }
 
