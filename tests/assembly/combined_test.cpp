@@ -2,17 +2,13 @@
 // through the converter protocol's slot.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "support/driver.h"
 #include "xml/node.h"
 
 namespace {
 
-using tvl::test::DriverTest;
-using tvl::test::statusName;
+using namespace tvl::test;  // DriverTest, statusName
 
-constexpr char kFunction[] = "tvlNodesToCombinedXMLChar";
 constexpr char kEntering[] = "Tolvane-tvlNodesToCombinedXmlChar: Entering...\n";
 
 constexpr char kPossible[] =
@@ -26,18 +22,14 @@ class CombinedTest : public DriverTest {
   void SetUp() override {
     DriverTest::SetUp();
     if (HasFatalFailure()) return;
-    xml_ = locate<XML_PROTOCOL>(XML_PROTOCOL_GUID);
-    ASSERT_NE(xml_, nullptr);
-    first_ = parse(kPossible);
-    second_ = parse(kCurrent);
-    ASSERT_TRUE(first_ && second_);
-    firstText_ = serialise(first_);
-    secondText_ = serialise(second_);
+    ASSERT_NE(xml_ = locate<XML_PROTOCOL>(XML_PROTOCOL_GUID), nullptr);
+    ASSERT_TRUE((first_ = parse(kPossible)) && (second_ = parse(kCurrent)));
+    texts_ = {serialise(first_), serialise(second_)};
     log().clear();
   }
   void TearDown() override {
-    if (first_) DRIVER_FN(freeNode)(first_);
-    if (second_) DRIVER_FN(freeNode)(second_);
+    for (XML_NODE* tree : {first_, second_})
+      if (tree) DRIVER_FN(freeNode)(tree);
     DriverTest::TearDown();
   }
 
@@ -56,15 +48,11 @@ class CombinedTest : public DriverTest {
   EFI_STATUS combine(TOLVANE_PROTOCOL* self, XML_NODE* first, XML_NODE* second, CHAR8** text) {
     return converter()->NodesToCombinedXMLChar(self, first, second, text);
   }
-  // Both trees exactly as they were parsed.
-  void expectUnchanged() {
-    EXPECT_EQ(serialise(first_), firstText_);
-    EXPECT_EQ(serialise(second_), secondText_);
-  }
+  void expectUnchanged() { EXPECT_EQ((std::vector<std::string>{serialise(first_), serialise(second_)}), texts_); }
   // Every trace of the call, in order, all at the failure level.
   std::vector<std::string> traces() {
     std::vector<std::string> texts;
-    for (const tvl::test::LogRecord& r : log().from(kFunction)) {
+    for (const tvl::test::LogRecord& r : log().from("tvlNodesToCombinedXMLChar")) {
       EXPECT_EQ(r.level, TVL_LEVEL_FAILURE) << r.text;
       texts.push_back(r.text);
     }
@@ -74,14 +62,12 @@ class CombinedTest : public DriverTest {
   XML_PROTOCOL* xml_ = nullptr;
   XML_NODE* first_ = nullptr;
   XML_NODE* second_ = nullptr;
-  std::string firstText_;
-  std::string secondText_;
+  std::vector<std::string> texts_;
 };
 
 TEST_F(CombinedTest, OneRootWithBothEntriesFirstTreeFirst) {
   CHAR8* text = nullptr;
   ASSERT_EQ(combine(converter(), first_, second_, &text), EFI_SUCCESS);
-  ASSERT_NE(text, nullptr);
   EXPECT_STREQ(text,
                "<ConfigData a=\"1\"><Header/><ConfigDataEntry Type=\"PossibleValues\"><X>1</X></ConfigDataEntry>"
                "<ConfigDataEntry Type=\"CurrentValues\"><X>2</X></ConfigDataEntry><More/></ConfigData>");
@@ -94,35 +80,26 @@ TEST_F(CombinedTest, Refusals) {
   XML_NODE* entryRoot = second_->children;  // a ConfigDataEntry, not a ConfigData
   XML_NODE* noEntry = parse("<ConfigData><Other/></ConfigData>");
   CHAR8* text = nullptr;
-  const std::string invalid = "Tolvane-tvlNodesToCombinedXmlChar: Invalid starting parameter: Invalid Parameter\n";
-  const std::string notConfigData =
-      "Tolvane-tvlNodesToCombinedXmlChar: possible or current do not point to <ConfigData>\n";
+  const std::string prefix = "Tolvane-tvlNodesToCombinedXmlChar: ";
+  const std::string invalid = prefix + "Invalid starting parameter: Invalid Parameter\n";
+  const std::string notConfig = prefix + "possible or current do not point to <ConfigData>\n";
   TOLVANE_PROTOCOL* self = converter();
-  struct Case {
-    TOLVANE_PROTOCOL* self;
-    XML_NODE* first;
-    XML_NODE* second;
-    CHAR8** text;
-    EFI_STATUS status;
-    std::string trace;  // after the entry trace, if any
+  const EFI_STATUS bad = EFI_INVALID_PARAMETER;
+  struct Case {  // trace: after the entry trace, if any
+    TOLVANE_PROTOCOL* self; XML_NODE* first; XML_NODE* second; CHAR8** text; EFI_STATUS status; std::string trace;
   } cases[] = {
-      {nullptr, first_, second_, &text, EFI_INVALID_PARAMETER, invalid},
-      {self, nullptr, second_, &text, EFI_INVALID_PARAMETER, invalid},
-      {self, first_, nullptr, &text, EFI_INVALID_PARAMETER, invalid},
-      {self, first_, second_, nullptr, EFI_INVALID_PARAMETER, invalid},
-      {self, first_, entryRoot, &text, EFI_INVALID_PARAMETER, notConfigData},
-      {self, entryRoot, second_, &text, EFI_INVALID_PARAMETER, notConfigData},
-      {self, first_, noEntry, &text, EFI_NOT_FOUND, ""},
-      {self, noEntry, second_, &text, EFI_NOT_FOUND, ""},
+      {nullptr, first_, second_, &text, bad, invalid},    {self, nullptr, second_, &text, bad, invalid},
+      {self, first_, nullptr, &text, bad, invalid},       {self, first_, second_, nullptr, bad, invalid},
+      {self, first_, entryRoot, &text, bad, notConfig},   {self, entryRoot, second_, &text, bad, notConfig},
+      {self, first_, noEntry, &text, EFI_NOT_FOUND, ""},  {self, noEntry, second_, &text, EFI_NOT_FOUND, ""},
   };
-  for (size_t i = 0; i < std::size(cases); ++i) {
-    const Case& c = cases[i];
+  for (const Case& c : cases) {
+    SCOPED_TRACE(&c - cases);
     log().clear();
-    EXPECT_EQ(statusName(combine(c.self, c.first, c.second, c.text)), statusName(c.status)) << "case " << i;
-    EXPECT_EQ(text, nullptr) << "case " << i;
-    std::vector<std::string> expected = {kEntering};
-    if (!c.trace.empty()) expected.push_back(c.trace);
-    EXPECT_EQ(traces(), expected) << "case " << i;
+    EXPECT_EQ(statusName(combine(c.self, c.first, c.second, c.text)), statusName(c.status));
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(traces(), (c.trace.empty() ? std::vector<std::string>{kEntering}
+                                         : std::vector<std::string>{kEntering, c.trace}));
   }
   expectUnchanged();
   DRIVER_FN(freeNode)(noEntry);
@@ -135,8 +112,7 @@ TEST_F(CombinedTest, SerialisationFailureRestoresTheLink) {
   XML_NODE* tail = entry->next;
   CHAR8* text = nullptr;
   EXPECT_EQ(combine(converter(), first_, second_, &text), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(text, nullptr);
-  EXPECT_EQ(entry->next, tail);
+  EXPECT_TRUE(text == nullptr && entry->next == tail);
   EXPECT_EQ(traces(), (std::vector<std::string>{kEntering,
                                                 "Tolvane-tvlNodesToCombinedXmlChar: ERROR XMLProtocol->XML_NodeToXML "
                                                 "conversion of Node to XML failed. Status:2\n"}));
@@ -146,14 +122,8 @@ TEST_F(CombinedTest, AllocationFailuresLeaveBothTreesUnchanged) {
   CHAR8* text = nullptr;
   size_t attempts = sweepAllocationFailures(
       [&] { return combine(converter(), first_, second_, &text); },
-      [&](EFI_STATUS status, size_t k) {
-        EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << k;
-        EXPECT_EQ(text, nullptr) << k;
-      },
-      [&] {
-        if (text) bs()->FreePool(text);
-        text = nullptr;
-      });
+      [&](EFI_STATUS status, size_t k) { EXPECT_TRUE(status == EFI_OUT_OF_RESOURCES && !text) << k; },
+      [&] { text = text && bs()->FreePool(text) == EFI_SUCCESS ? nullptr : text; });
   EXPECT_GT(attempts, 0u);
   expectUnchanged();
 }

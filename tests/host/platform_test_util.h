@@ -25,6 +25,12 @@ inline std::vector<uint8_t> pciPath(std::initializer_list<uint8_t> devices) {
   return path;
 }
 
+inline bool inDatabase(host::Platform& platform, EFI_HANDLE h) {
+  for (EFI_HANDLE x : platform.allHandles())
+    if (x == h) return true;
+  return false;
+}
+
 inline EFI_DEVICE_PATH_PROTOCOL* asPath(std::vector<uint8_t>& bytes) {
   return reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(bytes.data());
 }

@@ -30,40 +30,23 @@ class TextTest : public DriverTest {
 };
 
 TEST_F(TextTest, ParseDecimal) {
-  struct Case {
-    const char* text;
-    UINT64 value;
-  } cases[] = {
-      {nullptr, 0},
-      {"", 0},
-      {"  42abc", 42},
-      {"-5", 0},
+  struct Case { const char* text; UINT64 value; } cases[] = {
+      {nullptr, 0}, {"", 0}, {"  42abc", 42}, {"-5", 0},
       {"\t5", 0},  // only blanks are skipped
       {"007", 7},
       {"12\x80" "3", 12},  // bytes of 0x80 and above end the number
-      {"1844674407370955161", 1844674407370955161ull},
-      {"18446744073709551614", 18446744073709551614ull},
-      {"18446744073709551615", ~0ull},
-      {"18446744073709551616", ~0ull},
-      {"99999999999999999999999", ~0ull},
+      {"1844674407370955161", 1844674407370955161ull}, {"18446744073709551614", 18446744073709551614ull},
+      {"18446744073709551615", ~0ull}, {"18446744073709551616", ~0ull}, {"99999999999999999999999", ~0ull},
   };
   auto parse = DRIVER_FN(parseDecimal);
   for (const Case& c : cases) EXPECT_EQ(parse(c.text), c.value) << (c.text ? c.text : "(null)");
 }
 
 TEST_F(TextTest, CompareNoCase) {
-  struct Case {
-    const char* a;
-    const char* b;
-    INT64 result;
-  } cases[] = {
-      {"Abc", "aBC", 0},
-      {"", "", 0},
-      {"ab", "abc", -1},
-      {"abc", "ab", 1},
+  struct Case { const char* a; const char* b; INT64 result; } cases[] = {
+      {"Abc", "aBC", 0}, {"", "", 0}, {"ab", "abc", -1}, {"abc", "ab", 1},
       {"zz", "abc", -1},  // length decides before any character
-      {"abd", "abc", 1},
-      {"a", "B", 'A' - 'B'},
+      {"abd", "abc", 1}, {"a", "B", 'A' - 'B'},
       {"[", "{", '[' - '{'},  // only a-z are mapped
       {"\x80", "a", -128 - 'A'},  // characters compare as signed bytes
   };
@@ -90,21 +73,12 @@ TEST_F(TextTest, SmallHelpers) {
 }
 
 TEST_F(TextTest, NarrowToAscii) {
-  struct Case {
-    std::u16string source;
-    std::string narrow;
-  } cases[] = {
-      {u"", ""},
-      {u"Plain text ~", "Plain text ~"},
-      {u"a\tb\u007Fc", "a b c"},
-      {u"\u00E9t\u00E9", " t "},
-      {u"\u0141\u0100x", "A x"},  // only the low byte is kept
-  };
-  for (const Case& c : cases) {
-    std::vector<char> out(c.source.size() + 1, '#');
-    DRIVER_FN(narrowToAscii)(c.source.c_str(), out.data());
-    EXPECT_EQ(std::string(out.data()), c.narrow);
-    EXPECT_EQ(out.back(), '\0');
+  for (auto [source, narrow] : {std::pair<std::u16string, std::string>{u"", ""}, {u"Plain text ~", "Plain text ~"},
+                                 {u"a\tb\u007Fc", "a b c"}, {u"\u00E9t\u00E9", " t "},
+                                 {u"\u0141\u0100x", "A x"}}) {  // the last: only the low byte is kept
+    std::vector<char> out(source.size() + 1, '#');
+    DRIVER_FN(narrowToAscii)(source.c_str(), out.data());
+    EXPECT_EQ(std::string(out.data(), out.size()), narrow + '\0');
   }
 }
 
@@ -131,45 +105,29 @@ TEST_F(TextTest, BoundedFormatting) {
   DRIVER_FN(formatUnicodeFixed)(fixed.data(), u"%a=%x %r", "id", 0x2Au, EFI_NOT_FOUND);
   EXPECT_EQ(std::u16string(fixed.data()), u"id=2a Not Found");
 
-  struct WideCase {
-    UINTN capacity;
-    std::u16string expected;
-  } wide[] = {{1, u""}, {4, u"7:a"}, {32, u"7:ab-18446744073709551615"}};
-  for (const WideCase& c : wide) {
+  // Capacity-bounded, never writing past the capacity.
+  for (auto [capacity, expected] : {std::pair<UINTN, std::u16string>{1, u""}, {4, u"7:a"},
+                                    {32, u"7:ab-18446744073709551615"}}) {
     std::vector<CHAR16> out(40, u'#');
-    DRIVER_FN(formatUnicodeN)(out.data(), c.capacity, u"%d:%a-%lu", 7, "ab", ~0ull);
-    EXPECT_EQ(std::u16string(out.data()), c.expected) << c.capacity;
-    EXPECT_EQ(out[c.capacity], u'#') << "wrote past the capacity " << c.capacity;
+    DRIVER_FN(formatUnicodeN)(out.data(), capacity, u"%d:%a-%lu", 7, "ab", ~0ull);
+    EXPECT_EQ(std::u16string(out.data()) + out[capacity], expected + u'#') << capacity;
   }
-
-  struct NarrowCase {
-    UINTN capacity;
-    std::string expected;
-  } narrow[] = {{1, ""}, {5, "-3|f"}, {64, "-3|ffffffff|Invalid Parameter|wide"}};
-  for (const NarrowCase& c : narrow) {
+  for (auto [capacity, expected] : {std::pair<UINTN, std::string>{1, ""}, {5, "-3|f"},
+                                    {64, "-3|ffffffff|Invalid Parameter|wide"}}) {
     std::vector<char> out(80, '#');
-    DRIVER_FN(formatAsciiN)(out.data(), c.capacity, "%d|%x|%r|%s", -3, 0xFFFFFFFFu, EFI_INVALID_PARAMETER, u"wide");
-    EXPECT_EQ(std::string(out.data()), c.expected) << c.capacity;
-    EXPECT_EQ(out[c.capacity], '#') << "wrote past the capacity " << c.capacity;
+    DRIVER_FN(formatAsciiN)(out.data(), capacity, "%d|%x|%r|%s", -3, 0xFFFFFFFFu, EFI_INVALID_PARAMETER, u"wide");
+    EXPECT_EQ(std::string(out.data()) + out[capacity], expected + '#') << capacity;
   }
 }
 
 TEST_F(TextTest, ReplaceAll) {
-  struct Case {
-    const char* text;
-    const char* search;
-    const char* replacement;
-    EFI_STATUS status;
-    const char* result;
-  } cases[] = {
+  struct Case { const char* text; const char* search; const char* replacement; EFI_STATUS status; const char* result; };
+  const Case cases[] = {
       {"a&b&c&", "&", "&amp;", EFI_SUCCESS, "a&amp;b&amp;c&amp;"},
-      {"abc", "x", "y", EFI_NOT_FOUND, "abc"},
-      {"", "x", "y", EFI_NOT_FOUND, ""},
-      {"aaaa", "aa", "a", EFI_SUCCESS, "aa"},
+      {"abc", "x", "y", EFI_NOT_FOUND, "abc"}, {"", "x", "y", EFI_NOT_FOUND, ""}, {"aaaa", "aa", "a", EFI_SUCCESS, "aa"},
       {"aaa", "aa", "b", EFI_SUCCESS, "ba"},       // left to right, no overlap
       {"abab", "ab", "abab", EFI_SUCCESS, "abababab"},  // replacements are not searched again
-      {"xx", "x", "", EFI_SUCCESS, ""},
-      {"&lt;", "&lt;", "<", EFI_SUCCESS, "<"},
+      {"xx", "x", "", EFI_SUCCESS, ""}, {"&lt;", "&lt;", "<", EFI_SUCCESS, "<"},
   };
   auto replace = DRIVER_FN(replaceAll);
   for (const Case& c : cases) {
@@ -181,11 +139,9 @@ TEST_F(TextTest, ReplaceAll) {
   }
   CHAR8* text = poolText("abc");
   CHAR8* none = nullptr;
-  EXPECT_EQ(replace(nullptr, "x", &text), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(replace("a", nullptr, &text), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(replace("a", "x", nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(replace("a", "x", &none), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(replace("", "x", &text), EFI_INVALID_PARAMETER);
+  for (EFI_STATUS status : {replace(nullptr, "x", &text), replace("a", nullptr, &text), replace("a", "x", nullptr),
+                            replace("a", "x", &none), replace("", "x", &text)})
+    EXPECT_EQ(status, EFI_INVALID_PARAMETER);
   EXPECT_STREQ(text, "abc");
 
   // A refused allocation leaves the text as it was.
@@ -202,10 +158,7 @@ TEST_F(TextTest, ReplaceAll) {
 }
 
 TEST_F(TextTest, DecodeOctalEscapes) {
-  struct Case {
-    const char* source;
-    const char* decoded;  // null: out stays untouched
-  } cases[] = {
+  struct Case { const char* source; const char* decoded; } cases[] = {  // decoded null: out stays untouched
       {"no backslash", nullptr}, {"", nullptr}, {"\\101", "A"}, {"x\\040y", "x y"},
       {"\\000", "\\000"}, {"\\377", "\\377"},  // not printable
       {"\\501", "A"},  // 321 modulo 256

@@ -18,53 +18,39 @@ using tvl::test::statusName;
 // Nodes from `start` in document order: each node, its descendants, then
 // its following siblings. Iterative, for long chains.
 std::vector<const XML_NODE*> documentOrder(const XML_NODE* start) {
-  std::vector<const XML_NODE*> order;
-  std::vector<const XML_NODE*> pending;
-  for (const XML_NODE* node = start; node;) {
+  std::vector<const XML_NODE*> order, pending;
+  if (start) pending.push_back(start);
+  while (!pending.empty()) {
+    const XML_NODE* node = pending.back();
+    pending.pop_back();
     order.push_back(node);
-    if (node->children) {
-      if (node->next) pending.push_back(node->next);
-      node = node->children;
-    } else if (node->next) {
-      node = node->next;
-    } else if (!pending.empty()) {
-      node = pending.back();
-      pending.pop_back();
-    } else {
-      node = nullptr;
-    }
+    if (node->next) pending.push_back(node->next);
+    if (node->children) pending.push_back(node->children);
   }
   return order;
 }
 
 std::string text(const CHAR8* s) { return s ? std::string(s) : std::string("(null)"); }
 
-std::vector<std::pair<std::string, std::string>> attributesOf(const XML_NODE* node) {
-  std::vector<std::pair<std::string, std::string>> out;
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+Pairs attributesOf(const XML_NODE* node) {
+  Pairs out;
   for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next) out.emplace_back(text(a->name), text(a->value));
   return out;
 }
 
-// Same names, contents and attributes, linked the same way; a copy has no
-// parents. Reports the first difference.
+// Same names, contents and attributes, linked the same way, no node shared;
+// a copy has no parents. Reports the first difference.
 ::testing::AssertionResult sameTree(const XML_NODE* original, const XML_NODE* copy) {
-  std::vector<const XML_NODE*> a = documentOrder(original);
-  std::vector<const XML_NODE*> b = documentOrder(copy);
-  if (a.size() != b.size())
-    return ::testing::AssertionFailure() << a.size() << " nodes against " << b.size() << " in the copy";
-  std::map<const XML_NODE*, size_t> ia, ib;
-  for (size_t i = 0; i < a.size(); ++i) {
-    ia[a[i]] = i;
-    ib[b[i]] = i;
-  }
-  auto index = [](std::map<const XML_NODE*, size_t>& m, const XML_NODE* n) { return n ? long(m.at(n)) : -1L; };
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (a[i] == b[i]) return ::testing::AssertionFailure() << "node " << i << " is shared, not copied";
-    if (text(a[i]->name) != text(b[i]->name) || text(a[i]->contents) != text(b[i]->contents) ||
-        attributesOf(a[i]) != attributesOf(b[i]) || index(ia, a[i]->children) != index(ib, b[i]->children) ||
-        index(ia, a[i]->next) != index(ib, b[i]->next) || b[i]->parent != nullptr)
-      return ::testing::AssertionFailure() << "node " << i << " (" << text(a[i]->name) << ") differs";
-  }
+  std::vector<const XML_NODE*> a = documentOrder(original), b = documentOrder(copy);
+  if (a.size() != b.size()) return ::testing::AssertionFailure() << a.size() << " nodes against " << b.size();
+  std::map<const XML_NODE*, const XML_NODE*> image = {{nullptr, nullptr}};
+  for (size_t i = 0; i < a.size(); ++i) image[a[i]] = b[i];
+  for (size_t i = 0; i < a.size(); ++i)
+    if (a[i] == b[i] || text(a[i]->name) != text(b[i]->name) || text(a[i]->contents) != text(b[i]->contents) ||
+        attributesOf(a[i]) != attributesOf(b[i]) || image.at(a[i]->children) != b[i]->children ||
+        image.at(a[i]->next) != b[i]->next || b[i]->parent)
+      return ::testing::AssertionFailure() << "node " << i << " (" << text(a[i]->name) << ") differs or is shared";
   return ::testing::AssertionSuccess();
 }
 
@@ -85,13 +71,6 @@ class NodeTest : public DriverTest {
     EXPECT_EQ(xml_->XML_ParseText(xml_, document.c_str(), document.size(), &root, &error), EFI_SUCCESS)
         << error.Message;
     return root;
-  }
-  std::string serialise(XML_NODE* root) {
-    CHAR8* out = nullptr;
-    EXPECT_EQ(xml_->XML_NodeToXML(xml_, root, &out), EFI_SUCCESS);
-    std::string result = out ? out : "";
-    if (out) bs()->FreePool(out);
-    return result;
   }
   void release(XML_NODE* root) {
     if (!root) return;
@@ -121,8 +100,7 @@ TEST_F(NodeTest, CreateNodeClearsLinksAndTraces) {
   EXPECT_STREQ(node->name, "Item");
   EXPECT_TRUE(!node->contents && !node->attributes && !node->parent && !node->children && !node->next);
   const tvl::test::LogRecord* line = log().find("createNode", "createNode, name: Item\n");
-  ASSERT_NE(line, nullptr) << log().dump();
-  EXPECT_EQ(line->level, TVL_LEVEL_TOOLBOX);
+  EXPECT_TRUE(line && line->level == TVL_LEVEL_TOOLBOX) << log().dump();
   release(node);
   XML_NODE* untouched = node;
   EXPECT_EQ(DRIVER_FN(createNode)(nullptr, &untouched), EFI_INVALID_PARAMETER);
@@ -132,18 +110,12 @@ TEST_F(NodeTest, CreateNodeClearsLinksAndTraces) {
 }
 
 TEST_F(NodeTest, CreateNodeWithStringStoresEscapedCopy) {
-  struct Case {
-    const char* contents;
-    const char* stored;
-  } cases[] = {
-      {"a<b&c", "a&lt;b&amp;c"},  {"&lt;", "&lt;"},  // already escaped: unchanged
-      {"", ""},                   {"&amp;lt;", "&lt;"},
-      {"5 &amp; 6 & 7", "5 &amp; 6 &amp; 7"},  // a mixture comes out fully escaped
-  };
-  for (const Case& c : cases) {
+  // Already escaped text is unchanged; a mixture comes out fully escaped.
+  for (auto [contents, stored] : {std::pair<const char*, const char*>{"a<b&c", "a&lt;b&amp;c"}, {"&lt;", "&lt;"},
+                                  {"", ""}, {"&amp;lt;", "&lt;"}, {"5 &amp; 6 & 7", "5 &amp; 6 &amp; 7"}}) {
     XML_NODE* node = nullptr;
-    ASSERT_EQ(DRIVER_FN(createNodeWithString)("Value", c.contents, &node), EFI_SUCCESS) << c.contents;
-    EXPECT_STREQ(node->contents, c.stored) << c.contents;
+    ASSERT_EQ(DRIVER_FN(createNodeWithString)("Value", contents, &node), EFI_SUCCESS) << contents;
+    EXPECT_STREQ(node->contents, stored) << contents;
     EXPECT_TRUE(isAllocated(node->contents)) << "a copy, not the caller's text";
     release(node);
   }
@@ -156,8 +128,7 @@ TEST_F(NodeTest, CreateNodeWithStringStoresEscapedCopy) {
 
 TEST_F(NodeTest, CreateNodeWithStringAllocationFailures) {
   XML_NODE* node = nullptr;
-  size_t attempts = sweepAllocationFailures(
-      [&] { return DRIVER_FN(createNodeWithString)("Value", "a&b", &node); },
+  size_t attempts = sweepAllocationFailures([&] { return DRIVER_FN(createNodeWithString)("Value", "a&b", &node); },
       [&](EFI_STATUS status, size_t k) {
         if (status != EFI_SUCCESS) {
           // The node or its contents: nothing handed out.
@@ -178,38 +149,24 @@ TEST_F(NodeTest, CreateNodeWithStringAllocationFailures) {
 
 // Escaping itself is covered through createNodeWithString above.
 TEST_F(NodeTest, UnescapeRunsTheRowsInOrder) {
-  struct Case {
-    const char* input;
-    const char* unescaped;
-  } cases[] = {{"&lt;a&gt; &amp;amp;", "<a> &amp;"}, {"&amp;lt;", "<"}, {"&quot;", "&quot;"}};
-  for (const Case& c : cases) {
-    CHAR8* text = poolText(c.input);
+  for (auto [input, unescaped] : {std::pair<const char*, const char*>{"&lt;a&gt; &amp;amp;", "<a> &amp;"},
+                                  {"&amp;lt;", "<"}, {"&quot;", "&quot;"}}) {
+    CHAR8* text = poolText(input);
     DRIVER_FN(unescapeXmlText)(&text);
-    EXPECT_STREQ(text, c.unescaped) << c.input;
+    EXPECT_STREQ(text, unescaped) << input;
     bs()->FreePool(text);
   }
 }
 
 TEST_F(NodeTest, AddAttributeKeepsOnlyDistinctPairs) {
-  struct Step {
-    const char* name;
-    const char* value;
-    size_t length;  // list length afterwards
-  } steps[] = {
-      {"a", "1", 1}, {"a", "1", 1}, {"a", "2", 2}, {"b", "1", 3}, {"a", "2", 3}, {"b", "", 4},
-  };
   XML_NODE* node = nullptr;
   ASSERT_EQ(DRIVER_FN(createNode)("N", &node), EFI_SUCCESS);
-  for (const Step& s : steps) {
-    ASSERT_EQ(DRIVER_FN(addAttribute)(s.name, s.value, &node), EFI_SUCCESS);
-    EXPECT_EQ(attributesOf(node).size(), s.length) << s.name << "=" << s.value;
-  }
-  using Pairs = std::vector<std::pair<std::string, std::string>>;
+  for (auto [name, value] : Pairs{{"a", "1"}, {"a", "1"}, {"a", "2"}, {"b", "1"}, {"a", "2"}, {"b", ""}})
+    ASSERT_EQ(DRIVER_FN(addAttribute)(name.c_str(), value.c_str(), &node), EFI_SUCCESS);
   EXPECT_EQ(attributesOf(node), (Pairs{{"a", "1"}, {"a", "2"}, {"b", "1"}, {"b", ""}}));
   // Numbers: no duplicate test.
-  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("n", 0, &node), EFI_SUCCESS);
-  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("n", 0, &node), EFI_SUCCESS);
-  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("max", ~0ull, &node), EFI_SUCCESS);
+  for (auto [name, value] : {std::pair<const char*, UINT64>{"n", 0}, {"n", 0}, {"max", ~0ull}})
+    ASSERT_EQ(DRIVER_FN(addNumericAttribute)(name, value, &node), EFI_SUCCESS);
   Pairs all = attributesOf(node);
   EXPECT_EQ(Pairs(all.begin() + 4, all.end()), (Pairs{{"n", "0"}, {"n", "0"}, {"max", "18446744073709551615"}}));
   XML_NODE* null = nullptr;
@@ -229,17 +186,13 @@ TEST_F(NodeTest, AttributeAllocationFailures) {
   XML_NODE* node = nullptr;
   ASSERT_EQ(DRIVER_FN(createNode)("N", &node), EFI_SUCCESS);
   ASSERT_EQ(DRIVER_FN(addAttribute)("first", "1", &node), EFI_SUCCESS);
-  auto cleanup = [&] {
-    // Back to the one attribute the node started with.
-    XML_ATTRIBUTE* extra = node->attributes->next;
-    node->attributes->next = nullptr;
-    for (XML_ATTRIBUTE* a = extra; a;) {
-      XML_ATTRIBUTE* next = a->next;
-      bs()->FreePool(a->name);
-      bs()->FreePool(a->value);
-      bs()->FreePool(a);
-      a = next;
+  auto cleanup = [&] {  // back to the one attribute the node started with
+    for (XML_ATTRIBUTE *a = node->attributes->next, *next; a; a = next) {
+      next = a->next;
+      for (void* p : {static_cast<void*>(a->name), static_cast<void*>(a->value), static_cast<void*>(a)})
+        bs()->FreePool(p);
     }
+    node->attributes->next = nullptr;
   };
   // Record, name copy, value copy.
   EXPECT_EQ(sweepAllocationFailures([&] { return DRIVER_FN(addAttribute)("second", "2", &node); },
@@ -265,11 +218,9 @@ TEST_F(NodeTest, AttributeQueries) {
   ASSERT_NE(root, nullptr);
   XML_NODE* n = root->children;
   XML_NODE* bare = n->next;
-  struct Case {
-    XML_NODE* node;
-    const char* name;
-    const char* value;  // null: EFI_NOT_FOUND
-  } cases[] = {{n, "a", "1"}, {n, "b", ""}, {n, "A", nullptr}, {bare, "a", nullptr}, {nullptr, "a", nullptr}};
+  // value null: EFI_NOT_FOUND
+  struct Case { XML_NODE* node; const char* name; const char* value; } cases[] = {
+      {n, "a", "1"}, {n, "b", ""}, {n, "A", nullptr}, {bare, "a", nullptr}, {nullptr, "a", nullptr}};
   for (const Case& c : cases) {
     CHAR8* value = nullptr;
     EXPECT_EQ(DRIVER_FN(getAttributeValue)(c.node, c.name, &value), c.value ? EFI_SUCCESS : EFI_NOT_FOUND) << c.name;
@@ -277,7 +228,7 @@ TEST_F(NodeTest, AttributeQueries) {
     EXPECT_EQ(text(value), text(c.value)) << c.name;
   }
   CHAR8* shared = nullptr;
-  ASSERT_EQ(DRIVER_FN(getAttributeValue)(n, "a", &shared), EFI_SUCCESS);
+  DRIVER_FN(getAttributeValue)(n, "a", &shared);
   EXPECT_EQ(shared, n->attributes->next->value) << "the value is the tree's own";
   release(root);
 }
@@ -295,57 +246,32 @@ enum class Finder { ByName, ByChildContents, ByNameAndContents };
 TEST_F(NodeTest, FindersVisitStartDescendantsAndFollowingSiblingsInDocumentOrder) {
   XML_NODE* root = parse(kSearchDocument);
   ASSERT_NE(root, nullptr);
-  struct Case {
-    Finder finder;
-    const char* name;
-    const char* contents;
-    const char* start;
-    const char* found;  // id, or null for EFI_NOT_FOUND
-  } cases[] = {
+  struct Case { Finder finder; const char* name; const char* contents; const char* start; const char* found; };
+  const Case cases[] = {  // found: an id, or null for EFI_NOT_FOUND
       {Finder::ByName, "B", nullptr, "root", "b1"},  // descendants before siblings
       {Finder::ByName, "root", nullptr, "root", "root"},
-      {Finder::ByName, "C", nullptr, "b1", "c1"},  // a following sibling of the start
-      {Finder::ByName, "E", nullptr, "a1", "e1"},  // below a following sibling
+      {Finder::ByName, "C", nullptr, "b1", "c1"},     {Finder::ByName, "E", nullptr, "a1", "e1"},  // following siblings
       {Finder::ByName, "B", nullptr, "c1", nullptr},  // the parent's following siblings are out of range
-      {Finder::ByName, "A", nullptr, "c2", nullptr},  // so are earlier nodes
-      {Finder::ByName, "Z", nullptr, "root", nullptr},
+      {Finder::ByName, "A", nullptr, "c2", nullptr},  {Finder::ByName, "Z", nullptr, "root", nullptr},
       {Finder::ByChildContents, "C", "pw", "root", "c2"},  // c1's first child has no contents
-      {Finder::ByChildContents, "A", "x", "root", "a1"},
-      {Finder::ByChildContents, "N", "pw", "root", nullptr},
-      {Finder::ByChildContents, "C", "PW", "root", nullptr},
-      {Finder::ByNameAndContents, "B", "y", "root", "b2"},
-      {Finder::ByNameAndContents, "N", "pw", "root", "n2"},
-      {Finder::ByNameAndContents, "N", "pw", "c2", "n3"},
+      {Finder::ByChildContents, "A", "x", "root", "a1"},   {Finder::ByChildContents, "N", "pw", "root", nullptr},
+      {Finder::ByChildContents, "C", "PW", "root", nullptr}, {Finder::ByNameAndContents, "B", "y", "root", "b2"},
+      {Finder::ByNameAndContents, "N", "pw", "root", "n2"}, {Finder::ByNameAndContents, "N", "pw", "c2", "n3"},
       {Finder::ByNameAndContents, "B", "x", "c1", nullptr},
   };
   for (const Case& c : cases) {
     XML_NODE* start = byId(root, c.start);
     XML_NODE* out = nullptr;
-    EFI_STATUS status = EFI_ABORTED;
-    switch (c.finder) {
-      case Finder::ByName:
-        status = DRIVER_FN(findNodeByName)(c.name, start, &out);
-        break;
-      case Finder::ByChildContents:
-        status = DRIVER_FN(findNodeByChildContents)(c.contents, c.name, start, &out);
-        break;
-      case Finder::ByNameAndContents:
-        status = DRIVER_FN(findNodeByNameAndContents)(c.name, c.contents, start, &out);
-        break;
-    }
-    std::string label = std::string(c.name) + " from " + c.start;
-    EXPECT_EQ(status, c.found ? EFI_SUCCESS : EFI_NOT_FOUND) << label;
-    EXPECT_EQ(out, c.found ? byId(root, c.found) : nullptr) << label;
+    EFI_STATUS status =
+        c.finder == Finder::ByName            ? DRIVER_FN(findNodeByName)(c.name, start, &out)
+        : c.finder == Finder::ByChildContents ? DRIVER_FN(findNodeByChildContents)(c.contents, c.name, start, &out)
+                                              : DRIVER_FN(findNodeByNameAndContents)(c.name, c.contents, start, &out);
+    EXPECT_EQ(status, c.found ? EFI_SUCCESS : EFI_NOT_FOUND) << c.name << " from " << c.start;
+    EXPECT_EQ(out, c.found ? byId(root, c.found) : nullptr) << c.name << " from " << c.start;
   }
-  release(root);
-}
-
-TEST_F(NodeTest, FindersRefuseMissingArguments) {
-  XML_NODE* root = parse(kSearchDocument);
   XML_NODE* out = nullptr;
   for (EFI_STATUS status : {
-      DRIVER_FN(findNodeByName)(nullptr, root, &out),
-      DRIVER_FN(findNodeByName)("A", nullptr, &out),
+      DRIVER_FN(findNodeByName)(nullptr, root, &out), DRIVER_FN(findNodeByName)("A", nullptr, &out),
       DRIVER_FN(findNodeByChildContents)(nullptr, "C", root, &out),
       DRIVER_FN(findNodeByChildContents)("pw", "C", nullptr, &out),
       DRIVER_FN(findNodeByNameAndContents)(nullptr, "x", root, &out),
@@ -360,11 +286,9 @@ TEST_F(NodeTest, CountValueStructsWalksTheSiblingChainOnly) {
   XML_NODE* root =
       parse("<r><ValueStruct/><X/><ValueStruct><ValueStruct/></ValueStruct><valuestruct/></r>");
   ASSERT_NE(root, nullptr);
-  struct Case {
-    XML_NODE* start;
-    UINTN count;
-  } cases[] = {{root->children, 2}, {root->children->next, 1}, {root, 0}, {nullptr, 0}};
-  for (const Case& c : cases) EXPECT_EQ(DRIVER_FN(countValueStructs)(c.start), c.count);
+  for (auto [start, count] : {std::pair<XML_NODE*, UINTN>{root->children, 2}, {root->children->next, 1},
+                              {root, 0}, {nullptr, 0}})
+    EXPECT_EQ(DRIVER_FN(countValueStructs)(start), count);
   release(root);
 }
 
@@ -374,21 +298,16 @@ TEST_F(NodeTest, CopyCoversChildrenAndFollowingSiblings) {
   XML_NODE* p = root->children;
   XML_NODE* copy = nullptr;
   ASSERT_EQ(DRIVER_FN(copyNodeTree)(p, &copy), EFI_SUCCESS);
-  EXPECT_TRUE(sameTree(p, copy));
-  EXPECT_EQ(documentOrder(copy).size(), 4u);
-  EXPECT_STREQ(copy->contents, "t&amp;u");
+  EXPECT_TRUE(sameTree(p, copy));  // P, its two children and the sibling S
   release(copy);
 
   XML_NODE* untouched = root;
-  EXPECT_EQ(DRIVER_FN(copyNodeTree)(nullptr, &untouched), EFI_NOT_FOUND);
-  EXPECT_EQ(untouched, root);
+  EXPECT_TRUE(DRIVER_FN(copyNodeTree)(nullptr, &untouched) == EFI_NOT_FOUND && untouched == root);
 
   // Attributes are copied through addAttribute: a repeated identical pair
   // is copied once.
-  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("k", 1, &p), EFI_SUCCESS);
-  ASSERT_EQ(DRIVER_FN(addNumericAttribute)("k", 1, &p), EFI_SUCCESS);
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(DRIVER_FN(addNumericAttribute)("k", 1, &p), EFI_SUCCESS);
   ASSERT_EQ(DRIVER_FN(copyNodeTree)(p, &copy), EFI_SUCCESS);
-  using Pairs = std::vector<std::pair<std::string, std::string>>;
   EXPECT_EQ(attributesOf(copy), (Pairs{{"id", "p"}, {"k", "v"}, {"k", "1"}}));
   release(copy);
   release(root);
@@ -408,10 +327,7 @@ TEST_F(NodeTest, CopyAllocationFailuresLeaveAFreeablePrefix) {
         ASSERT_LT(partial.size(), source.size()) << k;
         for (size_t i = 0; i < partial.size(); ++i) EXPECT_STREQ(partial[i]->name, source[i]->name) << k;
       },
-      [&] {
-        release(copy);
-        copy = nullptr;
-      });
+      [&] { release(copy), copy = nullptr; });
   EXPECT_GT(attempts, source.size());
   release(root);
 }
@@ -457,19 +373,16 @@ TEST_F(NodeTest, DeepTreesAreSearchedAndCopied) {
     ASSERT_EQ(DRIVER_FN(createNode)(i == 0 ? "Tail" : "Side", &level->next), EFI_SUCCESS);
     level = level->children;
   }
-  XML_NODE* found = nullptr;
+  XML_NODE *found = nullptr, *copy = nullptr;
   ASSERT_EQ(DRIVER_FN(findNodeByName)("Tail", root, &found), EFI_SUCCESS);
   EXPECT_EQ(found, root->next);
-  XML_NODE* copy = nullptr;
   ASSERT_EQ(DRIVER_FN(copyNodeTree)(root, &copy), EFI_SUCCESS);
   EXPECT_TRUE(sameTree(root, copy));
   release(copy);
-
   // The walk's own memory is refused: the search reports it.
   platform().failAllocationsFrom(1);
-  EFI_STATUS status = DRIVER_FN(findNodeByName)("Tail", root, &found);
+  EXPECT_EQ(statusName(DRIVER_FN(findNodeByName)("Tail", root, &found)), statusName(EFI_OUT_OF_RESOURCES));
   platform().clearAllocationFaults();
-  EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << statusName(status);
   release(root);
 }
 
