@@ -1,52 +1,9 @@
 #include "uefi/print.h"
 
+#include "uefi/status_table.h"
+
 namespace tvl::rt {
 namespace {
-
-struct StatusName {
-  EFI_STATUS status;
-  const CHAR8* text;
-};
-
-constexpr StatusName kStatusNames[] = {
-    {EFI_SUCCESS, "Success"},
-    {EFI_WARN_UNKNOWN_GLYPH, "Warning Unknown Glyph"},
-    {EFI_WARN_DELETE_FAILURE, "Warning Delete Failure"},
-    {EFI_WARN_WRITE_FAILURE, "Warning Write Failure"},
-    {EFI_WARN_BUFFER_TOO_SMALL, "Warning Buffer Too Small"},
-    {EFI_WARN_STALE_DATA, "Warning Stale Data"},
-    {EFI_LOAD_ERROR, "Load Error"},
-    {EFI_INVALID_PARAMETER, "Invalid Parameter"},
-    {EFI_UNSUPPORTED, "Unsupported"},
-    {EFI_BAD_BUFFER_SIZE, "Bad Buffer Size"},
-    {EFI_BUFFER_TOO_SMALL, "Buffer Too Small"},
-    {EFI_NOT_READY, "Not Ready"},
-    {EFI_DEVICE_ERROR, "Device Error"},
-    {EFI_WRITE_PROTECTED, "Write Protected"},
-    {EFI_OUT_OF_RESOURCES, "Out of Resources"},
-    {EFI_VOLUME_CORRUPTED, "Volume Corrupt"},
-    {EFI_VOLUME_FULL, "Volume Full"},
-    {EFI_NO_MEDIA, "No Media"},
-    {EFI_MEDIA_CHANGED, "Media changed"},
-    {EFI_NOT_FOUND, "Not Found"},
-    {EFI_ACCESS_DENIED, "Access Denied"},
-    {EFI_NO_RESPONSE, "No Response"},
-    {EFI_NO_MAPPING, "No mapping"},
-    {EFI_TIMEOUT, "Time out"},
-    {EFI_NOT_STARTED, "Not started"},
-    {EFI_ALREADY_STARTED, "Already started"},
-    {EFI_ABORTED, "Aborted"},
-    {EFI_ICMP_ERROR, "ICMP Error"},
-    {EFI_TFTP_ERROR, "TFTP Error"},
-    {EFI_PROTOCOL_ERROR, "Protocol Error"},
-    {EFI_INCOMPATIBLE_VERSION, "Incompatible Version"},
-    {EFI_SECURITY_VIOLATION, "Security Violation"},
-    {EFI_CRC_ERROR, "CRC Error"},
-    {EFI_END_OF_MEDIA, "End of Media"},
-    {EFI_END_OF_FILE, "End of File"},
-    {EFI_INVALID_LANGUAGE, "Invalid Language"},
-    {EFI_COMPROMISED_DATA, "Compromised Data"},
-};
 
 // Bounded output that always leaves room for the terminator.
 template <typename C>
@@ -256,9 +213,8 @@ UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
 }  // namespace
 
 const CHAR8* statusText(EFI_STATUS status) {
-  for (const StatusName& entry : kStatusNames)
-    if (entry.status == status) return entry.text;
-  return nullptr;
+  const StatusEntry* entry = findStatus(status);
+  return entry ? entry->text : nullptr;
 }
 
 UINTN formatV(CHAR16* out, UINTN capacity, const CHAR16* format, VaList* args) {
