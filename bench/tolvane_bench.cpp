@@ -43,7 +43,7 @@ void BM_XmlParse(benchmark::State& state) {
   }
   state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(text.size()));
 }
-BENCHMARK(BM_XmlParse)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_XmlParse)->RangeMultiplier(10)->Range(1000, 100000)->Unit(benchmark::kMillisecond);
 
 void BM_XmlSerialise(benchmark::State& state) {
   Fixture f;
@@ -60,7 +60,7 @@ void BM_XmlSerialise(benchmark::State& state) {
   xml->XML_FreeNode(xml, root);
   state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(text.size()));
 }
-BENCHMARK(BM_XmlSerialise)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_XmlSerialise)->RangeMultiplier(10)->Range(1000, 100000)->Unit(benchmark::kMillisecond);
 
 // Copy and a search that misses (visits every node) over a sibling chain.
 void BM_ToolboxCopyAndSearch(benchmark::State& state) {
@@ -82,7 +82,7 @@ void BM_ToolboxCopyAndSearch(benchmark::State& state) {
   xml->XML_FreeNode(xml, root);
   state.SetItemsProcessed(int64_t(state.iterations()) * state.range(0));
 }
-BENCHMARK(BM_ToolboxCopyAndSearch)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ToolboxCopyAndSearch)->RangeMultiplier(10)->Range(1000, 100000)->Unit(benchmark::kMillisecond);
 
 // ProcessForms and DestroyFormSets over the BIOS setup device: IFR walk,
 // current values through configuration access, condition evaluation.
