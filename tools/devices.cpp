@@ -15,7 +15,6 @@ using host::sample::SampleDevice;
 using host::sample::SamplePlatform;
 using host::sample::statusText;
 
-constexpr EFI_GUID kDevicePathGuid = EFI_DEVICE_PATH_PROTOCOL_GUID;
 
 struct Location {
   std::u16string description, fqdd, path;
@@ -31,7 +30,7 @@ std::u16string takePoolText(host::Platform& platform, CHAR16* text) {
 // What the device-location service says about the device's own device path.
 Location locate(SamplePlatform& sample, const SampleDevice& device) {
   host::Platform& platform = sample.platform();
-  auto* path = static_cast<const EFI_DEVICE_PATH_PROTOCOL*>(platform.handleProtocol(device.handle(), kDevicePathGuid));
+  auto* path = static_cast<const EFI_DEVICE_PATH_PROTOCOL*>(platform.handleProtocol(device.handle(), gEfiDevicePathProtocolGuid));
   if (!path) failure("device " + utf8(device.fqdd()) + " has no device path");
   DEVICE_LOCATION_PROTOCOL* service = sample.location();
   CHAR16 *description = nullptr, *fqdd = nullptr, *text = nullptr;

@@ -19,10 +19,6 @@ using host::sample::SampleDevice;
 using host::sample::SamplePlatform;
 using host::sample::statusText;
 
-constexpr EFI_GUID kFormsGuid = HII_FORMS_PROCESSOR2_PROTOCOL_GUID;
-constexpr EFI_GUID kBiosFilter = INTERNAL_BIOS_SETUP_FORMSET_GUID;
-constexpr EFI_GUID kSsdFilter = INTERNAL_SSD_SETUP_FORMSET_GUID;
-constexpr EFI_GUID kDevicePathGuid = EFI_DEVICE_PATH_PROTOCOL_GUID;
 // Marks the stand-in driver handle of a package list read from a file that
 // carries no device path.
 constexpr EFI_GUID kOfflineOwnerGuid = {0x3e9b51c2, 0x7a04, 0x4d6f, {0xb1, 0x28, 0x5f, 0x90, 0xc3, 0x6a, 0x0e, 0xd7}};
@@ -79,8 +75,8 @@ void deviceForms(SamplePlatform& sample, SampleDevice& device, FormsOutline& out
   out << "Device " << utf8(device.fqdd()) << " " << quoted(device.definition.description) << "\n";
   out << "  package lists: " << device.packageLists().size() << "\n";
   out << "  form-set filter: "
-      << (bios ? guidText(kBiosFilter) + " (BIOS internal setup)"
-               : storage ? "none, then " + guidText(kSsdFilter) + " (storage controller)" : std::string("none"))
+      << (bios ? guidText(gInternalBIOSSetup) + " (BIOS internal setup)"
+               : storage ? "none, then " + guidText(gInternalSSDSetup) + " (storage controller)" : std::string("none"))
       << "\n";
   std::vector<EFI_HII_HANDLE> handles = device.packageLists();
   if (handles.empty()) {
@@ -88,8 +84,8 @@ void deviceForms(SamplePlatform& sample, SampleDevice& device, FormsOutline& out
     return;
   }
   FormSets sets(sample.formsProcessor());
-  EFI_STATUS status = sets.process(handles.data(), handles.size(), bios ? &kBiosFilter : nullptr);
-  if (storage && status != EFI_SUCCESS) status = sets.process(handles.data(), handles.size(), &kSsdFilter);
+  EFI_STATUS status = sets.process(handles.data(), handles.size(), bios ? &gInternalBIOSSetup : nullptr);
+  if (storage && status != EFI_SUCCESS) status = sets.process(handles.data(), handles.size(), &gInternalSSDSetup);
   if (status != EFI_SUCCESS) {
     HII_FORMS_PROCESSOR_ERROR e = sets.lastError();
     failure("ProcessForms for device " + utf8(device.fqdd()) + " failed with " + statusText(status) + ": " +
@@ -139,7 +135,7 @@ struct OfflinePlatform {
       FilePackageList& list = lists[i];
       EFI_HANDLE owner = nullptr;
       if (!list.devicePath.empty())
-        status = platform.installProtocol(&owner, kDevicePathGuid, list.devicePath.data());
+        status = platform.installProtocol(&owner, gEfiDevicePathProtocolGuid, list.devicePath.data());
       else
         status = platform.installProtocol(&owner, kOfflineOwnerGuid, const_cast<UINT8*>(&kOwnerTag));
       if (status != EFI_SUCCESS) failure("cannot make a driver handle: " + statusText(status));
@@ -179,7 +175,7 @@ int fileForms(const std::string& file, std::ostream& out) {
   // Parse every list before printing, so that a malformed one is reported
   // alone.
   HII_FORMS_PROCESSOR2_PROTOCOL* processor =
-      static_cast<HII_FORMS_PROCESSOR2_PROTOCOL*>(offline->platform.locateProtocol(kFormsGuid));
+      static_cast<HII_FORMS_PROCESSOR2_PROTOCOL*>(offline->platform.locateProtocol(gHiiFormsProcessor2ProtocolGuid));
   std::vector<std::unique_ptr<FormSets>> parsed;
   for (size_t i = 0; i < offline->lists.size(); ++i) {
     parsed.push_back(std::make_unique<FormSets>(processor));

@@ -9,7 +9,6 @@
 namespace tvl::cli {
 namespace {
 
-constexpr EFI_GUID kConverterGuid = TOLVANE_PROTOCOL_GUID;
 
 constexpr const char* kSlotNames[] = {
     "HiiToNode", "NodeToHii", "(slot 3)", "(slot 4)", "NodeSaveToHii", "(slot 6)",
@@ -83,10 +82,10 @@ int runInfo(const std::vector<std::string>& args, std::ostream& out) {
   out << "Entry status:     " << host::sample::statusText(entry) << "\n";
   if (entry != EFI_SUCCESS) failure("the driver's entry failed with " + host::sample::statusText(entry));
 
-  std::vector<EFI_HANDLE> carriers = platform.handlesWith(kConverterGuid);
+  std::vector<EFI_HANDLE> carriers = platform.handlesWith(gTolvaneProtocolGuid);
   if (carriers.empty()) failure("the driver's entry succeeded but no converter protocol is installed");
-  auto* record = static_cast<TOLVANE_PROTOCOL*>(platform.handleProtocol(carriers[0], kConverterGuid));
-  out << "Protocol:         TOLVANE_PROTOCOL " << guidText(kConverterGuid) << "\n";
+  auto* record = static_cast<TOLVANE_PROTOCOL*>(platform.handleProtocol(carriers[0], gTolvaneProtocolGuid));
+  out << "Protocol:         TOLVANE_PROTOCOL " << guidText(gTolvaneProtocolGuid) << "\n";
   out << "Installed on:     " << handleName(platform, carriers[0])
       << (carriers[0] == driver ? " (the driver's image handle)" : " (not the driver's image handle)") << "\n";
   if (carriers.size() > 1) out << "                  and " << carriers.size() - 1 << " further handle(s)\n";

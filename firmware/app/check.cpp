@@ -13,12 +13,6 @@ using tvl::rt::Pool;
 
 namespace {
 
-constexpr EFI_GUID kConverterGuid = TOLVANE_PROTOCOL_GUID;
-constexpr EFI_GUID kLogGuid = DEBUG_LOG_PROTOCOL_GUID;
-constexpr EFI_GUID kXmlGuid = XML_PROTOCOL_GUID;
-constexpr EFI_GUID kFormsProcessorGuid = HII_FORMS_PROCESSOR2_PROTOCOL_GUID;
-constexpr EFI_GUID kHiiDatabaseGuid = EFI_HII_DATABASE_PROTOCOL_GUID;
-constexpr EFI_GUID kHiiStringGuid = EFI_HII_STRING_PROTOCOL_GUID;
 
 constexpr UINTN kLineCharacters = 256;
 constexpr CHAR8 kFunctionName[] = "TolvaneCheck";
@@ -324,22 +318,22 @@ void checkForms(HII_FORMS_PROCESSOR2_PROTOCOL* forms, EFI_HII_DATABASE_PROTOCOL*
 void runChecks(Verdict& verdict) {
   checkServices(verdict);
 
-  auto* converter = locate<TOLVANE_PROTOCOL>(kConverterGuid);
+  auto* converter = locate<TOLVANE_PROTOCOL>(gTolvaneProtocolGuid);
   if (!converter) return verdict.fail("converter protocol not installed");
   say(u"Converter protocol revision 0x%x\r\n", converter->Revision);
   if (converter->Revision != TOLVANE_PROTOCOL_REVISION) verdict.fail("unexpected converter revision");
   checkSlots(converter, verdict);
 
-  auto* xml = locate<XML_PROTOCOL>(kXmlGuid);
+  auto* xml = locate<XML_PROTOCOL>(gXmlProtocolGuid);
   if (xml) {
     checkXml(xml, verdict);
     checkCombined(converter, xml, verdict);
   }
-  auto* log = locate<DEBUG_LOG_PROTOCOL>(kLogGuid);
+  auto* log = locate<DEBUG_LOG_PROTOCOL>(gDebugLogProtocolGuid);
   if (log) checkLog(log, verdict);
-  auto* forms = locate<HII_FORMS_PROCESSOR2_PROTOCOL>(kFormsProcessorGuid);
-  auto* database = locate<EFI_HII_DATABASE_PROTOCOL>(kHiiDatabaseGuid);
-  if (forms && database) checkForms(forms, database, locate<EFI_HII_STRING_PROTOCOL>(kHiiStringGuid), verdict);
+  auto* forms = locate<HII_FORMS_PROCESSOR2_PROTOCOL>(gHiiFormsProcessor2ProtocolGuid);
+  auto* database = locate<EFI_HII_DATABASE_PROTOCOL>(gEfiHiiDatabaseProtocolGuid);
+  if (forms && database) checkForms(forms, database, locate<EFI_HII_STRING_PROTOCOL>(gEfiHiiStringProtocolGuid), verdict);
 }
 
 }  // namespace

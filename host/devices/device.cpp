@@ -10,8 +10,6 @@
 namespace tvl::host::devices {
 namespace {
 
-constexpr EFI_GUID kDevicePathGuid = EFI_DEVICE_PATH_PROTOCOL_GUID;
-constexpr EFI_GUID kConfigAccessGuid = EFI_HII_CONFIG_ACCESS_PROTOCOL_GUID;
 
 struct Storage {
   EFI_GUID guid{};
@@ -241,10 +239,10 @@ Device::Device(Platform& platform, hii::HiiDatabase& hii, std::vector<uint8_t> d
     throw std::invalid_argument("device path is not one well-formed path");
   impl_->access.protocol = EFI_HII_CONFIG_ACCESS_PROTOCOL{ExtractConfig, RouteConfig, Callback};
   impl_->access.impl = impl_.get();
-  if (platform.installProtocol(&impl_->handle, kDevicePathGuid, impl_->devicePath.data()) != EFI_SUCCESS)
+  if (platform.installProtocol(&impl_->handle, gEfiDevicePathProtocolGuid, impl_->devicePath.data()) != EFI_SUCCESS)
     throw std::runtime_error("cannot install the device path");
-  if (platform.installProtocol(&impl_->handle, kConfigAccessGuid, &impl_->access.protocol) != EFI_SUCCESS) {
-    platform.uninstallProtocol(impl_->handle, kDevicePathGuid, impl_->devicePath.data());
+  if (platform.installProtocol(&impl_->handle, gEfiHiiConfigAccessProtocolGuid, &impl_->access.protocol) != EFI_SUCCESS) {
+    platform.uninstallProtocol(impl_->handle, gEfiDevicePathProtocolGuid, impl_->devicePath.data());
     throw std::runtime_error("cannot install the configuration-access protocol");
   }
 }
@@ -252,8 +250,8 @@ Device::Device(Platform& platform, hii::HiiDatabase& hii, std::vector<uint8_t> d
 Device::~Device() {
   if (currentPlatform() != &impl_->platform) return;  // the platform went first
   for (EFI_HII_HANDLE list : impl_->lists) impl_->hii.removePackageList(list);
-  impl_->platform.uninstallProtocol(impl_->handle, kConfigAccessGuid, &impl_->access.protocol);
-  impl_->platform.uninstallProtocol(impl_->handle, kDevicePathGuid, impl_->devicePath.data());
+  impl_->platform.uninstallProtocol(impl_->handle, gEfiHiiConfigAccessProtocolGuid, &impl_->access.protocol);
+  impl_->platform.uninstallProtocol(impl_->handle, gEfiDevicePathProtocolGuid, impl_->devicePath.data());
 }
 
 EFI_HANDLE Device::handle() const { return impl_->handle; }

@@ -14,9 +14,6 @@
 namespace tvl::host::hii {
 namespace {
 
-constexpr EFI_GUID kDatabaseGuid = EFI_HII_DATABASE_PROTOCOL_GUID;
-constexpr EFI_GUID kStringGuid = EFI_HII_STRING_PROTOCOL_GUID;
-constexpr EFI_GUID kDevicePathGuid = EFI_DEVICE_PATH_PROTOCOL_GUID;
 
 // Opaque token ranges; nothing is ever mapped there by the emulation.
 constexpr uintptr_t kHiiHandleBase = 0x484900000000ull;
@@ -136,7 +133,7 @@ struct HiiDatabase::Impl {
     for (const auto& package : list.packages)
       if (package.type == EFI_HII_PACKAGE_DEVICE_PATH) return;
     void* path = nullptr;
-    EFI_GUID guid = kDevicePathGuid;
+    EFI_GUID guid = gEfiDevicePathProtocolGuid;
     if (platform.bootServices()->HandleProtocol(list.driverHandle, &guid, &path) != EFI_SUCCESS || !path) return;
     const size_t size = devicePathSize(path);
     if (size == 0) return;
@@ -575,10 +572,10 @@ HiiDatabase::Impl::Impl(Platform& p) : platform(p) {
 }
 
 HiiDatabase::HiiDatabase(Platform& platform) : impl_(std::make_unique<Impl>(platform)) {
-  if (platform.installProtocol(&impl_->handle, kDatabaseGuid, &impl_->db.protocol) != EFI_SUCCESS)
+  if (platform.installProtocol(&impl_->handle, gEfiHiiDatabaseProtocolGuid, &impl_->db.protocol) != EFI_SUCCESS)
     throw std::runtime_error("cannot install the HII database protocol");
-  if (platform.installProtocol(&impl_->handle, kStringGuid, &impl_->str.protocol) != EFI_SUCCESS) {
-    platform.uninstallProtocol(impl_->handle, kDatabaseGuid, &impl_->db.protocol);
+  if (platform.installProtocol(&impl_->handle, gEfiHiiStringProtocolGuid, &impl_->str.protocol) != EFI_SUCCESS) {
+    platform.uninstallProtocol(impl_->handle, gEfiHiiDatabaseProtocolGuid, &impl_->db.protocol);
     throw std::runtime_error("cannot install the HII string protocol");
   }
 }
@@ -586,8 +583,8 @@ HiiDatabase::HiiDatabase(Platform& platform) : impl_(std::make_unique<Impl>(plat
 HiiDatabase::~HiiDatabase() {
   // A platform torn down first has taken its handles with it.
   if (currentPlatform() != &impl_->platform) return;
-  impl_->platform.uninstallProtocol(impl_->handle, kStringGuid, &impl_->str.protocol);
-  impl_->platform.uninstallProtocol(impl_->handle, kDatabaseGuid, &impl_->db.protocol);
+  impl_->platform.uninstallProtocol(impl_->handle, gEfiHiiStringProtocolGuid, &impl_->str.protocol);
+  impl_->platform.uninstallProtocol(impl_->handle, gEfiHiiDatabaseProtocolGuid, &impl_->db.protocol);
 }
 
 EFI_HII_DATABASE_PROTOCOL* HiiDatabase::database() { return &impl_->db.protocol; }

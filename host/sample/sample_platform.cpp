@@ -15,10 +15,6 @@ T* locateAs(Platform& platform, const EFI_GUID& guid) {
   return static_cast<T*>(platform.locateProtocol(guid));
 }
 
-constexpr EFI_GUID kLogGuid = DEBUG_LOG_PROTOCOL_GUID;
-constexpr EFI_GUID kXmlGuid = XML_PROTOCOL_GUID;
-constexpr EFI_GUID kLocationGuid = DEVICE_LOCATION_PROTOCOL_GUID;
-constexpr EFI_GUID kFormsGuid = HII_FORMS_PROCESSOR2_PROTOCOL_GUID;
 
 }  // namespace
 
@@ -41,10 +37,10 @@ SamplePlatform::~SamplePlatform() {
 
 void SamplePlatform::build(std::vector<DeviceDescription> descriptions) {
   // The log first, so that the other services' traces have somewhere to go.
-  loadService("log_service", kLogGuid);
-  loadService("xml_service", kXmlGuid);
-  loadService("location_service", kLocationGuid);
-  loadService("forms_service", kFormsGuid);
+  loadService("log_service", gDebugLogProtocolGuid);
+  loadService("xml_service", gXmlProtocolGuid);
+  loadService("location_service", gDeviceLocationProtocolGuid);
+  loadService("forms_service", gHiiFormsProcessor2ProtocolGuid);
   hii_ = std::make_unique<hii::HiiDatabase>(*platform_);
   for (auto& description : descriptions) addDevice(std::move(description));
 }
@@ -83,13 +79,13 @@ void SamplePlatform::addDevice(DeviceDescription description) {
 }
 
 DEVICE_LOCATION_PROTOCOL* SamplePlatform::location() const {
-  return locateAs<DEVICE_LOCATION_PROTOCOL>(*platform_, kLocationGuid);
+  return locateAs<DEVICE_LOCATION_PROTOCOL>(*platform_, gDeviceLocationProtocolGuid);
 }
 HII_FORMS_PROCESSOR2_PROTOCOL* SamplePlatform::formsProcessor() const {
-  return locateAs<HII_FORMS_PROCESSOR2_PROTOCOL>(*platform_, kFormsGuid);
+  return locateAs<HII_FORMS_PROCESSOR2_PROTOCOL>(*platform_, gHiiFormsProcessor2ProtocolGuid);
 }
-XML_PROTOCOL* SamplePlatform::xml() const { return locateAs<XML_PROTOCOL>(*platform_, kXmlGuid); }
-DEBUG_LOG_PROTOCOL* SamplePlatform::log() const { return locateAs<DEBUG_LOG_PROTOCOL>(*platform_, kLogGuid); }
+XML_PROTOCOL* SamplePlatform::xml() const { return locateAs<XML_PROTOCOL>(*platform_, gXmlProtocolGuid); }
+DEBUG_LOG_PROTOCOL* SamplePlatform::log() const { return locateAs<DEBUG_LOG_PROTOCOL>(*platform_, gDebugLogProtocolGuid); }
 
 SampleDevice* SamplePlatform::findDevice(const std::u16string& fqdd) {
   for (auto& d : devices_)

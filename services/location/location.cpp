@@ -14,8 +14,6 @@ namespace {
 using tvl::rt::bs;
 using tvl::rt::Pool;
 
-constexpr EFI_GUID kLocationGuid = DEVICE_LOCATION_PROTOCOL_GUID;
-constexpr EFI_GUID kLoadedImageGuid = EFI_LOADED_IMAGE_PROTOCOL_GUID;
 constexpr UINT64 kSignature = 0x31434f4c4c565454ull;  // "TTVLLOC1"
 // Longest FQDD or description accepted, in characters.
 constexpr UINTN kMaxTextLength = 1024;
@@ -164,7 +162,7 @@ void freeService(LocationService* service) {
 EFI_STATUS EFIAPI Unload(EFI_HANDLE) {
   LocationService* service = gService;
   if (!service) return EFI_SUCCESS;
-  RETURN_IF_ERROR(bs()->UninstallProtocolInterface(service->handle, &kLocationGuid, &service->protocol));
+  RETURN_IF_ERROR(bs()->UninstallProtocolInterface(service->handle, &gDeviceLocationProtocolGuid, &service->protocol));
   gService = nullptr;
   freeService(service);
   return EFI_SUCCESS;
@@ -177,12 +175,12 @@ extern "C" EFI_STATUS EFIAPI EfiMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* s
   using namespace tvl::location;
   tvl::rt::initialize(imageHandle, systemTable);
   EFI_LOADED_IMAGE_PROTOCOL* image = nullptr;
-  RETURN_IF_ERROR(bs()->HandleProtocol(imageHandle, &kLoadedImageGuid, reinterpret_cast<void**>(&image)));
+  RETURN_IF_ERROR(bs()->HandleProtocol(imageHandle, &gEfiLoadedImageProtocolGuid, reinterpret_cast<void**>(&image)));
   Pool<LocationService> service = Pool<LocationService>::zeroed();
   if (!service) return EFI_OUT_OF_RESOURCES;
   service->protocol = {RegisterLocation, DevicePathToLocationText, LocationTextToDevicePath};
   service->signature = kSignature;
-  RETURN_IF_ERROR(bs()->InstallProtocolInterface(&service->handle, &kLocationGuid, EFI_NATIVE_INTERFACE,
+  RETURN_IF_ERROR(bs()->InstallProtocolInterface(&service->handle, &gDeviceLocationProtocolGuid, EFI_NATIVE_INTERFACE,
                                                  &service->protocol));
   gService = service.release();
   image->Unload = Unload;

@@ -13,7 +13,6 @@ using tvl::rt::Pool;
 
 namespace {
 
-constexpr EFI_GUID kLogGuid = DEBUG_LOG_PROTOCOL_GUID;
 constexpr UINTN kMaxSinks = 8;
 // Lines are formatted on the stack; a longer line takes a pool buffer
 // sized to fit it, up to kMaxLineCharacters.
@@ -183,7 +182,7 @@ extern "C" EFI_STATUS EFIAPI EfiMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* s
   log->protocol = {SetLevelMask, GetLevelMask, RegisterSink, UnregisterSink, WriteLine, Print, PrintV};
   log->levelMask = ~UINTN(0);
   EFI_HANDLE handle = nullptr;
-  RETURN_IF_ERROR(bs()->InstallProtocolInterface(&handle, &kLogGuid, EFI_NATIVE_INTERFACE, &log->protocol));
+  RETURN_IF_ERROR(bs()->InstallProtocolInterface(&handle, &gDebugLogProtocolGuid, EFI_NATIVE_INTERFACE, &log->protocol));
   log.release();  // lives as long as the platform
   return EFI_SUCCESS;
 }

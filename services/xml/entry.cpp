@@ -25,7 +25,6 @@ namespace tvl::xmlsvc {
 namespace {
 
 constexpr UINT64 kSignature = 0x31434d5358564c54ull;  // "TLVXSMC1"
-constexpr EFI_GUID kXmlProtocolGuid = XML_PROTOCOL_GUID;
 
 // The protocol table comes first, so the interface pointer handed to
 // callers is also the instance.
@@ -96,7 +95,7 @@ extern "C" EFI_STATUS EFIAPI EfiMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* s
   service->limits.MaxInputBytes = kDefaultMaxInputBytes;
   EFI_HANDLE handle = nullptr;
   EFI_STATUS status =
-      tvl::rt::bs()->InstallProtocolInterface(&handle, &kXmlProtocolGuid, EFI_NATIVE_INTERFACE, &service->protocol);
+      tvl::rt::bs()->InstallProtocolInterface(&handle, &gXmlProtocolGuid, EFI_NATIVE_INTERFACE, &service->protocol);
   if (EFI_ERROR(status)) return status;
   service.release();  // owned by the protocol database from now on
   return EFI_SUCCESS;

@@ -21,16 +21,6 @@ DEVICE_LOCATION_PROTOCOL* gDeviceLocationProtocol;
 
 namespace {
 
-constexpr EFI_GUID kConverterGuid = TOLVANE_PROTOCOL_GUID;
-constexpr EFI_GUID kLoadedImageGuid = EFI_LOADED_IMAGE_PROTOCOL_GUID;
-constexpr EFI_GUID kLogGuid = DEBUG_LOG_PROTOCOL_GUID;
-constexpr EFI_GUID kFormsProcessorGuid = HII_FORMS_PROCESSOR2_PROTOCOL_GUID;
-constexpr EFI_GUID kHiiDatabaseGuid = EFI_HII_DATABASE_PROTOCOL_GUID;
-constexpr EFI_GUID kXmlGuid = XML_PROTOCOL_GUID;
-constexpr EFI_GUID kHiiStringGuid = EFI_HII_STRING_PROTOCOL_GUID;
-constexpr EFI_GUID kPassword2Guid = PASSWORD2_PROTOCOL_GUID;
-constexpr EFI_GUID kLegacyPasswordGuid = LEGACY_PASSWORD_PROTOCOL_GUID;
-constexpr EFI_GUID kDeviceLocationGuid = DEVICE_LOCATION_PROTOCOL_GUID;
 
 constexpr CHAR8 kEntryName[] = "TolvaneInitialize";
 
@@ -69,12 +59,12 @@ void closeEventIfSet(EFI_EVENT event) {
 // entry; a handle that refuses the uninstall is traced and passed over.
 EFI_STATUS replaceEarlierInstance() {
   VOID* old = nullptr;
-  bs()->LocateProtocol(&kConverterGuid, nullptr, &old);
+  bs()->LocateProtocol(&gTolvaneProtocolGuid, nullptr, &old);
   if (!old) return EFI_SUCCESS;
 
   UINTN count = 0;
   Pool<EFI_HANDLE> handles;
-  EFI_STATUS status = bs()->LocateHandleBuffer(ByProtocol, &kConverterGuid, nullptr, &count, handles.receive());
+  EFI_STATUS status = bs()->LocateHandleBuffer(ByProtocol, &gTolvaneProtocolGuid, nullptr, &count, handles.receive());
   if (EFI_ERROR(status)) {
     trace(TVL_LEVEL_FAILURE, kEntryName, u"LocateHandleBuffer status = %x\n", status);
     return status;
@@ -82,7 +72,7 @@ EFI_STATUS replaceEarlierInstance() {
   for (UINTN i = 0; i < count; ++i) {
     // Once the record is freed, later handles are asked to uninstall a null
     // interface, which they refuse harmlessly.
-    status = bs()->UninstallProtocolInterface(handles[i], &kConverterGuid, old);
+    status = bs()->UninstallProtocolInterface(handles[i], &gTolvaneProtocolGuid, old);
     if (!EFI_ERROR(status)) {
       tvl::rt::release(old);
       old = nullptr;
@@ -93,21 +83,21 @@ EFI_STATUS replaceEarlierInstance() {
 }
 
 EFI_STATUS bindRequiredServices() {
-  RETURN_IF_ERROR(bind(kFormsProcessorGuid, &gHiiFormsProcessor2Protocol));
-  RETURN_IF_ERROR(bind(kHiiDatabaseGuid, &gHiiDatabase));
-  RETURN_IF_ERROR(bind(kXmlGuid, &XMLProtocol));
-  RETURN_IF_ERROR(bind(kHiiStringGuid, &HiiStringProtocol));
+  RETURN_IF_ERROR(bind(gHiiFormsProcessor2ProtocolGuid, &gHiiFormsProcessor2Protocol));
+  RETURN_IF_ERROR(bind(gEfiHiiDatabaseProtocolGuid, &gHiiDatabase));
+  RETURN_IF_ERROR(bind(gXmlProtocolGuid, &XMLProtocol));
+  RETURN_IF_ERROR(bind(gEfiHiiStringProtocolGuid, &HiiStringProtocol));
   return EFI_SUCCESS;
 }
 
 // The newer password service wins; the older one is only looked for when
 // the newer one is absent, so at most one of them is bound.
 void bindPasswordService() {
-  if (!EFI_ERROR(bind(kPassword2Guid, &gPassword2Protocol))) {
+  if (!EFI_ERROR(bind(gPassword2ProtocolGuid, &gPassword2Protocol))) {
     trace(TVL_LEVEL_PROGRESS, kEntryName, u"New password2 protocol found\n");
     return;
   }
-  if (EFI_ERROR(bind(kLegacyPasswordGuid, &gLegacyPasswordProtocol)))
+  if (EFI_ERROR(bind(gLegacyPasswordProtocolGuid, &gLegacyPasswordProtocol)))
     trace(TVL_LEVEL_PROGRESS, kEntryName, u" Both new and old password protocols not found \n");
 }
 
@@ -136,23 +126,23 @@ void fillRecord(TOLVANE_PROTOCOL& record) {
 extern "C" {
 
 VOID EFIAPI OnLogProtocolNotify(EFI_EVENT, VOID*) {
-  bs()->LocateProtocol(&kLogGuid, nullptr, reinterpret_cast<VOID**>(&gLogProtocol));
+  bs()->LocateProtocol(&gDebugLogProtocolGuid, nullptr, reinterpret_cast<VOID**>(&gLogProtocol));
 }
 
 VOID EFIAPI OnDeviceLocationProtocolNotify(EFI_EVENT, VOID*) {
-  bs()->LocateProtocol(&kDeviceLocationGuid, nullptr, reinterpret_cast<VOID**>(&gDeviceLocationProtocol));
+  bs()->LocateProtocol(&gDeviceLocationProtocolGuid, nullptr, reinterpret_cast<VOID**>(&gDeviceLocationProtocol));
 }
 
 EFI_STATUS EFIAPI UnsupportedOperation(...) { return EFI_UNSUPPORTED; }
 
 EFI_STATUS EFIAPI TolvaneInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE*) {
-  if (EFI_ERROR(bind(kLogGuid, &gLogProtocol))) createProtocolNotifyEvent(kLogGuid, OnLogProtocolNotify);
+  if (EFI_ERROR(bind(gDebugLogProtocolGuid, &gLogProtocol))) createProtocolNotifyEvent(gDebugLogProtocolGuid, OnLogProtocolNotify);
   trace(TVL_LEVEL_PROGRESS, kEntryName, u"Entering\n");
 
   RETURN_IF_ERROR(replaceEarlierInstance());
 
   VOID* loadedImageInterface = nullptr;
-  RETURN_IF_ERROR(bs()->OpenProtocol(ImageHandle, &kLoadedImageGuid, &loadedImageInterface, ImageHandle, ImageHandle,
+  RETURN_IF_ERROR(bs()->OpenProtocol(ImageHandle, &gEfiLoadedImageProtocolGuid, &loadedImageInterface, ImageHandle, ImageHandle,
                                      EFI_OPEN_PROTOCOL_GET_PROTOCOL));
   auto* loadedImage = static_cast<EFI_LOADED_IMAGE_PROTOCOL*>(loadedImageInterface);
 
@@ -160,8 +150,8 @@ EFI_STATUS EFIAPI TolvaneInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE*) {
   bindPasswordService();
 
   EFI_EVENT locationEvent = nullptr;
-  if (EFI_ERROR(bind(kDeviceLocationGuid, &gDeviceLocationProtocol)))
-    locationEvent = createProtocolNotifyEvent(kDeviceLocationGuid, OnDeviceLocationProtocolNotify);
+  if (EFI_ERROR(bind(gDeviceLocationProtocolGuid, &gDeviceLocationProtocol)))
+    locationEvent = createProtocolNotifyEvent(gDeviceLocationProtocolGuid, OnDeviceLocationProtocolNotify);
 
   Pool<TOLVANE_PROTOCOL> record = Pool<TOLVANE_PROTOCOL>::zeroed();
   if (!record) {
@@ -171,7 +161,7 @@ EFI_STATUS EFIAPI TolvaneInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE*) {
   fillRecord(*record);
 
   EFI_HANDLE handle = ImageHandle;
-  EFI_STATUS status = bs()->InstallMultipleProtocolInterfaces(&handle, &kConverterGuid, record.get(), nullptr);
+  EFI_STATUS status = bs()->InstallMultipleProtocolInterfaces(&handle, &gTolvaneProtocolGuid, record.get(), nullptr);
   if (EFI_ERROR(status)) {
     closeEventIfSet(locationEvent);
     return status;
@@ -184,8 +174,8 @@ EFI_STATUS EFIAPI TolvaneInitialize(EFI_HANDLE ImageHandle, EFI_SYSTEM_TABLE*) {
 
 EFI_STATUS EFIAPI TolvaneUnload(EFI_HANDLE ImageHandle) {
   VOID* record = nullptr;
-  if (EFI_ERROR(bs()->HandleProtocol(ImageHandle, &kConverterGuid, &record))) return EFI_SUCCESS;
-  EFI_STATUS status = bs()->UninstallProtocolInterface(ImageHandle, &kConverterGuid, record);
+  if (EFI_ERROR(bs()->HandleProtocol(ImageHandle, &gTolvaneProtocolGuid, &record))) return EFI_SUCCESS;
+  EFI_STATUS status = bs()->UninstallProtocolInterface(ImageHandle, &gTolvaneProtocolGuid, record);
   if (!EFI_ERROR(status)) tvl::rt::release(record);
   return status;
 }

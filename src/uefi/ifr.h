@@ -249,3 +249,6 @@ inline bool ifrScope(UINT8 lengthAndScope) { return (lengthAndScope & 0x80) != 0
 // Form-set class GUID of platform setup.
 #define EFI_HII_PLATFORM_SETUP_FORMSET_GUID \
   { 0x93039971, 0x8545, 0x4b04, { 0xb4, 0x5e, 0x32, 0xeb, 0x83, 0x26, 0x04, 0x0e } }
+
+// The GUIDs above as objects, for calls that take their address.
+inline constexpr EFI_GUID gEfiHiiPlatformSetupFormsetGuid = EFI_HII_PLATFORM_SETUP_FORMSET_GUID;

@@ -27,6 +27,17 @@
 #define INTERNAL_SSD_SETUP_FORMSET_GUID \
   { 0x8a29bfb9, 0x3893, 0x4c2a, { 0x81, 0xed, 0x2e, 0xff, 0x0c, 0xa8, 0xf2, 0x85 } }
 
+// The GUIDs above as objects, for calls that take their address.
+inline constexpr EFI_GUID gTolvaneProtocolGuid = TOLVANE_PROTOCOL_GUID;
+inline constexpr EFI_GUID gDebugLogProtocolGuid = DEBUG_LOG_PROTOCOL_GUID;
+inline constexpr EFI_GUID gXmlProtocolGuid = XML_PROTOCOL_GUID;
+inline constexpr EFI_GUID gHiiFormsProcessor2ProtocolGuid = HII_FORMS_PROCESSOR2_PROTOCOL_GUID;
+inline constexpr EFI_GUID gDeviceLocationProtocolGuid = DEVICE_LOCATION_PROTOCOL_GUID;
+inline constexpr EFI_GUID gPassword2ProtocolGuid = PASSWORD2_PROTOCOL_GUID;
+inline constexpr EFI_GUID gLegacyPasswordProtocolGuid = LEGACY_PASSWORD_PROTOCOL_GUID;
+inline constexpr EFI_GUID gInternalBIOSSetup = INTERNAL_BIOS_SETUP_FORMSET_GUID;
+inline constexpr EFI_GUID gInternalSSDSetup = INTERNAL_SSD_SETUP_FORMSET_GUID;
+
 // ---------------------------------------------------------------- Log service
 // Trace levels used by the driver.
 #define TVL_LEVEL_TOOLBOX 0x00000008ull

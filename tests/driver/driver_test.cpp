@@ -16,7 +16,6 @@ namespace {
 
 using namespace tvl::test;  // DriverTest, the service bits, statusName
 
-constexpr EFI_GUID kConverterGuid = TOLVANE_PROTOCOL_GUID;
 constexpr char kEntry[] = "TolvaneInitialize";
 
 // The sequence number of the outstanding allocation at `address`, or 0.
@@ -27,7 +26,7 @@ uint64_t allocationSequence(tvl::host::Platform& platform, const void* address) 
 }
 
 TEST_F(DriverTest, InstallsItsRecordWithUnloadHandlerAndBindsEachService) {
-  ASSERT_EQ(platform().handlesWith(kConverterGuid), std::vector<EFI_HANDLE>{driver()});
+  ASSERT_EQ(platform().handlesWith(gTolvaneProtocolGuid), std::vector<EFI_HANDLE>{driver()});
   EXPECT_TRUE(isAllocated(converter()));
   auto* loaded = static_cast<EFI_LOADED_IMAGE_PROTOCOL*>(
       platform().handleProtocol(driver(), EFI_LOADED_IMAGE_PROTOCOL_GUID));
@@ -55,7 +54,7 @@ TEST_F(DriverTest, SecondLoadReplacesTheFirstInstanceAndFreesItsRecord) {
   log().clear();
 
   ASSERT_EQ(loadDriver(), EFI_SUCCESS);
-  EXPECT_EQ(platform().handlesWith(kConverterGuid), std::vector<EFI_HANDLE>{driver()});
+  EXPECT_EQ(platform().handlesWith(gTolvaneProtocolGuid), std::vector<EFI_HANDLE>{driver()});
   for (const tvl::host::AllocationInfo& a : platform().outstandingAllocations())
     EXPECT_NE(a.sequence, firstRecord) << "the first record is still allocated";
   const tvl::test::LogRecord* uninstall = log().find(kEntry, "UninstallProtocolInterface Status = 0\n");
@@ -64,7 +63,7 @@ TEST_F(DriverTest, SecondLoadReplacesTheFirstInstanceAndFreesItsRecord) {
   // The first image no longer carries the protocol: its unload has nothing
   // to remove and leaves the second instance alone.
   EXPECT_EQ(platform().unloadImage(first), EFI_SUCCESS);
-  EXPECT_EQ(platform().handlesWith(kConverterGuid), std::vector<EFI_HANDLE>{driver()});
+  EXPECT_EQ(platform().handlesWith(gTolvaneProtocolGuid), std::vector<EFI_HANDLE>{driver()});
   EXPECT_TRUE(isAllocated(converter()));
 }
 
@@ -74,13 +73,13 @@ TEST_F(DriverTest, EarlierInstanceHeldByAnotherDriverIsTracedAndKept) {
   EFI_HANDLE agent = nullptr;
   installStandIn(EFI_GUID{0x1d0a0001, 0, 0, {0}}, 8, &agent);
   VOID* opened = nullptr;
-  ASSERT_EQ(bs()->OpenProtocol(first, &kConverterGuid, &opened, agent, first, EFI_OPEN_PROTOCOL_BY_DRIVER),
+  ASSERT_EQ(bs()->OpenProtocol(first, &gTolvaneProtocolGuid, &opened, agent, first, EFI_OPEN_PROTOCOL_BY_DRIVER),
             EFI_SUCCESS);
   log().clear();
 
   ASSERT_EQ(loadDriver(), EFI_SUCCESS);
   EXPECT_TRUE(isAllocated(firstRecord));
-  EXPECT_EQ(platform().handlesWith(kConverterGuid), (std::vector<EFI_HANDLE>{first, driver()}));
+  EXPECT_EQ(platform().handlesWith(gTolvaneProtocolGuid), (std::vector<EFI_HANDLE>{first, driver()}));
   EXPECT_EQ(log().count(kEntry, "UninstallProtocolInterface Status = f\n"), 1u) << log().dump();
 }
 
@@ -161,7 +160,7 @@ class MissingServiceTest : public DriverTest, public ::testing::WithParamInterfa
 TEST_P(MissingServiceTest, EntryFailsWithTheLocateStatusAndInstallsNothing) {
   const char* required[] = {"gHiiFormsProcessor2Protocol", "gHiiDatabase", "XMLProtocol", "HiiStringProtocol"};
   EXPECT_EQ(loadDriver(), EFI_NOT_FOUND);
-  EXPECT_TRUE(platform().handlesWith(kConverterGuid).empty());
+  EXPECT_TRUE(platform().handlesWith(gTolvaneProtocolGuid).empty());
   for (size_t i = 0; i < 4; ++i)
     EXPECT_EQ(global<void*>(required[i]) != nullptr, i < GetParam().boundBefore) << required[i];
   EXPECT_TRUE(!DRIVER_GLOBAL(gPassword2Protocol) && !DRIVER_GLOBAL(gLegacyPasswordProtocol));
@@ -198,7 +197,7 @@ TEST_F(DriverTest, EntryOnAHandleWithoutLoadedImageFailsWithTheOpenStatus) {
   installStandIn(EFI_GUID{0x1d0a0002, 0, 0, {0}}, 8, &bare);
   EXPECT_EQ(statusName(DRIVER_FN(TolvaneInitialize)(bare, st())), statusName(EFI_UNSUPPORTED));
   // The earlier instance was already replaced: nothing stays installed.
-  EXPECT_TRUE(platform().handlesWith(kConverterGuid).empty());
+  EXPECT_TRUE(platform().handlesWith(gTolvaneProtocolGuid).empty());
 }
 
 // Every allocation attempt of the entry (the handle listing of the earlier
@@ -276,7 +275,7 @@ TEST_F(DriverTest, UnsupportedSlotsAnswerUnsupportedWhateverTheyAreGiven) {
 
 TEST_F(DriverTest, UnloadWithoutTheProtocolSucceeds) {
   TOLVANE_PROTOCOL* record = converter();
-  ASSERT_EQ(platform().uninstallProtocol(driver(), kConverterGuid, record), EFI_SUCCESS);
+  ASSERT_EQ(platform().uninstallProtocol(driver(), gTolvaneProtocolGuid, record), EFI_SUCCESS);
   EXPECT_EQ(DRIVER_FN(TolvaneUnload)(driver()), EFI_SUCCESS);
   EXPECT_TRUE(isAllocated(record));  // not the unload's to free any more
   bs()->FreePool(record);
@@ -287,7 +286,7 @@ TEST_F(DriverTest, RefusedUninstallRefusesTheUnloadAndKeepsTheRecord) {
   EFI_HANDLE agent = nullptr;
   installStandIn(EFI_GUID{0x1d0a0003, 0, 0, {0}}, 8, &agent);
   VOID* opened = nullptr;
-  ASSERT_EQ(bs()->OpenProtocol(driver(), &kConverterGuid, &opened, agent, driver(), EFI_OPEN_PROTOCOL_BY_DRIVER),
+  ASSERT_EQ(bs()->OpenProtocol(driver(), &gTolvaneProtocolGuid, &opened, agent, driver(), EFI_OPEN_PROTOCOL_BY_DRIVER),
             EFI_SUCCESS);
 
   EXPECT_EQ(statusName(platform().unloadImage(driver())), statusName(EFI_ACCESS_DENIED));
@@ -295,9 +294,9 @@ TEST_F(DriverTest, RefusedUninstallRefusesTheUnloadAndKeepsTheRecord) {
 
   // Once the consumer lets go, the unload removes the protocol and frees the
   // record.
-  ASSERT_EQ(bs()->CloseProtocol(driver(), &kConverterGuid, agent, driver()), EFI_SUCCESS);
+  ASSERT_EQ(bs()->CloseProtocol(driver(), &gTolvaneProtocolGuid, agent, driver()), EFI_SUCCESS);
   EXPECT_EQ(platform().unloadImage(driver()), EFI_SUCCESS);
-  EXPECT_TRUE(platform().handlesWith(kConverterGuid).empty());
+  EXPECT_TRUE(platform().handlesWith(gTolvaneProtocolGuid).empty());
   EXPECT_FALSE(isAllocated(record));
 }
 

@@ -89,7 +89,6 @@ std::vector<MalformedCase> malformedCases() {
 // A database that exports fixed bytes for one handle: package lists the
 // real database would refuse.
 struct RawDatabase : EFI_HII_DATABASE_PROTOCOL {
-  static constexpr EFI_GUID kGuid = EFI_HII_DATABASE_PROTOCOL_GUID;
   static inline const EFI_HII_HANDLE kHandle = reinterpret_cast<EFI_HII_HANDLE>(0x1000);
   Bytes bytes;
   static EFI_STATUS EFIAPI exportLists(const EFI_HII_DATABASE_PROTOCOL* self, EFI_HII_HANDLE handle, UINTN* size,
@@ -111,10 +110,10 @@ class FormsErrorsTest : public FormsTest {
   void installDatabase() override {
     raw_.ExportPackageLists = RawDatabase::exportLists;
     raw_.GetPackageListHandle = RawDatabase::noDriver;
-    ASSERT_EQ(platform().installProtocol(&handle_, RawDatabase::kGuid, &raw_), EFI_SUCCESS);
+    ASSERT_EQ(platform().installProtocol(&handle_, gEfiHiiDatabaseProtocolGuid, &raw_), EFI_SUCCESS);
   }
   void TearDown() override {
-    platform().uninstallProtocol(handle_, RawDatabase::kGuid, &raw_);
+    platform().uninstallProtocol(handle_, gEfiHiiDatabaseProtocolGuid, &raw_);
     FormsTest::TearDown();
   }
 

@@ -15,7 +15,6 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
-constexpr EFI_GUID kLocationGuid = DEVICE_LOCATION_PROTOCOL_GUID;
 constexpr EFI_GUID kVendor = {0x3f0a1b2c, 0x4d5e, 0x4f60, {0x81, 0x92, 0xa3, 0xb4, 0xc5, 0xd6, 0xe7, 0xf8}};
 
 const EFI_DEVICE_PATH_PROTOCOL* dp(const Bytes& b) { return reinterpret_cast<const EFI_DEVICE_PATH_PROTOCOL*>(b.data()); }
@@ -58,7 +57,7 @@ class LocationTest : public tvl::test::PlatformTest {
   void SetUp() override {
     PlatformTest::SetUp();
     image_ = load("location_service");
-    loc_ = locate<DEVICE_LOCATION_PROTOCOL>(kLocationGuid);
+    loc_ = locate<DEVICE_LOCATION_PROTOCOL>(gDeviceLocationProtocolGuid);
     ASSERT_NE(loc_, nullptr);
   }
   void TearDown() override {
@@ -186,7 +185,7 @@ TEST_F(LocationTest, RegisteringAPathAgainReplacesItsTexts) {
   // Unloading removes the service and frees the table (TearDown's leak check).
   ASSERT_EQ(platform().unloadImage(image_), EFI_SUCCESS);
   image_ = nullptr;
-  EXPECT_EQ(locate<DEVICE_LOCATION_PROTOCOL>(kLocationGuid), nullptr);
+  EXPECT_EQ(locate<DEVICE_LOCATION_PROTOCOL>(gDeviceLocationProtocolGuid), nullptr);
 }
 
 TEST_F(LocationTest, AllocationFailuresLeaveNothingBehind) {

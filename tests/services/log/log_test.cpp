@@ -13,7 +13,6 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-constexpr EFI_GUID kLogGuid = DEBUG_LOG_PROTOCOL_GUID;
 
 // Hands its arguments to PrintV, as a caller with its own variadic wrapper.
 EFI_STATUS EFIAPI printThroughPrintV(DEBUG_LOG_PROTOCOL* log, UINTN level, const CHAR8* function,
@@ -40,7 +39,7 @@ class LogServiceTest : public tvl::test::PlatformTest {
   void SetUp() override {
     PlatformTest::SetUp();
     load("log_service");
-    log_ = locate<DEBUG_LOG_PROTOCOL>(kLogGuid);
+    log_ = locate<DEBUG_LOG_PROTOCOL>(gDebugLogProtocolGuid);
     ASSERT_NE(log_, nullptr);
     markBaseline();
     ASSERT_TRUE(capture_.attach(platform()));
