@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "host/platform_internal.h"
+#include "uefi/varargs.h"
 
 namespace tvl::host {
 
@@ -349,9 +350,9 @@ struct Pair {
 std::vector<Pair> readPairs(__builtin_ms_va_list& args) {
   std::vector<Pair> pairs;
   for (;;) {
-    auto* guid = __builtin_va_arg(args, const EFI_GUID*);
+    auto* guid = tvl::rt::vaArg<const EFI_GUID*>(args);
     if (!guid) break;
-    void* iface = __builtin_va_arg(args, void*);
+    void* iface = tvl::rt::vaArg<void*>(args);
     pairs.push_back(Pair{guid, iface});
   }
   return pairs;

@@ -132,10 +132,8 @@ EFI_STATUS EFIAPI WriteLine(DEBUG_LOG_PROTOCOL* This, UINTN Level, const CHAR8* 
 // Formats into `capacity` characters; true when the line fitted (the
 // formatter cuts silently, so a full buffer may mean a cut line).
 bool formatInto(CHAR16* out, UINTN capacity, const CHAR16* format, tvl::rt::VaList* args) {
-  tvl::rt::VaList copy;
-  __builtin_ms_va_copy(copy, *args);
+  tvl::rt::VaList copy = *args;  // a list is a pointer into the argument slots
   UINTN written = tvl::rt::formatV(out, capacity, format, &copy);
-  __builtin_ms_va_end(copy);
   return written + 1 < capacity;
 }
 

@@ -125,7 +125,7 @@ UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
       } else break;
     }
     if (*p == '*') {
-      conv.width = __builtin_va_arg(*args, UINTN);
+      conv.width = vaArg<UINTN>(*args);
       ++p;
     }
     while (*p >= '0' && *p <= '9') conv.width = conv.width * 10 + UINTN(*p++ - '0');
@@ -133,7 +133,7 @@ UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
       ++p;
       conv.precision = 0;
       if (*p == '*') {
-        conv.precision = __builtin_va_arg(*args, UINTN);
+        conv.precision = vaArg<UINTN>(*args);
         ++p;
       }
       while (*p >= '0' && *p <= '9') conv.precision = conv.precision * 10 + UINTN(*p++ - '0');
@@ -149,33 +149,33 @@ UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
         sink.put('%');
         break;
       case 'a':
-        emitString(sink, conv, __builtin_va_arg(*args, const CHAR8*));
+        emitString(sink, conv, vaArg<const CHAR8*>(*args));
         break;
       case 's':
       case 'S':
-        emitString(sink, conv, __builtin_va_arg(*args, const CHAR16*));
+        emitString(sink, conv, vaArg<const CHAR16*>(*args));
         break;
       case 'c': {
-        UINT32 c = UINT32(__builtin_va_arg(*args, UINTN)) & 0xFFFF;
+        UINT32 c = UINT32(vaArg<UINTN>(*args)) & 0xFFFF;
         emitText(sink, conv, 1, [&](UINTN) { return c; });
         break;
       }
       case 'd':
       case 'i': {
-        INT64 v = conv.wide ? __builtin_va_arg(*args, INT64) : INT64(__builtin_va_arg(*args, INT32));
+        INT64 v = conv.wide ? vaArg<INT64>(*args) : INT64(vaArg<INT32>(*args));
         bool negative = v < 0;
         UINT64 magnitude = negative ? UINT64(0) - UINT64(v) : UINT64(v);
         emitNumber(sink, conv, magnitude, negative, 10, false);
         break;
       }
       case 'u': {
-        UINT64 v = conv.wide ? __builtin_va_arg(*args, UINT64) : UINT64(__builtin_va_arg(*args, UINT32));
+        UINT64 v = conv.wide ? vaArg<UINT64>(*args) : UINT64(vaArg<UINT32>(*args));
         emitNumber(sink, conv, v, false, 10, false);
         break;
       }
       case 'x':
       case 'X': {
-        UINT64 v = conv.wide ? __builtin_va_arg(*args, UINT64) : UINT64(__builtin_va_arg(*args, UINT32));
+        UINT64 v = conv.wide ? vaArg<UINT64>(*args) : UINT64(vaArg<UINT32>(*args));
         emitNumber(sink, conv, v, false, 16, *p == 'X');
         break;
       }
@@ -183,11 +183,11 @@ UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
         Conversion ptr = conv;
         ptr.zero = true;
         if (ptr.width == 0) ptr.width = 16;
-        emitNumber(sink, ptr, UINT64(UINTN(__builtin_va_arg(*args, VOID*))), false, 16, false);
+        emitNumber(sink, ptr, UINT64(UINTN(vaArg<VOID*>(*args))), false, 16, false);
         break;
       }
       case 'r': {
-        EFI_STATUS status = __builtin_va_arg(*args, EFI_STATUS);
+        EFI_STATUS status = vaArg<EFI_STATUS>(*args);
         if (const CHAR8* text = statusText(status)) {
           emitString(sink, conv, text);
         } else {
@@ -198,7 +198,7 @@ UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
         break;
       }
       case 'g':
-        emitGuid(sink, __builtin_va_arg(*args, const EFI_GUID*));
+        emitGuid(sink, vaArg<const EFI_GUID*>(*args));
         break;
       default:
         // Unknown conversion: shown as written so that the fault is visible.

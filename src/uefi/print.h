@@ -4,11 +4,9 @@
 // and 'l'/'L' for 64-bit numbers. Numbers without 'l' are 32-bit.
 #pragma once
 
-#include "uefi/base.h"
+#include "uefi/varargs.h"
 
 namespace tvl::rt {
-
-typedef __builtin_ms_va_list VaList;
 
 // Writes at most `capacity` characters including the terminator; longer
 // output is cut silently. Returns the characters written, terminator
