@@ -289,6 +289,11 @@ Platform::Platform() : impl_(std::make_unique<Impl>()) {
   impl_->setupTables();
 }
 
+void Platform::bindToThisThread() {
+  tCurrent = this;
+  tCurrentImpl = impl_.get();
+}
+
 Platform::~Platform() {
   // Teardown may still reach boot services (nothing runs image code, but
   // the helpers share the entry points), so act on this platform.

@@ -42,6 +42,11 @@ class Platform {
   Platform(const Platform&) = delete;
   Platform& operator=(const Platform&) = delete;
 
+  // Makes this platform the one whose services the calling thread reaches,
+  // for work handed to a thread of its own (a small stack, say). The
+  // platform must outlive that work; the thread makes no platform itself.
+  void bindToThisThread();
+
   EFI_SYSTEM_TABLE* systemTable();
   EFI_BOOT_SERVICES* bootServices();
   EFI_RUNTIME_SERVICES* runtimeServices();

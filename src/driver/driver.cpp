@@ -2,6 +2,7 @@
 
 #include "assembly/combined.h"
 #include "driver/trace.h"
+#include "export/export.h"
 #include "uefi/runtime.h"
 
 using tvl::trace;
@@ -110,7 +111,7 @@ F unsupported() {
 
 void fillRecord(TOLVANE_PROTOCOL& record) {
   record.Revision = TOLVANE_PROTOCOL_REVISION;
-  record.HiiToNode = unsupported<TOLVANE_HII_TO_NODE>();
+  record.HiiToNode = tvlHiiToNode;
   record.NodeToHii = unsupported<TOLVANE_NODE_TO_HII>();
   record.Slot3 = &UnsupportedOperation;
   record.Slot4 = &UnsupportedOperation;

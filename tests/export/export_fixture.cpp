@@ -1,0 +1,134 @@
+#include "export/export_fixture.h"
+
+#include "host/sample/sample_devices.h"
+
+namespace tvl::test {
+
+namespace {
+std::string serialiseWith(XML_PROTOCOL* xml, host::Platform* platform, XML_NODE* root) {
+  CHAR8* out = nullptr;
+  EXPECT_EQ(xml->XML_NodeToXML(xml, root, &out), EFI_SUCCESS);
+  std::string result = out ? out : "";
+  if (out) platform->bootServices()->FreePool(out);
+  return result;
+}
+host::Platform* gPlatform = nullptr;  // the platform of the running test
+}  // namespace
+
+Documents::~Documents() {
+  if (possible) xml->XML_FreeNode(xml, possible);
+  if (current) xml->XML_FreeNode(xml, current);
+}
+
+std::string Documents::possibleText() const { return serialiseWith(xml, gPlatform, possible); }
+std::string Documents::currentText() const { return serialiseWith(xml, gPlatform, current); }
+
+void ExportTest::build(std::vector<host::sample::DeviceDescription> devices) {
+  gPlatform = &platform();
+  if (devices.empty()) devices = host::sample::sampleDevices();
+  sample_ = std::make_unique<host::sample::SamplePlatform>(platform(), std::move(devices));
+  ASSERT_EQ(sample_->loadDriver(&driver_), EFI_SUCCESS);
+  ASSERT_TRUE(log_.attach(platform()));
+  markBaseline();
+}
+
+void ExportTest::TearDown() {
+  log_.detach();
+  PlatformTest::TearDown();
+  sample_.reset();
+}
+
+std::unique_ptr<Documents> ExportTest::exportDevice(const std::u16string& fqdd) {
+  auto docs = std::make_unique<Documents>();
+  docs->xml = sample_->xml();
+  host::sample::SampleDevice* device = sample_->findDevice(fqdd);
+  EXPECT_NE(device, nullptr);
+  if (!device) {
+    docs->status = EFI_NOT_FOUND;
+    return docs;
+  }
+  TOLVANE_PROTOCOL* self = converter();
+  docs->status = self->HiiToNode(self, device->handle(), &docs->possible, &docs->current);
+  return docs;
+}
+
+std::string ExportTest::serialise(XML_NODE* root) { return serialiseWith(sample_->xml(), &platform(), root); }
+
+// ---------------------------------------------------------------- queries
+
+std::string text(const XML_NODE* node) { return node && node->contents ? node->contents : ""; }
+
+std::string attribute(const XML_NODE* node, const std::string& name) {
+  for (const XML_ATTRIBUTE* a = node ? node->attributes : nullptr; a; a = a->next)
+    if (name == a->name) return a->value;
+  return "";
+}
+
+std::string childNames(const XML_NODE* node, bool withAttributes) {
+  std::string out;
+  for (const XML_NODE* c = node ? node->children : nullptr; c; c = c->next) {
+    if (!out.empty()) out += ',';
+    out += c->name;
+    if (withAttributes && c->attributes) {
+      out += '[';
+      for (const XML_ATTRIBUTE* a = c->attributes; a; a = a->next)
+        out += std::string(a->name) + "=" + a->value + (a->next ? " " : "");
+      out += ']';
+    }
+  }
+  return out;
+}
+
+std::vector<const XML_NODE*> children(const XML_NODE* node, const std::string& name) {
+  std::vector<const XML_NODE*> out;
+  for (const XML_NODE* c = node ? node->children : nullptr; c; c = c->next)
+    if (name.empty() || name == c->name) out.push_back(c);
+  return out;
+}
+
+const XML_NODE* child(const XML_NODE* node, const std::string& name, size_t index) {
+  std::vector<const XML_NODE*> all = children(node, name);
+  return index < all.size() ? all[index] : nullptr;
+}
+
+std::vector<const XML_NODE*> descendants(const XML_NODE* root, const std::string& name) {
+  std::vector<const XML_NODE*> out;
+  std::vector<const XML_NODE*> stack;
+  if (root) stack.push_back(root);
+  while (!stack.empty()) {
+    const XML_NODE* n = stack.back();
+    stack.pop_back();
+    if (name == n->name) out.push_back(n);
+    std::vector<const XML_NODE*> kids = children(n);
+    for (auto it = kids.rbegin(); it != kids.rend(); ++it) stack.push_back(*it);
+  }
+  return out;
+}
+
+std::vector<const XML_NODE*> items(const XML_NODE* root, const std::string& name) {
+  std::vector<const XML_NODE*> out;
+  for (const XML_NODE* n : descendants(root, "ConfigItem"))
+    if (n->children && text(n->children) == name) out.push_back(n);
+  return out;
+}
+
+const XML_NODE* item(const XML_NODE* root, const std::string& name) {
+  std::vector<const XML_NODE*> all = items(root, name);
+  return all.empty() ? nullptr : all.front();
+}
+
+std::string valueList(const XML_NODE* configItem) {
+  std::string out;
+  for (const XML_NODE* vs : children(configItem, "ValueStruct")) {
+    if (!out.empty()) out += '|';
+    out += text(child(vs, "Value"));
+    std::string marks;
+    for (const XML_NODE* id : children(vs, "DefaultId")) marks += (marks.empty() ? "" : ",") + text(id);
+    for (const XML_ATTRIBUTE* a = vs->attributes; a; a = a->next)
+      marks += (marks.empty() ? "" : ",") + std::string(a->name) + "=" + a->value;
+    if (!marks.empty()) out += "[" + marks + "]";
+  }
+  return out;
+}
+
+}  // namespace tvl::test

@@ -1,0 +1,589 @@
+// The export of whole devices: the skeleton, every kind of ConfigItem in
+// both documents, value lists, the BIOS password copies, boot-order switch
+// forms, NIC names, the form-set cache, refusals and allocation failures.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include "export/export_fixture.h"
+#include "host/hii/config_string.h"
+#include "host/hii/device_path.h"
+#include "host/sample/sample_devices.h"
+#include "xml/node.h"
+
+namespace {
+
+namespace sample = tvl::host::sample;
+using sample::DeviceDescription;
+using sample::FormDescription;
+using sample::Statement;
+using tvl::host::ifr::Width;
+using namespace tvl::test;
+
+constexpr UINT16 kStore = 1;
+constexpr UINT16 kMfg = EFI_HII_DEFAULT_CLASS_MANUFACTURING;
+const EFI_GUID kStoreGuid = {0x3d9a51c4, 0x7b20, 0x4e6f, {0x8a, 0x15, 0x62, 0x0c, 0xd4, 0x9e, 0x31, 0x7b}};
+
+// A device with one buffer store of 0x400 bytes; `n` makes its device path
+// and package list unique.
+DeviceDescription device(const std::u16string& fqdd, std::vector<FormDescription> forms, UINT8 n = 1,
+                         const EFI_GUID& formSet = gInternalBIOSSetup) {
+  DeviceDescription d;
+  d.fqdd = fqdd;
+  d.description = u"test device";
+  EFI_GUID vendor = {0x51e0a2b0u + n, 0x1c2d, 0x4e5f, {0x90, 0x81, 0x72, 0x63, 0x54, 0x45, 0x36, n}};
+  d.devicePath = tvl::host::hii::DevicePathBuilder().vendorHardware(vendor).build();
+  d.packageListGuid = {0x6a7b8c9du + n, 0x1e2f, 0x4a5b, {0x9c, 0x8d, 0x7e, 0x6f, 0x50, 0x41, 0x32, n}};
+  d.formSet.guid = formSet;
+  d.formSet.title = u"Test Settings";
+  d.formSet.keyword = u"TestSettings";
+  d.formSet.helpText = u"Settings of the test device.";
+  d.formSet.varStores = {{kStore, kStoreGuid, "TestStore", 0x400, false, 0}};
+  d.formSet.forms = std::move(forms);
+  return d;
+}
+
+// Every exported kind of statement, in one form.
+FormDescription tourForm() {
+  using namespace sample;
+  using tvl::host::ifr::True;
+  return {1,
+          u"Tour",
+          u"Tour[Area:core]",
+          {
+              subtitle(u"Tour Settings", u"TourSubtitle[Level:1]"),
+              text(u"Firmware Version", u"FwVersion", u"2.1.0"),
+              text(u"Asset", u"AssetText", u""),
+              oneOf(0x101, u"Mode", u"Mode[ProgWrite:true]")
+                  .at(kStore, 0x00)
+                  .help(u"How it runs.")
+                  .option(u"Mode A", u"ModeA", 0, EFI_IFR_OPTION_DEFAULT)
+                  .option(u"Mode B", u"ModeB", 1)
+                  .optionIf(suppressIf(True()), u"Mode C", u"ModeC", 2)
+                  .defaultNumber(1, kMfg)
+                  .value(1),
+              numeric(0x102, u"Limit", u"Limit", Width::U32)
+                  .at(kStore, 0x04)
+                  .range(0, 0xFFFFFFFF, 1)
+                  .defaultNumber(0xFFFFFFFF)
+                  .value(0xFFFFFFFF),
+              numeric(0x103, u"Offset", u"Offset", Width::U64)
+                  .at(kStore, 0x08)
+                  .range(0, ~0ull, 2)
+                  .resetRequired()
+                  .defaultNumber(0xFFFFFFFFFFFFFFFEull)
+                  .defaultNumber(7, kMfg)
+                  .value(12),
+              checkbox(0x104, u"Flag", u"Flag").at(kStore, 0x10).checkboxDefaults(true, false).value(1),
+              string(0x105, u"Version", u"Version", 0, 16).at(kStore, 0x20).valueText(u"1.0\t\u00e9  "),
+              string(0x106, u"Label", u"Label", 0, 16).at(kStore, 0x40).valueText(u"1.0\t\u00e9  "),
+              password(0x107, u"Setup Password", u"SetupPassword", 0, 32).at(kStore, 0x60),
+              password(0x108, u"System Password", u"SysPassword", 0, 32).at(kStore, 0xA0),
+              orderedList(0x109, u"Order", u"Order", Width::U8, 3)
+                  .at(kStore, 0xE0)
+                  .option(u"Item X", u"X", 0)
+                  .option(u"Item Y", u"Y", 1)
+                  .option(u"Item Z", u"Z", 2)
+                  .values({2, 0, 1}),
+              reference(0x10A, u"More", u"MoreRef", 2),
+              checkbox(0x10B, u"Gone", u"Gone").at(kStore, 0xF0).when(disableIf(True())).value(0),
+              checkbox(0x10C, u"Hidden", u"Hidden").at(kStore, 0xF1).when(suppressIf(True())).value(0),
+              checkbox(0x10D, u"Shown", u"Shown[ProgUnhide:true]").at(kStore, 0xF2).when(suppressIf(True())).value(0),
+          }};
+}
+
+FormDescription moreForm() {
+  return {2, u"More", u"More", {sample::checkbox(0x201, u"Extra", u"Extra").at(kStore, 0x100).value(0)}};
+}
+
+class HiiToNodeTest : public ExportTest {};
+
+TEST_F(HiiToNodeTest, SkeletonIsTheSameForBothDocumentsButTheType) {
+  build({device(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});
+  auto docs = exportDevice(u"BIOS.InternalSetup.1-1");
+  ASSERT_EQ(docs->status, EFI_SUCCESS);
+  for (const XML_NODE* root : {docs->possible, docs->current}) {
+    EXPECT_EQ(std::string(root->name), "ConfigData");
+    EXPECT_EQ(attribute(root, "Version"), "2.0.0");
+    EXPECT_EQ(attribute(root, "xmlns:xsi"), "http://www.w3.org/2001/XMLSchema-instance");
+    EXPECT_EQ(attribute(root, "xsi:noNamespaceSchemaLocation"), "HiiConfigurationDataSchema.xsd");
+  }
+  EXPECT_EQ(childNames(docs->possible, true), "ConfigDataEntry[FQDD=BIOS.InternalSetup.1-1 Type=PossibleValues]");
+  EXPECT_EQ(childNames(docs->current, true), "ConfigDataEntry[FQDD=BIOS.InternalSetup.1-1 Type=CurrentValues]");
+  const XML_NODE* possibleSet = child(docs->possible->children, "FormSet");
+  const XML_NODE* currentSet = child(docs->current->children, "FormSet");
+  EXPECT_EQ(childNames(possibleSet, true),
+            "Title,DisplayTitle[Lang=en-US],Help[Lang=en-US],Form,Form,"
+            "DefaultName[Lang=en-US DefaultId=0000],DefaultName[Lang=en-US DefaultId=0001]");
+  EXPECT_EQ(childNames(currentSet, true), "Title,DisplayTitle[Lang=en-US],Help[Lang=en-US],Form,Form");
+  EXPECT_EQ(text(child(possibleSet, "Title")), "TestSettings");
+  EXPECT_EQ(text(child(currentSet, "DisplayTitle")), "Test Settings");
+  EXPECT_EQ(childNames(child(possibleSet, "Form")).substr(0, 36), "Title,DisplayTitle,FormId,Modifier,C");
+  EXPECT_EQ(childNames(child(currentSet, "Form")).substr(0, 27), "Title,DisplayTitle,Modifier");
+  EXPECT_EQ(text(child(child(possibleSet, "Form"), "FormId")), "1");
+  EXPECT_EQ(attribute(child(child(currentSet, "Form"), "Modifier"), "Name"), "Area");
+}
+
+// The children of each kind of item, in document order, in both trees.
+TEST_F(HiiToNodeTest, EveryKindOfItemCarriesItsChildrenInOrder) {
+  build({device(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});
+  auto docs = exportDevice(u"BIOS.InternalSetup.1-1");
+  ASSERT_EQ(docs->status, EFI_SUCCESS);
+  const std::string head = "Name,RefFormId,DisplayName,BiosMapping,";
+  const struct {
+    const char* name;
+    std::string possible, current;
+  } cases[] = {
+      {"TourSubtitle", head + "Modifier,DisplayIndex", "Name,BiosMapping,Modifier,CommitIndex,ValueStruct"},
+      {"FwVersion", head + "DisplayIndex", "Name,BiosMapping,CommitIndex,ValueStruct"},
+      {"Mode", head + "Modifier,DisplayIndex,ValueStruct,ValueStruct,ValueStruct,Help",
+       "Name,BiosMapping,Modifier,CommitIndex,ValueStruct"},
+      {"Limit", head + "DisplayIndex,ValueStruct", "Name,BiosMapping,CommitIndex,ValueStruct"},
+      {"Flag", head + "DisplayIndex,ValueStruct,ValueStruct", "Name,BiosMapping,CommitIndex,ValueStruct"},
+      {"Version", head + "DisplayIndex", "Name,BiosMapping,CommitIndex,ValueStruct"},
+      {"SetupPassword", head + "DisplayIndex", "Name,BiosMapping,CommitIndex,ValueStruct"},
+      {"Order", head + "DisplayIndex", "Name,BiosMapping,CommitIndex,ValueStruct,ValueStruct,ValueStruct"},
+      {"MoreRef", head + "DisplayIndex", "Name,BiosMapping,CommitIndex,ValueStruct"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(childNames(item(docs->possible, c.name)), c.possible);
+    EXPECT_EQ(childNames(item(docs->current, c.name)), c.current);
+  }
+  EXPECT_EQ(item(docs->possible, "Gone"), nullptr);
+  EXPECT_EQ(item(docs->current, "Gone"), nullptr);
+}
+
+// The ConfigItem attributes and the values of each kind, both trees.
+TEST_F(HiiToNodeTest, TypesStatesAndValues) {
+  build({device(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});
+  auto docs = exportDevice(u"BIOS.InternalSetup.1-1");
+  ASSERT_EQ(docs->status, EFI_SUCCESS);
+  auto attrs = [](const XML_NODE* n) {
+    std::string out;
+    for (const XML_ATTRIBUTE* a = n ? n->attributes : nullptr; a; a = a->next)
+      out += std::string(out.empty() ? "" : " ") + a->name + "=" + a->value;
+    return out;
+  };
+  const struct {
+    const char* name;
+    const char* possibleAttributes;
+    const char* currentAttributes;
+    const char* possibleValues;
+    const char* currentValues;
+  } cases[] = {
+      {"TourSubtitle", "Type=Subtitle", "Type=Subtitle", "", "TourSubtitle[Level:1]"},
+      {"FwVersion", "Type=String", "Type=String ReadOnly=true", "", "2.1.0"},
+      {"AssetText", "Type=String", "Type=String ReadOnly=true", "", "AssetText"},
+      {"Mode", "Type=Enumeration", "Type=Enumeration", "ModeA[0000]|ModeB[0001]|ModeC[Suppressed=true]", "ModeB"},
+      {"Limit", "Type=Integer Min=0 Max=4294967295 Step=1 ValueType=2", "Type=Integer", "-1[0000]", "4294967295"},
+      {"Offset", "Type=Integer Min=0 Max=18446744073709551615 Step=2 ValueType=3 RebootNeeded=true", "Type=Integer",
+       "-2[0000]|7[0001]", "12"},
+      {"Flag", "Type=Checkbox", "Type=Checkbox", "true[0000]|false[0001]", "true"},
+      {"Version", "Type=String Min=0 Max=16", "Type=String", "", "1.0"},
+      {"Label", "Type=String Min=0 Max=16", "Type=String", "", "1.0    "},
+      {"SetupPassword", "Type=Password Min=0 Max=32", "Type=Password", "", ""},
+      {"Order", "Type=OrderedList", "Type=OrderedList", "", "Z[Index=0]|X[Index=1]|Y[Index=2]"},
+      {"MoreRef", "Type=FormReference", "Type=FormReference", "", "More"},
+      {"Hidden", "Type=Checkbox", "Type=Checkbox Suppressed=true", "true|false[0000,0001]", "false"},
+      {"Shown", "Type=Checkbox", "Type=Checkbox", "true|false[0000,0001]", "false"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const XML_NODE* p = item(docs->possible, c.name);
+    const XML_NODE* q = item(docs->current, c.name);
+    ASSERT_TRUE(p && q);
+    EXPECT_EQ(attrs(p), c.possibleAttributes);
+    EXPECT_EQ(attrs(q), c.currentAttributes);
+    EXPECT_EQ(valueList(p), c.possibleValues);
+    EXPECT_EQ(valueList(q), c.currentValues);
+  }
+}
+
+// Numbered children: BIOS mappings, form references, display positions.
+TEST_F(HiiToNodeTest, DisplayIndexCountsPerFormFromAHundredAndCopiesShareIt) {
+  using namespace sample;
+  FormDescription empty{3, u"Empty", u"Empty", {}};
+  build({device(u"BIOS.InternalSetup.1-1", {tourForm(), empty, moreForm()})});
+  auto docs = exportDevice(u"BIOS.InternalSetup.1-1");
+  ASSERT_EQ(docs->status, EFI_SUCCESS);
+  const struct {
+    const char* name;
+    const char* displayIndex;
+  } cases[] = {
+      {"TourSubtitle", "100"}, {"FwVersion", "101"},   {"Mode", "103"},     {"SetupPassword", "109"},
+      {"OldSetupPassword", "109"}, {"SysPassword", "110"}, {"OldSysPassword", "110"}, {"Order", "111"},
+      {"Hidden", "113"},       {"Extra", "200"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(text(child(item(docs->possible, c.name), "DisplayIndex")), c.displayIndex);
+  }
+  // The empty form is left out of both trees.
+  EXPECT_EQ(descendants(docs->possible, "Form").size(), 2u);
+  EXPECT_EQ(descendants(docs->current, "Form").size(), 2u);
+}
+
+TEST_F(HiiToNodeTest, BiosPasswordsGetHiddenCopiesOnlyWhereTheFqddSaysBios) {
+  const struct {
+    std::u16string fqdd;
+    bool copies;
+  } cases[] = {{u"BIOS.InternalSetup.1-1", true}, {u"bios.internalsetup.1-2", false}, {u"Disk.BIOS.1", true}};
+  std::vector<DeviceDescription> devices;
+  for (const auto& c : cases) devices.push_back(device(c.fqdd, {tourForm(), moreForm()}, UINT8(devices.size() + 1)));
+  build(devices);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
+    auto docs = exportDevice(c.fqdd);
+    ASSERT_EQ(docs->status, EFI_SUCCESS);
+    for (const XML_NODE* root : {docs->possible, docs->current}) {
+      std::string order;
+      for (const XML_NODE* n : descendants(root, "ConfigItem")) {
+        std::string name = text(n->children);
+        if (name.find("Password") != std::string::npos) order += (order.empty() ? "" : ",") + name;
+      }
+      EXPECT_EQ(order, c.copies ? "SetupPassword,OldSetupPassword,SysPassword,OldSysPassword"
+                                : "SetupPassword,SysPassword");
+      if (!c.copies) continue;
+      const XML_NODE* setup = item(root, "OldSetupPassword");
+      const XML_NODE* sys = item(root, "OldSysPassword");
+      EXPECT_EQ(attribute(setup, "Suppressed"), "true");
+      EXPECT_EQ(attribute(sys, "Suppressed"), "true");
+      EXPECT_EQ(text(child(setup, "BiosMapping")), "ffff");
+      EXPECT_EQ(text(child(sys, "BiosMapping")), "fffe");
+      EXPECT_EQ(childNames(setup), childNames(item(root, "SetupPassword")));
+    }
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// A boot sequence of three devices and the form of their enable
+// checkboxes; `switchFirst` puts the switch form before the sequence.
+std::vector<FormDescription> bootForms(const std::u16string& switchTitle, bool switchFirst) {
+  using namespace sample;
+  const char16_t* devices[] = {u"HardDisk.List.1-1", u"NIC.Slot.2-1", u"Optical.SATA.1"};
+  Statement sequence = orderedList(0x301, u"Boot Sequence", u"BootSeq", Width::U8, 3).at(kStore, 0x00).values({1, 2, 3});
+  FormDescription switches{5, u"Boot Switches", switchTitle, {}};
+  for (UINT16 i = 0; i < 3; ++i) {
+    sequence.option(devices[i], devices[i], i + 1);
+    switches.statements.push_back(checkbox(UINT16(0x310 + i), devices[i],
+                                           switchTitle + u"[FQDD:" + std::u16string(devices[i]) + u"]")
+                                      .at(kStore, UINT16(0x10 + i))
+                                      .value(i == 1 ? 0 : 1));
+  }
+  FormDescription boot{4, u"Boot", u"BootSettings", {sequence}};
+  FormDescription after{6, u"After", u"After", {checkbox(0x320, u"Later", u"Later").at(kStore, 0x20).value(0)}};
+  if (switchFirst) return {switches, boot, after};
+  return {boot, switches, after};
+}
+
+TEST_F(HiiToNodeTest, SwitchFormsMarkBootEntriesAndLeaveTheDocuments) {
+  const struct {
+    std::u16string fqdd;
+    std::u16string switchTitle;
+    bool switchFirst;
+    const char* entries;
+    bool removed;
+  } cases[] = {
+      {u"BIOS.InternalSetup.1-1", u"BootSeqEnDis", false,
+       "HardDisk.List.1-1[Index=0,Enabled=true]|NIC.Slot.2-1[Index=1,Enabled=false]|"
+       "Optical.SATA.1[Index=2,Enabled=true]",
+       true},
+      // The entries are searched in what the current tree holds so far.
+      {u"BIOS.InternalSetup.1-2", u"BootSeqEnDis", true,
+       "HardDisk.List.1-1[Index=0]|NIC.Slot.2-1[Index=1]|Optical.SATA.1[Index=2]", true},
+      // The title prefix is compared with its case.
+      {u"BIOS.InternalSetup.1-3", u"bootSeqEnDis", false,
+       "HardDisk.List.1-1[Index=0]|NIC.Slot.2-1[Index=1]|Optical.SATA.1[Index=2]", false},
+  };
+  std::vector<DeviceDescription> devices;
+  for (const auto& c : cases)
+    devices.push_back(device(c.fqdd, bootForms(c.switchTitle, c.switchFirst), UINT8(devices.size() + 1)));
+  build(devices);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
+    auto docs = exportDevice(c.fqdd);
+    ASSERT_EQ(docs->status, EFI_SUCCESS);
+    EXPECT_EQ(valueList(item(docs->current, "BootSeq")), c.entries);
+    for (const XML_NODE* root : {docs->possible, docs->current}) {
+      EXPECT_EQ(descendants(root, "Form").size(), c.removed ? 2u : 3u);
+      std::string switchName(c.switchTitle.begin(), c.switchTitle.end());
+      EXPECT_EQ(items(root, switchName).size(), c.removed ? 0u : 3u);
+    }
+    // The removed form used its hundred all the same.
+    EXPECT_EQ(text(child(item(docs->possible, "Later"), "DisplayIndex")), "300");
+  }
+}
+
+TEST_F(HiiToNodeTest, NicDevicesMapVendorNamesAndTypePasswordsAsStrings) {
+  using namespace sample;
+  auto forms = [] {
+    return std::vector<FormDescription>{
+        {1,
+         u"Port",
+         u"Port",
+         {numeric(0x401, u"Link Up Delay", u"LinkUpDelayTime", Width::U8).at(kStore, 0).range(0, 30, 1).value(5),
+          numeric(0x402, u"Speed", u"LnkSpeed", Width::U8).at(kStore, 1).range(0, 3, 1).value(1),
+          password(0x403, u"CHAP Secret", u"ChapSecret", 12, 16).at(kStore, 0x10)}}};
+  };
+  const struct {
+    std::u16string fqdd;
+    const char* possibleChildren;
+    const char* currentChildren;
+    const char* secretType;
+  } cases[] = {
+      {u"NIC.Integrated.1-1-1", "Name,RefFormId,MappedName,DisplayName,BiosMapping,DisplayIndex",
+       "Name,MappedName,BiosMapping,CommitIndex,ValueStruct", "String"},
+      {u"FC.NIC1.Port", "Name,RefFormId,DisplayName,BiosMapping,DisplayIndex",
+       "Name,BiosMapping,CommitIndex,ValueStruct", "String"},
+      {u"nic.Integrated.1-1-1", "Name,RefFormId,DisplayName,BiosMapping,DisplayIndex",
+       "Name,BiosMapping,CommitIndex,ValueStruct", "Password"},
+  };
+  std::vector<DeviceDescription> devices;
+  for (const auto& c : cases) devices.push_back(device(c.fqdd, forms(), UINT8(devices.size() + 1), kStoreGuid));
+  build(devices);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
+    auto docs = exportDevice(c.fqdd);
+    ASSERT_EQ(docs->status, EFI_SUCCESS);
+    bool mapped = std::string(c.possibleChildren).find("MappedName") != std::string::npos;
+    const char* name = mapped ? "LnkUpDelayTime" : "LinkUpDelayTime";
+    EXPECT_EQ(childNames(item(docs->possible, name)), c.possibleChildren);
+    EXPECT_EQ(childNames(item(docs->current, name)), c.currentChildren);
+    if (mapped) {
+      EXPECT_EQ(text(child(item(docs->current, name), "MappedName")), "LinkUpDelayTime");
+    }
+    // A common name is exported unchanged, without MappedName.
+    EXPECT_EQ(childNames(item(docs->current, "LnkSpeed")), "Name,BiosMapping,CommitIndex,ValueStruct");
+    EXPECT_EQ(attribute(item(docs->possible, "ChapSecret"), "Type"), c.secretType);
+    EXPECT_EQ(attribute(item(docs->current, "ChapSecret"), "Type"), c.secretType);
+  }
+}
+
+// What the FQDD selects: the BIOS form-set filter (any case), the storage
+// path (which wins over it), and the flags the block-name lookup reads.
+TEST_F(HiiToNodeTest, FqddChoosesTheFormSetFilter) {
+  const EFI_GUID other = {0x0badf00d, 0x1111, 0x2222, {3, 4, 5, 6, 7, 8, 9, 10}};
+  const struct {
+    std::u16string fqdd;
+    EFI_GUID formSet;
+    EFI_STATUS status;
+    UINT8 isBiosSetup;
+    const char* failureTrace;
+  } cases[] = {
+      {u"BIOS.InternalSetup.1-1", gInternalBIOSSetup, EFI_SUCCESS, 1, nullptr},
+      {u"bios.INTERNALsetup.1-2", other, EFI_NOT_FOUND, 1, "gHiiFormsProcessor2Protocol Returned: Not Found\n"},
+      {u"Disk.Bay.0:BIOS.InternalSetup.1-3", other, EFI_SUCCESS, 1, nullptr},
+      {u"System.Embedded.1-1", other, EFI_SUCCESS, 0, nullptr},
+  };
+  std::vector<DeviceDescription> devices;
+  for (const auto& c : cases)
+    devices.push_back(device(c.fqdd, {moreForm()}, UINT8(devices.size() + 1), c.formSet));
+  build(devices);
+  UINT8& isBios = global<UINT8>("mIsBiosSetup");
+  UINT8& isSsd = global<UINT8>("mIsSsdForms");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
+    isBios = 7;
+    isSsd = 7;
+    log().clear();
+    auto docs = exportDevice(c.fqdd);
+    EXPECT_EQ(docs->status, c.status);
+    EXPECT_EQ(isBios, c.isBiosSetup);
+    EXPECT_EQ(isSsd, 0);
+    EXPECT_EQ(docs->possible != nullptr, c.status == EFI_SUCCESS);
+    if (c.failureTrace) {
+      const LogRecord* r = log().find("tvlHiiToNode", c.failureTrace);
+      ASSERT_NE(r, nullptr) << log().dump();
+      EXPECT_EQ(r->level, TVL_LEVEL_FAILURE);
+    }
+    std::string fqdd(c.fqdd.begin(), c.fqdd.end());
+    const LogRecord* found = log().find("tvlHiiToNode", "FQDD = " + fqdd + "\n");
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->level, TVL_LEVEL_FINDING);
+  }
+}
+
+TEST_F(HiiToNodeTest, RefusalsTouchNothing) {
+  build({device(u"BIOS.InternalSetup.1-1", {moreForm()})});
+  TOLVANE_PROTOCOL* self = converter();
+  EFI_HANDLE handle = sample().devices()[0].handle();
+  XML_NODE* marker = reinterpret_cast<XML_NODE*>(0x1234);
+  const struct {
+    TOLVANE_PROTOCOL* self;
+    EFI_HANDLE handle;
+    bool possible, current;
+    EFI_STATUS status;
+  } cases[] = {
+      {nullptr, handle, true, true, EFI_INVALID_PARAMETER},
+      {self, nullptr, true, true, EFI_INVALID_PARAMETER},
+      {self, handle, false, true, EFI_INVALID_PARAMETER},
+      {self, handle, true, false, EFI_INVALID_PARAMETER},
+      // The driver's own image handle owns no package list.
+      {self, driverImage(), true, true, EFI_NOT_FOUND},
+  };
+  for (const auto& c : cases) {
+    XML_NODE* possible = marker;
+    XML_NODE* current = marker;
+    EXPECT_EQ(self->HiiToNode(c.self, c.handle, c.possible ? &possible : nullptr, c.current ? &current : nullptr),
+              c.status);
+    EXPECT_EQ(possible, marker);
+    EXPECT_EQ(current, marker);
+  }
+  EXPECT_NE(log().find("tvlHiiToNode", "HandleToHiiHandleBuffer Returned: Not Found\n"), nullptr);
+
+  // Without the location service nothing else is looked at.
+  auto& location = global<DEVICE_LOCATION_PROTOCOL*>("gDeviceLocationProtocol");
+  DEVICE_LOCATION_PROTOCOL* saved = location;
+  location = nullptr;
+  EXPECT_EQ(self->HiiToNode(nullptr, nullptr, nullptr, nullptr), EFI_DEVICE_ERROR);
+  location = saved;
+}
+
+TEST_F(HiiToNodeTest, KeptFormSetsStayUntilDestroyGlobalForms) {
+  build({device(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});
+  auto& keep = global<UINT8>("mKeepFormSets");
+  auto& buffer = global<HII_FORMSET_RECORD**>("mFormSetBuffer");
+  auto& count = global<UINTN>("mFormSetBufferCount");
+  auto& header = global<CHAR16*>("mConfigHdr");
+  auto destroy = reinterpret_cast<void (*)()>(symbol("DestroyGlobalForms"));
+
+  auto plain = exportDevice(u"BIOS.InternalSetup.1-1");
+  ASSERT_EQ(plain->status, EFI_SUCCESS);
+  EXPECT_EQ(buffer, nullptr);
+  EXPECT_EQ(header, nullptr);
+  EXPECT_TRUE(descendants(plain->current, "BlockName").empty());
+
+  keep = 1;
+  auto kept = exportDevice(u"BIOS.InternalSetup.1-1");
+  keep = 0;
+  ASSERT_EQ(kept->status, EFI_SUCCESS);
+  ASSERT_NE(buffer, nullptr);
+  EXPECT_EQ(count, 1u);
+  EXPECT_EQ(buffer[0]->FormCount, 2u);
+  ASSERT_NE(header, nullptr);
+  EXPECT_EQ(std::u16string(header).substr(0, 5), u"GUID=");
+  EXPECT_EQ(global<UINTN>("mConfigHdrLength"), std::u16string(header).size());
+  // Block names follow CommitIndex in the current items with storage.
+  EXPECT_EQ(childNames(item(kept->current, "Flag")), "Name,BiosMapping,CommitIndex,BlockName,ValueStruct");
+  EXPECT_EQ(text(child(item(kept->current, "Flag"), "BlockName")), "&amp;OFFSET=0010&amp;WIDTH=0001");  // kept escaped
+  EXPECT_EQ(childNames(item(kept->current, "FwVersion")), "Name,BiosMapping,CommitIndex,ValueStruct");
+
+  // A second kept export replaces the cache without losing the first one.
+  keep = 1;
+  auto again = exportDevice(u"BIOS.InternalSetup.1-1");
+  keep = 0;
+  ASSERT_EQ(again->status, EFI_SUCCESS);
+  destroy();
+  EXPECT_EQ(buffer, nullptr);
+  EXPECT_EQ(header, nullptr);
+  destroy();  // nothing left: harmless
+}
+
+}  // namespace
+
+namespace {
+
+// Each allocation of an export failed in turn: an error with no documents,
+// or a success (a failure the walk tolerates) whose documents are whole.
+// The cache changes only through a successful kept export.
+TEST_F(HiiToNodeTest, EveryAllocationFailureEndsCleanly) {
+  build({device(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});
+  auto& keep = global<UINT8>("mKeepFormSets");
+  auto& buffer = global<HII_FORMSET_RECORD**>("mFormSetBuffer");
+  auto destroy = reinterpret_cast<void (*)()>(symbol("DestroyGlobalForms"));
+  TOLVANE_PROTOCOL* self = converter();
+  EFI_HANDLE handle = sample().devices()[0].handle();
+  XML_PROTOCOL* xml = sample().xml();
+  for (UINT8 keepFormSets : {0, 1}) {
+    SCOPED_TRACE(keepFormSets);
+    XML_NODE* possible = nullptr;
+    XML_NODE* current = nullptr;
+    size_t successes = 0;
+    size_t attempts = sweepAllocationFailures(
+        [&] {
+          keep = keepFormSets;
+          EFI_STATUS status = self->HiiToNode(self, handle, &possible, &current);
+          keep = 0;
+          return status;
+        },
+        [&](EFI_STATUS status, size_t k) {
+          if (EFI_ERROR(status)) {
+            EXPECT_TRUE(possible == nullptr && current == nullptr) << k;
+            EXPECT_EQ(buffer, nullptr) << k;
+            return;
+          }
+          ++successes;
+          EXPECT_EQ(buffer != nullptr, keepFormSets == 1) << k;
+          // Whole documents: they serialise and parse back.
+          for (XML_NODE* root : {possible, current}) {
+            std::string text = serialise(root);
+            XML_NODE* back = nullptr;
+            EXPECT_EQ(xml->XML_ParseText(xml, text.c_str(), text.size(), &back, nullptr), EFI_SUCCESS) << k;
+            if (back) xml->XML_FreeNode(xml, back);
+          }
+        },
+        [&] {
+          for (XML_NODE** root : {&possible, &current}) {
+            if (*root) xml->XML_FreeNode(xml, *root);
+            *root = nullptr;
+          }
+          destroy();
+        });
+    EXPECT_GT(attempts, 100u);
+    EXPECT_GT(successes, 0u);
+  }
+}
+
+// 20,000 statements in one form export on a thread with 64 KiB of stack.
+TEST_F(HiiToNodeTest, TwentyThousandStatementsFitASmallStack) {
+  FormDescription big{1, u"Big", u"Big", {}};
+  for (UINT16 i = 0; i < 20000; ++i) {
+    std::u16string name = u"Q" + std::u16string(1, u'A' + i % 26) + tvl::host::hii::toUtf16(std::to_string(i));
+    big.statements.push_back(sample::checkbox(UINT16(0x1000 + i), name, name).at(kStore, i).value(i % 2));
+  }
+  DeviceDescription d = device(u"System.Big.1", {big}, 1, kStoreGuid);
+  d.formSet.varStores[0].size = 20000;
+  build({d});
+  struct Call {
+    tvl::host::Platform* platform;
+    TOLVANE_PROTOCOL* self;
+    EFI_HANDLE handle;
+    XML_NODE* possible = nullptr;
+    XML_NODE* current = nullptr;
+    EFI_STATUS status = EFI_NOT_STARTED;
+  } call{&platform(), converter(), sample().devices()[0].handle()};
+  log().setLevelMask(0);  // twenty thousand statements' traces are not the point here
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+#if defined(__SANITIZE_ADDRESS__)
+  // The sanitizer's red zones and unoptimised frames roughly triple every
+  // frame; the walk's depth does not depend on the statement count.
+  pthread_attr_setstacksize(&attributes, 256 * 1024);
+#else
+  pthread_attr_setstacksize(&attributes, 64 * 1024);
+#endif
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(
+                &thread, &attributes,
+                [](void* p) -> void* {
+                  auto* c = static_cast<Call*>(p);
+                  c->platform->bindToThisThread();
+                  c->status = c->self->HiiToNode(c->self, c->handle, &c->possible, &c->current);
+                  return nullptr;
+                },
+                &call),
+            0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+  ASSERT_EQ(call.status, EFI_SUCCESS);
+  EXPECT_EQ(descendants(call.current, "ConfigItem").size(), 20000u);
+  EXPECT_EQ(text(child(item(call.possible, "QF19999"), "DisplayIndex")), "20099");
+  XML_PROTOCOL* xml = sample().xml();
+  xml->XML_FreeNode(xml, call.possible);
+  xml->XML_FreeNode(xml, call.current);
+}
+
+}  // namespace
