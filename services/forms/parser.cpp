@@ -618,6 +618,10 @@ class Parser {
     c.readU8(record->OptionFlags);
     c.readU8(type);
     RETURN_IF_ERROR(readTypedValue(pos, len, c, type, record->Value));
+    // The default flags mark the option and make no default record: a
+    // question's default records come from its EFI_IFR_DEFAULT opcodes
+    // alone, so a flag and a DEFAULT naming the same value do not list that
+    // default twice. The manufacturing flag stays in OptionFlags.
     record->OptionIsDefault = (record->OptionFlags & EFI_IFR_OPTION_DEFAULT) ? 1 : 0;
     HII_OPTION_RECORD* added = nullptr;
     RETURN_IF_ERROR(adoptRecord(statement->Options, statement->OptionCount, record, &added));
@@ -628,21 +632,7 @@ class Parser {
     for (UINT32 c2 = condition; c2 != kNone && out_.conditions[c2].owner == statementIndex;
          c2 = out_.conditions[c2].parent)
       out_.conditions[c2].enclosesOption = true;
-    // The option's default flags are defaults of the question.
-    if (added->OptionFlags & EFI_IFR_OPTION_DEFAULT)
-      RETURN_IF_ERROR(addFlagDefault(statement, EFI_HII_DEFAULT_CLASS_STANDARD, added->Value));
-    if (added->OptionFlags & EFI_IFR_OPTION_DEFAULT_MFG)
-      RETURN_IF_ERROR(addFlagDefault(statement, EFI_HII_DEFAULT_CLASS_MANUFACTURING, added->Value));
     return EFI_SUCCESS;
-  }
-
-  EFI_STATUS addFlagDefault(HII_STATEMENT_RECORD* statement, UINT16 defaultId, const HII_VALUE& value) {
-    rt::Pool<HII_DEFAULT_RECORD> record = rt::Pool<HII_DEFAULT_RECORD>::zeroed();
-    if (!record) return EFI_OUT_OF_RESOURCES;
-    record->DefaultId = defaultId;
-    record->Value.Type = value.Type;
-    rt::copyMem(record->Value.Value, value.Value, sizeof(value.Value));
-    return adoptRecord(statement->Defaults, statement->DefaultCount, record);
   }
 
   EFI_STATUS readTypedValue(UINT32 pos, UINT32 len, ByteCursor& c, UINT8 type, HII_VALUE& value) {

@@ -259,6 +259,10 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
     std::string statement = block(r.out, std::string("keyword \"") + c.keyword);
     EXPECT_NE(statement.find(c.shown), std::string::npos) << c.keyword << ":\n" << statement;
   }
+  // Option flags mark the option; only DEFAULT opcodes list defaults.
+  std::string bootMode = block(r.out, "keyword \"BootMode");
+  EXPECT_NE(bootMode.find(" default\n"), std::string::npos) << bootMode;
+  EXPECT_EQ(bootMode.find("default 0x"), std::string::npos) << bootMode;
   EXPECT_NE(r.out.find("varstore 2 efi-variable \"BiosSecurity\" size 4"), std::string::npos);
   EXPECT_NE(r.out.find("default store 0x0001 \"Manufacturing Defaults\""), std::string::npos);
   EXPECT_NE(r.out.find("languages: en-US, x-UEFI"), std::string::npos);

@@ -113,7 +113,8 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
     EXPECT_EQ(v[20] | (v[21] << 8), r.devicePath) << r.id;
   }
 
-  // Options, and option default flags as defaults of the question.
+  // Options in order with their texts and values (default flags: see
+  // OptionFlagsMarkOptionsOnly); the numeric's two DEFAULT opcodes.
   const HII_STATEMENT_RECORD* oneOf = findQuestion(set, 0x10);
   ASSERT_EQ(oneOf->OptionCount, 3u);
   const UINT16 optionTexts[] = {sample.option1, sample.option2, sample.option3};
@@ -121,18 +122,14 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
     const HII_OPTION_RECORD* o = oneOf->Options[i];
     EXPECT_TRUE(o->OptionText == optionTexts[i] && o->Value.Type == EFI_IFR_TYPE_NUM_SIZE_16) << int(i);
     EXPECT_EQ(number(o->Value), i + 1u);
-    EXPECT_EQ(o->OptionIsDefault, i == 1);
   }
   EXPECT_EQ(findQuestion(set, 0x15)->Options[2]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_8);
-  for (const auto& [id, type, standard, manufacturing] :
-       {std::tuple{0x10, EFI_IFR_TYPE_NUM_SIZE_16, 2, 3}, {0x12, EFI_IFR_TYPE_NUM_SIZE_32, 100, 200}}) {
-    const HII_STATEMENT_RECORD* q = findQuestion(set, UINT16(id));
-    ASSERT_EQ(q->DefaultCount, 2u);
-    for (int k = 0; k < 2; ++k) {
-      EXPECT_EQ(q->Defaults[k]->DefaultId, k ? EFI_HII_DEFAULT_CLASS_MANUFACTURING : EFI_HII_DEFAULT_CLASS_STANDARD);
-      EXPECT_EQ(q->Defaults[k]->Value.Type, type);
-      EXPECT_EQ(number(q->Defaults[k]->Value), UINT64(k ? manufacturing : standard));
-    }
+  const HII_STATEMENT_RECORD* numeric = findQuestion(set, 0x12);
+  ASSERT_EQ(numeric->DefaultCount, 2u);
+  for (int k = 0; k < 2; ++k) {
+    EXPECT_EQ(numeric->Defaults[k]->DefaultId, k ? EFI_HII_DEFAULT_CLASS_MANUFACTURING : EFI_HII_DEFAULT_CLASS_STANDARD);
+    EXPECT_EQ(numeric->Defaults[k]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_32);
+    EXPECT_EQ(number(numeric->Defaults[k]->Value), k ? 200u : 100u);
   }
 
   // The form set: forms (the form map last), languages, variable stores,
@@ -157,6 +154,73 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
   const UINT16 defaultIds[] = {0, 1, 5};
   for (int d = 0; d < 3; ++d) EXPECT_EQ(set->DefaultStores[d]->DefaultId, defaultIds[d]);
   EXPECT_EQ(set->DefaultStores[2]->DefaultName, sample.custom);
+}
+
+// An option's default flags mark the option (the standard flag sets
+// OptionIsDefault, the manufacturing flag only OptionFlags) and never make a
+// default record: the question's records are its DEFAULT opcodes, in order,
+// whether or not an option's flag names the same value.
+TEST_F(FormsRecordsTest, OptionFlagsMarkOptionsOnly) {
+  constexpr UINT8 kStd = EFI_IFR_OPTION_DEFAULT, kMfg = EFI_IFR_OPTION_DEFAULT_MFG;
+  constexpr UINT16 kStandard = EFI_HII_DEFAULT_CLASS_STANDARD, kManufacturing = EFI_HII_DEFAULT_CLASS_MANUFACTURING;
+  struct DefaultOp {
+    UINT16 defaultId;
+    UINT64 value;
+  };
+  const struct {
+    const char* name;
+    bool orderedList;
+    UINT8 flags[3];  // of the options with values 1, 2, 3
+    std::vector<DefaultOp> defaults;
+    UINT8 isDefault[3];
+  } rows[] = {
+      {"standard flag", false, {0, kStd, 0}, {}, {0, 1, 0}},
+      {"manufacturing flag", false, {0, 0, kMfg}, {}, {0, 0, 0}},
+      {"both flags on one option", false, {kStd | kMfg, 0, 0}, {}, {1, 0, 0}},
+      {"flags on two options", false, {kMfg, kStd, 0}, {}, {0, 1, 0}},
+      {"flag and DEFAULT of the same value", false, {0, kStd, 0}, {{kStandard, 2}}, {0, 1, 0}},
+      {"flags and DEFAULTs that disagree", false, {kStd, 0, kMfg}, {{kStandard, 3}, {kManufacturing, 2}}, {1, 0, 0}},
+      {"DEFAULTs without flags", false, {0, 0, 0}, {{kManufacturing, 1}, {kStandard, 3}}, {0, 0, 0}},
+      {"ordered list with flags", true, {kStd | kMfg, kStd, 0}, {}, {1, 1, 0}},
+  };
+  ifr::Strings strings({"en-US"});
+  UINT16 s = strings.add(u"x");
+  ifr::FormSetBuilder fs(kFormSetGuid, s, s);
+  fs.varStore(1, kStoreGuid, "Setup", 32);
+  ifr::FormBuilder& form = fs.form(1, s);
+  for (UINT16 i = 0; i < std::size(rows); ++i) {
+    const UINT16 id = UINT16(0x50 + i), offset = UINT16(4 * i);
+    if (rows[i].orderedList) {
+      ifr::OrderedList list(id, s, s, Width::U8, 3);
+      for (UINT8 k = 0; k < 3; ++k) list.option(s, k + 1u, rows[i].flags[k]);
+      form.orderedList(list.store(1, offset));
+      continue;
+    }
+    ifr::OneOf oneOf(id, s, s, Width::U16);
+    for (UINT8 k = 0; k < 3; ++k) oneOf.option(s, k + 1u, rows[i].flags[k]);
+    for (const DefaultOp& d : rows[i].defaults) oneOf.defaultValue(d.value, d.defaultId);
+    form.oneOf(oneOf.store(1, offset));
+  }
+  devices::Device& device = addDevice();
+  device.addBufferStorage(kStoreGuid, u"Setup", std::vector<UINT8>(32));
+  auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+
+  for (UINT16 i = 0; i < std::size(rows); ++i) {
+    SCOPED_TRACE(rows[i].name);
+    const HII_STATEMENT_RECORD* q = findQuestion(parse->set(), UINT16(0x50 + i));
+    ASSERT_EQ(q->OptionCount, 3u);
+    for (int k = 0; k < 3; ++k) {
+      EXPECT_EQ(q->Options[k]->OptionIsDefault, rows[i].isDefault[k]) << "option " << k;
+      EXPECT_EQ(q->Options[k]->OptionFlags & (kStd | kMfg), rows[i].flags[k]) << "option " << k;
+    }
+    ASSERT_EQ(q->DefaultCount, rows[i].defaults.size());
+    for (size_t k = 0; k < rows[i].defaults.size(); ++k) {
+      EXPECT_EQ(q->Defaults[k]->DefaultId, rows[i].defaults[k].defaultId) << "default " << k;
+      EXPECT_EQ(q->Defaults[k]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_16) << "default " << k;
+      EXPECT_EQ(number(q->Defaults[k]->Value), rows[i].defaults[k].value) << "default " << k;
+    }
+  }
 }
 
 // Checkbox defaults from flags, then EFI_IFR_DEFAULT records, then
