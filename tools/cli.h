@@ -60,6 +60,7 @@ int runInfo(const std::vector<std::string>& args, std::ostream& out);
 int runDevices(const std::vector<std::string>& args, std::ostream& out);
 int runForms(const std::vector<std::string>& args, std::ostream& out);
 int runExportHii(const std::vector<std::string>& args, std::ostream& out);
+int runExport(const std::vector<std::string>& args, std::ostream& out);
 
 // The device named by `fqdd` (exact match), or every device when `fqdd`
 // is empty; an unknown name is refused (exit code 2) with the known ones.

@@ -43,6 +43,25 @@ constexpr Command kCommands[] = {
      "are those the forms processor reports for storage it cannot read.\n"
      "A malformed FILE is reported with the byte offset of the bad record and\n"
      "exit code 2.\n"},
+    {"export", tvl::cli::runExport,
+     "tolvane export [--device FQDD] [--possible | --current] [-o FILE] [--trace LEVELS]",
+     "Loads the converter driver, has its HiiToNode export the device named by\n"
+     "--device (needed when the platform has more than one device) and writes\n"
+     "the combined document: one ConfigData holding the possible-values entry,\n"
+     "then the current-values entry, as NodesToCombinedXMLChar serialises them.\n"
+     "With --possible or --current only that document is written, serialised\n"
+     "by the XML service. The XML goes to standard output, or to FILE with -o\n"
+     "(--output). docs/documents.md describes the documents and\n"
+     "docs/HiiConfigurationDataSchema.xsd is their schema.\n"
+     "\n"
+     "--trace LEVELS sends the driver's traces to standard error as\n"
+     "\"function: text\" lines. LEVELS is a hexadecimal mask (0x80800000) or\n"
+     "names separated by commas: failure (0x80000000), progress (0x800000),\n"
+     "finding (0x80), toolbox (0x8), all.\n"
+     "\n"
+     "Exit 1 when an operation fails (named with its status, e.g.\n"
+     "\"HiiToNode failed: EFI_NOT_FOUND\"), 2 for wrong arguments or an unknown\n"
+     "device.\n"},
     {"export-hii", tvl::cli::runExportHii, "tolvane export-hii [--device FQDD] -o FILE",
      "Writes the package lists of the sample devices (or of the one named by\n"
      "--device) to FILE as ExportPackageLists returns them, for `forms --hii`.\n"},

@@ -1,6 +1,6 @@
 // The tolvane command line, run as a program: output and exit codes of each
-// command, the round trip through an exported HII file, and the refusal of
-// corrupted files and wrong arguments.
+// command, the round trip through an exported HII file, the refusal of
+// corrupted files and wrong arguments, and the export's reports and traces.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -400,10 +400,108 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
     EXPECT_EQ(r.exitCode, c.exitCode) << name << ": " << r.err;
     EXPECT_NE(r.err.find(c.says), std::string::npos) << name << ": " << r.err;
   }
-  for (const char* command : {"info", "devices", "forms", "export-hii"}) {
+  for (const char* command : {"info", "devices", "forms", "export-hii", "export"}) {
     Outcome r = cli.run({command, "--help"});
     EXPECT_EQ(r.exitCode, 0) << command;
     EXPECT_EQ(r.out.rfind(std::string("usage: tolvane ") + command, 0), 0u) << r.out;
+  }
+}
+
+// ---------------------------------------------------------------- export
+TEST(CliTest, ExportRefusesWrongArgumentsBeforeExporting) {
+  Cli cli;
+  const std::string bios = "BIOS.InternalSetup.1-1";
+  struct Case {
+    std::vector<std::string> args;
+    const char* says;
+  } cases[] = {
+      {{"export", "--device", bios, "--verbose"}, "unknown option '--verbose'"},
+      {{"export", "--device", bios, "--possible", "--current"}, "--possible or --current, not both"},
+      {{"export", "--device", "NIC.Integrated.9-9-9"}, "no device with FQDD 'NIC.Integrated.9-9-9'"},
+      {{"export"}, "name the device with --device FQDD; known devices: BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"},
+      {{"export", "--device", bios, "--trace", "verbose"}, "--trace: 'verbose' is neither a hexadecimal mask"},
+      {{"export", "--device", bios, "--trace", "failure,,progress"}, "--trace: 'failure,,progress' is neither"},
+      {{"export", "--device", bios, "--trace", "0x1ffffffffffffffff"}, "is neither a hexadecimal mask"},
+      {{"export", "--device", bios, "-o", cli.path("a.xml"), "--output", cli.path("b.xml")}, "output file once"},
+  };
+  for (const auto& c : cases) {
+    Outcome r = cli.run(c.args);
+    EXPECT_EQ(r.exitCode, 2) << c.says << ": " << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    EXPECT_TRUE(r.out.empty()) << r.out;
+  }
+  EXPECT_FALSE(std::ifstream(cli.path("a.xml")).good());
+}
+
+// What the driver's own HiiToNode answers for a sample device, called in
+// this process on a sample platform of the test's own.
+class CliExportTest : public tvl::test::PlatformTest {
+ protected:
+  EFI_STATUS exportStatus(const std::u16string& fqdd) {
+    sample::SamplePlatform sample(platform());
+    EFI_HANDLE driver = nullptr;
+    EXPECT_EQ(sample.loadDriver(&driver), EFI_SUCCESS);
+    auto* converter = static_cast<TOLVANE_PROTOCOL*>(platform().handleProtocol(driver, gTolvaneProtocolGuid));
+    sample::SampleDevice* device = sample.findDevice(fqdd);
+    if (!converter || !device) {
+      ADD_FAILURE() << "no converter or no device " << toAscii(fqdd);
+      return EFI_ABORTED;
+    }
+    XML_NODE *possible = nullptr, *current = nullptr;
+    EFI_STATUS status = converter->HiiToNode(converter, device->handle(), &possible, &current);
+    for (XML_NODE* tree : {possible, current})
+      if (tree) sample.xml()->XML_FreeNode(sample.xml(), tree);
+    skipLeakCheck();  // the installed record stays with the loaded driver
+    return status;
+  }
+};
+
+// The command reports exactly what HiiToNode answers: a failure as exit 1
+// naming the operation and its status, with no file written; a success as
+// a document in the file.
+TEST_F(CliExportTest, ExportReportsTheOutcomeOfHiiToNode) {
+  for (const auto& d : sample::sampleDevices()) {
+    const EFI_STATUS expected = exportStatus(d.fqdd);
+    Cli cli;
+    for (const char* kind : {"", "--possible", "--current"}) {
+      std::vector<std::string> args = {"export", "--device", toAscii(d.fqdd), "-o", cli.path("doc.xml")};
+      if (*kind) args.push_back(kind);
+      Outcome r = cli.run(args);
+      std::string what = toAscii(d.fqdd) + " " + kind + ": " + r.err;
+      if (expected != EFI_SUCCESS) {
+        EXPECT_EQ(r.exitCode, 1) << what;
+        EXPECT_NE(r.err.find("tolvane export: HiiToNode failed: " + tvl::test::statusName(expected)), std::string::npos)
+            << what;
+        EXPECT_FALSE(std::ifstream(cli.path("doc.xml")).good()) << what;
+      } else {
+        EXPECT_EQ(r.exitCode, 0) << what;
+        EXPECT_EQ(readAll(cli.path("doc.xml")).rfind("<ConfigData ", 0), 0u) << what;
+      }
+    }
+  }
+}
+
+// --trace sets the log service's mask: the driver entry's "Entering" line
+// (a progress line) reaches standard error exactly when the mask has the
+// progress bit.
+TEST(CliTest, ExportTraceLevelsSelectTheDriversLines) {
+  Cli cli;
+  struct Case {
+    const char* levels;  // null: no --trace
+    bool shown;
+  } cases[] = {
+      {nullptr, false},           {"progress", true},         {"0x800000", true}, {"800000", true},
+      {"FAILURE,Progress", true}, {"failure,finding", false}, {"toolbox", false}, {"all", true},
+      {"0", false},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> args = {"export", "--device", "NIC.Integrated.1-1-1", "-o", cli.path("doc.xml")};
+    if (c.levels) args.insert(args.end(), {"--trace", c.levels});
+    Outcome r = cli.run(args);
+    const char* name = c.levels ? c.levels : "(none)";
+    EXPECT_NE(r.exitCode, 2) << name << ": " << r.err;
+    EXPECT_EQ(("\n" + r.err).find("\nTolvaneInitialize: Entering\n") != std::string::npos, c.shown)
+        << name << ": " << r.err;
   }
 }
 
