@@ -588,3 +588,70 @@ TEST_F(HiiToNodeTest, TwentyThousandStatementsFitASmallStack) {
 }
 
 }  // namespace
+
+namespace {
+
+// Keyword texts as the export meets them: tokens become Modifier and
+// Dependencies elements; a malformed text costs the item those elements,
+// never the item itself.
+TEST_F(HiiToNodeTest, KeywordTokensAndMalformedKeywordTexts) {
+  using namespace sample;
+  using tvl::host::ifr::True;
+  FormDescription form{1,
+                       u"Keywords",
+                       u"Keywords",
+                       {
+                           oneOf(0x501, u"Handover", u"Handover")
+                               .at(kStore, 0x50)
+                               .optionIf(suppressIf(True()), u"A", u"A", 0)
+                               .optionIf(suppressIf(True()), u"B", u"B", 1)
+                               .option(u"C", u"C[SuppressIf:Other=1]", 2)
+                               .optionIf(suppressIf(True()), u"D", u"D", 3)
+                               .value(2),
+                           checkbox(0x502, u"Broken", u"Broken[Key:1][NoColon").at(kStore, 0x51).value(0),
+                           checkbox(0x503, u"Ending", u"Ending[Key:1][ProgWrite=True]").at(kStore, 0x52).readOnly(),
+                           checkbox(0x504, u"Cond", u"Cond[SuppressIf:NoEquals][Tag:\\101b]").at(kStore, 0x53),
+                           checkbox(0x505, u"Deps", u"Deps[DisableIfNot:Tgt\\101=2][ReadOnlyIf:X=1]").at(kStore, 0x54),
+                       }};
+  build({device(u"BIOS.InternalSetup.1-1", {form})});
+  auto docs = exportDevice(u"BIOS.InternalSetup.1-1");
+  ASSERT_EQ(docs->status, EFI_SUCCESS);
+  // An option under a suppress-if clears the marks of the options before
+  // it; a suppressed option after it keeps its mark.
+  EXPECT_EQ(valueList(item(docs->possible, "Handover")), "A|B|C|D[Suppressed=true]");
+  const struct {
+    const char* name;
+    const char* possibleChildren;
+    const char* currentAttributes;
+    const char* modifiers;  // Name=contents of each Modifier, current tree
+  } cases[] = {
+      {"Broken", "Name,RefFormId,DisplayName,BiosMapping,DisplayIndex,ValueStruct,ValueStruct", "Type=Checkbox", ""},
+      // The ProgWrite ending is accepted but does not lift ReadOnly.
+      {"Ending", "Name,RefFormId,DisplayName,BiosMapping,Modifier,DisplayIndex,ValueStruct,ValueStruct",
+       "Type=Checkbox ReadOnly=true", "Key=1"},
+      // A condition without "=" costs the Dependencies, not the modifiers.
+      {"Cond", "Name,RefFormId,DisplayName,BiosMapping,Modifier,DisplayIndex,ValueStruct,ValueStruct",
+       "Type=Checkbox", "Tag=Ab"},
+      {"Deps", "Name,RefFormId,DisplayName,BiosMapping,DisplayIndex,ValueStruct,ValueStruct,Dependencies",
+       "Type=Checkbox", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(childNames(item(docs->possible, c.name)), c.possibleChildren);
+    const XML_NODE* current = item(docs->current, c.name);
+    std::string attrs;
+    for (const XML_ATTRIBUTE* a = current->attributes; a; a = a->next)
+      attrs += std::string(attrs.empty() ? "" : " ") + a->name + "=" + a->value;
+    EXPECT_EQ(attrs, c.currentAttributes);
+    std::string modifiers;
+    for (const XML_NODE* m : children(current, "Modifier"))
+      modifiers += (modifiers.empty() ? "" : ",") + attribute(m, "Name") + "=" + text(m);
+    EXPECT_EQ(modifiers, c.modifiers);
+  }
+  // Condition targets are octal-decoded, expected values kept as written.
+  const XML_NODE* deps = child(item(docs->possible, "Deps"), "Dependencies");
+  EXPECT_EQ(childNames(deps, true), "DisableIfNot[Name=TgtA],ReadOnlyIf[Name=X]");
+  EXPECT_EQ(text(child(deps, "DisableIfNot")), "2");
+}
+
+}  // namespace
