@@ -1,0 +1,268 @@
+// ConfigItem typing and state attributes, the statement-state predicates
+// and the localised display elements.
+#include "export/config_item.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "export/export_support.h"
+#include "uefi/ifr.h"
+
+namespace {
+
+using tvl::test::describe;
+using tvl::test::FormSetWithLanguages;
+using tvl::test::statusName;
+
+XML_NODE* const kUntouched = reinterpret_cast<XML_NODE*>(uintptr_t(0x5a5a));
+
+class ConfigItemTest : public tvl::test::ExportTest {
+ protected:
+  // Describes and frees what a builder handed out; "-" when it failed
+  // (after checking that the slot was not written).
+  std::string outcome(EFI_STATUS status, XML_NODE* out, EFI_STATUS expected) {
+    EXPECT_EQ(status, expected) << statusName(status);
+    if (EFI_ERROR(status)) {
+      EXPECT_EQ(out, kUntouched);
+      return "-";
+    }
+    std::string described = describe(out);
+    release(out);
+    return described;
+  }
+  std::string possible(HII_STATEMENT_RECORD* s, const CHAR16* fqdd, EFI_STATUS expected) {
+    XML_NODE* out = kUntouched;
+    EFI_STATUS status = DRIVER_FN(createPossibleConfigItem)(s, fqdd, &out);
+    return outcome(status, out, expected);
+  }
+  std::string current(HII_STATEMENT_RECORD* s, const CHAR16* fqdd, const char* keyword, EFI_STATUS expected) {
+    XML_NODE* out = kUntouched;
+    EFI_STATUS status = DRIVER_FN(createCurrentConfigItem)(s, fqdd, keyword, &out);
+    return outcome(status, out, expected);
+  }
+};
+
+TEST_F(ConfigItemTest, TypesEachOpcodeInBothTrees) {
+  struct Case {
+    UINT8 opcode;
+    const char16_t* fqdd;
+    UINT8 reset;
+    UINT64 maximum;
+    const char* possible;  // "-": EFI_NOT_FOUND in both trees
+    const char* current;
+  } cases[] = {
+      {EFI_IFR_SUBTITLE_OP, nullptr, 0, 300, "ConfigItem[Type=Subtitle]", "ConfigItem[Type=Subtitle]"},
+      {EFI_IFR_TEXT_OP, nullptr, 0, 300, "ConfigItem[Type=String]", "ConfigItem[Type=String;ReadOnly=true]"},
+      {EFI_IFR_ONE_OF_OP, nullptr, 0, 300, "ConfigItem[Type=Enumeration]", "ConfigItem[Type=Enumeration]"},
+      {EFI_IFR_CHECKBOX_OP, nullptr, 2, 300, "ConfigItem[Type=Checkbox;RebootNeeded=true]",
+       "ConfigItem[Type=Checkbox]"},
+      {EFI_IFR_NUMERIC_OP, nullptr, 0, 300, "ConfigItem[Type=Integer;Min=1;Max=300;Step=5;ValueType=1]",
+       "ConfigItem[Type=Integer]"},
+      {EFI_IFR_NUMERIC_OP, nullptr, 1, ~0ull,
+       "ConfigItem[Type=Integer;Min=1;Max=18446744073709551615;Step=5;ValueType=1;RebootNeeded=true]",
+       "ConfigItem[Type=Integer]"},
+      {EFI_IFR_PASSWORD_OP, u"NIC.Integrated.1-1-1", 0, 300, "ConfigItem[Type=String;Min=1;Max=300]",
+       "ConfigItem[Type=String]"},
+      {EFI_IFR_PASSWORD_OP, u"FC.Slot.2-NIC", 0, 300, "ConfigItem[Type=String;Min=1;Max=300]",
+       "ConfigItem[Type=String]"},
+      {EFI_IFR_PASSWORD_OP, u"nic.Slot.1", 0, 300, "ConfigItem[Type=Password;Min=1;Max=300]",
+       "ConfigItem[Type=Password]"},
+      {EFI_IFR_PASSWORD_OP, nullptr, 0, 300, "ConfigItem[Type=Password;Min=1;Max=300]", "ConfigItem[Type=Password]"},
+      {EFI_IFR_REF_OP, nullptr, 0, 300, "ConfigItem[Type=FormReference]", "ConfigItem[Type=FormReference]"},
+      {EFI_IFR_STRING_OP, u"NIC.1", 0, 300, "ConfigItem[Type=String;Min=1;Max=300]", "ConfigItem[Type=String]"},
+      {EFI_IFR_ORDERED_LIST_OP, nullptr, 0, 300, "ConfigItem[Type=OrderedList]", "ConfigItem[Type=OrderedList]"},
+      {EFI_IFR_IMAGE_OP, nullptr, 0, 300, "-", "-"},
+      {EFI_IFR_ACTION_OP, nullptr, 0, 300, "-", "-"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "opcode " << int(c.opcode) << " reset " << int(c.reset));
+    HII_STATEMENT_RECORD s{};
+    s.Operand = c.opcode;
+    s.ResetRequired = c.reset;
+    s.Minimum = 1;
+    s.Maximum = c.maximum;
+    s.Step = 5;
+    s.ValueType = 1;
+    const CHAR16* fqdd = reinterpret_cast<const CHAR16*>(c.fqdd);
+    const EFI_STATUS expected = std::string(c.possible) == "-" ? EFI_NOT_FOUND : EFI_SUCCESS;
+    EXPECT_EQ(possible(&s, fqdd, expected), c.possible);
+    EXPECT_EQ(current(&s, fqdd, "Name", expected), c.current);
+  }
+  XML_NODE* out = kUntouched;
+  EXPECT_EQ(DRIVER_FN(createPossibleConfigItem)(nullptr, nullptr, &out), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(DRIVER_FN(createCurrentConfigItem)(nullptr, nullptr, "Name", &out), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(out, kUntouched);
+}
+
+TEST_F(ConfigItemTest, StateAttributesFollowTheRecordsUnlessTheKeywordLiftsThem) {
+  const UINT8 box = EFI_IFR_CHECKBOX_OP, ref = EFI_IFR_REF_OP, txt = EFI_IFR_TEXT_OP, one = EFI_IFR_ONE_OF_OP;
+  struct Case {
+    const char* name;
+    UINT8 opcode, readOnlyFlag, locked, readOnlyMark, suppressedMark;
+    int condition;  // -1: none, else result type * 256 + first value byte
+    const char* keyword;
+    const char* item;  // after "Type="
+  } cases[] = {
+      {"read-only flag", box, 3, 0, 0, 0, -1, nullptr, "Checkbox;ReadOnly=true"},
+      {"locked", box, 0, 1, 0, 0, -1, "C", "Checkbox;ReadOnly=true"},
+      {"read-only mark", box, 0, 0, 1, 0, -1, "C", "Checkbox;ReadOnly=true"},
+      {"read-only mark 2", box, 0, 0, 2, 0, -1, "C", "Checkbox"},
+      {"condition true", box, 0, 0, 0, 0, EFI_IFR_TYPE_BOOLEAN * 256 + 1, "C", "Checkbox;ReadOnly=true"},
+      {"condition false", box, 0, 0, 0, 0, EFI_IFR_TYPE_BOOLEAN * 256, "C", "Checkbox"},
+      {"condition not boolean", box, 0, 0, 0, 0, EFI_IFR_TYPE_NUM_SIZE_8 * 256 + 1, "C", "Checkbox"},
+      {"reference with mark", ref, 1, 1, 1, 0, -1, "R", "FormReference"},
+      {"text", txt, 0, 0, 0, 0, -1, "T", "String;ReadOnly=true"},
+      {"text, ProgWrite true", txt, 0, 0, 0, 0, -1, "T[ProgWrite:TrUe]", "String"},
+      {"text, ProgWrite yes", txt, 0, 0, 0, 0, -1, "T[ProgWrite:yes]", "String;ReadOnly=true"},
+      {"text, lower-case key", txt, 0, 0, 0, 0, -1, "T[progwrite:true]", "String;ReadOnly=true"},
+      {"suppressed", one, 0, 0, 0, 1, -1, "O", "Enumeration;Suppressed=true"},
+      {"suppressed, ProgUnhide", one, 0, 0, 0, 1, -1, "O[ProgUnhide:TRUE]", "Enumeration"},
+      {"suppressed, ProgUnhide 1", one, 0, 0, 0, 1, -1, "O[ProgUnhide:1]", "Enumeration;Suppressed=true"},
+      {"suppressed mark 2", one, 0, 0, 0, 2, -1, "O", "Enumeration"},
+      {"text suppressed", txt, 0, 0, 0, 1, -1, "T", "String;ReadOnly=true;Suppressed=true"},
+      {"text suppressed, ProgWrite", txt, 0, 0, 0, 1, -1, "T[ProgWrite:true]", "String;Suppressed=true"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    HII_STATEMENT_RECORD s{};
+    HII_EXPRESSION_RECORD condition{};
+    s.Operand = c.opcode;
+    s.ReadOnlyFlag = c.readOnlyFlag;
+    s.LockedFlag = c.locked;
+    s.ReadOnlyMark = c.readOnlyMark;
+    s.SuppressedMark = c.suppressedMark;
+    if (c.condition >= 0) {
+      condition.Result.Type = UINT8(c.condition >> 8);
+      condition.Result.Value[0] = UINT8(c.condition);
+      s.ReadOnlyCondition = &condition;
+    }
+    EXPECT_EQ(current(&s, nullptr, c.keyword, EFI_SUCCESS), std::string("ConfigItem[Type=") + c.item + "]");
+  }
+}
+
+TEST_F(ConfigItemTest, MarksCountOnlyWhenExactlyOneAndAreTraced) {
+  struct Case {
+    UINT8 disabledMark, suppressedMark;
+    BOOLEAN disabled, suppressed;
+  } cases[] = {{1, 1, TRUE, TRUE}, {2, 0, FALSE, FALSE}, {0, 255, FALSE, FALSE}, {1, 0, TRUE, FALSE}};
+  size_t disabled = 0, suppressed = 0;
+  for (const Case& c : cases) {
+    HII_STATEMENT_RECORD s{};
+    s.DisabledMark = c.disabledMark;
+    s.SuppressedMark = c.suppressedMark;
+    EXPECT_EQ(DRIVER_FN(isStatementDisabled)(&s), c.disabled) << int(c.disabledMark);
+    EXPECT_EQ(DRIVER_FN(isStatementSuppressed)(&s), c.suppressed) << int(c.suppressedMark);
+    disabled += c.disabled;
+    suppressed += c.suppressed;
+  }
+  EXPECT_FALSE(DRIVER_FN(isStatementDisabled)(nullptr));
+  EXPECT_FALSE(DRIVER_FN(isStatementSuppressed)(nullptr));
+  EXPECT_FALSE(DRIVER_FN(isStatementReadOnly)(nullptr));
+  EXPECT_EQ(log().count("isStatementDisabled", "Statement is Disabled \n"), disabled) << log().dump();
+  EXPECT_EQ(log().count("isStatementSuppressed", "Statement is suppressed\n"), suppressed) << log().dump();
+  for (const auto& r : log().from("isStatementDisabled")) EXPECT_EQ(r.level, TVL_LEVEL_PROGRESS);
+  for (const auto& r : log().from("isStatementSuppressed")) EXPECT_EQ(r.level, TVL_LEVEL_FINDING);
+}
+
+TEST_F(ConfigItemTest, DisplayElementsComeFromEnglishOnly) {
+  EFI_HII_HANDLE handle = addStrings({{"en-US", {u"Title <1>", u"", u"Plain"}},
+                                      {"fr-FR", {u"Titre", u"Vide", u"Simple"}},
+                                      {"x-UEFI", {u"TitleKw", u"Kw", u"PlainKw"}}});
+  struct Case {
+    std::vector<std::string> languages;
+    EFI_STRING_ID id;
+    EFI_STATUS status;
+    const char* elements;
+  } cases[] = {
+      {{"en-US", "fr-FR", "x-UEFI"}, 1, EFI_SUCCESS, "DisplayName[Lang=en-US]:Title &lt;1&gt;"},
+      {{"x-uefi", "en-US", "en-US"}, 3, EFI_SUCCESS, "DisplayName[Lang=en-US]:Plain | DisplayName[Lang=en-US]:Plain"},
+      {{"EN-us", "fr-FR"}, 1, EFI_NOT_FOUND, "-"},
+      {{"en-US"}, 2, EFI_NOT_FOUND, "-"},
+      {{"en-US"}, 9, EFI_NOT_FOUND, "-"},
+      {{}, 1, EFI_NOT_FOUND, "-"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.languages) + " id " + std::to_string(c.id));
+    FormSetWithLanguages formSet(c.languages);
+    hii().clearGetStringCalls();
+    XML_NODE* out = kUntouched;
+    EFI_STATUS status = DRIVER_FN(createLangStringNodes)("DisplayName", c.id, &formSet.record, handle, &out);
+    EXPECT_EQ(outcome(status, out, c.status), c.elements);
+    size_t english = 0;
+    for (const std::string& tag : c.languages) english += tag == "en-US";
+    EXPECT_EQ(hii().getStringCalls().size(), english);
+    for (const auto& call : hii().getStringCalls()) EXPECT_EQ(call.language, "en-US");
+  }
+
+  FormSetWithLanguages english({"en-US"});
+  XML_NODE* out = kUntouched;
+  auto build = DRIVER_FN(createLangStringNodes);
+  EXPECT_EQ(build(nullptr, 1, &english.record, handle, &out), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(build("Help", 0, &english.record, handle, &out), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(build("Help", 1, nullptr, handle, &out), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(build("Help", 1, &english.record, nullptr, &out), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(hii().getStringCalls().size(), 0u);
+  EXPECT_EQ(out, kUntouched);
+}
+
+TEST_F(ConfigItemTest, IsNodeSuppressedReadsTheAttribute) {
+  struct Case {
+    tvl::test::Attributes attributes;
+    BOOLEAN expected;
+  } cases[] = {
+      {{{"Suppressed", "TRUE"}}, TRUE},
+      {{{"Type", "String"}, {"Suppressed", "True"}}, TRUE},
+      {{{"Suppressed", "no"}, {"Suppressed", "true"}}, TRUE},
+      {{{"suppressed", "true"}}, FALSE},
+      {{{"Suppressed", "false"}}, FALSE},
+      {{}, FALSE},
+  };
+  for (const Case& c : cases) {
+    XML_NODE* n = node("ConfigItem", nullptr, c.attributes);
+    EXPECT_EQ(DRIVER_FN(isNodeSuppressed)(n), c.expected) << describe(n);
+    release(n);
+  }
+}
+
+TEST_F(ConfigItemTest, BuildersFailCleanlyWhenThePoolRefuses) {
+  EFI_HII_HANDLE handle = addStrings({{"en-US", {u"Plain"}}});
+  FormSetWithLanguages english({"x-UEFI", "en-US"});
+  HII_STATEMENT_RECORD numeric{}, text{};
+  numeric.Operand = EFI_IFR_NUMERIC_OP;
+  numeric.ResetRequired = 1;
+  text.Operand = EFI_IFR_TEXT_OP;
+  text.SuppressedMark = 1;
+  struct Case {
+    const char* name;
+    std::function<EFI_STATUS(XML_NODE**)> build;
+  } cases[] = {
+      {"possible", [&](XML_NODE** out) { return DRIVER_FN(createPossibleConfigItem)(&numeric, u"NIC.1", out); }},
+      {"current", [&](XML_NODE** out) { return DRIVER_FN(createCurrentConfigItem)(&text, nullptr, "T", out); }},
+      {"display",
+       [&](XML_NODE** out) { return DRIVER_FN(createLangStringNodes)("Help", 1, &english.record, handle, out); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    XML_NODE* out = nullptr;
+    // A failed fetch passes the language over (EFI_NOT_FOUND); a number
+    // text that cannot be made refuses the attribute (EFI_INVALID_PARAMETER).
+    sweepAllocationFailures(
+        [&] {
+          out = kUntouched;
+          return c.build(&out);
+        },
+        [&](EFI_STATUS status, size_t k) {
+          EXPECT_TRUE(status == EFI_OUT_OF_RESOURCES || status == EFI_NOT_FOUND || status == EFI_INVALID_PARAMETER)
+              << "attempt " << k << ": " << statusName(status);
+          EXPECT_EQ(out, kUntouched) << "attempt " << k;
+        },
+        [&] {
+          if (out != kUntouched) release(out);
+        });
+  }
+}
+
+}  // namespace

@@ -1,0 +1,342 @@
+// Keyword texts: the Dependencies and Modifier builders, the token reader
+// and tests, and the matching of boot-sequence entries and their enable
+// checkboxes.
+#include "export/keyword.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "export/export_support.h"
+#include "uefi/ifr.h"
+#include "xml/node.h"
+
+namespace {
+
+using tvl::test::Attributes;
+using tvl::test::describe;
+
+XML_NODE* const kUntouched = reinterpret_cast<XML_NODE*>(uintptr_t(0x5a5a));
+
+class KeywordTest : public tvl::test::ExportTest {
+ protected:
+  // Runs a builder and describes what it handed out ("-" on failure, after
+  // checking that the slot was not written), then frees it.
+  EFI_STATUS build(decltype(&createModifierNodes) builder, const char* text, std::string* described) {
+    XML_NODE* out = kUntouched;
+    EFI_STATUS status = builder(text, &out);
+    if (EFI_ERROR(status)) {
+      EXPECT_EQ(out, kUntouched);
+      *described = "-";
+    } else {
+      *described = describe(out);
+      release(out);
+    }
+    return status;
+  }
+
+  XML_NODE* entry(const char* device, const char* proto, const char* enabled) {
+    std::vector<XML_NODE*> children = {node("Value", device)};
+    if (proto) children.push_back(node("Modifier", proto, {{"Name", "Proto"}}));
+    return node("ValueStruct", nullptr, enabled ? Attributes{{"Enabled", enabled}} : Attributes{}, children);
+  }
+  // Current tree with a UefiBootSeq list of one entry and a BootSeq list of
+  // four, the third already marked.
+  XML_NODE* bootTree() {
+    return node("ConfigData", nullptr, {},
+                {node("ConfigItem", nullptr, {}, {node("Name", "UefiBootSeq"), entry("Disk.1", nullptr, nullptr)}),
+                 node("ConfigItem", nullptr, {},
+                      {node("Name", "BootSeq"), entry("NIC.1", "IPv4", nullptr), entry("NIC.1", "IPv6", nullptr),
+                       entry("Disk.1", nullptr, "true"), entry("Disk.1", nullptr, nullptr)})});
+  }
+  // The "Enabled" of every ValueStruct ("-" when unset), lists split by "/".
+  static std::string enabledMarks(const XML_NODE* root) {
+    std::string out;
+    for (const XML_NODE* item = root->children; item; item = item->next) {
+      if (!out.empty()) out += " /";
+      for (const XML_NODE* e = item->children; e; e = e->next) {
+        if (std::string(e->name) != "ValueStruct") continue;
+        const XML_ATTRIBUTE* a = e->attributes;
+        out += std::string(out.empty() ? "" : " ") + (a ? a->value : "-");
+      }
+    }
+    return out;
+  }
+};
+
+TEST_F(KeywordTest, BuildersTurnTokensIntoElements) {
+  const EFI_STATUS ok = EFI_SUCCESS, bad = EFI_INVALID_PARAMETER;
+  struct Case {
+    const char* text;
+    EFI_STATUS dependenciesStatus;
+    const char* dependencies;
+    EFI_STATUS modifiersStatus;
+    const char* modifiers;
+  } cases[] = {
+      {"Alpha", ok, "", ok, ""},
+      {"Alpha[SuppressIf:Beta=1][Gamma:7]", ok, "Dependencies{SuppressIf[Name=Beta]:1}", ok, "Modifier[Name=Gamma]:7"},
+      {"A[SuppressIf:Beta][X:1]", bad, "-", ok, "Modifier[Name=X]:1"},
+      {"A[Opt:x=y][ReadOnlyIf:T=a=b]", ok, "Dependencies{ReadOnlyIf[Name=T]:a=b}", ok, "Modifier[Name=Opt]:x=y"},
+      {"A[SuppressIf:B=1][X:y][DisableIfNot:C=0]", ok, "Dependencies{SuppressIf[Name=B]:1 | DisableIfNot[Name=C]:0}",
+       ok, "Modifier[Name=X]:y"},
+      {"A[SuppressIf:B=1][FQDD:NIC.1][ProgWrite=True]", ok, "Dependencies{SuppressIf[Name=B]:1}", ok,
+       "Modifier[Name=FQDD]:NIC.1"},
+      {"A[Opt:1][x ProgWrite=True y", ok, "", ok, "Modifier[Name=Opt]:1"},
+      {"A[SuppressIf:B=1][Opt:1][Oops]", bad, "-", bad, "-"},
+      {"A[Opt:1][progwrite=true]", bad, "-", bad, "-"},
+      // A key runs to the next colon across brackets; a skipped token is
+      // left just after its "[", a taken one after its "]".
+      {"A[X][B:C]", ok, "", ok, "Modifier[Name=X][B]:C"},
+      {"A[X][SuppressIf:B=1]", ok, "Dependencies{SuppressIf[Name=B]:1}", ok, "Modifier[Name=X][SuppressIf]:B=1"},
+      {"A[ForceIf:B=1", bad, "-", ok, ""},
+      {"A[Opt:1", ok, "", bad, "-"},
+      // Targets and modifier values are octal-decoded, expected values kept
+      // verbatim; modifier values are escaped, condition values are not.
+      {R"(A[DisableIf:Set\040X=\0411][Lbl:a\074b\041])", ok, R"(Dependencies{DisableIf[Name=Set X]:\0411})", ok,
+       "Modifier[Name=Lbl]:a&lt;b!"},
+      {"A[K:<&>][L:&lt;][ForceIfNot:Q=<1>]", ok, "Dependencies{ForceIfNot[Name=Q]:<1>}", ok,
+       "Modifier[Name=K]:&lt;&amp;&gt; | Modifier[Name=L]:&lt;"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    std::string described;
+    EXPECT_EQ(build(DRIVER_FN(createDependenciesNode), c.text, &described), c.dependenciesStatus);
+    EXPECT_EQ(described, c.dependencies);
+    EXPECT_EQ(build(DRIVER_FN(createModifierNodes), c.text, &described), c.modifiersStatus);
+    EXPECT_EQ(described, c.modifiers);
+  }
+  XML_NODE* out = nullptr;
+  EXPECT_EQ(DRIVER_FN(createDependenciesNode)(nullptr, &out), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(DRIVER_FN(createModifierNodes)(nullptr, &out), EFI_INVALID_PARAMETER);
+}
+
+TEST_F(KeywordTest, BuildersFailCleanlyWhenThePoolRefuses) {
+  const char* text = R"(A[SuppressIf:B\101=1][Opt:x\102][DisableIf:C=2][FQDD:N][ProgWrite=True])";
+  struct Case {
+    decltype(&createModifierNodes) builder;
+    const char* complete;
+    const char* undecoded;  // an escape whose replacement could not be allocated stays as written
+  } cases[] = {
+      {DRIVER_FN(createDependenciesNode), "Dependencies{SuppressIf[Name=BA]:1 | DisableIf[Name=C]:2}",
+       R"(Dependencies{SuppressIf[Name=B\101]:1 | DisableIf[Name=C]:2})"},
+      {DRIVER_FN(createModifierNodes), "Modifier[Name=Opt]:xB | Modifier[Name=FQDD]:N",
+       R"(Modifier[Name=Opt]:x\102 | Modifier[Name=FQDD]:N)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.complete);
+    std::string described;
+    ASSERT_EQ(build(c.builder, text, &described), EFI_SUCCESS);
+    EXPECT_EQ(described, c.complete);
+    size_t tolerated = 0;
+    sweepAllocationFailures([&] { return build(c.builder, text, &described); },
+                            [&](EFI_STATUS status, size_t k) {
+                              if (status == EFI_SUCCESS) {
+                                ++tolerated;
+                                EXPECT_EQ(described, c.undecoded) << "attempt " << k;
+                              } else {
+                                EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << "attempt " << k;
+                              }
+                            });
+    EXPECT_EQ(tolerated, 1u);
+  }
+}
+
+TEST_F(KeywordTest, TokenReaderTakesTokensInOrderAndOwnsItsSlots) {
+  struct Case {
+    const char* text;
+    std::vector<std::pair<std::string, std::string>> tokens;
+  } cases[] = {
+      {"Name[A:1][B:2]", {{"A", "1"}, {"B", "2"}}},
+      {"N[A][B:C]", {{"A][B", "C"}}},
+      {"N[A:x:y][B:z]", {{"A", "x:y"}, {"B", "z"}}},
+      {"N[:][B:2", {{"", ""}}},
+      {"N[A:1", {}},
+      {"Plain", {}},
+  };
+  auto next = DRIVER_FN(getNextKeywordToken);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    CHAR8 *key = nullptr, *value = nullptr;
+    const CHAR8* rest = c.text;
+    std::vector<std::pair<std::string, std::string>> read;
+    EFI_STATUS status;
+    // The slots are passed again every time: each call releases the last pair.
+    while ((status = next(rest, &key, &value, &rest)) == EFI_SUCCESS) {
+      read.emplace_back(key, value);
+      EXPECT_EQ(*rest, ']');
+    }
+    EXPECT_EQ(status, EFI_NOT_FOUND);
+    EXPECT_EQ(read, c.tokens);
+    EXPECT_TRUE(key == nullptr && value == nullptr && rest == nullptr);
+  }
+  CHAR8 *key = nullptr, *value = nullptr;
+  const CHAR8* rest = "x";
+  ASSERT_EQ(next("N[A:1]", &key, &value, &rest), EFI_SUCCESS);
+  EXPECT_EQ(next(nullptr, &key, &value, &rest), EFI_INVALID_PARAMETER);
+  EXPECT_TRUE(key == nullptr && value == nullptr && rest == nullptr);
+}
+
+TEST_F(KeywordTest, PredicatesReadValuesAndConditions) {
+  struct ValueCase {
+    const char* text;
+    const char* value;
+    BOOLEAN expected;
+  } valueCases[] = {
+      {"X[ProgWrite:TRUE]", "true", TRUE},    {"X[progwrite:true]", "true", FALSE},
+      {"X[ProgWrite:true]", "TRUE", FALSE},   {"X[ProgWrite:false][ProgWrite:True]", "true", TRUE},
+      {"X[A][ProgWrite:tRuE]", "true", TRUE}, {"X[ProgWrite:truex]", "true", FALSE},
+      {"X[ProgWrite:true", "true", FALSE},    {"X", "true", FALSE},
+  };
+  for (const ValueCase& c : valueCases)
+    EXPECT_EQ(DRIVER_FN(hasKeywordValue)(c.text, "ProgWrite", c.value), c.expected) << c.text << " " << c.value;
+
+  struct ConditionCase {
+    const char* text;
+    BOOLEAN expected;
+  } conditionCases[] = {
+      {"X[SuppressIfNot:a=1]", TRUE}, {"X[A:1][ForceIf:b=2]", TRUE}, {"X[Suppress:a]", FALSE},
+      {"X[A][ForceIf:b=2]", FALSE},   {"X[ForceIf:b=1", FALSE},      {"X", FALSE},
+  };
+  for (const ConditionCase& c : conditionCases) EXPECT_EQ(DRIVER_FN(hasConditionToken)(c.text), c.expected) << c.text;
+}
+
+TEST_F(KeywordTest, ModifiersAreLookedUpInTheFirstValueStruct) {
+  XML_NODE* chain = node("Modifier", "v", {{"Name", "Lead"}});
+  chain->next = entry("NIC.1", "IPv4", nullptr);
+  chain->next->children->next->next = node("Modifier", "a&b", {{"Name", "Mode"}});
+  struct Case {
+    XML_NODE* from;
+    const char* key;
+    const char* value;
+    BOOLEAN expected;
+  } cases[] = {
+      {chain, "Proto", "IPv4", TRUE},
+      {chain->next, "Mode", "a&amp;b", TRUE},
+      {chain, "Proto", "IPv6", FALSE},
+      {chain, "Lead", "v", FALSE},
+      {chain->next->children, "Proto", "IPv4", FALSE},
+      {chain, nullptr, "IPv4", FALSE},
+      {chain, "Proto", nullptr, FALSE},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(DRIVER_FN(hasModifier)(c.from, c.key, c.value), c.expected) << (c.key ? c.key : "null");
+  release(chain);
+}
+
+TEST_F(KeywordTest, EnablesTheEntryThatTheCheckboxGoverns) {
+  const char* unchanged = "- / - - true -";
+  struct Case {
+    const char* list;
+    const char* text;
+    const char* value;
+    EFI_STATUS status;
+    const char* marks;
+  } cases[] = {
+      {"BootSeq", "BootSeqEnDis1[FQDD:NIC.1][Proto:IPv6]", "true", EFI_SUCCESS, "- / - true true -"},
+      {"BootSeq", "BootSeqEnDis1[FQDD:NIC.1]", "false", EFI_SUCCESS, "- / false - true -"},
+      {"BootSeq", "BootSeqEnDis2[FQDD:Disk.1]", "false", EFI_SUCCESS, "- / - - true false"},
+      {"BootSeq", "X[SuppressIf:A=1][FQDD:NIC.1][Proto:IPv4]", "true", EFI_SUCCESS, "- / true - true -"},
+      {"UefiBootSeq", "UefiBootSeqEnDis1[FQDD:Disk.1]", "true", EFI_SUCCESS, "true / - - true -"},
+      {"BootSeq", "X[FQDD:NIC.1][Proto:IPv9]", "true", EFI_NOT_FOUND, unchanged},
+      {"BootSeq", "X[FQDD:NIC.2][FQDD:NIC.1]", "true", EFI_NOT_FOUND, unchanged},
+      {"BootSeq", "X[Proto:IPv4]", "true", EFI_NOT_FOUND, unchanged},
+      {"HddSeq", "X[FQDD:Disk.1]", "true", EFI_NOT_FOUND, unchanged},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    XML_NODE* root = bootTree();
+    EXPECT_EQ(DRIVER_FN(setEntryEnabled)(c.list, c.text, c.value, root), c.status);
+    EXPECT_EQ(enabledMarks(root), c.marks);
+    release(root);
+  }
+
+  XML_NODE* root = bootTree();
+  EXPECT_EQ(DRIVER_FN(setEntryEnabled)(nullptr, "X[FQDD:NIC.1]", "true", root), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(DRIVER_FN(setEntryEnabled)("BootSeq", "X[FQDD:NIC.1]", "true", nullptr), EFI_INVALID_PARAMETER);
+  XML_NODE* ipv6 = root->children->next->children->next->next;
+  sweepAllocationFailures(
+      [&] { return DRIVER_FN(setEntryEnabled)("BootSeq", "B[FQDD:NIC.1][Proto:IPv6]", "true", root); },
+      [&](EFI_STATUS status, size_t k) {
+        EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << "attempt " << k;
+        EXPECT_EQ(enabledMarks(root), unchanged);
+      },
+      [&] { dropAttributes(ipv6); });
+  release(root);
+}
+
+TEST_F(KeywordTest, FindsTheCheckboxOfAnEntryAndTheValueToWrite) {
+  EFI_HII_HANDLE hii =
+      addStrings({{"x-UEFI",
+                   {u"BootSeqEnDis1[FQDD:NIC.1][Proto:IPv4]", u"BootSeqEnDis2[FQDD:NIC.1][Proto:IPv6]",
+                    u"BootSeqEnDis3[FQDD:Disk.1]", u"UefiBootSeqEnDis1[FQDD:Disk.1][SuppressIf:X=1]"}}});
+  // Prompt, value type and current value of each statement; the fourth
+  // prompt has no x-UEFI text, the third statement is not boolean.
+  const struct {
+    UINT16 prompt;
+    UINT8 type, value;
+  } rows[] = {{1, EFI_IFR_TYPE_BOOLEAN, 1},
+              {2, EFI_IFR_TYPE_BOOLEAN, 0},
+              {3, EFI_IFR_TYPE_NUM_SIZE_8, 0},
+              {9, EFI_IFR_TYPE_BOOLEAN, 0},
+              {4, EFI_IFR_TYPE_BOOLEAN, 0}};
+  CHAR16 blocks[5][2] = {u"1", u"2", u"3", u"4", u"5"};
+  HII_STATEMENT_RECORD statements[5] = {};
+  HII_STATEMENT_RECORD* pointers[5];
+  for (int i = 0; i < 5; ++i) {
+    statements[i].Prompt = rows[i].prompt;
+    statements[i].HiiValue.Type = rows[i].type;
+    statements[i].HiiValue.Value[0] = rows[i].value;
+    statements[i].BlockName = blocks[i];
+    pointers[i] = &statements[i];
+  }
+  HII_FORM_RECORD form{};
+  form.StatementCount = 5;
+  form.Statements = pointers;
+  HII_FORM_RECORD* forms[] = {&form};
+  HII_FORMSET_RECORD formSet{};
+  formSet.FormCount = 1;
+  formSet.Forms = forms;
+
+  struct Case {
+    const char* list;
+    const char* device;
+    const char* proto;
+    const char* enabled;
+    EFI_STATUS status;
+    int block;  // index of the statement whose block name is handed out, -1 for none
+    UINT8 newValue;
+  } cases[] = {
+      {"BootSeq", "NIC.1", "IPv6", "true", EFI_SUCCESS, 1, 1},
+      {"BootSeq", "NIC.1", "IPv4", "false", EFI_SUCCESS, 0, 0},
+      {"BootSeq", "NIC.1", "IPv4", "TRUE", EFI_SUCCESS, 0, 0},
+      {"BootSeq", "NIC.1", "IPv4", "true", EFI_SUCCESS, -1, 7},
+      {"UefiBootSeq", "Disk.1", nullptr, "true", EFI_SUCCESS, 4, 1},
+      {"BootSeq", "Disk.1", nullptr, "true", EFI_NOT_FOUND, -1, 7},
+      {"BootSeq", "NIC.1", "IPv9", "true", EFI_NOT_FOUND, -1, 7},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.list) + " " + c.device + " " + c.enabled);
+    XML_NODE* e = entry(c.device, c.proto, c.enabled);
+    CHAR16* block = reinterpret_cast<CHAR16*>(uintptr_t(0x5a5a));
+    UINT8 newValue = 7;
+    EXPECT_EQ(DRIVER_FN(findEnableCheckbox)(c.list, e, &formSet, hii, &block, &newValue), c.status);
+    if (c.status == EFI_SUCCESS) {
+      EXPECT_EQ(block, c.block < 0 ? nullptr : blocks[c.block]);
+    }
+    EXPECT_EQ(newValue, c.newValue);
+    release(e);
+  }
+
+  XML_NODE* bare = entry("NIC.1", "IPv4", nullptr);
+  XML_NODE* other = node("ValueStruct", nullptr, {{"Checked", "true"}}, {node("Value", "NIC.1")});
+  CHAR16* block = nullptr;
+  UINT8 newValue = 0;
+  for (XML_NODE* e : {bare, other, static_cast<XML_NODE*>(nullptr)})
+    EXPECT_EQ(DRIVER_FN(findEnableCheckbox)("BootSeq", e, &formSet, hii, &block, &newValue), EFI_INVALID_PARAMETER);
+  release(bare);
+  release(other);
+}
+
+}  // namespace
