@@ -40,7 +40,9 @@ constexpr Command kCommands[] = {
      "With --hii FILE the package lists come from FILE instead (the bytes\n"
      "ExportPackageLists writes: package lists back to back). They are loaded\n"
      "into a fresh HII database with no configuration access, so current values\n"
-     "are those the forms processor reports for storage it cannot read.\n"
+     "are those the forms processor reports for storage it cannot read. A list\n"
+     "whose forms cannot be read as a whole is read as an export reads a storage\n"
+     "device: the storage controller's form set alone.\n"
      "A malformed FILE is reported with the byte offset of the bad record and\n"
      "exit code 2.\n"},
     {"export-hii", tvl::cli::runExportHii, "tolvane export-hii [--device FQDD] -o FILE",

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include <sstream>
 
 #include "host/hii/config_string.h"
+#include "host/ifr/ifr_dump.h"
 #include "host/sample/sample_devices.h"
 #include "host/sample/sample_platform.h"
 #include "tests/support/fixture.h"
@@ -71,6 +73,7 @@ class Cli {
     std::ofstream(path(name), std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
                                                      std::streamsize(bytes.size()));
   }
+
 
  private:
   std::string dir_;
@@ -207,24 +210,38 @@ std::string expectedValue(const sample::Statement& s) {
   }
 }
 
+// Where the outline shows a described statement: by its keyword text, or
+// by its prompt on a device without keyword texts.
+std::string statementHeader(const sample::DeviceDescription& d, const sample::Statement& s) {
+  bool keywords = std::find(d.languages.begin(), d.languages.end(), "x-UEFI") != d.languages.end();
+  return keywords ? "keyword \"" + toAscii(s.keyword) + "\"" : "\"" + toAscii(s.prompt) + "\" (question";
+}
+
 TEST(CliTest, FormsShowsEveryDescribedQuestionWithItsCurrentValue) {
   Cli cli;
   Outcome r = cli.run({"forms"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
-  size_t checked = 0;
+  size_t checked = 0, formSets = 0;
   for (const auto& d : sample::sampleDevices()) {
     std::string device = block(r.out, "Device " + toAscii(d.fqdd));
     ASSERT_FALSE(device.empty()) << toAscii(d.fqdd);
-    for (const auto& form : d.formSet.forms) {
-      for (const auto& s : form.statements) {
-        if (s.current.empty() && s.currentText.empty()) continue;
-        std::string statement = block(device, "keyword \"" + toAscii(s.keyword) + "\"");
-        EXPECT_NE(statement.find(expectedValue(s)), std::string::npos) << statement;
-        ++checked;
+    for (const auto& fs : d.formSets) {
+      // Only the form sets the export's filter lets through are shown.
+      std::string formSet = block(device, "FormSet " + tvl::host::ifr::guidText(fs.guid));
+      if (formSet.empty()) continue;
+      ++formSets;
+      for (const auto& form : fs.forms) {
+        for (const auto& s : form.statements) {
+          if (s.current.empty() && s.currentText.empty()) continue;
+          std::string statement = block(formSet, statementHeader(d, s));
+          EXPECT_NE(statement.find(expectedValue(s)), std::string::npos) << statementHeader(d, s) << statement;
+          ++checked;
+        }
       }
     }
   }
-  EXPECT_GT(checked, 30u);
+  EXPECT_EQ(formSets, 5u);
+  EXPECT_GT(checked, 60u);
 }
 
 TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
@@ -254,6 +271,22 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
       {"ChapSecret", "length: min 12 max 16 characters"},
       {"IscsiConfigRef", "value: form 2, question 0"},
       {"MacAddr", "text two: \"00:1B:21:3C:4D:5E\""},
+      // The legacy sequence is hidden in UEFI boot mode, the UEFI one is not.
+      {"BootSeq\"", "marks: suppressed"},
+      {"UefiBootSeq\"", "default 0x0001 \"Manufacturing Defaults\": [3, 4, 1, 2, 5]"},
+      {"UefiBootSeq\"", "option \"PXE Device 1: Integrated NIC 1 Port 1 Partition 1 (IPv6)\" keyword "
+                        "\"NIC.PxeDevice.1-1[Protocol:IPv6]\" value 2"},
+      {"UefiBootSeqEnDis[FQDD:NIC.PxeDevice.1-1][Protocol:IPv6]", "value: 0 (off)"},
+      {"EmbSata", "option \"ATA Mode\" keyword \"AtaMode\" value 3 suppressed"},
+      {"SerialComm", "keyword \"OnConRedirCom1\" value 2 suppressed"},
+      {"SerialComm", "keyword \"OnConRedirCom2\" value 3\n"},
+      {"OsWatchdogTimeout", "default 0x0000 \"Standard Defaults\": 4294967295"},
+      {"RtcDriftComp", "width 8 (u64)"},
+      {"Version\"", "marks: read-only flag"},
+      {"NICConfigLnkSpeed", "option \"Auto Negotiated\" keyword \"AutoNeg\" value 0 default"},
+      {"DhcpVndorID", "length: min 0 max 32 characters"},
+      {"PowerSaveIdleTime", "default 0x0001 \"Manufacturing Defaults\": 60"},
+      {"GlobalHotSpare[ReadOnlyIf:DiskStatus=Online]", "marks: read-only condition (false)"},
   };
   for (const auto& c : cases) {
     std::string statement = block(r.out, std::string("keyword \"") + c.keyword);
@@ -262,6 +295,16 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
   EXPECT_NE(r.out.find("varstore 2 efi-variable \"BiosSecurity\" size 4"), std::string::npos);
   EXPECT_NE(r.out.find("default store 0x0001 \"Manufacturing Defaults\""), std::string::npos);
   EXPECT_NE(r.out.find("languages: en-US, x-UEFI"), std::string::npos);
+  EXPECT_NE(r.out.find("languages: en-US, fr-FR, x-UEFI"), std::string::npos);
+  EXPECT_NE(block(r.out, "FormSet " + tvl::host::ifr::guidText(sample::kFcFormSetGuid)).find("languages: en-US\n"),
+            std::string::npos);
+  // The storage device's forms are read with the controller's filter, once
+  // the unfiltered parse has failed on the second form set.
+  std::string disk = block(r.out, "Device " + toAscii(sample::kDiskFqdd));
+  EXPECT_NE(disk.find("without a filter: EFI_VOLUME_CORRUPTED: expression leaves 2 values instead of one"),
+            std::string::npos)
+      << disk;
+  EXPECT_NE(disk.find("form sets: 1"), std::string::npos) << disk;
 }
 
 TEST(CliTest, DeviceOptionSelectsOneDeviceAndUnknownNamesAreRefused) {
@@ -281,7 +324,9 @@ TEST(CliTest, DeviceOptionSelectsOneDeviceAndUnknownNamesAreRefused) {
     Outcome r = cli.run(args);
     EXPECT_EQ(r.exitCode, 2) << args[2];
     EXPECT_NE(r.err.find("no device with FQDD '" + args[2] + "'"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("known devices: BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"), std::string::npos);
+    EXPECT_NE(r.err.find("known devices: BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1, "
+                         "Disk.Bay.0:Enclosure.Internal.0-1:RAID.Integrated.1-1, FC.Slot.2-1, RAID.Slot.6-1"),
+              std::string::npos);
     EXPECT_TRUE(r.out.empty()) << r.out;
   }
 }
@@ -294,9 +339,20 @@ TEST(CliTest, ExportedFileReadsBackAsTheSameFormSets) {
   Outcome live = cli.run({"forms"});
   Outcome file = cli.run({"forms", "--hii", cli.path("all.hii")});
   ASSERT_EQ(file.exitCode, 0) << file.err;
-  EXPECT_NE(file.out.find("2 package list(s)"), std::string::npos);
-  EXPECT_NE(file.out.find("packages: FORMS STRINGS(en-US) STRINGS(x-UEFI) DEVICE_PATH"), std::string::npos);
-  EXPECT_EQ(shape(file.out), shape(live.out));
+  EXPECT_NE(file.out.find("5 package list(s)"), std::string::npos);
+  EXPECT_NE(file.out.find("packages: FORMS FORMS FORMS STRINGS(en-US) STRINGS(x-UEFI) DEVICE_PATH"),
+            std::string::npos);
+  EXPECT_NE(file.out.find("packages: FORMS STRINGS(en-US) STRINGS(fr-FR) STRINGS(x-UEFI) DEVICE_PATH"),
+            std::string::npos);
+  // A file names no device, so no BIOS filter applies: the BIOS setup's
+  // other two form sets are shown as well.
+  std::string fileForms = file.out;
+  for (const EFI_GUID& other : {sample::kSetupMenuFormSetGuid, sample::kBootManagerFormSetGuid}) {
+    std::string formSet = block(fileForms, "FormSet " + tvl::host::ifr::guidText(other));
+    ASSERT_FALSE(formSet.empty());
+    fileForms.erase(fileForms.find(formSet), formSet.size());
+  }
+  EXPECT_EQ(shape(fileForms), shape(live.out));
   EXPECT_GT(shape(file.out).size(), 2000u);
   // Nothing can read the stores of a file: the values are the zeros the
   // forms processor reports.
@@ -315,6 +371,8 @@ TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
   const Bytes good = cli.exportAll();
   const size_t first = u32At(good, 16);  // the first package list's length
   ASSERT_LT(first, good.size());
+  size_t last = 0;  // where the last package list starts
+  while (last + u32At(good, last + 16) < good.size()) last += u32At(good, last + 16);
   const size_t firstPackage = 20;
   const size_t endPackage = first - 4;
   struct Case {
@@ -330,7 +388,7 @@ TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
       {"cut inside the first list", [&](Bytes b) { return cut(b, first - 1); }, 0,
        "past the end of the file"},
       {"cut in the second header", [&](Bytes b) { return cut(b, first + 7); }, first, "cut short"},
-      {"cut before the end", [](Bytes b) { return cut(b, b.size() - 1); }, first,
+      {"cut before the end", [](Bytes b) { return cut(b, b.size() - 1); }, last,
        "past the end of the file"},
       {"list shorter than a header", [](Bytes b) { putU32(b, 16, 23); return b; }, 0, "shorter than"},
       {"list longer than the file", [](Bytes b) { putU32(b, 16, 0x7fffffff); return b; }, 0,
