@@ -8,6 +8,7 @@
 
 #include "host/hii/hii_database.h"
 #include "host/sample/sample_platform.h"
+#include "host/sample/sample_state.h"
 #include "tools/cli.h"
 #include "tools/hii_file.h"
 #include "tools/outline.h"
@@ -102,6 +103,7 @@ void deviceForms(SamplePlatform& sample, SampleDevice& device, FormsOutline& out
 
 int sampleForms(const std::string& fqdd, std::ostream& out) {
   SamplePlatform sample;
+  loadState(sample);
   FormsOutline outline(out, sample.hii().strings());
   for (SampleDevice* d : selectDevices(sample, fqdd)) deviceForms(sample, *d, outline, out);
   return kExitOk;

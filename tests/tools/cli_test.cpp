@@ -1,6 +1,6 @@
 // The tolvane command line, run as a program: output and exit codes of each
-// command, the round trip through an exported HII file, and the refusal of
-// corrupted files and wrong arguments.
+// command, the round trip through an exported HII file, the state file, and
+// the refusal of corrupted files and wrong arguments.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +18,7 @@
 #include "host/ifr/ifr_dump.h"
 #include "host/sample/sample_devices.h"
 #include "host/sample/sample_platform.h"
+#include "host/sample/sample_state.h"
 #include "tests/support/fixture.h"
 
 namespace sample = tvl::host::sample;
@@ -35,7 +36,8 @@ std::string readAll(const std::string& path) {
   return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
 }
 
-// Runs the built program in a temporary directory of its own.
+// Runs the built program in a temporary directory of its own, with a state
+// file there (never the user's own).
 class Cli {
  public:
   Cli() {
@@ -50,7 +52,11 @@ class Cli {
   std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
   Outcome run(const std::vector<std::string>& args) const {
-    std::string command = "'" TOLVANE_CLI "'";
+    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args);
+  }
+  // With `environment` ("NAME=value ...", as the shell takes it) instead.
+  Outcome runWith(const std::string& environment, const std::vector<std::string>& args) const {
+    std::string command = "env -u TOLVANE_STATE -u XDG_STATE_HOME " + environment + " '" TOLVANE_CLI "'";
     for (const auto& a : args) command += " '" + a + "'";
     command += " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
     int status = std::system(command.c_str());
@@ -72,6 +78,9 @@ class Cli {
   void write(const std::string& name, const std::vector<UINT8>& bytes) const {
     std::ofstream(path(name), std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
                                                      std::streamsize(bytes.size()));
+  }
+  void write(const std::string& name, const std::string& text) const {
+    std::ofstream(path(name), std::ios::binary) << text;
   }
 
 
@@ -429,6 +438,106 @@ TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
   EXPECT_EQ(cli.run({"forms", "--hii", cli.path("first.hii")}).exitCode, 0);
 }
 
+// ---------------------------------------------------------------- state
+bool exists(const std::string& path) { return std::ifstream(path).good(); }
+
+// The state file's BIOS setup store with its first byte (Boot Mode) set.
+std::string withBootMode(const std::string& state, UINT8 mode) {
+  std::vector<sample::StoreState> stores = sample::parseState(state);
+  for (auto& s : stores)
+    if (s.name == "BiosSetup") s.bytes.at(0) = mode;
+  return sample::formatState(stores);
+}
+
+TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
+  Cli cli;
+  const std::string file = cli.path("platform.state");
+  ASSERT_EQ(cli.run({"devices"}).exitCode, 0);
+  EXPECT_FALSE(exists(file)) << "a command that changes nothing writes no state file";
+
+  Outcome reset = cli.run({"reset"});
+  ASSERT_EQ(reset.exitCode, 0) << reset.err;
+  EXPECT_EQ(reset.out, "restored the defaults of 9 stores of 5 devices in " + file + "\n");
+  const std::string defaults = readAll(file);
+  ASSERT_EQ(sample::parseState(defaults).size(), 9u);
+
+  // A stored BIOS boot mode shows, with the conditions that depend on it.
+  cli.write("platform.state", withBootMode(defaults, 1));
+  Outcome bios = cli.run({"forms", "--device", "BIOS.InternalSetup.1-1"});
+  ASSERT_EQ(bios.exitCode, 0) << bios.err;
+  EXPECT_NE(block(bios.out, "keyword \"BootMode").find("value: 1 (\"BIOS\")"), std::string::npos);
+  EXPECT_EQ(block(bios.out, "keyword \"BootSeq\"").find("marks: suppressed"), std::string::npos);
+  EXPECT_NE(block(bios.out, "keyword \"UefiBootSeq\"").find("marks: suppressed"), std::string::npos);
+  EXPECT_EQ(readAll(file), withBootMode(defaults, 1)) << "reading leaves the file as it was";
+
+  ASSERT_EQ(cli.run({"reset"}).exitCode, 0);
+  EXPECT_EQ(readAll(file), defaults);
+  bios = cli.run({"forms", "--device", "BIOS.InternalSetup.1-1"});
+  EXPECT_NE(block(bios.out, "keyword \"BootMode").find("value: 0 (\"UEFI\")"), std::string::npos);
+}
+
+TEST(CliTest, ADamagedStateFileIsRefusedUntilReset) {
+  Cli cli;
+  const std::string file = cli.path("platform.state");
+  ASSERT_EQ(cli.run({"reset"}).exitCode, 0);
+  const std::string damaged = readAll(file).substr(0, 100);
+  cli.write("platform.state", damaged);
+  for (const char* command : {"info", "devices", "forms"}) {
+    Outcome r = cli.run({command});
+    EXPECT_EQ(r.exitCode, 2) << command;
+    EXPECT_NE(r.err.find("state file " + file + ": the last line is not ended: the file is cut short"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("`tolvane reset` restores the defaults"), std::string::npos) << r.err;
+    EXPECT_TRUE(r.out.empty()) << command << ": " << r.out;
+  }
+  EXPECT_EQ(readAll(file), damaged) << "a refused file is never replaced behind the user's back";
+  ASSERT_EQ(cli.run({"reset"}).exitCode, 0);
+  EXPECT_EQ(cli.run({"forms"}).exitCode, 0);
+}
+
+TEST(CliTest, StateFileComesFromTheOptionThenTheEnvironment) {
+  Cli cli;
+  const std::string home = cli.path("home"), xdg = cli.path("xdg");
+  const std::string option = cli.path("option.state"), variable = cli.path("variable.state");
+  struct Case {
+    std::string environment;
+    std::vector<std::string> args;
+    std::string file;
+  } cases[] = {
+      {"TOLVANE_STATE=" + variable, {"--state", option, "reset"}, option},
+      {"TOLVANE_STATE=" + variable, {"reset", "--state=" + option}, option},
+      {"TOLVANE_STATE=" + variable + " XDG_STATE_HOME=" + xdg + " HOME=" + home, {"reset"}, variable},
+      {"XDG_STATE_HOME=" + xdg + " HOME=" + home, {"reset"}, xdg + "/tolvane/platform.state"},
+      {"XDG_STATE_HOME=relative HOME=" + home, {"reset"}, home + "/.local/state/tolvane/platform.state"},
+      {"HOME=" + home, {"reset"}, home + "/.local/state/tolvane/platform.state"},
+  };
+  for (const auto& c : cases) {
+    std::system(("rm -rf '" + home + "' '" + xdg + "' '" + option + "' '" + variable + "'").c_str());
+    Outcome r = cli.runWith(c.environment, c.args);
+    ASSERT_EQ(r.exitCode, 0) << c.environment << ": " << r.err;
+    EXPECT_NE(r.out.find(" in " + c.file + "\n"), std::string::npos) << r.out;
+    for (const std::string& f : {option, variable, xdg + "/tolvane/platform.state",
+                                 home + "/.local/state/tolvane/platform.state"})
+      EXPECT_EQ(exists(f), f == c.file) << c.environment << ": " << f;
+  }
+  struct Refusal {
+    std::string environment;
+    std::vector<std::string> args;
+    const char* says;
+  } refusals[] = {
+      {"HOME=", {"reset"}, "no place for the state file"},
+      {"HOME=" + home, {"reset", "--state"}, "option --state needs a value"},
+      {"HOME=" + home, {"--state=", "reset"}, "option --state needs a non-empty value"},
+      {"HOME=" + home, {"--state", option, "reset", "--state", option}, "option --state given twice"},
+  };
+  for (const auto& c : refusals) {
+    Outcome r = cli.runWith(c.environment, c.args);
+    EXPECT_EQ(r.exitCode, 2) << c.says;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+  }
+}
+
 TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
   Cli cli;
   struct Case {
@@ -436,7 +545,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
     int exitCode;
     const char* says;  // on standard error
   } cases[] = {
-      {{}, 2, "usage: tolvane <command>"},
+      {{}, 2, "usage: tolvane [--state FILE] <command>"},
       {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
       {{"info", "extra"}, 2, "unexpected argument 'extra'"},
       {{"devices", "--device", "x"}, 2, "unknown option '--device'"},
@@ -446,6 +555,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
       {{"forms", "--hii", "f", "--device", "x"}, 2, "cannot be combined"},
       {{"forms", "--hii", "/nonexistent/file.hii"}, 2, "cannot read /nonexistent/file.hii"},
       {{"export-hii"}, 2, "no output file"},
+      {{"reset", "now"}, 2, "unexpected argument 'now'"},
       {{"export-hii", "-o", "/nonexistent/dir/x.hii"}, 1, "cannot create /nonexistent/dir/x.hii"},
   };
   for (const auto& c : cases) {
@@ -454,7 +564,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
     EXPECT_EQ(r.exitCode, c.exitCode) << name << ": " << r.err;
     EXPECT_NE(r.err.find(c.says), std::string::npos) << name << ": " << r.err;
   }
-  for (const char* command : {"info", "devices", "forms", "export-hii"}) {
+  for (const char* command : {"info", "devices", "forms", "export-hii", "reset"}) {
     Outcome r = cli.run({command, "--help"});
     EXPECT_EQ(r.exitCode, 0) << command;
     EXPECT_EQ(r.out.rfind(std::string("usage: tolvane ") + command, 0), 0u) << r.out;
