@@ -15,6 +15,7 @@
 namespace tvl::host::sample {
 class SamplePlatform;
 struct SampleDevice;
+class PersistentStores;
 }  // namespace tvl::host::sample
 
 namespace tvl::cli {
@@ -61,6 +62,18 @@ int runDevices(const std::vector<std::string>& args, std::ostream& out);
 int runForms(const std::vector<std::string>& args, std::ostream& out);
 int runExportHii(const std::vector<std::string>& args, std::ostream& out);
 int runExport(const std::vector<std::string>& args, std::ostream& out);
+int runReset(const std::vector<std::string>& args, std::ostream& out);
+
+// ---- state
+// The state file that keeps the sample platform's stores between runs:
+// the one given with --state (main sets it), else TOLVANE_STATE, else the
+// per-user default. Refused (exit code 2) when there is no place for it.
+void setStateFile(const std::string& path);
+std::string stateFile();
+// Gives `sample` the stores of the state file (nothing when there is no
+// file yet). A file that cannot be used is refused (exit code 2) with its
+// name and the problem; it is never replaced by the defaults silently.
+host::sample::PersistentStores loadState(host::sample::SamplePlatform& sample);
 
 // The device named by `fqdd` (exact match), or every device when `fqdd`
 // is empty; an unknown name is refused (exit code 2) with the known ones.

@@ -6,6 +6,7 @@
 
 #include "host/hii/config_string.h"
 #include "host/sample/sample_platform.h"
+#include "host/sample/sample_state.h"
 #include "tools/cli.h"
 
 namespace tvl::cli {
@@ -74,6 +75,7 @@ std::vector<SampleDevice*> selectDevices(SamplePlatform& sample, const std::stri
 int runDevices(const std::vector<std::string>& args, std::ostream& out) {
   Options options({}, args);
   SamplePlatform sample;
+  loadState(sample);
   for (SampleDevice& d : sample.devices()) {
     Location l = locate(sample, d);
     out << utf8(l.fqdd) << "\n";
@@ -91,6 +93,7 @@ int runExportHii(const std::vector<std::string>& args, std::ostream& out) {
   std::string file = options.has("-o") ? options.value("-o") : options.value("--output");
   if (file.empty()) badInput("no output file: give -o FILE");
   SamplePlatform sample;
+  loadState(sample);
   std::vector<UINT8> bytes;
   size_t lists = 0;
   for (SampleDevice* d : selectDevices(sample, options.value("--device"))) {

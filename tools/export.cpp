@@ -177,6 +177,7 @@ int runExport(const std::vector<std::string>& args, std::ostream& out) {
   const UINTN mask = tracing ? parseTraceLevels(options.value("--trace")) : 0;
 
   SamplePlatform sample;
+  loadState(sample);
   SampleDevice& device = chooseDevice(sample, options.value("--device"));
   TraceRoute traces(sample.log(), mask, tracing ? &std::cerr : nullptr);
   TOLVANE_PROTOCOL* converter = loadConverter(sample);

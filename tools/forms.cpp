@@ -8,6 +8,7 @@
 
 #include "host/hii/hii_database.h"
 #include "host/sample/sample_platform.h"
+#include "host/sample/sample_state.h"
 #include "tools/cli.h"
 #include "tools/hii_file.h"
 #include "tools/outline.h"
@@ -85,7 +86,11 @@ void deviceForms(SamplePlatform& sample, SampleDevice& device, FormsOutline& out
   }
   FormSets sets(sample.formsProcessor());
   EFI_STATUS status = sets.process(handles.data(), handles.size(), bios ? &gInternalBIOSSetup : nullptr);
-  if (storage && status != EFI_SUCCESS) status = sets.process(handles.data(), handles.size(), &gInternalSSDSetup);
+  if (storage && status != EFI_SUCCESS) {
+    HII_FORMS_PROCESSOR_ERROR e = sets.lastError();
+    out << "  without a filter: " << statusText(status) << ": " << e.Message << "\n";
+    status = sets.process(handles.data(), handles.size(), &gInternalSSDSetup);
+  }
   if (status != EFI_SUCCESS) {
     HII_FORMS_PROCESSOR_ERROR e = sets.lastError();
     failure("ProcessForms for device " + utf8(device.fqdd()) + " failed with " + statusText(status) + ": " +
@@ -98,6 +103,7 @@ void deviceForms(SamplePlatform& sample, SampleDevice& device, FormsOutline& out
 
 int sampleForms(const std::string& fqdd, std::ostream& out) {
   SamplePlatform sample;
+  loadState(sample);
   FormsOutline outline(out, sample.hii().strings());
   for (SampleDevice* d : selectDevices(sample, fqdd)) deviceForms(sample, *d, outline, out);
   return kExitOk;
@@ -173,26 +179,33 @@ int fileForms(const std::string& file, std::ostream& out) {
   offline->load(file, bytes);
 
   // Parse every list before printing, so that a malformed one is reported
-  // alone.
+  // alone. A file does not tell which device a list comes from, so the
+  // storage rule of an export is tried for every list: when the forms cannot
+  // be read as a whole, the storage controller's form set alone.
   HII_FORMS_PROCESSOR2_PROTOCOL* processor =
       static_cast<HII_FORMS_PROCESSOR2_PROTOCOL*>(offline->platform.locateProtocol(gHiiFormsProcessor2ProtocolGuid));
   std::vector<std::unique_ptr<FormSets>> parsed;
+  std::vector<std::string> fallbacks(offline->lists.size());
   for (size_t i = 0; i < offline->lists.size(); ++i) {
     parsed.push_back(std::make_unique<FormSets>(processor));
     if (!offline->lists[i].hasForms) continue;
     EFI_STATUS status = parsed.back()->process(&offline->handles[i], 1, nullptr);
-    if (status != EFI_SUCCESS) {
-      HII_FORMS_PROCESSOR_ERROR e = parsed.back()->lastError();
-      badRecord(file, offline->lists[i].offset + e.Offset,
-                "the forms of package list " + std::to_string(i + 1) + " are malformed (" + statusText(status) +
-                    "): " + e.Message);
+    if (status == EFI_SUCCESS) continue;
+    HII_FORMS_PROCESSOR_ERROR e = parsed.back()->lastError();
+    if (parsed.back()->process(&offline->handles[i], 1, &gInternalSSDSetup) == EFI_SUCCESS) {
+      fallbacks[i] = "  without a filter: " + statusText(status) + ": " + e.Message + "\n  form-set filter: " +
+                     guidText(gInternalSSDSetup) + " (storage controller)\n";
+      continue;
     }
+    badRecord(file, offline->lists[i].offset + e.Offset,
+              "the forms of package list " + std::to_string(i + 1) + " are malformed (" + statusText(status) +
+                  "): " + e.Message);
   }
   out << "File " << file << ": " << offline->lists.size() << " package list(s), " << bytes.size() << " bytes\n";
   FormsOutline outline(out, offline->hii->strings());
   for (size_t i = 0; i < offline->lists.size(); ++i) {
     printList(out, i, offline->lists[i]);
-    out << "  form sets: " << parsed[i]->count << "\n";
+    out << fallbacks[i] << "  form sets: " << parsed[i]->count << "\n";
     outline.formSets(parsed[i]->count, parsed[i]->sets, 1);
   }
   parsed.clear();  // back to the forms processor before the platform goes

@@ -4,6 +4,7 @@
 #include <iomanip>
 
 #include "host/sample/sample_platform.h"
+#include "host/sample/sample_state.h"
 #include "tools/cli.h"
 
 namespace tvl::cli {
@@ -73,6 +74,7 @@ void printServices(std::ostream& out, host::Platform& platform, EFI_HANDLE drive
 int runInfo(const std::vector<std::string>& args, std::ostream& out) {
   Options options({}, args);
   host::sample::SamplePlatform sample;
+  loadState(sample);
   host::Platform& platform = sample.platform();
 
   EFI_HANDLE driver = nullptr;

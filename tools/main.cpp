@@ -1,6 +1,7 @@
 // tolvane: the command line of the converter driver on the emulated
 // platform. Every command builds the built-in sample platform (or, for
-// `forms --hii`, a bare one around a file of package lists) afresh.
+// `forms --hii`, a bare one around a file of package lists) afresh and
+// gives its devices the stores kept in the state file.
 #include <exception>
 #include <iostream>
 #include <string>
@@ -40,7 +41,9 @@ constexpr Command kCommands[] = {
      "With --hii FILE the package lists come from FILE instead (the bytes\n"
      "ExportPackageLists writes: package lists back to back). They are loaded\n"
      "into a fresh HII database with no configuration access, so current values\n"
-     "are those the forms processor reports for storage it cannot read.\n"
+     "are those the forms processor reports for storage it cannot read. A list\n"
+     "whose forms cannot be read as a whole is read as an export reads a storage\n"
+     "device: the storage controller's form set alone.\n"
      "A malformed FILE is reported with the byte offset of the bad record and\n"
      "exit code 2.\n"},
     {"export", tvl::cli::runExport,
@@ -65,13 +68,51 @@ constexpr Command kCommands[] = {
     {"export-hii", tvl::cli::runExportHii, "tolvane export-hii [--device FQDD] -o FILE",
      "Writes the package lists of the sample devices (or of the one named by\n"
      "--device) to FILE as ExportPackageLists returns them, for `forms --hii`.\n"},
+    {"reset", tvl::cli::runReset, "tolvane reset",
+     "Restores the defaults: writes the stores of a freshly built sample\n"
+     "platform to the state file, whatever it held before (also when it\n"
+     "cannot be read).\n"},
 };
 
+constexpr const char* kStateHelp =
+    "The sample devices' stores persist between runs in a state file: the one\n"
+    "given with --state FILE (before or after the command), else $TOLVANE_STATE,\n"
+    "else $XDG_STATE_HOME/tolvane/platform.state, else\n"
+    "~/.local/state/tolvane/platform.state. A state file that cannot be read is\n"
+    "refused (exit code 2) until `tolvane reset` replaces it.\n";
+
 void printUsage(std::ostream& out) {
-  out << "usage: tolvane <command> [options]\n\ncommands:\n";
+  out << "usage: tolvane [--state FILE] <command> [options]\n\ncommands:\n";
   for (const Command& c : kCommands) out << "  " << c.synopsis << "\n";
   out << "\n`tolvane <command> --help` describes a command.\n"
-         "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input.\n";
+         "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input.\n\n"
+      << kStateHelp;
+}
+
+// Takes the global --state option out of the arguments, wherever it stands.
+bool takeStateOption(std::vector<std::string>& args) {
+  std::string file;
+  bool given = false;
+  for (size_t i = 0; i < args.size();) {
+    std::string value;
+    if (args[i] == "--state") {
+      if (i + 1 >= args.size()) throw tvl::cli::Error(kExitBadInput, "option --state needs a value");
+      value = args[i + 1];
+      args.erase(args.begin() + long(i), args.begin() + long(i) + 2);
+    } else if (args[i].rfind("--state=", 0) == 0) {
+      value = args[i].substr(8);
+      args.erase(args.begin() + long(i));
+    } else {
+      ++i;
+      continue;
+    }
+    if (given) throw tvl::cli::Error(kExitBadInput, "option --state given twice");
+    if (value.empty()) throw tvl::cli::Error(kExitBadInput, "option --state needs a non-empty value");
+    given = true;
+    file = value;
+  }
+  if (given) tvl::cli::setStateFile(file);
+  return given;
 }
 
 const Command* findCommand(const std::string& name) {
@@ -90,6 +131,12 @@ bool wantsHelp(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
+  try {
+    takeStateOption(args);
+  } catch (const tvl::cli::Error& e) {
+    std::cerr << "tolvane: " << e.what() << "\n";
+    return e.code();
+  }
   if (args.empty()) {
     printUsage(std::cerr);
     return kExitBadInput;

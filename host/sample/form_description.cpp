@@ -79,11 +79,17 @@ void checkCurrent(const Statement& s) {
 // ---------------------------------------------------------------- translation
 class Translator {
  public:
-  explicit Translator(const DeviceDescription& device) : device_(device) {}
+  explicit Translator(const DeviceDescription& device) : device_(device), strings_(device.languages) {}
 
   ifr::Bytes packageList() {
-    const FormSetDescription& fs = device_.formSet;
-    ifr::FormSetBuilder builder(fs.guid, named(fs.title, fs.keyword), helpId(fs.helpText));
+    std::vector<ifr::Bytes> packages;
+    for (const auto& fs : device_.formSets) packages.push_back(formsPackage(fs));
+    return ifr::packageList(device_.packageListGuid, packages, strings_);
+  }
+
+ private:
+  ifr::Bytes formsPackage(const FormSetDescription& fs) {
+    ifr::FormSetBuilder builder(fs.guid, named(fs.title, fs.keyword), helpId(fs.helpText), fs.classGuids);
     builder.defaultStore(EFI_HII_DEFAULT_CLASS_STANDARD, named(fs.standardDefaultsName, fs.standardDefaultsName));
     builder.defaultStore(EFI_HII_DEFAULT_CLASS_MANUFACTURING,
                          named(fs.manufacturingDefaultsName, fs.manufacturingDefaultsName));
@@ -97,14 +103,40 @@ class Translator {
       ifr::FormBuilder& out = builder.form(form.id, named(form.title, form.keyword));
       for (const auto& s : form.statements) emit(out, s, 0);
     }
-    return ifr::packageList(device_.packageListGuid, builder, strings_);
+    return builder.package();
   }
 
- private:
+  // One string id: the en-US text, the keyword text in x-UEFI, and the
+  // device's translations of the en-US text in its other languages.
   UINT16 named(const std::u16string& en, const std::u16string& keyword) {
-    return strings_.add({{"en-US", en}, {"x-UEFI", keyword.empty() ? en : keyword}});
+    ifr::Strings::Texts texts;
+    for (const std::string& language : device_.languages) {
+      if (language == "en-US")
+        texts.emplace_back(language, en);
+      else if (language == "x-UEFI")
+        texts.emplace_back(language, keyword.empty() ? en : keyword);
+      else if (const std::u16string* t = translated(language, en))
+        texts.emplace_back(language, *t);
+    }
+    return strings_.add(texts);
   }
-  UINT16 helpId(const std::u16string& help) { return help.empty() ? 0 : strings_.add({{"en-US", help}}); }
+  UINT16 helpId(const std::u16string& help) {
+    if (help.empty()) return 0;
+    ifr::Strings::Texts texts;
+    for (const std::string& language : device_.languages) {
+      if (language == "en-US")
+        texts.emplace_back(language, help);
+      else if (const std::u16string* t = translated(language, help))
+        texts.emplace_back(language, *t);
+    }
+    return strings_.add(texts);
+  }
+  const std::u16string* translated(const std::string& language, const std::u16string& en) const {
+    auto table = device_.translations.find(language);
+    if (table == device_.translations.end()) return nullptr;
+    auto text = table->second.find(en);
+    return text == table->second.end() ? nullptr : &text->second;
+  }
 
   // Condition scopes around the statement, outermost first, then the
   // statement itself.
@@ -136,6 +168,7 @@ class Translator {
       case EFI_IFR_ONE_OF_OP: {
         ifr::OneOf q(s.questionId, prompt, help, s.width);
         if (s.maximum) q.range(s.minimum, s.maximum, s.step);
+        if (s.isSigned) q.display(EFI_IFR_DISPLAY_INT_DEC);
         form.oneOf(finish(q, s));
         return;
       }
@@ -149,6 +182,7 @@ class Translator {
       case EFI_IFR_NUMERIC_OP: {
         ifr::Numeric q(s.questionId, prompt, help, s.width);
         q.range(s.minimum, s.maximum, s.step);
+        if (s.isSigned) q.display(EFI_IFR_DISPLAY_INT_DEC);
         form.numeric(finish(q, s));
         return;
       }
@@ -242,7 +276,7 @@ class Translator {
   }
 
   const DeviceDescription& device_;
-  ifr::Strings strings_{{"en-US", "x-UEFI"}};
+  ifr::Strings strings_;
 };
 
 }  // namespace
@@ -316,6 +350,10 @@ Statement& Statement::range(UINT64 min, UINT64 max, UINT64 stepBy) {
   step = stepBy;
   return *this;
 }
+Statement& Statement::signedRange(INT64 min, INT64 max, UINT64 stepBy) {
+  isSigned = true;
+  return range(UINT64(min) & widthMax(width), UINT64(max) & widthMax(width), stepBy);
+}
 Statement& Statement::option(const std::u16string& text, const std::u16string& kw, UINT64 v, UINT8 flags) {
   options.push_back({text, kw, v, flags, {}});
   return *this;
@@ -332,6 +370,9 @@ Statement& Statement::defaultNumber(UINT64 v, UINT16 store) {
   d.number = v;
   defaults.push_back(d);
   return *this;
+}
+Statement& Statement::defaultSigned(INT64 v, UINT16 store) {
+  return defaultNumber(UINT64(v) & widthMax(width), store);
 }
 Statement& Statement::defaultBoolean(bool on, UINT16 store) {
   DefaultDescription d;
@@ -389,6 +430,7 @@ Statement& Statement::value(UINT64 number) {
   current = {number};
   return *this;
 }
+Statement& Statement::signedValue(INT64 number) { return value(UINT64(number) & widthMax(width)); }
 Statement& Statement::values(const std::vector<UINT64>& elements) {
   current = elements;
   return *this;
@@ -416,8 +458,9 @@ size_t Statement::storageBytes() const {
 }
 
 // ---------------------------------------------------------------- layout
-void validate(const DeviceDescription& device) {
-  const FormSetDescription& fs = device.formSet;
+namespace {
+
+void validateFormSet(const FormSetDescription& fs) {
   std::set<UINT16> formIds, questionIds, storeIds;
   for (const auto& store : fs.varStores)
     if (store.id == 0 || !storeIds.insert(store.id).second)
@@ -449,6 +492,39 @@ void validate(const DeviceDescription& device) {
         map[i] = &s;
       }
     }
+  }
+}
+
+}  // namespace
+
+const FormSetDescription* DeviceDescription::findFormSet(const EFI_GUID& guid) const {
+  for (const auto& fs : formSets)
+    if (fs.guid == guid) return &fs;
+  return nullptr;
+}
+
+void validate(const DeviceDescription& device) {
+  if (device.languages.empty()) throw std::invalid_argument("the device names no language");
+  std::set<std::string> languages;
+  for (const auto& language : device.languages)
+    if (language.empty() || !languages.insert(language).second)
+      throw std::invalid_argument("language \"" + language + "\" is empty or named twice");
+  for (const auto& [language, table] : device.translations)
+    if (!languages.count(language) || language == "en-US" || language == "x-UEFI")
+      throw std::invalid_argument("translation into \"" + language + "\", which is not a further language of the device");
+  // Stores are the device's: one (GUID, name) belongs to one form set.
+  std::vector<const VarStoreDescription*> stores;
+  for (size_t i = 0; i < device.formSets.size(); ++i) {
+    const FormSetDescription& fs = device.formSets[i];
+    for (size_t j = 0; j < i; ++j)
+      if (device.formSets[j].guid == fs.guid) throw std::invalid_argument("two form sets have the same GUID");
+    for (const auto& store : fs.varStores) {
+      for (const VarStoreDescription* other : stores)
+        if (other->guid == store.guid && other->name == store.name)
+          throw std::invalid_argument("variable store \"" + store.name + "\" is declared twice");
+      stores.push_back(&store);
+    }
+    validateFormSet(fs);
   }
 }
 

@@ -1,21 +1,33 @@
 // Declarative descriptions of the sample platform's setup forms. A device
-// is described as data (its form set, forms, statements, storage and
+// is described as data (its form sets, forms, statements, storage and
 // current values), and one generic translation turns any description into
 // the HII package list a firmware driver would register and into the
 // initial bytes of its variable stores.
 //
+// A device's form sets share one package list: one forms package per form
+// set, then one string package per language of the device, so that every
+// string of every form set is found through the device's one HII handle.
+//
 // Every statement has two texts: the prompt shown to users ("en-US") and
 // its keyword text ("x-UEFI"): the setting's name followed by bracketed
 // key:value tokens, e.g. "BootMode[ProgWrite:true]" or
-// "UsbManagedPort[SuppressIf:UsbPorts=0]". Help texts exist in "en-US" only.
+// "UsbManagedPort[SuppressIf:UsbPorts=0]". Which of them a device carries
+// follows its language list: "en-US" gets the prompts, "x-UEFI" the
+// keyword texts (the prompt where a keyword text is empty), and any other
+// language the device's translation of the en-US text, or no string at
+// all where the device has none (as a string-gathering tool leaves a
+// string missing in one language). Help texts are never keyword texts:
+// they exist in "en-US" and in the languages that translate them.
 //
 // A description that cannot be laid out (a question outside its store,
 // two questions sharing bytes, a store or form that does not exist, a
-// current value that does not fit) throws std::invalid_argument: it is a
+// current value that does not fit, two form sets with one GUID or one
+// store, a language named twice) throws std::invalid_argument: it is a
 // mistake in the description, found the first time the device is built.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -64,6 +76,7 @@ struct Statement {
   UINT16 offset = 0;
   ifr::Width width = ifr::Width::U8;  // numbers; an ordered list's elements
   UINT64 minimum = 0, maximum = 0, step = 0;  // numeric range; string and password sizes in characters
+  bool isSigned = false;                      // numbers shown as signed decimal; the range in two's complement
   UINT8 maxContainers = 0;                    // ordered list
   UINT8 questionFlags = 0;                    // EFI_IFR_FLAG_*
   UINT8 checkboxFlags = 0;                    // EFI_IFR_CHECKBOX_DEFAULT(_MFG)
@@ -80,11 +93,17 @@ struct Statement {
   Statement& at(UINT16 store, UINT16 byteOffset);
   Statement& help(const std::u16string& text);
   Statement& range(UINT64 min, UINT64 max, UINT64 stepBy = 0);
+  // A signed range: the bounds in two's complement of the question's
+  // width, and the question displayed as signed decimal. The width must be
+  // set first (numeric() and oneOf() take it).
+  Statement& signedRange(INT64 min, INT64 max, UINT64 stepBy = 0);
   Statement& option(const std::u16string& text, const std::u16string& keyword, UINT64 value, UINT8 flags = 0);
   // An option inside a condition scope of its own.
   Statement& optionIf(const Condition& condition, const std::u16string& text, const std::u16string& keyword,
                       UINT64 value, UINT8 flags = 0);
   Statement& defaultNumber(UINT64 value, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
+  // A number in two's complement of the question's width.
+  Statement& defaultSigned(INT64 value, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
   Statement& defaultBoolean(bool on, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
   Statement& defaultText(const std::u16string& text, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
   Statement& defaultList(const std::vector<UINT64>& elements, UINT16 store = EFI_HII_DEFAULT_CLASS_STANDARD);
@@ -95,6 +114,7 @@ struct Statement {
   Statement& resetRequired();
   Statement& locked();
   Statement& value(UINT64 number);
+  Statement& signedValue(INT64 number);  // two's complement of the question's width
   Statement& values(const std::vector<UINT64>& elements);
   Statement& valueText(const std::u16string& text);
 
@@ -135,6 +155,9 @@ struct VarStoreDescription {
 
 struct FormSetDescription {
   EFI_GUID guid{};
+  // Class GUIDs of the form set (at most three); none: the platform-setup
+  // class alone.
+  std::vector<EFI_GUID> classGuids;
   std::u16string title;    // en-US
   std::u16string keyword;  // x-UEFI
   std::u16string helpText; // en-US
@@ -144,17 +167,27 @@ struct FormSetDescription {
   std::vector<FormDescription> forms;
 };
 
+// Texts of one further language, by the en-US text they translate.
+using Translation = std::map<std::u16string, std::u16string>;
+
 struct DeviceDescription {
   std::u16string fqdd;
   std::u16string description;
   std::vector<UINT8> devicePath;  // end node included
   EFI_GUID packageListGuid{};
-  FormSetDescription formSet;
+  std::vector<FormSetDescription> formSets;  // in the order of their forms packages
+  // The string packages, in this order.
+  std::vector<std::string> languages = {"en-US", "x-UEFI"};
+  // By language: the texts of a language other than "en-US" and "x-UEFI".
+  std::map<std::string, Translation> translations;
+
+  // The form set with this GUID, or null.
+  const FormSetDescription* findFormSet(const EFI_GUID& guid) const;
 };
 
-// The package list of a device: its forms package and one string package
-// per language ("en-US", then "x-UEFI"), validated against the rules in the
-// header comment.
+// The package list of a device: one forms package per form set and one
+// string package per language, validated against the rules in the header
+// comment.
 ifr::Bytes buildPackageList(const DeviceDescription& device);
 
 // The bytes a store holds at start: every question stored there written

@@ -59,13 +59,15 @@ void SamplePlatform::loadService(const std::string& image, const EFI_GUID& proto
 void SamplePlatform::addDevice(DeviceDescription description) {
   const std::string name = hii::toAscii(description.fqdd);
   auto device = std::make_unique<devices::Device>(*platform_, *hii_, description.devicePath);
-  for (const auto& store : description.formSet.varStores) {
-    std::u16string storeName = hii::toUtf16(store.name);
-    std::vector<UINT8> bytes = initialStorage(description.formSet, store);
-    if (store.efiVariable)
-      device->addVariableStorage(store.guid, storeName, bytes, store.attributes);
-    else
-      device->addBufferStorage(store.guid, storeName, bytes);
+  for (const auto& formSet : description.formSets) {
+    for (const auto& store : formSet.varStores) {
+      std::u16string storeName = hii::toUtf16(store.name);
+      std::vector<UINT8> bytes = initialStorage(formSet, store);
+      if (store.efiVariable)
+        device->addVariableStorage(store.guid, storeName, bytes, store.attributes);
+      else
+        device->addBufferStorage(store.guid, storeName, bytes);
+    }
   }
   device->addPackageList(buildPackageList(description));
 

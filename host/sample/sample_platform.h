@@ -8,7 +8,9 @@
 //     registered in the HII database and its FQDD registered with the
 //     device-location service.
 // The converter driver is not loaded by default: loadDriver() loads a fresh
-// instance on demand.
+// instance on demand. The devices' stores start from the values their
+// descriptions give; sample_state.h keeps them between runs for a caller
+// that asks for it (the command line does, tests do not).
 //
 // Building fails with std::runtime_error naming the step (an image that
 // cannot be loaded, a device the location service refuses).

@@ -23,7 +23,7 @@ Documents::~Documents() {
 std::string Documents::possibleText() const { return serialiseWith(xml, gPlatform, possible); }
 std::string Documents::currentText() const { return serialiseWith(xml, gPlatform, current); }
 
-void ExportTest::build(std::vector<host::sample::DeviceDescription> devices) {
+void DeviceExportTest::build(std::vector<host::sample::DeviceDescription> devices) {
   gPlatform = &platform();
   if (devices.empty()) devices = host::sample::sampleDevices();
   sample_ = std::make_unique<host::sample::SamplePlatform>(platform(), std::move(devices));
@@ -32,13 +32,13 @@ void ExportTest::build(std::vector<host::sample::DeviceDescription> devices) {
   markBaseline();
 }
 
-void ExportTest::TearDown() {
+void DeviceExportTest::TearDown() {
   log_.detach();
   PlatformTest::TearDown();
   sample_.reset();
 }
 
-std::unique_ptr<Documents> ExportTest::exportDevice(const std::u16string& fqdd) {
+std::unique_ptr<Documents> DeviceExportTest::exportDevice(const std::u16string& fqdd) {
   auto docs = std::make_unique<Documents>();
   docs->xml = sample_->xml();
   host::sample::SampleDevice* device = sample_->findDevice(fqdd);
@@ -52,7 +52,7 @@ std::unique_ptr<Documents> ExportTest::exportDevice(const std::u16string& fqdd) 
   return docs;
 }
 
-std::string ExportTest::serialise(XML_NODE* root) { return serialiseWith(sample_->xml(), &platform(), root); }
+std::string DeviceExportTest::serialise(XML_NODE* root) { return serialiseWith(sample_->xml(), &platform(), root); }
 
 // ---------------------------------------------------------------- queries
 

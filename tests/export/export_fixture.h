@@ -32,7 +32,7 @@ struct Documents {
   std::string currentText() const;
 };
 
-class ExportTest : public PlatformTest {
+class DeviceExportTest : public PlatformTest {
  protected:
   void TearDown() override;
 

@@ -95,7 +95,7 @@ FormDescription moreForm() {
   return {2, u"More", u"More", {sample::checkbox(0x201, u"Extra", u"Extra").at(kStore, 0x100).value(0)}};
 }
 
-class HiiToNodeTest : public ExportTest {};
+class HiiToNodeTest : public DeviceExportTest {};
 
 TEST_F(HiiToNodeTest, SkeletonIsTheSameForBothDocumentsButTheType) {
   build({device(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});

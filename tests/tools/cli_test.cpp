@@ -1,10 +1,12 @@
 // The tolvane command line, run as a program: output and exit codes of each
-// command, the round trip through an exported HII file, the refusal of
-// corrupted files and wrong arguments, and the export's reports and traces.
+// command, the round trip through an exported HII file, the state file, the
+// refusal of corrupted files and wrong arguments, and the export's reports
+// and traces.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,8 +16,10 @@
 #include <sstream>
 
 #include "host/hii/config_string.h"
+#include "host/ifr/ifr_dump.h"
 #include "host/sample/sample_devices.h"
 #include "host/sample/sample_platform.h"
+#include "host/sample/sample_state.h"
 #include "tests/support/fixture.h"
 
 namespace sample = tvl::host::sample;
@@ -33,7 +37,8 @@ std::string readAll(const std::string& path) {
   return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
 }
 
-// Runs the built program in a temporary directory of its own.
+// Runs the built program in a temporary directory of its own, with a state
+// file there (never the user's own).
 class Cli {
  public:
   Cli() {
@@ -48,7 +53,11 @@ class Cli {
   std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
   Outcome run(const std::vector<std::string>& args) const {
-    std::string command = "'" TOLVANE_CLI "'";
+    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args);
+  }
+  // With `environment` ("NAME=value ...", as the shell takes it) instead.
+  Outcome runWith(const std::string& environment, const std::vector<std::string>& args) const {
+    std::string command = "env -u TOLVANE_STATE -u XDG_STATE_HOME " + environment + " '" TOLVANE_CLI "'";
     for (const auto& a : args) command += " '" + a + "'";
     command += " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
     int status = std::system(command.c_str());
@@ -71,6 +80,10 @@ class Cli {
     std::ofstream(path(name), std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
                                                      std::streamsize(bytes.size()));
   }
+  void write(const std::string& name, const std::string& text) const {
+    std::ofstream(path(name), std::ios::binary) << text;
+  }
+
 
  private:
   std::string dir_;
@@ -207,24 +220,38 @@ std::string expectedValue(const sample::Statement& s) {
   }
 }
 
+// Where the outline shows a described statement: by its keyword text, or
+// by its prompt on a device without keyword texts.
+std::string statementHeader(const sample::DeviceDescription& d, const sample::Statement& s) {
+  bool keywords = std::find(d.languages.begin(), d.languages.end(), "x-UEFI") != d.languages.end();
+  return keywords ? "keyword \"" + toAscii(s.keyword) + "\"" : "\"" + toAscii(s.prompt) + "\" (question";
+}
+
 TEST(CliTest, FormsShowsEveryDescribedQuestionWithItsCurrentValue) {
   Cli cli;
   Outcome r = cli.run({"forms"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
-  size_t checked = 0;
+  size_t checked = 0, formSets = 0;
   for (const auto& d : sample::sampleDevices()) {
     std::string device = block(r.out, "Device " + toAscii(d.fqdd));
     ASSERT_FALSE(device.empty()) << toAscii(d.fqdd);
-    for (const auto& form : d.formSet.forms) {
-      for (const auto& s : form.statements) {
-        if (s.current.empty() && s.currentText.empty()) continue;
-        std::string statement = block(device, "keyword \"" + toAscii(s.keyword) + "\"");
-        EXPECT_NE(statement.find(expectedValue(s)), std::string::npos) << statement;
-        ++checked;
+    for (const auto& fs : d.formSets) {
+      // Only the form sets the export's filter lets through are shown.
+      std::string formSet = block(device, "FormSet " + tvl::host::ifr::guidText(fs.guid));
+      if (formSet.empty()) continue;
+      ++formSets;
+      for (const auto& form : fs.forms) {
+        for (const auto& s : form.statements) {
+          if (s.current.empty() && s.currentText.empty()) continue;
+          std::string statement = block(formSet, statementHeader(d, s));
+          EXPECT_NE(statement.find(expectedValue(s)), std::string::npos) << statementHeader(d, s) << statement;
+          ++checked;
+        }
       }
     }
   }
-  EXPECT_GT(checked, 30u);
+  EXPECT_EQ(formSets, 5u);
+  EXPECT_GT(checked, 60u);
 }
 
 TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
@@ -254,6 +281,22 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
       {"ChapSecret", "length: min 12 max 16 characters"},
       {"IscsiConfigRef", "value: form 2, question 0"},
       {"MacAddr", "text two: \"00:1B:21:3C:4D:5E\""},
+      // The legacy sequence is hidden in UEFI boot mode, the UEFI one is not.
+      {"BootSeq\"", "marks: suppressed"},
+      {"UefiBootSeq\"", "default 0x0001 \"Manufacturing Defaults\": [3, 4, 1, 2, 5]"},
+      {"UefiBootSeq\"", "option \"PXE Device 1: Integrated NIC 1 Port 1 Partition 1 (IPv6)\" keyword "
+                        "\"NIC.PxeDevice.1-1[Protocol:IPv6]\" value 2"},
+      {"UefiBootSeqEnDis[FQDD:NIC.PxeDevice.1-1][Protocol:IPv6]", "value: 0 (off)"},
+      {"EmbSata", "option \"ATA Mode\" keyword \"AtaMode\" value 3 suppressed"},
+      {"SerialComm", "keyword \"OnConRedirCom1\" value 2 suppressed"},
+      {"SerialComm", "keyword \"OnConRedirCom2\" value 3\n"},
+      {"OsWatchdogTimeout", "default 0x0000 \"Standard Defaults\": 4294967295"},
+      {"RtcDriftComp", "width 8 (u64)"},
+      {"Version\"", "marks: read-only flag"},
+      {"NICConfigLnkSpeed", "option \"Auto Negotiated\" keyword \"AutoNeg\" value 0 default"},
+      {"DhcpVndorID", "length: min 0 max 32 characters"},
+      {"PowerSaveIdleTime", "default 0x0001 \"Manufacturing Defaults\": 60"},
+      {"GlobalHotSpare[ReadOnlyIf:DiskStatus=Online]", "marks: read-only condition (false)"},
   };
   for (const auto& c : cases) {
     std::string statement = block(r.out, std::string("keyword \"") + c.keyword);
@@ -266,6 +309,16 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
   EXPECT_NE(r.out.find("varstore 2 efi-variable \"BiosSecurity\" size 4"), std::string::npos);
   EXPECT_NE(r.out.find("default store 0x0001 \"Manufacturing Defaults\""), std::string::npos);
   EXPECT_NE(r.out.find("languages: en-US, x-UEFI"), std::string::npos);
+  EXPECT_NE(r.out.find("languages: en-US, fr-FR, x-UEFI"), std::string::npos);
+  EXPECT_NE(block(r.out, "FormSet " + tvl::host::ifr::guidText(sample::kFcFormSetGuid)).find("languages: en-US\n"),
+            std::string::npos);
+  // The storage device's forms are read with the controller's filter, once
+  // the unfiltered parse has failed on the second form set.
+  std::string disk = block(r.out, "Device " + toAscii(sample::kDiskFqdd));
+  EXPECT_NE(disk.find("without a filter: EFI_VOLUME_CORRUPTED: expression leaves 2 values instead of one"),
+            std::string::npos)
+      << disk;
+  EXPECT_NE(disk.find("form sets: 1"), std::string::npos) << disk;
 }
 
 TEST(CliTest, DeviceOptionSelectsOneDeviceAndUnknownNamesAreRefused) {
@@ -285,7 +338,9 @@ TEST(CliTest, DeviceOptionSelectsOneDeviceAndUnknownNamesAreRefused) {
     Outcome r = cli.run(args);
     EXPECT_EQ(r.exitCode, 2) << args[2];
     EXPECT_NE(r.err.find("no device with FQDD '" + args[2] + "'"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("known devices: BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"), std::string::npos);
+    EXPECT_NE(r.err.find("known devices: BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1, "
+                         "Disk.Bay.0:Enclosure.Internal.0-1:RAID.Integrated.1-1, FC.Slot.2-1, RAID.Slot.6-1"),
+              std::string::npos);
     EXPECT_TRUE(r.out.empty()) << r.out;
   }
 }
@@ -298,9 +353,20 @@ TEST(CliTest, ExportedFileReadsBackAsTheSameFormSets) {
   Outcome live = cli.run({"forms"});
   Outcome file = cli.run({"forms", "--hii", cli.path("all.hii")});
   ASSERT_EQ(file.exitCode, 0) << file.err;
-  EXPECT_NE(file.out.find("2 package list(s)"), std::string::npos);
-  EXPECT_NE(file.out.find("packages: FORMS STRINGS(en-US) STRINGS(x-UEFI) DEVICE_PATH"), std::string::npos);
-  EXPECT_EQ(shape(file.out), shape(live.out));
+  EXPECT_NE(file.out.find("5 package list(s)"), std::string::npos);
+  EXPECT_NE(file.out.find("packages: FORMS FORMS FORMS STRINGS(en-US) STRINGS(x-UEFI) DEVICE_PATH"),
+            std::string::npos);
+  EXPECT_NE(file.out.find("packages: FORMS STRINGS(en-US) STRINGS(fr-FR) STRINGS(x-UEFI) DEVICE_PATH"),
+            std::string::npos);
+  // A file names no device, so no BIOS filter applies: the BIOS setup's
+  // other two form sets are shown as well.
+  std::string fileForms = file.out;
+  for (const EFI_GUID& other : {sample::kSetupMenuFormSetGuid, sample::kBootManagerFormSetGuid}) {
+    std::string formSet = block(fileForms, "FormSet " + tvl::host::ifr::guidText(other));
+    ASSERT_FALSE(formSet.empty());
+    fileForms.erase(fileForms.find(formSet), formSet.size());
+  }
+  EXPECT_EQ(shape(fileForms), shape(live.out));
   EXPECT_GT(shape(file.out).size(), 2000u);
   // Nothing can read the stores of a file: the values are the zeros the
   // forms processor reports.
@@ -319,6 +385,8 @@ TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
   const Bytes good = cli.exportAll();
   const size_t first = u32At(good, 16);  // the first package list's length
   ASSERT_LT(first, good.size());
+  size_t last = 0;  // where the last package list starts
+  while (last + u32At(good, last + 16) < good.size()) last += u32At(good, last + 16);
   const size_t firstPackage = 20;
   const size_t endPackage = first - 4;
   struct Case {
@@ -334,7 +402,7 @@ TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
       {"cut inside the first list", [&](Bytes b) { return cut(b, first - 1); }, 0,
        "past the end of the file"},
       {"cut in the second header", [&](Bytes b) { return cut(b, first + 7); }, first, "cut short"},
-      {"cut before the end", [](Bytes b) { return cut(b, b.size() - 1); }, first,
+      {"cut before the end", [](Bytes b) { return cut(b, b.size() - 1); }, last,
        "past the end of the file"},
       {"list shorter than a header", [](Bytes b) { putU32(b, 16, 23); return b; }, 0, "shorter than"},
       {"list longer than the file", [](Bytes b) { putU32(b, 16, 0x7fffffff); return b; }, 0,
@@ -375,6 +443,106 @@ TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
   EXPECT_EQ(cli.run({"forms", "--hii", cli.path("first.hii")}).exitCode, 0);
 }
 
+// ---------------------------------------------------------------- state
+bool exists(const std::string& path) { return std::ifstream(path).good(); }
+
+// The state file's BIOS setup store with its first byte (Boot Mode) set.
+std::string withBootMode(const std::string& state, UINT8 mode) {
+  std::vector<sample::StoreState> stores = sample::parseState(state);
+  for (auto& s : stores)
+    if (s.name == "BiosSetup") s.bytes.at(0) = mode;
+  return sample::formatState(stores);
+}
+
+TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
+  Cli cli;
+  const std::string file = cli.path("platform.state");
+  ASSERT_EQ(cli.run({"devices"}).exitCode, 0);
+  EXPECT_FALSE(exists(file)) << "a command that changes nothing writes no state file";
+
+  Outcome reset = cli.run({"reset"});
+  ASSERT_EQ(reset.exitCode, 0) << reset.err;
+  EXPECT_EQ(reset.out, "restored the defaults of 9 stores of 5 devices in " + file + "\n");
+  const std::string defaults = readAll(file);
+  ASSERT_EQ(sample::parseState(defaults).size(), 9u);
+
+  // A stored BIOS boot mode shows, with the conditions that depend on it.
+  cli.write("platform.state", withBootMode(defaults, 1));
+  Outcome bios = cli.run({"forms", "--device", "BIOS.InternalSetup.1-1"});
+  ASSERT_EQ(bios.exitCode, 0) << bios.err;
+  EXPECT_NE(block(bios.out, "keyword \"BootMode").find("value: 1 (\"BIOS\")"), std::string::npos);
+  EXPECT_EQ(block(bios.out, "keyword \"BootSeq\"").find("marks: suppressed"), std::string::npos);
+  EXPECT_NE(block(bios.out, "keyword \"UefiBootSeq\"").find("marks: suppressed"), std::string::npos);
+  EXPECT_EQ(readAll(file), withBootMode(defaults, 1)) << "reading leaves the file as it was";
+
+  ASSERT_EQ(cli.run({"reset"}).exitCode, 0);
+  EXPECT_EQ(readAll(file), defaults);
+  bios = cli.run({"forms", "--device", "BIOS.InternalSetup.1-1"});
+  EXPECT_NE(block(bios.out, "keyword \"BootMode").find("value: 0 (\"UEFI\")"), std::string::npos);
+}
+
+TEST(CliTest, ADamagedStateFileIsRefusedUntilReset) {
+  Cli cli;
+  const std::string file = cli.path("platform.state");
+  ASSERT_EQ(cli.run({"reset"}).exitCode, 0);
+  const std::string damaged = readAll(file).substr(0, 100);
+  cli.write("platform.state", damaged);
+  for (const char* command : {"info", "devices", "forms"}) {
+    Outcome r = cli.run({command});
+    EXPECT_EQ(r.exitCode, 2) << command;
+    EXPECT_NE(r.err.find("state file " + file + ": the last line is not ended: the file is cut short"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("`tolvane reset` restores the defaults"), std::string::npos) << r.err;
+    EXPECT_TRUE(r.out.empty()) << command << ": " << r.out;
+  }
+  EXPECT_EQ(readAll(file), damaged) << "a refused file is never replaced behind the user's back";
+  ASSERT_EQ(cli.run({"reset"}).exitCode, 0);
+  EXPECT_EQ(cli.run({"forms"}).exitCode, 0);
+}
+
+TEST(CliTest, StateFileComesFromTheOptionThenTheEnvironment) {
+  Cli cli;
+  const std::string home = cli.path("home"), xdg = cli.path("xdg");
+  const std::string option = cli.path("option.state"), variable = cli.path("variable.state");
+  struct Case {
+    std::string environment;
+    std::vector<std::string> args;
+    std::string file;
+  } cases[] = {
+      {"TOLVANE_STATE=" + variable, {"--state", option, "reset"}, option},
+      {"TOLVANE_STATE=" + variable, {"reset", "--state=" + option}, option},
+      {"TOLVANE_STATE=" + variable + " XDG_STATE_HOME=" + xdg + " HOME=" + home, {"reset"}, variable},
+      {"XDG_STATE_HOME=" + xdg + " HOME=" + home, {"reset"}, xdg + "/tolvane/platform.state"},
+      {"XDG_STATE_HOME=relative HOME=" + home, {"reset"}, home + "/.local/state/tolvane/platform.state"},
+      {"HOME=" + home, {"reset"}, home + "/.local/state/tolvane/platform.state"},
+  };
+  for (const auto& c : cases) {
+    std::system(("rm -rf '" + home + "' '" + xdg + "' '" + option + "' '" + variable + "'").c_str());
+    Outcome r = cli.runWith(c.environment, c.args);
+    ASSERT_EQ(r.exitCode, 0) << c.environment << ": " << r.err;
+    EXPECT_NE(r.out.find(" in " + c.file + "\n"), std::string::npos) << r.out;
+    for (const std::string& f : {option, variable, xdg + "/tolvane/platform.state",
+                                 home + "/.local/state/tolvane/platform.state"})
+      EXPECT_EQ(exists(f), f == c.file) << c.environment << ": " << f;
+  }
+  struct Refusal {
+    std::string environment;
+    std::vector<std::string> args;
+    const char* says;
+  } refusals[] = {
+      {"HOME=", {"reset"}, "no place for the state file"},
+      {"HOME=" + home, {"reset", "--state"}, "option --state needs a value"},
+      {"HOME=" + home, {"--state=", "reset"}, "option --state needs a non-empty value"},
+      {"HOME=" + home, {"--state", option, "reset", "--state", option}, "option --state given twice"},
+  };
+  for (const auto& c : refusals) {
+    Outcome r = cli.runWith(c.environment, c.args);
+    EXPECT_EQ(r.exitCode, 2) << c.says;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+  }
+}
+
 TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
   Cli cli;
   struct Case {
@@ -382,7 +550,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
     int exitCode;
     const char* says;  // on standard error
   } cases[] = {
-      {{}, 2, "usage: tolvane <command>"},
+      {{}, 2, "usage: tolvane [--state FILE] <command>"},
       {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
       {{"info", "extra"}, 2, "unexpected argument 'extra'"},
       {{"devices", "--device", "x"}, 2, "unknown option '--device'"},
@@ -392,6 +560,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
       {{"forms", "--hii", "f", "--device", "x"}, 2, "cannot be combined"},
       {{"forms", "--hii", "/nonexistent/file.hii"}, 2, "cannot read /nonexistent/file.hii"},
       {{"export-hii"}, 2, "no output file"},
+      {{"reset", "now"}, 2, "unexpected argument 'now'"},
       {{"export-hii", "-o", "/nonexistent/dir/x.hii"}, 1, "cannot create /nonexistent/dir/x.hii"},
   };
   for (const auto& c : cases) {
@@ -400,7 +569,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
     EXPECT_EQ(r.exitCode, c.exitCode) << name << ": " << r.err;
     EXPECT_NE(r.err.find(c.says), std::string::npos) << name << ": " << r.err;
   }
-  for (const char* command : {"info", "devices", "forms", "export-hii", "export"}) {
+  for (const char* command : {"info", "devices", "forms", "export-hii", "export", "reset"}) {
     Outcome r = cli.run({command, "--help"});
     EXPECT_EQ(r.exitCode, 0) << command;
     EXPECT_EQ(r.out.rfind(std::string("usage: tolvane ") + command, 0), 0u) << r.out;

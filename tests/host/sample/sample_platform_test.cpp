@@ -44,31 +44,138 @@ class SamplePlatformTest : public tvl::test::PlatformTest {
   std::unique_ptr<sample::SamplePlatform> sample_;
 };
 
-TEST_F(SamplePlatformTest, FormsProcessorSeesEveryFormAndStatementOfEachDevice) {
-  ASSERT_EQ(sample_->devices().size(), 2u);
+TEST_F(SamplePlatformTest, FormsProcessorSeesEveryFormAndStatementOfEachFormSet) {
+  ASSERT_EQ(sample_->devices().size(), 5u);
+  HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
+  size_t checked = 0;
   for (const auto& device : sample_->devices()) {
-    SCOPED_TRACE(tvl::host::hii::toAscii(device.fqdd()));
-    const sample::FormSetDescription& description = device.definition.formSet;
+    for (const sample::FormSetDescription& description : device.definition.formSets) {
+      SCOPED_TRACE(tvl::host::hii::toAscii(device.fqdd() + u" " + description.title));
+      std::vector<EFI_HII_HANDLE> handles = device.packageLists();
+      UINTN count = 0;
+      HII_FORMSET_RECORD** sets = nullptr;
+      EFI_STATUS status = p->ProcessForms(p, handles.data(), handles.size(), &description.guid, &count, &sets);
+      // The one form set built to be unreadable.
+      if (description.guid == sample::kDiskDiagnosticsFormSetGuid) {
+        EXPECT_EQ(status, EFI_VOLUME_CORRUPTED);
+        continue;
+      }
+      ASSERT_EQ(status, EFI_SUCCESS);
+      ASSERT_EQ(count, 1u);
+      const HII_FORMSET_RECORD& fs = *sets[0];
+      EXPECT_EQ(fs.NumberOfLanguages, device.definition.languages.size());
+      EXPECT_EQ(fs.VarStoreBufferCount, description.varStores.size());
+      EXPECT_EQ(fs.DefaultStoreCount, 2u);
+      ASSERT_EQ(fs.FormCount, description.forms.size());
+      for (size_t f = 0; f < description.forms.size(); ++f) {
+        EXPECT_EQ(fs.Forms[f]->FormId, description.forms[f].id);
+        ASSERT_EQ(fs.Forms[f]->StatementCount, description.forms[f].statements.size())
+            << "form " << description.forms[f].id;
+        for (size_t s = 0; s < description.forms[f].statements.size(); ++s)
+          EXPECT_EQ(fs.Forms[f]->Statements[s]->Operand, description.forms[f].statements[s].opcode);
+      }
+      EXPECT_EQ(p->DestroyFormSets(p, count, sets), EFI_SUCCESS);
+      ++checked;
+    }
+  }
+  EXPECT_EQ(checked, 7u);  // every form set but the diagnostics one
+  // The leak check at TearDown covers every record DestroyFormSets freed.
+}
+
+// What ProcessForms gives for each device with and without the filters the
+// export chooses by FQDD: the BIOS setup's own form set out of three, the
+// storage controller's form set only when asked for by its GUID.
+TEST_F(SamplePlatformTest, EachDeviceYieldsTheFormSetsItsFilterSelects) {
+  const EFI_GUID bios = INTERNAL_BIOS_SETUP_FORMSET_GUID;
+  const EFI_GUID ssd = INTERNAL_SSD_SETUP_FORMSET_GUID;
+  struct Case {
+    const char16_t* fqdd;
+    const EFI_GUID* filter;
+    EFI_STATUS status;
+    std::vector<EFI_GUID> formSets;
+    std::vector<std::string> languages;
+  };
+  const std::vector<std::string> mapped = {"en-US", "x-UEFI"};
+  const Case cases[] = {
+      {sample::kBiosFqdd, nullptr, EFI_SUCCESS,
+       {sample::kSetupMenuFormSetGuid, bios, sample::kBootManagerFormSetGuid}, mapped},
+      {sample::kBiosFqdd, &bios, EFI_SUCCESS, {bios}, mapped},
+      {sample::kBiosFqdd, &ssd, EFI_NOT_FOUND, {}, {}},
+      {sample::kNicFqdd, nullptr, EFI_SUCCESS, {sample::kNicFormSetGuid}, mapped},
+      {sample::kNicFqdd, &bios, EFI_NOT_FOUND, {}, {}},
+      {sample::kDiskFqdd, nullptr, EFI_VOLUME_CORRUPTED, {}, {}},
+      {sample::kDiskFqdd, &ssd, EFI_SUCCESS, {ssd}, mapped},
+      {sample::kFcFqdd, nullptr, EFI_SUCCESS, {sample::kFcFormSetGuid}, {"en-US"}},
+      {sample::kRaidFqdd, nullptr, EFI_SUCCESS, {sample::kRaidFormSetGuid}, {"en-US", "fr-FR", "x-UEFI"}},
+  };
+  HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(tvl::host::hii::toAscii(c.fqdd) + (c.filter ? " filtered" : " unfiltered"));
+    sample::SampleDevice* device = sample_->findDevice(c.fqdd);
+    ASSERT_NE(device, nullptr);
+    std::vector<EFI_HII_HANDLE> handles = device->packageLists();
+    ASSERT_EQ(handles.size(), 1u);
     UINTN count = 0;
     HII_FORMSET_RECORD** sets = nullptr;
-    ASSERT_EQ(process(device, &count, &sets), EFI_SUCCESS);
-    ASSERT_EQ(count, 1u);
-    const HII_FORMSET_RECORD& fs = *sets[0];
-    EXPECT_EQ(fs.Guid, description.guid);
-    EXPECT_EQ(fs.NumberOfLanguages, 2u);
-    EXPECT_EQ(fs.VarStoreBufferCount, description.varStores.size());
-    EXPECT_EQ(fs.DefaultStoreCount, 2u);
-    ASSERT_EQ(fs.FormCount, description.forms.size());
-    for (size_t f = 0; f < description.forms.size(); ++f) {
-      EXPECT_EQ(fs.Forms[f]->FormId, description.forms[f].id);
-      ASSERT_EQ(fs.Forms[f]->StatementCount, description.forms[f].statements.size()) << "form " << description.forms[f].id;
-      for (size_t s = 0; s < description.forms[f].statements.size(); ++s)
-        EXPECT_EQ(fs.Forms[f]->Statements[s]->Operand, description.forms[f].statements[s].opcode);
+    ASSERT_EQ(p->ProcessForms(p, handles.data(), handles.size(), c.filter, &count, &sets), c.status);
+    if (c.status != EFI_SUCCESS) {
+      EXPECT_EQ(sets, nullptr);
+      continue;
     }
-    HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
-    EXPECT_EQ(p->DestroyFormSets(p, count, sets), EFI_SUCCESS);
+    ASSERT_EQ(count, c.formSets.size());
+    for (size_t i = 0; i < count; ++i) {
+      EXPECT_EQ(sets[i]->Guid, c.formSets[i]) << "form set " << i;
+      std::vector<std::string> languages;
+      for (UINT64 l = 0; l < sets[i]->NumberOfLanguages; ++l) languages.push_back(sets[i]->Languages[l]);
+      EXPECT_EQ(languages, c.languages) << "form set " << i;
+    }
+    p->DestroyFormSets(p, count, sets);
   }
-  // The leak check at TearDown covers every record DestroyFormSets freed.
+}
+
+// Strings as the driver fetches them: prompts in en-US, keyword texts in
+// x-UEFI where a device has it, translations in fr-FR where it has one.
+TEST_F(SamplePlatformTest, StringsExistInTheLanguagesEachDeviceOffers) {
+  EFI_HII_STRING_PROTOCOL* strings = sample_->hii().strings();
+  auto fetch = [&](EFI_HII_HANDLE handle, const char* language, UINT16 id, std::u16string* text) {
+    CHAR16 buffer[256] = {};
+    UINTN size = sizeof buffer;
+    EFI_STATUS status = strings->GetString(strings, language, handle, id, buffer, &size, nullptr);
+    if (status == EFI_SUCCESS) *text = buffer;
+    return status;
+  };
+  HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
+  struct Case {
+    const char16_t* fqdd;
+    const char* language;
+    bool help;  // the form set's help rather than its title
+    EFI_STATUS status;
+    const char16_t* text;
+  } cases[] = {
+      {sample::kRaidFqdd, "en-US", false, EFI_SUCCESS, u"RAID Controller in Slot 6 Configuration"},
+      {sample::kRaidFqdd, "x-UEFI", false, EFI_SUCCESS, u"RaidController"},
+      {sample::kRaidFqdd, "fr-FR", false, EFI_SUCCESS, u"Configuration du contr\u00f4leur RAID de l'emplacement 6"},
+      {sample::kRaidFqdd, "fr-FR", true, EFI_SUCCESS, u"Param\u00e8tres du contr\u00f4leur."},
+      {sample::kRaidFqdd, "x-UEFI", true, EFI_NOT_FOUND, nullptr},  // help texts are not keyword texts
+      {sample::kFcFqdd, "en-US", false, EFI_SUCCESS, u"FC Port 1 Configuration"},
+      {sample::kFcFqdd, "x-UEFI", false, EFI_INVALID_LANGUAGE, nullptr},
+      {sample::kNicFqdd, "x-UEFI", false, EFI_SUCCESS, u"NICConfig"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(tvl::host::hii::toAscii(c.fqdd) + " " + c.language + (c.help ? " help" : " title"));
+    sample::SampleDevice* device = sample_->findDevice(c.fqdd);
+    ASSERT_NE(device, nullptr);
+    std::vector<EFI_HII_HANDLE> handles = device->packageLists();
+    UINTN count = 0;
+    HII_FORMSET_RECORD** sets = nullptr;
+    ASSERT_EQ(p->ProcessForms(p, handles.data(), handles.size(), nullptr, &count, &sets), EFI_SUCCESS);
+    std::u16string text;
+    EXPECT_EQ(fetch(handles[0], c.language, c.help ? sets[0]->FormSetHelp : sets[0]->FormSetTitle, &text), c.status);
+    if (c.text) {
+      EXPECT_EQ(text, c.text);
+    }
+    p->DestroyFormSets(p, count, sets);
+  }
 }
 
 TEST_F(SamplePlatformTest, BiosFilterKeepsTheInternalSetupFormSet) {
@@ -132,13 +239,19 @@ TEST_F(SamplePlatformTest, DriverLoadsAndInstallsTheConverter) {
 }
 
 // ---------------------------------------------------------------- descriptions
+sample::FormSetDescription tinyFormSet(std::vector<Statement> statements) {
+  sample::FormSetDescription fs;
+  fs.guid = {0x11111111, 0x2222, 0x3333, {4, 4, 5, 5, 6, 6, 7, 7}};
+  fs.title = u"Test";
+  fs.varStores = {{1, {0x1, 0x2, 0x3, {4, 5, 6, 7, 8, 9, 10, 11}}, "Store", 16, false, 0}};
+  fs.forms = {{1, u"Main", u"Main", std::move(statements)}};
+  return fs;
+}
+
 sample::DeviceDescription tinyDevice(std::vector<Statement> statements) {
   sample::DeviceDescription d;
   d.fqdd = u"Test.Device.1";
-  d.formSet.guid = {0x11111111, 0x2222, 0x3333, {4, 4, 5, 5, 6, 6, 7, 7}};
-  d.formSet.title = u"Test";
-  d.formSet.varStores = {{1, {0x1, 0x2, 0x3, {4, 5, 6, 7, 8, 9, 10, 11}}, "Store", 16, false, 0}};
-  d.formSet.forms = {{1, u"Main", u"Main", std::move(statements)}};
+  d.formSets = {tinyFormSet(std::move(statements))};
   return d;
 }
 
@@ -173,6 +286,38 @@ TEST(SampleFormDescription, RefusesDescriptionsThatCannotBeLaidOut) {
                                                        sample::reference(2, u"R", u"R", 1)})));
 }
 
+// Rules that concern the device as a whole: its form sets and languages.
+TEST(SampleFormDescription, RefusesDevicesWhoseFormSetsOrLanguagesClash) {
+  struct Case {
+    const char* name;
+    std::function<void(sample::DeviceDescription&)> change;
+  };
+  const Case cases[] = {
+      {"two form sets with one GUID", [](sample::DeviceDescription& d) { d.formSets.push_back(d.formSets[0]); }},
+      {"one store in two form sets",
+       [](sample::DeviceDescription& d) {
+         sample::FormSetDescription other = d.formSets[0];
+         other.guid.Data1 = 0x99;
+         d.formSets.push_back(other);
+       }},
+      {"no language", [](sample::DeviceDescription& d) { d.languages.clear(); }},
+      {"a language named twice", [](sample::DeviceDescription& d) { d.languages = {"en-US", "fr-FR", "en-US"}; }},
+      {"a translation into a language the device lacks",
+       [](sample::DeviceDescription& d) { d.translations["de-DE"] = {{u"Test", u"Pr\u00fcfung"}}; }},
+      {"a translation into en-US",
+       [](sample::DeviceDescription& d) {
+         d.languages = {"en-US", "fr-FR"};
+         d.translations["en-US"] = {{u"Test", u"Testing"}};
+       }},
+  };
+  for (const auto& c : cases) {
+    sample::DeviceDescription device = tinyDevice({sample::checkbox(1, u"C", u"C").at(1, 0)});
+    EXPECT_NO_THROW(sample::validate(device)) << c.name;
+    c.change(device);
+    EXPECT_THROW(sample::buildPackageList(device), std::invalid_argument) << c.name;
+  }
+}
+
 TEST(SampleFormDescription, InitialStorageWritesEachCurrentValueAtItsOffset) {
   sample::DeviceDescription d = tinyDevice({
       sample::numeric(1, u"N", u"N", Width::U32).at(1, 0).value(0x11223344),
@@ -182,7 +327,24 @@ TEST(SampleFormDescription, InitialStorageWritesEachCurrentValueAtItsOffset) {
       sample::password(5, u"P", u"P", 0, 1).at(1, 14),
   });
   std::vector<UINT8> expected = {0x44, 0x33, 0x22, 0x11, 1, 0, 0x02, 0x01, 0x04, 0x03, 'h', 0, 'i', 0, 0, 0};
-  EXPECT_EQ(sample::initialStorage(d.formSet, d.formSet.varStores[0]), expected);
+  const sample::FormSetDescription& fs = d.formSets[0];
+  EXPECT_EQ(sample::initialStorage(fs, fs.varStores[0]), expected);
+}
+
+// A negative number is stored in two's complement of the question's width,
+// and fits the checks of that width.
+TEST(SampleFormDescription, SignedValuesTakeTheWidthOfTheirQuestion) {
+  sample::DeviceDescription d = tinyDevice({
+      sample::numeric(1, u"A", u"A", Width::U8).at(1, 0).signedRange(-15, 15, 1).signedValue(-5),
+      sample::numeric(2, u"B", u"B", Width::U16).at(1, 2).signedRange(-50, 50, 5).signedValue(-10),
+      sample::numeric(3, u"C", u"C", Width::U32).at(1, 4).signedRange(-1, 3600, 1).signedValue(-1),
+      sample::numeric(4, u"D", u"D", Width::U64).at(1, 8).signedRange(-1000, 1000).signedValue(-2),
+  });
+  EXPECT_NO_THROW(sample::buildPackageList(d));
+  std::vector<UINT8> expected = {0xFB, 0,    0xF6, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                                 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+  const sample::FormSetDescription& fs = d.formSets[0];
+  EXPECT_EQ(sample::initialStorage(fs, fs.varStores[0]), expected);
 }
 
 }  // namespace

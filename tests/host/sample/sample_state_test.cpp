@@ -1,0 +1,304 @@
+// The sample platform's state file: the round trip of every store, the
+// refusal of damaged files, writes that are interrupted, and where the file
+// lives.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <dirent.h>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+
+#include "host/hii/config_string.h"
+#include "host/sample/sample_devices.h"
+#include "host/sample/sample_platform.h"
+#include "host/sample/sample_state.h"
+#include "tests/support/fixture.h"
+
+namespace sample = tvl::host::sample;
+using sample::StateError;
+using sample::StateFile;
+using sample::StoreState;
+
+namespace {
+
+class SampleStateTest : public tvl::test::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    sample_ = std::make_unique<sample::SamplePlatform>(platform());
+    markBaseline();
+    char pattern[] = "/tmp/tolvane-state-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    sample_.reset();
+    std::system(("rm -rf '" + dir_ + "'").c_str());
+    PlatformTest::TearDown();
+  }
+
+  std::string path(const std::string& name = "platform.state") const { return dir_ + "/" + name; }
+  std::string readText(const std::string& file) const {
+    std::ifstream f(file, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  }
+  void writeText(const std::string& file, const std::string& text) const {
+    std::ofstream(file, std::ios::binary) << text;
+  }
+  std::vector<std::string> entries() const {
+    std::vector<std::string> names;
+    DIR* d = opendir(dir_.c_str());
+    while (dirent* e = d ? readdir(d) : nullptr)
+      if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
+    if (d) closedir(d);
+    return names;
+  }
+
+  // Changes one byte of every store, so that no store holds its default.
+  void changeEveryStore() {
+    for (StoreState s : sample::captureStores(*sample_)) {
+      s.bytes.at(0) ^= 0x5A;
+      sample_->findDevice(tvl::host::hii::toUtf16(s.fqdd))
+          ->device->setStorage(s.guid, tvl::host::hii::toUtf16(s.name), s.bytes);
+    }
+  }
+
+  std::unique_ptr<sample::SamplePlatform> sample_;
+  std::string dir_;
+};
+
+TEST_F(SampleStateTest, EveryStoreOfEveryDeviceSurvivesTheRoundTrip) {
+  const std::vector<StoreState> defaults = sample::captureStores(*sample_);
+  // Both kinds of store, on every device.
+  size_t variables = 0;
+  for (const auto& s : defaults) variables += s.variable;
+  ASSERT_EQ(defaults.size(), 9u);
+  EXPECT_EQ(variables, 2u);
+
+  changeEveryStore();
+  const std::vector<StoreState> changed = sample::captureStores(*sample_);
+  StateFile(path()).write(changed);
+  EXPECT_EQ(sample::parseState(readText(path())), changed);
+
+  // Back to the defaults, then the file gives every changed byte back.
+  sample::restoreStores(*sample_, defaults);
+  ASSERT_EQ(sample::captureStores(*sample_), defaults);
+  sample::PersistentStores state(*sample_, StateFile(path()));
+  EXPECT_TRUE(state.loaded());
+  EXPECT_EQ(sample::captureStores(*sample_), changed);
+
+  // The format itself: a store of no bytes, and the GUID in registry form.
+  StoreState empty{"Some.Device.1", true, sample::kNicFormSetGuid, "Empty", {}, 0};
+  EXPECT_EQ(sample::formatState({empty}),
+            "tolvane-state 1\nstore Some.Device.1 variable A4D81C37-5E92-4B6A-8F03-7C1D26E9B850 Empty -\nend 1\n");
+  EXPECT_EQ(sample::parseState(sample::formatState({empty})), std::vector<StoreState>{empty});
+}
+
+TEST_F(SampleStateTest, CommitWritesOnlyWhenAStoreChanged) {
+  const std::string file = path("nested/deeper/platform.state");
+  sample::PersistentStores state(*sample_, StateFile(file));
+  EXPECT_FALSE(state.loaded());
+  EXPECT_FALSE(state.commit());
+  struct stat st {};
+  EXPECT_NE(stat(file.c_str(), &st), 0) << "an unchanged platform writes nothing";
+
+  const std::vector<StoreState> defaults = sample::captureStores(*sample_);
+  changeEveryStore();
+  EXPECT_TRUE(state.commit());
+  ASSERT_EQ(stat(path("nested").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  EXPECT_FALSE(state.commit());
+
+  const std::vector<StoreState> changed = sample::captureStores(*sample_);
+  sample::restoreStores(*sample_, defaults);
+  sample::PersistentStores again(*sample_, StateFile(file));
+  EXPECT_TRUE(again.loaded());
+  EXPECT_EQ(sample::captureStores(*sample_), changed);
+}
+
+// A damaged file is refused whole: the message names the file and the
+// problem, and no store changes, not even those of the lines before the
+// damage.
+TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
+  const std::vector<StoreState> defaults = sample::captureStores(*sample_);
+  std::vector<StoreState> changed = defaults;
+  for (auto& s : changed) s.bytes.at(0) ^= 0xFF;
+  const std::string good = sample::formatState(changed);
+  const size_t storeLines = changed.size();
+  // The last store line is line storeLines + 1; the end line follows it.
+  const std::string lastLine = "line " + std::to_string(storeLines + 1) + ": ";
+  const std::string endLine = "line " + std::to_string(storeLines + 2) + ": ";
+  auto count = [](size_t n) { return std::to_string(n); };
+  auto replace = [](std::string text, const std::string& from, const std::string& to) {
+    size_t at = text.find(from);
+    if (at == std::string::npos) throw std::logic_error("no " + from);
+    return text.replace(at, from.size(), to);
+  };
+  auto lastStoreLine = [&](const std::string& text) {
+    size_t end = text.rfind("\nend ");
+    return text.substr(text.rfind('\n', end - 1) + 1, end - text.rfind('\n', end - 1));
+  };
+  struct Case {
+    const char* name;
+    std::function<std::string(const std::string&)> damage;
+    std::string says;
+  };
+  const Case cases[] = {
+      {"empty", [](const std::string&) { return std::string(); }, "the file is empty"},
+      {"cut inside a line", [](const std::string& t) { return t.substr(0, t.size() / 2); }, "cut short"},
+      {"cut after a line", [&](const std::string& t) { return t.substr(0, t.rfind("end ")); },
+       "ends without its end line"},
+      {"header only", [](const std::string&) { return std::string("tolvane-state 1\n"); },
+       "ends without its end line"},
+      {"end count wrong",
+       [&](const std::string& t) { return replace(t, "\nend " + count(storeLines), "\nend " + count(storeLines - 1)); },
+       endLine + "the end line counts " + count(storeLines - 1) + " stores, the file holds " + count(storeLines)},
+      {"text after the end", [](const std::string& t) { return t + "store x\n"; },
+       "line " + std::to_string(storeLines + 3) + ": text after the end line"},
+      {"version 2", [&](const std::string& t) { return replace(t, "tolvane-state 1", "tolvane-state 2"); },
+       "line 1: state format version 2 is not supported"},
+      {"another kind of file", [](const std::string& t) { return "#!/bin/sh\n" + t; },
+       "line 1: not a tolvane state file"},
+      {"bad hex",
+       [&](std::string t) {
+         t.at(t.find(" SetupMenu ") + 11) = 'g';
+         return t;
+       },
+       "line 2: 'g' at byte 0 is not a hexadecimal digit"},
+      {"odd hex", [&](const std::string& t) { return replace(t, " SetupMenu ", " SetupMenu 0"); },
+       "line 2: the bytes have an odd number of hexadecimal digits"},
+      {"unknown device",
+       [&](const std::string& t) { return replace(t, "store RAID.Slot.6-1 ", "store RAID.Slot.7-1 "); },
+       lastLine + "the sample platform has no device RAID.Slot.7-1"},
+      {"unknown store", [&](const std::string& t) { return replace(t, " RaidControllerConfig ", " RaidConfig "); },
+       lastLine + "device RAID.Slot.6-1 has no store \"RaidConfig\""},
+      {"wrong GUID",
+       [&](const std::string& t) {
+         return replace(t, "FE8D2124-DD31-423A-BD51-4B7C488513D8", "FE8D2124-DD31-423A-BD51-4B7C488513D9");
+       },
+       lastLine + "device RAID.Slot.6-1 has no store \"RaidControllerConfig\""},
+      {"wrong size",
+       [&](const std::string& t) {
+         std::string line = lastStoreLine(t);
+         return replace(t, line, line.substr(0, line.size() - 3) + "\n");
+       },
+       lastLine + "store \"RaidControllerConfig\" FE8D2124-DD31-423A-BD51-4B7C488513D8 of device RAID.Slot.6-1 holds "
+                  "16 bytes, not 15"},
+      {"wrong kind", [&](const std::string& t) { return replace(t, " variable ", " buffer "); },
+       "is an EFI variable store, not a buffer store"},
+      {"unknown kind", [&](const std::string& t) { return replace(t, " variable ", " nvram "); },
+       "unknown store kind \"nvram\""},
+      {"store twice",
+       [&](const std::string& t) {
+         std::string line = lastStoreLine(t);
+         return replace(replace(t, line, line + line), "\nend " + count(storeLines), "\nend " + count(storeLines + 1));
+       },
+       "line " + std::to_string(storeLines + 2) + ": store \"RaidControllerConfig\""},
+      {"bad GUID", [&](const std::string& t) { return replace(t, "FE8D2124-DD31", "FE8D2124DD31-"); },
+       "is not a GUID in registry format"},
+      {"two blanks", [&](const std::string& t) { return replace(t, " SetupMenu ", "  SetupMenu "); },
+       "line 2: empty field"},
+      {"CR LF line ends", [&](const std::string& t) { return replace(t, "tolvane-state 1\n", "tolvane-state 1\r\n"); },
+       "line 1: a control or non-ASCII character"},
+      {"missing field", [&](const std::string& t) { return replace(t, " SetupMenu ", " "); },
+       "line 2: a store line has 5 fields instead of 6"},
+  };
+  for (const auto& c : cases) {
+    sample::restoreStores(*sample_, defaults);
+    writeText(path(), c.damage(good));
+    try {
+      sample::PersistentStores state(*sample_, StateFile(path()));
+      ADD_FAILURE() << c.name << ": accepted";
+    } catch (const StateError& e) {
+      const std::string message = e.what();
+      EXPECT_EQ(message.rfind(path() + ": ", 0), 0u) << c.name << ": " << message;
+      EXPECT_NE(message.find(c.says), std::string::npos) << c.name << ": " << message;
+    }
+    EXPECT_EQ(sample::captureStores(*sample_), defaults) << c.name;
+  }
+  // The undamaged text is accepted: the cases above fail for their damage.
+  writeText(path(), good);
+  sample::PersistentStores state(*sample_, StateFile(path()));
+  EXPECT_EQ(sample::captureStores(*sample_), changed);
+}
+
+// A write that stops between writing the new file and renaming it, by an
+// error or by the process being killed, leaves the old file as it was.
+TEST_F(SampleStateTest, InterruptedWritesLeaveTheOldFileIntact) {
+  const std::vector<StoreState> defaults = sample::captureStores(*sample_);
+  StateFile file(path());
+  file.write(defaults);
+  const std::string old = readText(path());
+  changeEveryStore();
+  const std::vector<StoreState> changed = sample::captureStores(*sample_);
+  const std::string fresh = sample::formatState(changed);
+
+  // An error: the new file is removed again.
+  std::string temp;
+  EXPECT_THROW(file.write(changed,
+                          [&](const std::string& name) {
+                            temp = name;
+                            EXPECT_EQ(readText(name), fresh) << "the new file is complete before the rename";
+                            throw std::runtime_error("injected failure");
+                          }),
+               std::runtime_error);
+  EXPECT_EQ(temp.rfind(path() + ".", 0), 0u) << temp << ": not beside the state file";
+  EXPECT_EQ(readText(path()), old);
+  EXPECT_EQ(entries(), std::vector<std::string>{"platform.state"});
+
+  // Killed: the new file stays behind, complete, and the old file is intact.
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    file.write(changed, [](const std::string&) { raise(SIGKILL); });
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+  EXPECT_EQ(readText(path()), old);
+  EXPECT_EQ(sample::parseState(readText(path())), defaults);
+  std::vector<std::string> left = entries();
+  ASSERT_EQ(left.size(), 2u);
+  for (const auto& name : left)
+    if (name != "platform.state") {
+      EXPECT_EQ(readText(path(name)), fresh) << name;
+    }
+
+  // The next write goes through.
+  file.write(changed);
+  EXPECT_EQ(readText(path()), fresh);
+}
+
+TEST(SampleStatePath, FollowsTheEnvironment) {
+  struct Case {
+    const char* tolvaneState;
+    const char* xdgStateHome;
+    const char* home;
+    const char* path;  // null: refused
+  } cases[] = {
+      {"/srv/x.state", "/xdg", "/home/u", "/srv/x.state"},
+      {"rel.state", nullptr, nullptr, "rel.state"},
+      {"", "/xdg", "/home/u", "/xdg/tolvane/platform.state"},
+      {nullptr, "relative/xdg", "/home/u", "/home/u/.local/state/tolvane/platform.state"},
+      {nullptr, "", "/home/u", "/home/u/.local/state/tolvane/platform.state"},
+      {nullptr, nullptr, "", nullptr},
+      {nullptr, "relative/xdg", nullptr, nullptr},
+  };
+  for (const auto& c : cases) {
+    std::string name = std::string(c.tolvaneState ? c.tolvaneState : "-") + " " +
+                       (c.xdgStateHome ? c.xdgStateHome : "-") + " " + (c.home ? c.home : "-");
+    if (c.path)
+      EXPECT_EQ(sample::statePathFrom(c.tolvaneState, c.xdgStateHome, c.home), c.path) << name;
+    else
+      EXPECT_THROW(sample::statePathFrom(c.tolvaneState, c.xdgStateHome, c.home), StateError) << name;
+  }
+}
+
+}  // namespace
