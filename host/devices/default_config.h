@@ -16,7 +16,7 @@
 //   which give both the standard and the manufacturing value (0 when the
 //   flag is clear).
 // A default computed by an expression, and defaults of other question
-// kinds, are left out. Malformed IFR ends the walk of its forms package.
+// kinds, are left out; so is a forms package whose opcodes do not split.
 #pragma once
 
 #include <cstdint>
