@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "host/devices/default_config.h"
 #include "host/hii/config_string.h"
 #include "host/hii/device_path.h"
 
@@ -84,13 +85,32 @@ struct Device::Impl {
   std::u16string header(const Storage& s) const { return hii::configHdr(s.guid, s.name, devicePath); }
 
   // ---- ExtractConfig
+  // The whole storage as <ConfigResp> under `hdr`, followed by an <AltResp>
+  // per default store of the device's forms: "&<hdr>&ALTCFG=<4 hex
+  // DefaultId>" and the fields that have a default there (those that fit).
+  std::u16string wholeStorage(const std::u16string& hdr, const Storage& s, const std::vector<uint8_t>& bytes) const {
+    std::u16string text = hdr + hii::blockConfig(0, bytes.data(), bytes.size());
+    std::vector<std::vector<uint8_t>> packageLists;
+    for (EFI_HII_HANDLE list : lists) {
+      std::vector<uint8_t> exported;
+      if (hii.exportPackageLists(list, exported) == EFI_SUCCESS) packageLists.push_back(std::move(exported));
+    }
+    for (const DefaultConfig& config : defaultConfigs(packageLists, s.guid, s.name)) {
+      const uint8_t id[2] = {uint8_t(config.defaultId), uint8_t(config.defaultId >> 8)};
+      text += u'&' + hdr + u"&ALTCFG=" + hii::valueDigits(id, 2);
+      for (const DefaultField& f : config.fields)
+        if (f.offset + f.bytes.size() <= bytes.size()) text += hii::blockConfig(f.offset, f.bytes.data(), f.bytes.size());
+    }
+    return text;
+  }
+
   EFI_STATUS extractAll(std::u16string& results) {
     if (storages.empty()) return EFI_NOT_FOUND;
     for (const auto& s : storages) {
       std::vector<uint8_t> bytes;
       RETURN_IF_ERROR(read(s, bytes));
       if (!results.empty()) results += u'&';
-      results += header(s) + hii::blockConfig(0, bytes.data(), bytes.size());
+      results += wholeStorage(header(s), s, bytes);
     }
     return EFI_SUCCESS;
   }
@@ -133,10 +153,10 @@ struct Device::Impl {
     RETURN_IF_ERROR(route(text, header, storage, progress));
     std::vector<uint8_t> bytes;
     RETURN_IF_ERROR(read(*storage, bytes));
-    results = std::u16string(text.substr(0, header.end));
     if (header.end == text.size()) {
-      results += hii::blockConfig(0, bytes.data(), bytes.size());
+      results = wholeStorage(std::u16string(text), *storage, bytes);
     } else {
+      results = std::u16string(text.substr(0, header.end));
       hii::ConfigString parsed;
       RETURN_IF_ERROR(parseBody(text, hii::ConfigKind::Request, bytes, parsed, progress));
       for (const auto& block : parsed.blocks)

@@ -12,8 +12,12 @@
 //
 // ExtractConfig(Request):
 // - null Request: every storage, whole, as <ConfigHdr>&OFFSET=0000&WIDTH=
-//   <size>&VALUE=<digits>, joined by '&'; Progress is set to null;
-// - a <ConfigHdr> alone: that storage, whole;
+//   <size>&VALUE=<digits>, each followed by its default configurations as
+//   configuration routing appends them ("&<ConfigHdr>&ALTCFG=<DefaultId>"
+//   and blocks, see default_config.h), joined by '&'; Progress is set to
+//   null;
+// - a <ConfigHdr> alone: that storage, whole, with its default
+//   configurations under the header as written;
 // - a <ConfigHdr> with OFFSET/WIDTH blocks: those fields, the header and
 //   each block echoed as written, followed by &VALUE=.
 // RouteConfig(Configuration): a <ConfigHdr> and OFFSET/WIDTH/VALUE blocks,

@@ -54,16 +54,6 @@ Expr single(UINT8 opcode, const Bytes& fields = {}) {
   return Expr(std::move(code));
 }
 
-Expr postfix(std::initializer_list<const Expr*> operands, UINT8 opcode) {
-  Bytes code;
-  for (const Expr* e : operands) {
-    if (e->empty()) throw std::invalid_argument("empty operand in an IFR expression");
-    putBytes(code, e->code());
-  }
-  putOp(code, opcode, false, {});
-  return Expr(std::move(code));
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- values
@@ -114,13 +104,46 @@ Expr eqidid(UINT16 questionId1, UINT16 questionId2) {
   return single(EFI_IFR_EQ_ID_ID_OP, f);
 }
 
+Expr postfix(UINT8 opcode, std::initializer_list<Expr> operands) {
+  Bytes code;
+  for (const Expr& e : operands) {
+    if (e.empty()) throw std::invalid_argument("empty operand in an IFR expression");
+    putBytes(code, e.code());
+  }
+  putOp(code, opcode, false, {});
+  return Expr(std::move(code));
+}
+
 Expr True() { return single(EFI_IFR_TRUE_OP); }
 Expr False() { return single(EFI_IFR_FALSE_OP); }
-Expr Not(const Expr& operand) { return postfix({&operand}, EFI_IFR_NOT_OP); }
-Expr And(const Expr& left, const Expr& right) { return postfix({&left, &right}, EFI_IFR_AND_OP); }
-Expr Or(const Expr& left, const Expr& right) { return postfix({&left, &right}, EFI_IFR_OR_OP); }
-Expr equal(const Expr& left, const Expr& right) { return postfix({&left, &right}, EFI_IFR_EQUAL_OP); }
-Expr notEqual(const Expr& left, const Expr& right) { return postfix({&left, &right}, EFI_IFR_NOT_EQUAL_OP); }
+Expr zero() { return single(EFI_IFR_ZERO_OP); }
+Expr one() { return single(EFI_IFR_ONE_OP); }
+Expr ones() { return single(EFI_IFR_ONES_OP); }
+Expr undefined() { return single(EFI_IFR_UNDEFINED_OP); }
+
+Expr Not(const Expr& operand) { return postfix(EFI_IFR_NOT_OP, {operand}); }
+Expr bitwiseNot(const Expr& operand) { return postfix(EFI_IFR_BITWISE_NOT_OP, {operand}); }
+Expr toBoolean(const Expr& operand) { return postfix(EFI_IFR_TO_BOOLEAN_OP, {operand}); }
+Expr toUint(const Expr& operand) { return postfix(EFI_IFR_TO_UINT_OP, {operand}); }
+Expr dup(const Expr& operand) { return postfix(EFI_IFR_DUP_OP, {operand}); }
+
+Expr And(const Expr& left, const Expr& right) { return postfix(EFI_IFR_AND_OP, {left, right}); }
+Expr Or(const Expr& left, const Expr& right) { return postfix(EFI_IFR_OR_OP, {left, right}); }
+Expr equal(const Expr& left, const Expr& right) { return postfix(EFI_IFR_EQUAL_OP, {left, right}); }
+Expr notEqual(const Expr& left, const Expr& right) { return postfix(EFI_IFR_NOT_EQUAL_OP, {left, right}); }
+Expr greaterThan(const Expr& left, const Expr& right) { return postfix(EFI_IFR_GREATER_THAN_OP, {left, right}); }
+Expr greaterEqual(const Expr& left, const Expr& right) { return postfix(EFI_IFR_GREATER_EQUAL_OP, {left, right}); }
+Expr lessThan(const Expr& left, const Expr& right) { return postfix(EFI_IFR_LESS_THAN_OP, {left, right}); }
+Expr lessEqual(const Expr& left, const Expr& right) { return postfix(EFI_IFR_LESS_EQUAL_OP, {left, right}); }
+Expr bitwiseAnd(const Expr& left, const Expr& right) { return postfix(EFI_IFR_BITWISE_AND_OP, {left, right}); }
+Expr bitwiseOr(const Expr& left, const Expr& right) { return postfix(EFI_IFR_BITWISE_OR_OP, {left, right}); }
+Expr add(const Expr& left, const Expr& right) { return postfix(EFI_IFR_ADD_OP, {left, right}); }
+Expr subtract(const Expr& left, const Expr& right) { return postfix(EFI_IFR_SUBTRACT_OP, {left, right}); }
+Expr multiply(const Expr& left, const Expr& right) { return postfix(EFI_IFR_MULTIPLY_OP, {left, right}); }
+Expr divide(const Expr& left, const Expr& right) { return postfix(EFI_IFR_DIVIDE_OP, {left, right}); }
+Expr modulo(const Expr& left, const Expr& right) { return postfix(EFI_IFR_MODULO_OP, {left, right}); }
+Expr shiftLeft(const Expr& left, const Expr& right) { return postfix(EFI_IFR_SHIFT_LEFT_OP, {left, right}); }
+Expr shiftRight(const Expr& left, const Expr& right) { return postfix(EFI_IFR_SHIFT_RIGHT_OP, {left, right}); }
 
 Expr questionRef(UINT16 questionId) {
   Bytes f;

@@ -118,8 +118,38 @@ Expr uint8(UINT8 value);
 Expr uint16(UINT16 value);
 Expr uint32(UINT32 value);
 Expr uint64(UINT64 value);
+Expr zero();       // EFI_IFR_ZERO: 0 as an 8-bit number
+Expr one();        // EFI_IFR_ONE: 1 as an 8-bit number
+Expr ones();       // EFI_IFR_ONES: all 64 bits set
+Expr undefined();  // EFI_IFR_UNDEFINED
+// Unary operators.
+Expr bitwiseNot(const Expr& operand);
+Expr toBoolean(const Expr& operand);
+Expr toUint(const Expr& operand);
+// EFI_IFR_DUP: the operand's value twice on the stack, for an operator
+// with two operands to follow, e.g. postfix(EFI_IFR_ADD_OP, {dup(x)}).
+Expr dup(const Expr& operand);
+// Comparisons: left <op> right.
 Expr equal(const Expr& left, const Expr& right);
 Expr notEqual(const Expr& left, const Expr& right);
+Expr greaterThan(const Expr& left, const Expr& right);
+Expr greaterEqual(const Expr& left, const Expr& right);
+Expr lessThan(const Expr& left, const Expr& right);
+Expr lessEqual(const Expr& left, const Expr& right);
+// Arithmetic and bit operators: left <op> right (right is the divisor or
+// the shift count).
+Expr bitwiseAnd(const Expr& left, const Expr& right);
+Expr bitwiseOr(const Expr& left, const Expr& right);
+Expr add(const Expr& left, const Expr& right);
+Expr subtract(const Expr& left, const Expr& right);
+Expr multiply(const Expr& left, const Expr& right);
+Expr divide(const Expr& left, const Expr& right);
+Expr modulo(const Expr& left, const Expr& right);
+Expr shiftLeft(const Expr& left, const Expr& right);
+Expr shiftRight(const Expr& left, const Expr& right);
+// Any operator without fields after its operands (for sequences the named
+// functions do not build).
+Expr postfix(UINT8 opcode, std::initializer_list<Expr> operands);
 
 // ---------------------------------------------------------------- questions
 

@@ -1,9 +1,11 @@
 // The sample device: ExtractConfig and RouteConfig over a buffer store and an EFI variable store, Progress
-// positions, atomic routing, pool results, and the device's HII registration.
+// positions, atomic routing, pool results, default configurations from the device's forms, and the device's HII
+// registration.
 #include <gtest/gtest.h>
 
 #include "host/devices/device.h"
 #include "host/hii/config_string.h"
+#include "host/ifr/ifr_builder.h"
 #include "tests/host/hii/hii_test_support.h"
 
 namespace hii = tvl::host::hii;
@@ -69,6 +71,59 @@ TEST_F(DeviceTest, ExtractAnswersWholeStoresOrTheRequestedFields) {
     EXPECT_EQ(results_, request.substr(0, request.find(u"&OFFSET")) + blocks);
     EXPECT_EQ(progress_, request.size());
   }
+}
+
+// Two form sets on the device's stores, one of them also on a store of the same GUID and another name. Their
+// defaults follow each whole store, one section per default store, fields by offset.
+TEST_F(DeviceTest, WholeStoresComeWithTheirDefaultConfigurations) {
+  namespace ifr = tvl::host::ifr;
+  using ifr::Width;
+  ifr::FormSetBuilder main(guidNumber(1), 1, 1), extra(guidNumber(2), 1, 1);
+  main.varStore(1, kBufferGuid, "Setup", 16)
+      .efiVarStore(2, kVariableGuid, "NicCfg", 4, EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS)
+      .varStore(3, kBufferGuid, "Other", 4)
+      .defaultStore(5, 1);
+  main.form(1, 1)
+      .oneOf(ifr::OneOf(1, 1, 1).store(1, 0).option(1, 1).option(1, 2, EFI_IFR_OPTION_DEFAULT)
+                 .option(1, 3, EFI_IFR_OPTION_DEFAULT_MFG))
+      .numeric(ifr::Numeric(2, 1, 1, Width::U16).store(1, 2).defaultValue(0x1234).defaultValue(0x5678, 5))
+      .checkbox(ifr::Checkbox(3, 1, 1).store(1, 4).defaultOn())
+      .oneOf(ifr::OneOf(4, 1, 1).store(1, 6).option(1, 7, EFI_IFR_OPTION_DEFAULT).defaultValue(8))  // record wins
+      .numeric(ifr::Numeric(5, 1, 1, Width::U32).store(1, 8).defaultExpression(ifr::number(4)))     // left out
+      .orderedList(ifr::OrderedList(6, 1, 1, Width::U8, 3).store(1, 12).option(1, 1).option(1, 2).option(1, 3)
+                       .defaultValue({3, 1, 2}))
+      .numeric(ifr::Numeric(7, 1, 1).store(3, 0).defaultValue(9))                // the other name
+      .numeric(ifr::Numeric(8, 1, 1).store(2, 1).defaultValue(0x44, 1))          // the variable store
+      .numeric(ifr::Numeric(9, 1, 1, Width::U16).store(1, 15).defaultValue(1));  // past the end of the store
+  extra.varStore(4, kBufferGuid, "Setup", 16).defaultStore(6, 1);
+  extra.form(1, 1).numeric(ifr::Numeric(1, 1, 1).store(4, 14).defaultValue(0x11).defaultValue(0xee, 6));
+  device_->addPackageList(hii::buildPackageList(guidNumber(3), {main.package(), extra.package()}));
+
+  auto alt = [](const std::u16string& hdr, const char16_t* id, const std::u16string& blocks) {
+    return u"&" + hdr + u"&ALTCFG=" + id + blocks;
+  };
+  const std::u16string bufferDefaults =
+      u"&OFFSET=0000&WIDTH=0010&VALUE=0f0e0d0c0b0a09080706050403020100" +
+      alt(bufferHdr_, u"0000",
+          u"&OFFSET=0000&WIDTH=0001&VALUE=02&OFFSET=0002&WIDTH=0002&VALUE=1234&OFFSET=0004&WIDTH=0001&VALUE=01"
+          u"&OFFSET=0006&WIDTH=0001&VALUE=08&OFFSET=000c&WIDTH=0003&VALUE=020103&OFFSET=000e&WIDTH=0001&VALUE=11") +
+      alt(bufferHdr_, u"0001", u"&OFFSET=0000&WIDTH=0001&VALUE=03&OFFSET=0004&WIDTH=0001&VALUE=00") +
+      alt(bufferHdr_, u"0005", u"&OFFSET=0002&WIDTH=0002&VALUE=5678") +
+      alt(bufferHdr_, u"0006", u"&OFFSET=000e&WIDTH=0001&VALUE=ee");
+  ASSERT_EQ(extract(nullptr, results_, progress_), EFI_SUCCESS);
+  EXPECT_EQ(hii::toAscii(results_),
+            hii::toAscii(bufferHdr_ + bufferDefaults + u"&" + variableHdr_ + u"&OFFSET=0000&WIDTH=0004&VALUE=ddccbbaa" +
+                         alt(variableHdr_, u"0000", u"") +
+                         alt(variableHdr_, u"0001", u"&OFFSET=0001&WIDTH=0001&VALUE=44") +
+                         alt(variableHdr_, u"0005", u"")));
+
+  // A header alone: that store with its defaults, under the header as the request wrote it.
+  std::u16string upper = bufferHdr_;
+  for (char16_t& c : upper) c = c >= u'a' && c <= u'f' ? char16_t(c - u'a' + u'A') : c;
+  ASSERT_EQ(extract(&upper, results_, progress_), EFI_SUCCESS);
+  std::u16string expected = upper + bufferDefaults;
+  for (size_t at = 0; (at = expected.find(bufferHdr_, at)) != std::u16string::npos;) expected.replace(at, bufferHdr_.size(), upper);
+  EXPECT_EQ(hii::toAscii(results_), hii::toAscii(expected));
 }
 
 TEST_F(DeviceTest, RoutedValuesReachBothStores) {

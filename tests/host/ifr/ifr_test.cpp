@@ -123,6 +123,21 @@ TEST(IfrBuilder, OpcodesMatchHandEncodedBytes) {
        },
        "40 04 10 00 43 04 34 12 2f 02 | 40 04 01 00 42 03 ab 30 02 | 44 06 04 03 02 01 | "
        "45 0a 08 07 06 05 04 03 02 01 | 45 0a 01 00 00 00 00 00 00 00"},
+      {"ordering and arithmetic operators after both operands", [] {
+         const ifr::Expr l = ifr::zero(), r = ifr::one();
+         return codes({ifr::greaterThan(l, r), ifr::greaterEqual(l, r), ifr::lessThan(l, r), ifr::lessEqual(l, r),
+                       ifr::bitwiseAnd(l, r), ifr::bitwiseOr(l, r), ifr::shiftLeft(l, r), ifr::shiftRight(l, r),
+                       ifr::add(l, r), ifr::subtract(l, r), ifr::multiply(l, r), ifr::divide(l, r),
+                       ifr::modulo(l, r)});
+       },
+       "52 02 53 02 31 02 | 52 02 53 02 32 02 | 52 02 53 02 33 02 | 52 02 53 02 34 02 | 52 02 53 02 35 02 | "
+       "52 02 53 02 36 02 | 52 02 53 02 38 02 | 52 02 53 02 39 02 | 52 02 53 02 3a 02 | 52 02 53 02 3b 02 | "
+       "52 02 53 02 3c 02 | 52 02 53 02 3d 02 | 52 02 53 02 3e 02"},
+      {"unary operators, dup and constants without fields", [] {
+         return codes({ifr::toBoolean(ifr::bitwiseNot(ifr::undefined())), ifr::toUint(ifr::ones()),
+                       ifr::postfix(EFI_IFR_SUBTRACT_OP, {ifr::dup(ifr::questionRef(7))})});
+       },
+       "55 02 37 02 4a 02 | 54 02 48 02 | 40 04 07 00 57 02 3b 02"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -72,6 +72,8 @@ std::vector<MalformedCase> malformedCases() {
        h + 2, "too few operands"},
       {"expression leaving two values", cat({head, suppressIf(), kTrue, kTrue, kText, kEnd, kEnd, kEnd}), h + 2,
        "leaves 2 values"},
+      {"undefined values still take their stack entries",
+       cat({head, suppressIf(), ifr::dup(ifr::undefined()).code(), kText, kEnd, kEnd, kEnd}), h + 2, "leaves 2 values"},
       {"class GUID count beyond the opcode",
        cat({op(EFI_IFR_FORM_SET_OP, true, cat({guidBytes(kFormSetGuid), {1, 0, 1, 0, 3}})), kEnd}), 0,
        "class GUIDs"},

@@ -1,6 +1,7 @@
-// Current values: read through the device's configuration access and EFI
-// variables, seen again after RouteConfig or SetVariable, left zero when
-// the driver cannot give them; DestroyFormSets gives everything back.
+// Current values: read through the device's configuration access (not from
+// the default configurations that follow them) and EFI variables, seen
+// again after RouteConfig or SetVariable, left zero when the driver cannot
+// give them; DestroyFormSets gives everything back.
 #include <gtest/gtest.h>
 
 #include "forms_support.h"
@@ -25,6 +26,16 @@ TEST_F(FormsValuesTest, RouteConfigThenProcessFormsShowsTheNewValue) {
   // One ExtractConfig per buffer store, asking for the whole store.
   ASSERT_EQ(device->extractConfigCalls().size(), 1u);
   EXPECT_EQ(device->extractConfigCalls()[0].text, device->configHdr(kStoreGuid, u"Setup"));
+  // The answer held the default configurations after the current bytes, as configuration routing gives them
+  // (here the manufacturing one: one-of 3, checkbox off, numeric 200); none of them is a current value.
+  EFI_STRING at = nullptr, answer = nullptr;
+  ASSERT_EQ(device->configAccess()->ExtractConfig(device->configAccess(), device->extractConfigCalls()[0].text.c_str(),
+                                                  &at, &answer),
+            EFI_SUCCESS);
+  EXPECT_NE(std::u16string(answer).find(u"&ALTCFG=0001&OFFSET=0002&WIDTH=0002&VALUE=0003&OFFSET=0004&WIDTH=0001"
+                                        u"&VALUE=00&OFFSET=0008&WIDTH=0004&VALUE=000000c8&"),
+            std::u16string::npos);
+  bs()->FreePool(answer);
 
   const UINT8 oneOf[] = {3, 0}, numeric[] = {1, 0, 0xFE, 0xCA};
   std::u16string config =

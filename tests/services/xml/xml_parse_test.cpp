@@ -67,10 +67,14 @@ TEST_F(XmlParseTest, MalformedAndHostileTextsAreRefusedWithTheirPosition) {
       {"<a>x&#99999999999999999999;</a>", 1, 5, "not an allowed XML character"},
       {"<a>]]></a>", 1, 4, "']]>' is not allowed"},
       {"<a><!-- x</a>", 1, 4, "unclosed comment"},
+      {"<a><!-- x -- y --></a>", 1, 11, "'--' is not allowed inside a comment"},
+      {"<!-- x\n y --->\n<a/>", 2, 4, "'--' is not allowed inside a comment"},  // before the root, "--->"
       {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><a/>", 1, 31, "unsupported encoding"},
       {std::string("<a>\0</a>", 8), 1, 4, "NUL byte"},
       {"<a>\n\xc0\x80</a>", 2, 1, "invalid UTF-8"},
       {"<a>\xe2\x82</a>", 1, 4, "invalid UTF-8"},
+      {"<a>x\x80</a>", 1, 5, "invalid UTF-8"},                  // a continuation byte on its own
+      {"<a b=\"\xc3\xa9\xbf\"/>", 1, 9, "invalid UTF-8"},  // one too many after a complete sequence
       {"<a>\x01</a>", 1, 4, "U+0001 is not allowed"},
       {repeat("<a>", 257) + repeat("</a>", 257), 1, 769, "deeper than 256 levels"},
   };

@@ -1,0 +1,216 @@
+#include "host/devices/default_config.h"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+
+#include "host/hii/package_list.h"
+#include "host/ifr/ifr_dump.h"
+#include "uefi/ifr.h"
+#include "uefi/protocols.h"
+
+namespace tvl::host::devices {
+namespace {
+
+// Bounds-checked fields of one opcode, at byte offsets from its header;
+// a field past the opcode's end reads as zero.
+class OpFields {
+ public:
+  OpFields(const uint8_t* op, size_t length) : op_(op), length_(length) {}
+  bool has(size_t at, size_t n) const { return at <= length_ && n <= length_ - at; }
+  uint8_t u8(size_t at) const { return has(at, 1) ? op_[at] : 0; }
+  uint16_t u16(size_t at) const { return has(at, 2) ? uint16_t(op_[at] | (op_[at + 1] << 8)) : 0; }
+  EFI_GUID guid(size_t at) const {
+    EFI_GUID g{};
+    if (has(at, sizeof g)) std::memcpy(&g, op_ + at, sizeof g);
+    return g;
+  }
+  // The bytes from `at` to the opcode's end (none when `at` is past it).
+  std::vector<uint8_t> rest(size_t at) const {
+    return at < length_ ? std::vector<uint8_t>(op_ + at, op_ + length_) : std::vector<uint8_t>{};
+  }
+  // Whether the terminated ASCII text at `at` spells `name`.
+  bool asciiIs(size_t at, const std::u16string& name) const {
+    for (size_t i = 0; i < name.size(); ++i)
+      if (!has(at + i, 1) || op_[at + i] != name[i]) return false;
+    return u8(at + name.size()) == 0 && has(at + name.size(), 1);
+  }
+
+ private:
+  const uint8_t* op_;
+  size_t length_;
+};
+
+// Bytes of a number or boolean value of IFR type `type`; 0 for other types.
+size_t valueBytes(uint8_t type) {
+  if (type <= EFI_IFR_TYPE_NUM_SIZE_64) return size_t(1) << type;
+  return type == EFI_IFR_TYPE_BOOLEAN ? 1 : 0;
+}
+
+// Question header fields, after the 2-byte opcode header.
+constexpr size_t kVarStoreId = 8, kVarStoreInfo = 10, kAfterHeader = 13;
+
+// A question on the storage whose scope is still open.
+struct OpenQuestion {
+  uint8_t opcode = 0;
+  unsigned depth = 0;
+  uint16_t offset = 0;
+  size_t width = 0;  // an ordered list's is known from its first option
+  uint8_t containers = 0;
+  std::map<uint16_t, std::vector<uint8_t>> fromFlags, fromRecords;
+};
+
+class Walk {
+ public:
+  Walk(const EFI_GUID& guid, const std::u16string& name, std::vector<DefaultConfig>& out)
+      : guid_(guid), name_(name), out_(out) {}
+
+  void formsPackage(const uint8_t* ifr, size_t size) {
+    std::vector<ifr::OpInfo> ops;
+    if (!ifr::walkIfr(ifr, size, ops)) return;
+    for (const ifr::OpInfo& op : ops) visit(op, OpFields(ifr + op.offset, op.length));
+  }
+
+ private:
+  struct Entry {
+    uint16_t defaultId;
+    DefaultField field;
+  };
+
+  void visit(const ifr::OpInfo& op, const OpFields& f) {
+    switch (op.opcode) {
+      case EFI_IFR_FORM_SET_OP:
+        defaultIds_.clear(), storeIds_.clear(), entries_.clear(), questions_.clear();
+        break;
+      case EFI_IFR_DEFAULTSTORE_OP:
+        if (std::find(defaultIds_.begin(), defaultIds_.end(), f.u16(4)) == defaultIds_.end())
+          defaultIds_.push_back(f.u16(4));
+        break;
+      case EFI_IFR_VARSTORE_OP:  // Guid, VarStoreId, Size, Name
+        if (f.guid(2) == guid_ && f.asciiIs(22, name_)) storeIds_.push_back(f.u16(18));
+        break;
+      case EFI_IFR_VARSTORE_EFI_OP:  // VarStoreId, Guid, Attributes, Size, Name
+        if (f.guid(4) == guid_ && f.asciiIs(26, name_)) storeIds_.push_back(f.u16(2));
+        break;
+      case EFI_IFR_ONE_OF_OP:
+      case EFI_IFR_NUMERIC_OP:
+        openQuestion(op, f, size_t(1) << (f.u8(kAfterHeader) & EFI_IFR_NUMERIC_SIZE));
+        break;
+      case EFI_IFR_CHECKBOX_OP:
+        if (OpenQuestion* q = openQuestion(op, f, 1)) {
+          const uint8_t flags = f.u8(kAfterHeader);
+          q->fromFlags[EFI_HII_DEFAULT_CLASS_STANDARD] = {uint8_t(flags & EFI_IFR_CHECKBOX_DEFAULT ? 1 : 0)};
+          q->fromFlags[EFI_HII_DEFAULT_CLASS_MANUFACTURING] = {uint8_t(flags & EFI_IFR_CHECKBOX_DEFAULT_MFG ? 1 : 0)};
+        }
+        break;
+      case EFI_IFR_ORDERED_LIST_OP:
+        if (OpenQuestion* q = openQuestion(op, f, 0)) q->containers = f.u8(kAfterHeader);
+        break;
+      case EFI_IFR_ONE_OF_OPTION_OP:  // Option, Flags, Type, Value
+        if (!questions_.empty()) option(questions_.back(), f.u8(4), f.u8(5), f.rest(6));
+        break;
+      case EFI_IFR_DEFAULT_OP:  // DefaultId, Type, Value
+        if (!questions_.empty() && f.u8(4) != EFI_IFR_TYPE_OTHER) {
+          OpenQuestion& q = questions_.back();
+          q.fromRecords[f.u16(2)] = f.u8(4) == EFI_IFR_TYPE_BUFFER ? f.rest(5) : fit(f.rest(5), valueBytes(f.u8(4)));
+        }
+        break;
+      case EFI_IFR_END_OP:
+        if (!questions_.empty() && questions_.back().depth == op.depth) {
+          closeQuestion(questions_.back());
+          questions_.pop_back();
+        } else if (op.depth == 0) {
+          closeFormSet();
+        }
+        break;
+      default:
+        break;
+    }
+    // A question without scope has nothing nested: done at once.
+    if (opened_ && !op.scope) {
+      closeQuestion(questions_.back());
+      questions_.pop_back();
+    }
+    opened_ = false;
+  }
+
+  // A question on the storage; null for one elsewhere.
+  OpenQuestion* openQuestion(const ifr::OpInfo& op, const OpFields& f, size_t width) {
+    const uint16_t store = f.u16(kVarStoreId);
+    if (store == 0 || std::find(storeIds_.begin(), storeIds_.end(), store) == storeIds_.end()) return nullptr;
+    OpenQuestion q;
+    q.opcode = op.opcode;
+    q.depth = op.depth;
+    q.offset = f.u16(kVarStoreInfo);
+    q.width = width;
+    questions_.push_back(std::move(q));
+    opened_ = true;
+    return &questions_.back();
+  }
+
+  void option(OpenQuestion& q, uint8_t flags, uint8_t type, const std::vector<uint8_t>& value) {
+    if (q.opcode == EFI_IFR_ORDERED_LIST_OP && q.width == 0) q.width = valueBytes(type) * q.containers;
+    if (q.opcode != EFI_IFR_ONE_OF_OP) return;
+    const std::vector<uint8_t> bytes = fit(value, valueBytes(type));
+    if (flags & EFI_IFR_OPTION_DEFAULT) q.fromFlags[EFI_HII_DEFAULT_CLASS_STANDARD] = bytes;
+    if (flags & EFI_IFR_OPTION_DEFAULT_MFG) q.fromFlags[EFI_HII_DEFAULT_CLASS_MANUFACTURING] = bytes;
+  }
+
+  // `bytes` cut to `n`, or zero-extended to it.
+  static std::vector<uint8_t> fit(std::vector<uint8_t> bytes, size_t n) {
+    bytes.resize(n, 0);
+    return bytes;
+  }
+
+  void closeQuestion(const OpenQuestion& q) {
+    if (q.width == 0) return;
+    std::map<uint16_t, std::vector<uint8_t>> defaults = q.fromRecords;
+    defaults.insert(q.fromFlags.begin(), q.fromFlags.end());  // a record wins over a flag
+    for (const auto& [defaultId, value] : defaults) entries_.push_back({defaultId, {q.offset, fit(value, q.width)}});
+  }
+
+  void closeFormSet() {
+    if (storeIds_.empty()) return;
+    for (uint16_t defaultId : defaultIds_) {
+      auto config = std::find_if(out_.begin(), out_.end(),
+                                 [defaultId](const DefaultConfig& c) { return c.defaultId == defaultId; });
+      if (config == out_.end()) config = out_.insert(out_.end(), DefaultConfig{defaultId, {}});
+      for (const Entry& e : entries_) {
+        if (e.defaultId != defaultId) continue;
+        auto at = std::lower_bound(config->fields.begin(), config->fields.end(), e.field.offset,
+                                   [](const DefaultField& f, uint16_t offset) { return f.offset < offset; });
+        if (at != config->fields.end() && at->offset == e.field.offset)
+          *at = e.field;
+        else
+          config->fields.insert(at, e.field);
+      }
+    }
+  }
+
+  const EFI_GUID& guid_;
+  const std::u16string& name_;
+  std::vector<DefaultConfig>& out_;
+  std::vector<uint16_t> defaultIds_;
+  std::vector<uint16_t> storeIds_;
+  std::vector<Entry> entries_;
+  std::vector<OpenQuestion> questions_;
+  bool opened_ = false;  // by the opcode being visited
+};
+
+}  // namespace
+
+std::vector<DefaultConfig> defaultConfigs(const std::vector<std::vector<uint8_t>>& packageLists, const EFI_GUID& guid,
+                                          const std::u16string& name) {
+  std::vector<DefaultConfig> out;
+  Walk walk(guid, name, out);
+  for (const std::vector<uint8_t>& list : packageLists) {
+    hii::PackageListView view;
+    if (hii::parsePackageList(list.data(), list.size(), view) != EFI_SUCCESS) continue;
+    for (const hii::PackageView& package : view.packages)
+      if (package.type == EFI_HII_PACKAGE_FORMS)
+        walk.formsPackage(package.data + HII_PACKAGE_HEADER_SIZE, package.size - HII_PACKAGE_HEADER_SIZE);
+  }
+  return out;
+}
+
+}  // namespace tvl::host::devices
