@@ -115,7 +115,8 @@ class ChainIndex {
 EFI_STATUS ChainIndex::addCandidate(CommitOrder& order, Search& search, XML_NODE* node, UINTN* position) {
   UINTN record = 0;
   RETURN_IF_ERROR(order.recordOf(node, &record));
-  if (record == CommitOrder::kRejected) return EFI_SUCCESS;
+  // A candidate applied before this chain was indexed reads "0" by now.
+  if (record == CommitOrder::kRejected || !order.records_[record].alive) return EFI_SUCCESS;
   if (!search.add(order.records_[record].value, (*position)++, record)) return EFI_OUT_OF_RESOURCES;
   return EFI_SUCCESS;
 }

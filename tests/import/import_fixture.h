@@ -21,12 +21,13 @@ struct ImportOutcome {
 };
 
 class ImportTest : public DeviceExportTest {
- protected:
+ public:
   // A device of the given forms with one buffer store of 0x100 bytes.
   static host::sample::DeviceDescription device(const std::u16string& fqdd,
                                                 std::vector<host::sample::FormDescription> forms,
                                                 std::vector<std::string> languages = {"en-US", "x-UEFI"});
 
+ protected:
   // NodeToHii on the device; the request and the results go back to the
   // pool once read. `results` is the incoming root (kept by the caller).
   ImportOutcome import(const std::u16string& fqdd, XML_NODE* pending, XML_NODE* results = nullptr);
