@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "host/hii/config_string.h"
+#include "host/sample/sample_devices.h"
 #include "import/import_fixture.h"
 
 namespace {
@@ -352,5 +353,86 @@ TEST_F(CommitOrderTest, TwentyThousandItemsFitASmallStack) {
   EXPECT_EQ(platform().poolStats().outstanding, before + 1);
   bs()->FreePool(call.request);
 }
+
+}  // namespace
+
+namespace {
+
+// Each allocation of an import of the sample BIOS device failing in turn,
+// in eight shards (each takes every eighth attempt): a status of the
+// import, no leak, the kept form sets given back, and a pending document
+// whose items read their index or "0".
+class ImportSweepTest : public ImportTest, public ::testing::WithParamInterface<size_t> {};
+
+TEST_P(ImportSweepTest, EveryAllocationFailureEndsCleanly) {
+  constexpr size_t kShards = 8;
+  build();
+  log().setLevelMask(0);
+  const std::u16string kBiosFqdd = sample::kBiosFqdd;
+  auto docs = exportDevice(kBiosFqdd);
+  const std::vector<std::pair<const char*, const char*>> kItems = {
+      {"ProcCores", "12"}, {"MemTest", "true"}, {"AssetTag", "TAG&amp;1"}, {"MemOpMode", "FaultResilientMode"},
+      {"LogicalProc", "maybe"}, {"UefiBootSeq", nullptr}};
+  std::vector<XML_NODE*> pended;
+  for (size_t i = 0; i < kItems.size(); ++i) {
+    const auto& [name, value] = kItems[i];
+    pended.push_back(value ? pend(docs->current, name, value, std::to_string(i + 1).c_str())
+                           : commit(docs->current, name, std::to_string(i + 1).c_str()));
+  }
+  XML_NODE* uefiOrder = pended.back();
+  setAttribute(const_cast<XML_NODE*>(children(uefiOrder, "ValueStruct")[1]), "Enabled", "true");
+  setText(const_cast<XML_NODE*>(child(children(uefiOrder, "ValueStruct")[0], "Value")), "Disk.USBFront.1-1");
+
+  TOLVANE_PROTOCOL* self = converter();
+  EFI_HANDLE handle = sample().findDevice(kBiosFqdd)->handle();
+  auto& kept = global<HII_FORMSET_RECORD**>("mFormSetBuffer");
+  CHAR16* request = nullptr;
+  XML_NODE* results = nullptr;
+  auto run = [&] { return self->NodeToHii(self, handle, docs->current, &request, &results); };
+  auto cleanup = [&] {
+    if (request) bs()->FreePool(request);
+    if (results) sample().xml()->XML_FreeNode(sample().xml(), results);
+    request = nullptr;
+    results = nullptr;
+    for (size_t i = 0; i < pended.size(); ++i) setText(const_cast<XML_NODE*>(child(pended[i], "CommitIndex")), std::to_string(i + 1).c_str());
+  };
+  auto held = [&] { return platform().poolStats().outstanding + platform().poolStats().outstandingPages; };
+
+  const size_t start = platform().allocationAttempts();
+  ASSERT_EQ(run(), EFI_ABORTED);
+  ASSERT_EQ(operations(results).size(), 7u);  // the UEFI order and one of its checkboxes
+  const size_t attempts = platform().allocationAttempts() - start;
+  cleanup();
+  std::set<EFI_STATUS> seen;
+  for (size_t k = 1 + GetParam(); k <= attempts; k += kShards) {
+    const size_t before = held();
+    platform().failAllocation(k);
+    EFI_STATUS status = run();
+    platform().clearAllocationFaults();
+    seen.insert(status);
+    // Any other status is the export's, passed on before the first item.
+    if (status != EFI_SUCCESS && status != EFI_ABORTED && status != EFI_DEVICE_ERROR &&
+        status != EFI_OUT_OF_RESOURCES) {
+      EXPECT_TRUE(!request && !results && text(child(pended[0], "CommitIndex")) == "1") << k << statusName(status);
+    }
+    EXPECT_EQ(kept, nullptr) << k;
+    if (request) {
+      EXPECT_EQ(std::u16string(request).substr(0, 5), u"GUID=") << k;
+    }
+    if (results) {
+      EXPECT_EQ(serialise(results).substr(0, 15), "<ConfigResults>") << k;
+    }
+    for (size_t i = 0; i < pended.size(); ++i) {
+      std::string index = text(child(pended[i], "CommitIndex"));
+      EXPECT_TRUE(index == "0" || index == std::to_string(i + 1)) << k << " " << index;
+    }
+    EXPECT_FALSE(serialise(docs->current).empty()) << k;
+    cleanup();
+    ASSERT_EQ(held(), before) << "attempt " << k << " of " << attempts << " leaks";
+  }
+  EXPECT_GT(seen.count(EFI_OUT_OF_RESOURCES), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Shards, ImportSweepTest, ::testing::Range(size_t(0), size_t(8)));
 
 }  // namespace
