@@ -140,6 +140,9 @@ TEST_F(NodeToHiiTest, UnmatchedItemsArePassedOver) {
       {"ValuesSubtitle", [](ImportTest&, XML_NODE*) {}},                      // not writable
       {"Count", [](ImportTest& t, XML_NODE* i) { t.setText(i->children, "Unknown"); }},  // not in the device
       {"Count", [](ImportTest& t, XML_NODE* i) { t.setText(i->children, nullptr); }},    // no name
+      {"Count", [](ImportTest& t, XML_NODE* i) {  // a partition the device does not have
+         t.setAttribute(const_cast<XML_NODE*>(child(i, "BiosMapping")), "Type", "Partition");
+       }},
   };
   for (const auto& c : cases) {
     auto docs = exportDevice(kDevice);
@@ -271,6 +274,75 @@ TEST_F(NodeToHiiTest, BootSequenceEntriesSwitchTheirCheckboxes) {
       at = out.request.find("&OFFSET=", at + 1);
     }
     EXPECT_EQ(segments, c.request);
+  }
+}
+
+// The XML service keeps <Value/> (no contents) apart from <Value></Value>
+// (empty contents): the first passes the item over, the second reads as 0
+// or as a text that is neither "true" nor "false".
+TEST_F(NodeToHiiTest, AbsentAndEmptyValuesOfParsedDocuments) {
+  buildValues();
+  auto item = [](const char* type, const char* name, const char* index, const char* value) {
+    return std::string("<ConfigItem Type=\"") + type + "\"><Name>" + name + "</Name><CommitIndex>" + index +
+           "</CommitIndex><ValueStruct>" + value + "</ValueStruct></ConfigItem>";
+  };
+  auto pending = parse("<ConfigData><ConfigDataEntry><FormSet><Form>" + item("Integer", "Count", "1", "<Value/>") +
+                       item("Integer", "Locked", "2", "<Value></Value>") + item("Checkbox", "Flag", "3", "<Value></Value>") +
+                       item("Checkbox", "Hidden", "4", "<Value/>") + "</Form></FormSet></ConfigDataEntry></ConfigData>");
+  ImportOutcome out = import(kDevice, pending.get());
+  EXPECT_EQ(out.records, (std::vector<std::string>{"Locked:0>:Success:0", "Flag:false>:Failure:401"}));
+  EXPECT_EQ(out.status, EFI_ABORTED);
+}
+
+// Password items: SysPassword and SetupPassword belong to the password
+// entry and keep their indexes; the BIOS device's other password items are
+// visited and passed over, so their indexes are consumed.
+TEST_F(NodeToHiiTest, BiosPasswordItemsArePassedOver) {
+  build();
+  auto docs = exportDevice(kBios);
+  XML_NODE* setup = pend(docs->current, "SetupPassword", "secret", "1");
+  XML_NODE* copy = pend(docs->current, "OldSetupPassword", "secret", "1");
+  ImportOutcome out = import(kBios, docs->current);
+  EXPECT_EQ(out.status, EFI_SUCCESS);
+  EXPECT_TRUE(out.records.empty() && out.request.empty());
+  EXPECT_EQ(text(child(setup, "CommitIndex")), "1");
+  EXPECT_EQ(text(child(copy, "CommitIndex")), "0");
+}
+
+// Memory running out for an item's block name ends the call with the
+// results so far (passing the item over would leave no trace of it); for
+// the wide copy of the block name it ends the call without results, and a
+// results root the call made is freed (the leak check at the end sees it).
+TEST_F(NodeToHiiTest, OutOfMemoryForAnItemEndsTheCall) {
+  buildValues();
+  struct Trigger {
+    tvl::host::Platform* platform;
+    size_t attempt;
+    static VOID EFIAPI sink(VOID* context, UINTN, const CHAR8*, const CHAR16* line) {
+      auto* t = static_cast<Trigger*>(context);
+      if (narrow(line).find("trying to be set = Count") != std::string::npos) t->platform->failAllocation(t->attempt);
+    }
+  };
+  const struct {
+    size_t attempt;  // after the item's first trace: 1 the block name, 2 its wide copy
+    std::vector<std::string> records;
+  } cases[] = {{1, {"Flag:false>true:Success:0"}}, {2, {}}};
+  for (const auto& c : cases) {
+    auto docs = exportDevice(kDevice);
+    pend(docs->current, "Flag", "true", "1");
+    XML_NODE* count = pend(docs->current, "Count", "5", "2");
+    XML_NODE* later = pend(docs->current, "Label", "x", "3");
+    Trigger trigger{&platform(), c.attempt};
+    DEBUG_LOG_PROTOCOL* log = this->log().protocol();
+    ASSERT_EQ(log->RegisterSink(log, &Trigger::sink, &trigger), EFI_SUCCESS);
+    ImportOutcome out = import(kDevice, docs->current);
+    log->UnregisterSink(log, &Trigger::sink, &trigger);
+    platform().clearAllocationFaults();
+    EXPECT_EQ(out.status, EFI_OUT_OF_RESOURCES);
+    EXPECT_EQ(out.records, c.records);
+    EXPECT_NE(out.request.find("&OFFSET=0021&WIDTH=0001&VALUE=01"), std::string::npos);  // the caller's now
+    EXPECT_EQ(text(child(count, "CommitIndex")), "0");
+    EXPECT_EQ(text(child(later, "CommitIndex")), "3");
   }
 }
 
