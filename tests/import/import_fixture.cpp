@@ -8,15 +8,15 @@ namespace tvl::test {
 
 std::vector<std::string> operations(const XML_NODE* results) {
   std::vector<std::string> out;
-  for (const XML_NODE* op : children(results, "Operation")) {
-    std::string line = text(child(op, "Name")) + ":";
-    const XML_NODE* detail = child(op, "Detail");
-    std::string old, neu;
-    for (const XML_NODE* v : children(detail, "OldValue")) old += (old.empty() ? "" : "|") + text(v);
-    for (const XML_NODE* v : children(detail, "NewValue")) neu += (neu.empty() ? "" : "|") + text(v);
-    line += old + ">" + neu + ":" + text(child(op, "Status")) + ":" + text(child(op, "ErrorCode"));
-    out.push_back(line);
-  }
+  auto join = [](const XML_NODE* detail, const char* name) {
+    std::string values;
+    for (const XML_NODE* v : children(detail, name)) values += (values.empty() ? "" : "|") + text(v);
+    return values;
+  };
+  for (const XML_NODE* op : children(results, "Operation"))
+    out.push_back(text(child(op, "Name")) + ":" + join(child(op, "Detail"), "OldValue") + ">" +
+                  join(child(op, "Detail"), "NewValue") + ":" + text(child(op, "Status")) + ":" +
+                  text(child(op, "ErrorCode")));
   return out;
 }
 
@@ -26,18 +26,13 @@ host::sample::DeviceDescription ImportTest::device(const std::u16string& fqdd,
   host::sample::DeviceDescription d;
   d.fqdd = fqdd;
   d.description = u"import test device";
-  d.devicePath = host::hii::DevicePathBuilder()
-                     .vendorHardware({0x7c1d2e3f, 0x4a5b, 0x4c6d, {0x8e, 0x9f, 0x10, 0x21, 0x32, 0x43, 0x54, 0x65}})
-                     .build();
+  d.devicePath = host::hii::DevicePathBuilder().vendorHardware({0x7c1d2e3f, 0x4a5b, 0x4c6d, {8, 9, 1, 2, 3, 4, 5, 6}}).build();
   d.packageListGuid = {0x1a2b3c4d, 0x5e6f, 0x4071, {0x82, 0x93, 0xa4, 0xb5, 0xc6, 0xd7, 0xe8, 0xf9}};
   d.languages = std::move(languages);
   host::sample::FormSetDescription fs;
   fs.guid = {0x2b3c4d5e, 0x6f70, 0x4182, {0x93, 0xa4, 0xb5, 0xc6, 0xd7, 0xe8, 0xf9, 0x0a}};
-  fs.title = u"Import Test";
-  fs.keyword = u"ImportTest";
-  fs.helpText = u"Settings of the import tests.";
-  fs.varStores = {{1, {0x3c4d5e6f, 0x7081, 0x4293, {0xa4, 0xb5, 0xc6, 0xd7, 0xe8, 0xf9, 0x0a, 0x1b}}, "ImportStore",
-                   0x100, false, 0}};
+  fs.title = fs.keyword = fs.helpText = u"ImportTest";
+  fs.varStores = {{1, {0x3c4d5e6f, 0x7081, 0x4293, {0xa4, 0xb5, 0xc6, 0xd7, 0xe8, 0xf9, 0x0a, 0x1b}}, "Store", 0x100, false, 0}};
   fs.forms = std::move(forms);
   d.formSets = {fs};
   return d;
@@ -52,10 +47,9 @@ ImportOutcome ImportTest::import(const std::u16string& fqdd, XML_NODE* pending, 
   CHAR16* request = nullptr;
   XML_NODE* root = results;
   out.status = self->NodeToHii(self, d->handle(), pending, &request, &root);
-  for (const CHAR16* c = request; c && *c; ++c) out.request += char(*c);
+  out.request = narrow(request);
   if (request) bs()->FreePool(request);
   out.records = operations(root);
-  if (root) out.results = serialise(root);
   if (root && root != results) sample().xml()->XML_FreeNode(sample().xml(), root);
   return out;
 }
