@@ -60,7 +60,7 @@ class Vec {
 // Key behaviour of a HashMap: by address, or by the NUL-terminated text the
 // key points at (8-bit or UCS-2).
 struct ByAddress {
-  static UINT64 hash(const void* key) { return UINT64(UINTN(key)) * 0x9E3779B97F4A7C15ull; }
+  static UINT64 hash(const void* key) { return UINT64(UINTN(key)); }
   static bool equal(const void* a, const void* b) { return a == b; }
 };
 template <typename C>
@@ -100,7 +100,15 @@ class HashMap {
     const void* key;
     UINT64 value;
   };
-  UINTN slotOf(const void* key) const { return UINTN(Keys::hash(key) >> 20) & (capacity_ - 1); }
+  // The key's hash, mixed so that every bit of it reaches the low bits
+  // that pick the slot (short texts that differ in their last characters
+  // differ only in a few bits of a plain FNV hash).
+  UINTN slotOf(const void* key) const {
+    UINT64 h = Keys::hash(key);
+    h = (h ^ (h >> 33)) * 0xFF51AFD7ED558CCDull;
+    h = (h ^ (h >> 33)) * 0xC4CEB9FE1A85EC53ull;
+    return UINTN(h ^ (h >> 33)) & (capacity_ - 1);
+  }
   void place(const void* key, UINT64 value) {
     UINTN i = slotOf(key);
     while (slots_[i].key && !Keys::equal(slots_[i].key, key)) i = (i + 1) & (capacity_ - 1);
