@@ -92,10 +92,11 @@ struct Device::Impl {
     std::u16string text = hdr + hii::blockConfig(0, bytes.data(), bytes.size());
     std::vector<std::vector<uint8_t>> packageLists;
     for (EFI_HII_HANDLE list : lists) {
-      std::vector<uint8_t> exported;
-      if (hii.exportPackageLists(list, exported) == EFI_SUCCESS) packageLists.push_back(std::move(exported));
+      std::vector<uint8_t> exported;  // stays empty when the export fails, keeping the lists' indexes
+      if (hii.exportPackageLists(list, exported) != EFI_SUCCESS) exported.clear();
+      packageLists.push_back(std::move(exported));
     }
-    for (const DefaultConfig& config : defaultConfigs(packageLists, s.guid, s.name)) {
+    for (const DefaultConfig& config : defaultConfigs(packageLists, s.guid, s.name, evaluated)) {
       const uint8_t id[2] = {uint8_t(config.defaultId), uint8_t(config.defaultId >> 8)};
       text += u'&' + hdr + u"&ALTCFG=" + hii::valueDigits(id, 2);
       for (const DefaultField& f : config.fields)
@@ -203,6 +204,7 @@ struct Device::Impl {
   EFI_HANDLE handle = nullptr;
   std::vector<Storage> storages;
   std::vector<EFI_HII_HANDLE> lists;
+  std::vector<EvaluatedDefault> evaluated;
   std::vector<Call> extracts;
   std::vector<Call> routes;
   std::function<EFI_STATUS(const std::u16string&)> filter;
@@ -324,6 +326,8 @@ EFI_HII_HANDLE Device::addPackageList(const std::vector<uint8_t>& packageList) {
 }
 
 const std::vector<EFI_HII_HANDLE>& Device::packageLists() const { return impl_->lists; }
+void Device::setEvaluatedDefaults(std::vector<EvaluatedDefault> evaluated) { impl_->evaluated = std::move(evaluated); }
+
 const std::vector<Device::Call>& Device::extractConfigCalls() const { return impl_->extracts; }
 const std::vector<Device::Call>& Device::routeConfigCalls() const { return impl_->routes; }
 

@@ -587,7 +587,8 @@ TEST(CliTest, ExportRefusesWrongArgumentsBeforeExporting) {
       {{"export", "--device", bios, "--verbose"}, "unknown option '--verbose'"},
       {{"export", "--device", bios, "--possible", "--current"}, "--possible or --current, not both"},
       {{"export", "--device", "NIC.Integrated.9-9-9"}, "no device with FQDD 'NIC.Integrated.9-9-9'"},
-      {{"export"}, "name the device with --device FQDD; known devices: BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"},
+      {{"export"}, "name the device with --device FQDD, or give -o DIR to export every device into DIR; known devices: "
+                   "BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"},
       {{"export", "--device", bios, "--trace", "verbose"}, "--trace: 'verbose' is neither a hexadecimal mask"},
       {{"export", "--device", bios, "--trace", "failure,,progress"}, "--trace: 'failure,,progress' is neither"},
       {{"export", "--device", bios, "--trace", "0x1ffffffffffffffff"}, "is neither a hexadecimal mask"},

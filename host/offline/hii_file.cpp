@@ -1,13 +1,19 @@
-#include "tools/hii_file.h"
+#include "host/offline/hii_file.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "host/hii/device_path.h"
 #include "host/hii/string_package.h"
-#include "tools/cli.h"
 
-namespace tvl::cli {
+namespace tvl::host::offline {
 namespace {
+
+std::string hex(UINT64 value, int digits) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "0x%0*llx", digits, static_cast<unsigned long long>(value));
+  return buf;
+}
 
 constexpr size_t kListHeader = sizeof(EFI_HII_PACKAGE_LIST_HEADER);
 constexpr size_t kPackageHeader = 4;
@@ -114,4 +120,4 @@ bool scanPackageLists(const UINT8* data, size_t size, std::vector<FilePackageLis
   return true;
 }
 
-}  // namespace tvl::cli
+}  // namespace tvl::host::offline

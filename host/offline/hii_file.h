@@ -10,7 +10,7 @@
 
 #include "uefi/protocols.h"
 
-namespace tvl::cli {
+namespace tvl::host::offline {
 
 struct FilePackage {
   UINT8 type = 0;
@@ -47,4 +47,4 @@ bool scanPackageLists(const UINT8* data, size_t size, std::vector<FilePackageLis
 // "FORMS", "STRINGS", ... or "0x.." for a package type.
 std::string packageTypeName(UINT8 type);
 
-}  // namespace tvl::cli
+}  // namespace tvl::host::offline
