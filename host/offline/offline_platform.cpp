@@ -106,6 +106,8 @@ OfflinePlatform::~OfflinePlatform() { lists_.clear(); }
 
 void OfflinePlatform::addList(size_t index, const std::vector<uint8_t>& file) {
   OfflineList& list = lists_[index];
+  for (const FileFault& flaw : list.file.flaws)
+    warnings_.push_back(list.name(index) + ": at " + offsetText(flaw.offset) + ": " + flaw.message);
   list.devicePath = list.file.devicePath;
   if (list.devicePath.empty()) {
     const UINT32 number = UINT32(index + 1);
@@ -121,10 +123,12 @@ void OfflinePlatform::addList(size_t index, const std::vector<uint8_t>& file) {
   try {
     list.hiiHandle = list.device->addPackageList(bytes);
   } catch (const std::runtime_error& e) {
-    list.refusal = e.what();
-    list.device.reset();
-    warnings_.push_back(list.name(index) + " at " + offsetText(list.file.offset) + ": " + list.refusal +
+    warnings_.push_back(list.name(index) + " at " + offsetText(list.file.offset) + ": " + e.what() +
                         "; it is left out");
+    list.refusal = e.what();
+    for (const FileFault& flaw : list.file.flaws)
+      list.refusal += " (at " + offsetText(flaw.offset) + ": " + flaw.message + ")";
+    list.device.reset();
     return;
   }
   if (list.file.hasForms) startStores(list);

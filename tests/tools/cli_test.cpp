@@ -20,9 +20,11 @@
 #include "host/sample/sample_devices.h"
 #include "host/sample/sample_platform.h"
 #include "host/sample/sample_state.h"
+#include "tests/host/offline/dump_shapes.h"
 #include "tests/support/fixture.h"
 
 namespace sample = tvl::host::sample;
+namespace shapes = tvl::test::shapes;
 using tvl::host::hii::toAscii;
 
 namespace {
@@ -673,6 +675,147 @@ TEST(CliTest, ExportTraceLevelsSelectTheDriversLines) {
     EXPECT_EQ(("\n" + r.err).find("\nTolvaneInitialize: Entering\n") != std::string::npos, c.shown)
         << name << ": " << r.err;
   }
+}
+
+// ---------------------------------------------------------------- offline export
+// Every list of a dump in the shapes real firmware writes: listed when no
+// list is chosen, then each chosen by number either exports or fails with a
+// message that names it and the reason.
+TEST(CliTest, OfflineExportTakesEveryFormListOfAFirmwareDumpByNumber) {
+  Cli cli;
+  const shapes::DumpFile dump = shapes::firmwareDump();
+  cli.write("dump.hii", dump.bytes);
+  const std::string file = cli.path("dump.hii");
+  Outcome listing = cli.run({"export", "--hii", file, "--fqdd", "X"});
+  EXPECT_EQ(listing.exitCode, 2) << listing.err;
+  EXPECT_NE(listing.err.find("7 package lists hold forms; choose one with --package-list N:"), std::string::npos)
+      << listing.err;
+  EXPECT_NE(listing.err.find("\n  7: GUID FE561596-E6BF-41A6-8376-C72B719874D0, device path VenHw("), std::string::npos)
+      << listing.err;
+  EXPECT_NE(listing.err.find("form set \"Driver Health Configure\""), std::string::npos) << listing.err;
+  EXPECT_TRUE(listing.out.empty());
+  for (size_t i = 0; i < dump.lists.size(); ++i) {
+    const shapes::DumpedList& list = dump.lists[i];
+    const std::string number = std::to_string(i + 1), out = cli.path("list" + number + ".xml");
+    Outcome r = cli.run({"export", "--hii", file, "--fqdd", "Offline." + number, "--package-list", number, "-o", out});
+    if (!list.hasForms) {
+      EXPECT_EQ(r.exitCode, 2) << list.what;
+      EXPECT_NE(r.err.find("--package-list " + number + ": package list " + number + " (GUID "), std::string::npos)
+          << r.err;
+      EXPECT_NE(r.err.find("holds no forms"), std::string::npos) << r.err;
+    } else if (list.exports) {
+      EXPECT_EQ(r.exitCode, 0) << list.what << ": " << r.err;
+      EXPECT_NE(readAll(out).find("<ConfigDataEntry FQDD=\"Offline." + number + "\" Type=\"PossibleValues\">"),
+                std::string::npos)
+          << list.what;
+    } else {
+      EXPECT_EQ(r.exitCode, 1) << list.what;
+      EXPECT_NE(r.err.find("tolvane export: package list " + number + " (GUID "), std::string::npos) << r.err;
+      EXPECT_NE(r.err.find("with form set \"iPXE (52:54:00:12:34:56)\""), std::string::npos) << r.err;
+      EXPECT_NE(r.err.find("HiiToNode failed: EFI_NOT_FOUND: its strings are in \"en-us\", not in the exact "
+                           "\"en-US\" that an export needs"),
+                std::string::npos)
+          << r.err;
+      EXPECT_FALSE(std::ifstream(out).good());
+    }
+  }
+  const struct {
+    std::vector<std::string> args;
+    int exitCode;
+    std::string says;
+  } refusals[] = {
+      {{"--package-list", "0"}, 2, "--package-list 0: " + file + " holds package lists 1 to 9"},
+      {{"--package-list", "10"}, 2, "holds package lists 1 to 9"},
+      {{"--package-list", "2x"}, 2, "holds package lists 1 to 9"},
+      {{"--package-list", "2", "--device", "BIOS.InternalSetup.1-1"}, 2, "cannot be combined with --hii"},
+  };
+  for (const auto& c : refusals) {
+    std::vector<std::string> args = {"export", "--hii", file, "--fqdd", "X"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    Outcome r = cli.run(args);
+    EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+  }
+  Outcome noFqdd = cli.run({"export", "--hii", file, "--package-list", "2"});
+  EXPECT_EQ(noFqdd.exitCode, 2);
+  EXPECT_NE(noFqdd.err.find("--hii FILE needs --fqdd TEXT"), std::string::npos) << noFqdd.err;
+  Outcome fqddAlone = cli.run({"export", "--fqdd", "X"});
+  EXPECT_EQ(fqddAlone.exitCode, 2);
+  EXPECT_NE(fqddAlone.err.find("--fqdd goes with --hii FILE"), std::string::npos) << fqddAlone.err;
+}
+
+// What a sample device's ExtractConfig answers for every store (one line,
+// with the default configurations), on a sample platform built afresh.
+std::string extractAll(sample::SamplePlatform& sample, const std::u16string& fqdd) {
+  EFI_HII_CONFIG_ACCESS_PROTOCOL* access = sample.findDevice(fqdd)->device->configAccess();
+  EFI_STRING progress = nullptr, results = nullptr;
+  EXPECT_EQ(access->ExtractConfig(access, nullptr, &progress, &results), EFI_SUCCESS);
+  std::string line = results ? toAscii(reinterpret_cast<const char16_t*>(results)) : "";
+  if (results) sample.platform().bootServices()->FreePool(results);
+  return line;
+}
+
+// A sample device's package list and its stores as ExtractConfig answers
+// them give, offline, the same documents as the device itself.
+TEST(CliTest, OfflineExportOfASampleDeviceEqualsItsLiveExport) {
+  Cli cli;
+  sample::SamplePlatform sample;
+  for (const auto& d : sample::sampleDevices()) {
+    const std::string fqdd = toAscii(d.fqdd);
+    cli.write("config.txt", "# " + fqdd + "\n" + extractAll(sample, d.fqdd) + "\n");
+    ASSERT_EQ(cli.run({"export-hii", "--device", fqdd, "-o", cli.path("device.hii")}).exitCode, 0);
+    for (const char* kind : {"--possible", "--current"}) {
+      Outcome live = cli.run({"export", "--device", fqdd, kind});
+      Outcome offline = cli.run({"export", "--hii", cli.path("device.hii"), "--fqdd", fqdd, "--config",
+                                 cli.path("config.txt"), kind});
+      ASSERT_EQ(live.exitCode, 0) << fqdd << ": " << live.err;
+      EXPECT_EQ(offline.exitCode, 0) << fqdd << ": " << offline.err;
+      EXPECT_EQ(offline.out, live.out) << fqdd << " " << kind;
+    }
+  }
+}
+
+TEST(CliTest, OfflineConfigLinesAreRefusedWithTheirFileAndLine) {
+  Cli cli;
+  cli.write("platform.hii", shapes::platformConfigList());
+  const std::string hdr = toAscii(tvl::host::hii::configHdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore, {0x7f, 0xff, 0x04, 0x00}));
+  const struct {
+    std::string text;
+    std::string says;
+  } cases[] = {
+      {hdr + "&OFFSET=0&WIDTH=1&VALUE=1\n" + hdr + "&OFFSET=0&WIDTH=1\n", "config.txt: line 2, column "},
+      {"\n" + toAscii(tvl::host::hii::configHdr(shapes::kPlatformStoreGuid, u"Other", {0x7f, 0xff, 0x04, 0x00})) +
+           "&OFFSET=0&WIDTH=1&VALUE=1",
+       "config.txt: line 2: no store of the forms of package list 1"},
+  };
+  for (const auto& c : cases) {
+    cli.write("config.txt", c.text);
+    Outcome r = cli.run({"export", "--hii", cli.path("platform.hii"), "--fqdd", "X", "--config", cli.path("config.txt")});
+    EXPECT_EQ(r.exitCode, 2) << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    EXPECT_TRUE(r.out.empty()) << r.out;
+  }
+}
+
+// ---------------------------------------------------------------- every device
+TEST(CliTest, ExportWithoutDeviceWritesEveryDeviceIntoADirectory) {
+  Cli cli;
+  const std::string dir = cli.path("new/documents");
+  Outcome r = cli.run({"export", "-o", dir, "--current"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  for (const auto& d : sample::sampleDevices()) {
+    std::string name = toAscii(d.fqdd);
+    std::replace(name.begin(), name.end(), ':', '_');
+    const std::string document = readAll(dir + "/" + name + ".xml");
+    EXPECT_NE(document.find("<ConfigDataEntry FQDD=\"" + toAscii(d.fqdd) + "\" Type=\"CurrentValues\">"),
+              std::string::npos)
+        << name;
+    EXPECT_NE(r.out.find("bytes to " + dir + "/" + name + ".xml\n"), std::string::npos) << r.out;
+  }
+  cli.write("plain", std::string("not a directory"));
+  Outcome file = cli.run({"export", "-o", cli.path("plain")});
+  EXPECT_EQ(file.exitCode, 1);
+  EXPECT_NE(file.err.find("cannot make the directory " + cli.path("plain")), std::string::npos) << file.err;
 }
 
 }  // namespace
