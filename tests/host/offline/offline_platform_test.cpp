@@ -7,10 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 
 #include "host/hii/config_string.h"
 #include "host/hii/package_list.h"
 #include "host/ifr/ifr_dump.h"
+#include "export/records/records.h"
 #include "host/status.h"
 #include "tests/host/offline/dump_shapes.h"
 
@@ -167,6 +169,49 @@ TEST(OfflinePlatformTest, BadConfigLinesAreRefusedWithTheirLineNumberAndChangeNo
     }
     EXPECT_EQ(bufferStore(p), before) << c.says;
   }
+}
+
+// RouteConfig validates and writes the stores that ExtractConfig and the
+// forms processor read: the buffer on the device, the variable on the
+// platform.
+TEST(OfflinePlatformTest, RoutedConfigurationsReachWhatTheFormsProcessorReads) {
+  OfflinePlatform p(shapes::platformConfigList());
+  auto& device = *p.lists()[0].device;
+  EFI_HII_CONFIG_ACCESS_PROTOCOL* access = device.configAccess();
+  const std::u16string buffer = device.configHdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
+  const std::u16string variable = device.configHdr(shapes::kPlatformVariableGuid, shapes::kPlatformVariable);
+  const std::vector<uint8_t> before = bufferStore(p);
+  const struct {
+    std::u16string text;
+    EFI_STATUS status;
+  } cases[] = {
+      {buffer + u"&OFFSET=0010&WIDTH=0001&VALUE=01", EFI_INVALID_PARAMETER},  // past the store
+      {buffer + u"&OFFSET=0004&WIDTH=0001&VALUE=02", EFI_SUCCESS},
+      {variable + u"&OFFSET=0002&WIDTH=0002&VALUE=abcd", EFI_SUCCESS},
+  };
+  for (const auto& c : cases) {
+    EFI_STRING progress = nullptr;
+    EXPECT_EQ(access->RouteConfig(access, c.text.c_str(), &progress), c.status) << hii::toAscii(c.text);
+  }
+  std::vector<uint8_t> expected = before;
+  expected[4] = 2;
+  EXPECT_EQ(bufferStore(p), expected);
+  EXPECT_EQ(slice(variableStore(p), 2, 2), le(0xabcd, 2));
+
+  HII_FORMS_PROCESSOR2_PROTOCOL* processor = p.services().formsProcessor();
+  EFI_HII_HANDLE handle = p.lists()[0].hiiHandle;
+  UINTN count = 0;
+  HII_FORMSET_RECORD** sets = nullptr;
+  ASSERT_EQ(processor->ProcessForms(processor, &handle, 1, nullptr, &count, &sets), EFI_SUCCESS);
+  std::map<UINT16, UINT64> values;  // by question id
+  for (UINT64 s = 0; s < sets[0]->Forms[0]->StatementCount; ++s) {
+    const HII_STATEMENT_RECORD* statement = sets[0]->Forms[0]->Statements[s];
+    values[statement->QuestionId] = hiiValueNumber(statement->HiiValue, statement->StorageWidth);
+  }
+  processor->DestroyFormSets(processor, count, sets);
+  EXPECT_EQ(values[3], 2u);       // the fan speed, in the buffer
+  EXPECT_EQ(values[10], 0xabcdu);  // the boot delay, in the variable
+  EXPECT_EQ(values[2], 1024u);    // the computed default, untouched
 }
 
 // ---------------------------------------------------------------- files
