@@ -320,7 +320,8 @@ int exportFile(const Options& options, const ExportSettings& settings, std::ostr
   EFI_STATUS status = EFI_SUCCESS;
   const std::string document = exportDocument(services, converter, list.device->handle(), settings.kind, error, status);
   if (!error.empty())
-    failure(describeList(*offline, index) + ": " + error + (status == EFI_NOT_FOUND ? languageNote(*offline, index) : ""));
+    failure(describeList(*offline, index) + ": " + error +
+            (status == EFI_NOT_FOUND ? languageNote(*offline, index) : ""));
   writeDocument(settings.output, document, out);
   return kExitOk;
 }
@@ -347,7 +348,9 @@ int runExport(const std::vector<std::string>& args, std::ostream& out) {
   for (const char* option : {"--fqdd", "--package-list", "--config"})
     if (options.has(option) && !options.has("--hii")) badInput(std::string(option) + " goes with --hii FILE");
   ExportSettings settings;
-  settings.kind = options.has("--possible") ? Kind::Possible : options.has("--current") ? Kind::Current : Kind::Combined;
+  settings.kind = options.has("--possible")  ? Kind::Possible
+                  : options.has("--current") ? Kind::Current
+                                             : Kind::Combined;
   settings.output = options.has("-o") ? options.value("-o") : options.value("--output");
   settings.tracing = options.has("--trace");
   settings.mask = settings.tracing ? parseTraceLevels(options.value("--trace")) : 0;

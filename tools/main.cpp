@@ -113,7 +113,12 @@ constexpr const char* kStateHelp =
 
 void printUsage(std::ostream& out) {
   out << "usage: tolvane [--state FILE] <command> [options]\n\ncommands:\n";
-  for (const Command& c : kCommands) out << "  " << c.synopsis << "\n";
+  // A synopsis of several lines is indented for "usage: "; here by 2.
+  for (const Command& c : kCommands) {
+    std::string synopsis = c.synopsis;
+    for (size_t at = 0; (at = synopsis.find("\n       ", at)) != std::string::npos; ++at) synopsis.erase(at + 1, 5);
+    out << "  " << synopsis << "\n";
+  }
   out << "\n`tolvane <command> --help` describes a command.\n"
          "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input.\n\n"
       << kStateHelp;

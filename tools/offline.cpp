@@ -31,7 +31,8 @@ std::unique_ptr<OfflinePlatform> loadOffline(const std::string& file) {
   } catch (const std::runtime_error& e) {
     failure(e.what());
   }
-  for (const std::string& warning : offline->warnings()) std::cerr << "tolvane: warning: " << file << ": " << warning << "\n";
+  for (const std::string& warning : offline->warnings())
+    std::cerr << "tolvane: warning: " << file << ": " << warning << "\n";
   bool anyForms = false;
   for (const auto& list : offline->lists()) anyForms = anyForms || list.file.hasForms;
   if (!anyForms) badInput(file + ": no package list holds a FORMS package");

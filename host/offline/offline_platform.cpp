@@ -148,7 +148,8 @@ void OfflinePlatform::startStores(OfflineList& list) {
       const devices::StoreDeclaration& store = list.stores[i];
       std::vector<uint8_t> bytes(store.size, 0);
       for (const devices::DefaultField& f : devices::standardDefaults(forms, store.guid, store.name, evaluated))
-        if (f.offset + f.bytes.size() <= bytes.size()) std::memcpy(bytes.data() + f.offset, f.bytes.data(), f.bytes.size());
+        if (f.offset + f.bytes.size() <= bytes.size())
+          std::memcpy(bytes.data() + f.offset, f.bytes.data(), f.bytes.size());
       if (!declare) {
         list.device->setStorage(store.guid, store.name, bytes);
       } else if (!store.efiVariable) {
@@ -241,7 +242,8 @@ void OfflinePlatform::applyConfig(size_t index, const std::vector<ConfigEntry>& 
       if (s.guid == header.guid && s.name == header.name) store = &s;
     if (!store) {
       std::string known;
-      for (const devices::StoreDeclaration& s : list.stores) known += (known.empty() ? "" : ", ") + storeName(s.guid, s.name);
+      for (const devices::StoreDeclaration& s : list.stores)
+        known += (known.empty() ? "" : ", ") + storeName(s.guid, s.name);
       throw InputError("line " + std::to_string(entry.line) + ": no store of the forms of " + list.name(index) +
                        " is " + storeName(header.guid, header.name) +
                        (known.empty() ? std::string("; they declare none") : "; they declare " + known));
@@ -282,7 +284,8 @@ std::vector<FormSetSummary> OfflinePlatform::formSets(size_t index, std::string*
     for (const CHAR8* language : languages) {
       CHAR16 text[256] = {};
       UINTN size = sizeof text;
-      if (strings->GetString(strings, language, list.hiiHandle, set->FormSetTitle, text, &size, nullptr) == EFI_SUCCESS) {
+      if (strings->GetString(strings, language, list.hiiHandle, set->FormSetTitle, text, &size, nullptr) ==
+          EFI_SUCCESS) {
         summary.title = reinterpret_cast<const char16_t*>(text);
         break;
       }

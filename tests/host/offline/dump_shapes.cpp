@@ -15,7 +15,9 @@ using ifr::Width;
 constexpr UINT32 kNvBs = EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS;
 constexpr EFI_GUID kTianoGuid = EFI_IFR_TIANO_GUID;
 
-EFI_GUID guid(UINT32 n) { return EFI_GUID{0x51a0be00u + n, 0x6c3e, 0x4f27, {0xa8, 0x14, 0x0d, 0x93, 0x2e, 0x55, 0x7b, UINT8(n)}}; }
+EFI_GUID guid(UINT32 n) {
+  return EFI_GUID{0x51a0be00u + n, 0x6c3e, 0x4f27, {0xa8, 0x14, 0x0d, 0x93, 0x2e, 0x55, 0x7b, UINT8(n)}};
+}
 
 Bytes withDevicePath(Bytes list, const Bytes& path) {
   hii::PackageListView view;
@@ -87,7 +89,8 @@ Bytes keywordNamespaceList() {
   set.form(1, title)
       .string(ifr::String(1, t(u"iSCSI Initiator Name", u"iSCSIInitiatorName"), help, 4, 223).store(1, 0))
       .checkbox(ifr::Checkbox(2, t(u"Enable iSCSI", u"iSCSIEnable"), help).store(1, 6));
-  return withDevicePath(ifr::packageList(guid(5), set, strings), hii::DevicePathBuilder().vendorHardware(guid(6)).build());
+  return withDevicePath(ifr::packageList(guid(5), set, strings),
+                        hii::DevicePathBuilder().vendorHardware(guid(6)).build());
 }
 
 Bytes twoFormSetsList() {
@@ -194,15 +197,15 @@ DumpFile firmwareDump() {
     dump.bytes.insert(dump.bytes.end(), list.begin(), list.end());
     dump.lists.push_back(std::move(what));
   };
-  add(fontList(), {"fonts", false, false, 0});
-  add(platformConfigList(), {"platform configuration", true, true, 1});
-  add(sharedGuidList(1), {"file explorer 1", true, true, 1});
-  add(keywordNamespaceList(), {"x-UEFI-ns keywords", true, true, 1});
-  add(imageList(), {"images", false, false, 0});
-  add(twoFormSetsList(), {"two form sets", true, true, 2});
-  add(sharedGuidList(2), {"file explorer 2", true, true, 1});
-  add(lowerCaseList(), {"en-us strings", true, false, 1});
-  add(sharedGuidList(3), {"file explorer 3", true, true, 1});
+  add(fontList(), {"fonts", false, false});
+  add(platformConfigList(), {"platform configuration", true, true});
+  add(sharedGuidList(1), {"file explorer 1", true, true});
+  add(keywordNamespaceList(), {"x-UEFI-ns keywords", true, true});
+  add(imageList(), {"images", false, false});
+  add(twoFormSetsList(), {"two form sets", true, true});
+  add(sharedGuidList(2), {"file explorer 2", true, true});
+  add(lowerCaseList(), {"en-us strings", true, false});
+  add(sharedGuidList(3), {"file explorer 3", true, true});
   return dump;
 }
 

@@ -26,9 +26,12 @@ namespace tvl::test::shapes {
 using Bytes = std::vector<UINT8>;
 
 // The platform-configuration list's stores and its questions' offsets.
-inline constexpr EFI_GUID kPlatformGuid = {0x7235c51c, 0x0c80, 0x4cab, {0x87, 0xac, 0x3b, 0x08, 0x4a, 0x63, 0x04, 0xb1}};
-inline constexpr EFI_GUID kPlatformStoreGuid = {0xd9bc7de0, 0x1f27, 0x4d3c, {0x9a, 0x21, 0x5c, 0x3e, 0x70, 0x11, 0x9b, 0x42}};
-inline constexpr EFI_GUID kPlatformVariableGuid = {0x1e0c7a55, 0x3f6b, 0x4b18, {0x8d, 0x44, 0xa2, 0x9e, 0x0f, 0x61, 0x25, 0x7c}};
+inline constexpr EFI_GUID kPlatformGuid = {
+    0x7235c51c, 0x0c80, 0x4cab, {0x87, 0xac, 0x3b, 0x08, 0x4a, 0x63, 0x04, 0xb1}};
+inline constexpr EFI_GUID kPlatformStoreGuid = {
+    0xd9bc7de0, 0x1f27, 0x4d3c, {0x9a, 0x21, 0x5c, 0x3e, 0x70, 0x11, 0x9b, 0x42}};
+inline constexpr EFI_GUID kPlatformVariableGuid = {
+    0x1e0c7a55, 0x3f6b, 0x4b18, {0x8d, 0x44, 0xa2, 0x9e, 0x0f, 0x61, 0x25, 0x7c}};
 inline const char16_t kPlatformStore[] = u"MainFormState";    // buffer, 16 bytes
 inline const char16_t kPlatformVariable[] = u"PlatformFlags";  // EFI variable, 4 bytes
 constexpr UINT16 kPlatformStoreSize = 16;
@@ -50,7 +53,6 @@ struct DumpedList {
   std::string what;
   bool hasForms;
   bool exports;  // false: HiiToNode answers EFI_NOT_FOUND (no exact "en-US")
-  size_t formSets;
 };
 struct DumpFile {
   Bytes bytes;

@@ -1,7 +1,7 @@
 // The offline platform: stores that start from the forms' standard defaults
 // and take configuration lines, refusals of bad lines and of broken files
-// with their positions, driver handles and device paths of lists that share
-// a GUID, and exports of the package-list shapes that real firmware dumps.
+// with their positions, routed configurations, and the driver handles,
+// device paths and exports of lists that share a GUID.
 #include "host/offline/offline_platform.h"
 
 #include <gtest/gtest.h>
@@ -156,7 +156,8 @@ TEST(OfflinePlatformTest, BadConfigLinesAreRefusedWithTheirLineNumberAndChangeNo
        "D9BC7DE0-1F27-4D3C-9A21-5C3E70119B42), \"PlatformFlags\""},
       {good + hdr(shapes::kPlatformVariableGuid, shapes::kPlatformStore) + "&OFFSET=0&WIDTH=1&VALUE=1",
        "line 2: no store of the forms"},
-      {good + head + "&OFFSET=f&WIDTH=2&VALUE=1", "line 2: OFFSET 15 WIDTH 2 runs past the 16-byte store \"MainFormState\""},
+      {good + head + "&OFFSET=f&WIDTH=2&VALUE=1",
+       "line 2: OFFSET 15 WIDTH 2 runs past the 16-byte store \"MainFormState\""},
   };
   for (const auto& c : cases) {
     OfflinePlatform p(shapes::platformConfigList());
@@ -319,8 +320,8 @@ TEST(OfflinePlatformTest, ListsThatShareAGuidEachHaveADriverHandleAndDevicePathO
   for (size_t i = 1; i < 3; ++i) {
     EXPECT_TRUE(p.lists()[i].madeDevicePath);
     const std::string number = i == 1 ? "02000000" : "03000000";
-    EXPECT_EQ(hii::toAscii(p.devicePathText(i)), "VenHw(" + tvl::host::ifr::guidText(offline::kOfflineVendorGuid) + "," +
-                                                     number + ")");
+    EXPECT_EQ(hii::toAscii(p.devicePathText(i)),
+              "VenHw(" + tvl::host::ifr::guidText(offline::kOfflineVendorGuid) + "," + number + ")");
   }
   for (size_t i = 0; i < 3; ++i)
     for (size_t j = i + 1; j < 3; ++j) {
@@ -332,32 +333,6 @@ TEST(OfflinePlatformTest, ListsThatShareAGuidEachHaveADriverHandleAndDevicePathO
   EXPECT_EQ(second.status, EFI_SUCCESS) << tvl::host::statusName(second.status);
   EXPECT_EQ(second.fqdd, "FileExplorer.2");
   EXPECT_EQ(second.formSets, 1u);
-}
-
-// Every form-holding list of a dump in the shapes real firmware writes
-// either exports or fails with EFI_NOT_FOUND for want of exact "en-US"
-// strings; the lists without forms are kept but hold no stores.
-TEST(OfflinePlatformTest, EveryListOfAFirmwareDumpExportsOrIsRefusedForItsLanguage) {
-  const shapes::DumpFile dump = shapes::firmwareDump();
-  OfflinePlatform p(dump.bytes);
-  ASSERT_EQ(p.lists().size(), dump.lists.size());
-  EXPECT_TRUE(p.warnings().empty()) << p.warnings().front();
-  for (size_t i = 0; i < dump.lists.size(); ++i) {
-    const shapes::DumpedList& expected = dump.lists[i];
-    ASSERT_TRUE(p.lists()[i].device) << expected.what << ": " << p.lists()[i].refusal;
-    EXPECT_EQ(p.lists()[i].file.hasForms, expected.hasForms) << expected.what;
-    if (!expected.hasForms) continue;
-    std::string why;
-    EXPECT_EQ(p.formSets(i, &why).size(), expected.formSets) << expected.what << ": " << why;
-    const std::u16string fqdd = u"Offline.List." + hii::toUtf16(std::to_string(i + 1));
-    Export e = exportList(p, i, fqdd);
-    EXPECT_EQ(e.status, expected.exports ? EFI_SUCCESS : EFI_NOT_FOUND)
-        << expected.what << ": " << tvl::host::statusName(e.status);
-    if (expected.exports) {
-      EXPECT_EQ(e.fqdd, hii::toAscii(fqdd)) << expected.what;
-      EXPECT_EQ(e.formSets, expected.formSets) << expected.what;
-    }
-  }
 }
 
 }  // namespace
