@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -76,6 +77,11 @@ class Platform {
   void failAllocation(size_t k);       // the k-th attempt from now (1-based) fails
   void failAllocationsFrom(size_t k);  // the k-th attempt from now and every later one fail
   void clearAllocationFaults();
+  // Sees every pool block and page run as it is freed, with its size, before
+  // the pool overwrites it (tests look for secrets left in freed memory).
+  // An empty function removes the observer.
+  using FreeObserver = std::function<void(const void* block, size_t size)>;
+  void setFreeObserver(FreeObserver observer);
 
   // ---- images
   // Directory of the freestanding images (NAME.so); defaults to the

@@ -144,6 +144,7 @@ struct Platform::Impl {
   size_t failFrom = 0;                // 0: off
   PoolStats stats;
   std::vector<std::string> poolErrors;  // invalid frees and overruns, as text
+  Platform::FreeObserver freeObserver;
 
   // ---- handle database
   uint64_t nextSerial = 1;

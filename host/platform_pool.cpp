@@ -75,6 +75,7 @@ EFI_STATUS EFIAPI freePool(VOID* buffer) {
          << ") was written past its end; found when " << p.currentOwner() << " freed it";
     p.poolErrors.push_back(line.str());
   }
+  if (p.freeObserver) p.freeObserver(base, a.size);
   std::memset(base, kFreedFill, a.size + kGuardBytes);
   p.stats.frees++;
   p.stats.outstanding--;
@@ -123,6 +124,7 @@ EFI_STATUS EFIAPI freePages(EFI_PHYSICAL_ADDRESS memory, UINTN pages) {
     return EFI_NOT_FOUND;
   }
   void* run = reinterpret_cast<void*>(it->first);
+  if (p.freeObserver) p.freeObserver(run, pages * kPageSize);
   std::memset(run, kFreedFill, pages * kPageSize);
   p.stats.outstandingPages -= pages;
   p.pageRuns.erase(it);
@@ -195,6 +197,8 @@ void Platform::failAllocation(size_t k) {
 void Platform::failAllocationsFrom(size_t k) {
   if (k != 0) impl_->failFrom = impl_->attempts + k;
 }
+
+void Platform::setFreeObserver(FreeObserver observer) { impl_->freeObserver = std::move(observer); }
 
 void Platform::clearAllocationFaults() {
   impl_->failAt.clear();

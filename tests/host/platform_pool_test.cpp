@@ -2,6 +2,9 @@
 // leak check and sweep.
 #include <gtest/gtest-spi.h>
 
+#include <algorithm>
+#include <cstring>
+
 #include "tests/host/platform_test_util.h"
 
 namespace tvl::test {
@@ -114,6 +117,26 @@ TEST_F(PoolTest, Pages) {
   EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 0, &address), EFI_INVALID_PARAMETER);
   EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiConventionalMemory, 1, &address), EFI_INVALID_PARAMETER);
   markBaseline();  // the refused FreePages calls were deliberate
+}
+
+// The free observer sees each block with its contents before the pool's
+// fill, pool blocks and page runs alike, and nothing once removed.
+TEST_F(PoolTest, FreeObserverSeesBlocksBeforeTheyAreFilled) {
+  std::vector<std::pair<size_t, std::string>> seen;
+  platform().setFreeObserver([&](const void* block, size_t size) {
+    seen.emplace_back(size, std::string(static_cast<const char*>(block), std::min<size_t>(size, 6)));
+  });
+  char* text = static_cast<char*>(allocate(7));
+  std::memcpy(text, "secret", 7);
+  EXPECT_EQ(bs()->FreePool(text), EFI_SUCCESS);
+  EFI_PHYSICAL_ADDRESS pages = 0;
+  ASSERT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 2, &pages), EFI_SUCCESS);
+  std::memcpy(reinterpret_cast<void*>(pages), "paged!", 6);
+  EXPECT_EQ(bs()->FreePages(pages, 2), EFI_SUCCESS);
+  platform().setFreeObserver({});
+  EXPECT_EQ(bs()->FreePool(allocate(3)), EFI_SUCCESS);
+  const std::vector<std::pair<size_t, std::string>> expected = {{7, "secret"}, {8192, "paged!"}};
+  EXPECT_EQ(seen, expected);
 }
 
 TEST_F(PoolTest, LeakCheckSeesAllocationsSinceTheBaseline) {

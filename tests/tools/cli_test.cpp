@@ -178,7 +178,7 @@ TEST_F(CliInfoTest, InfoShowsRevisionSlotsAndBoundServices) {
   } services[] = {
       {"gLogProtocol", "bound"},          {"gHiiFormsProcessor2Protocol", "bound"},
       {"gHiiDatabase", "bound"},          {"XMLProtocol", "bound"},
-      {"HiiStringProtocol", "bound"},     {"gPassword2Protocol", "not bound"},
+      {"HiiStringProtocol", "bound"},     {"gPassword2Protocol", "bound"},
       {"gLegacyPasswordProtocol", "not bound"}, {"gDeviceLocationProtocol", "bound"},
   };
   for (const auto& s : services) {
@@ -450,10 +450,10 @@ bool exists(const std::string& path) { return std::ifstream(path).good(); }
 
 // The state file's BIOS setup store with its first byte (Boot Mode) set.
 std::string withBootMode(const std::string& state, UINT8 mode) {
-  std::vector<sample::StoreState> stores = sample::parseState(state);
-  for (auto& s : stores)
+  sample::SampleState parsed = sample::parseState(state);
+  for (auto& s : parsed.stores)
     if (s.name == "BiosSetup") s.bytes.at(0) = mode;
-  return sample::formatState(stores);
+  return sample::formatState(parsed);
 }
 
 TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
@@ -466,7 +466,7 @@ TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
   ASSERT_EQ(reset.exitCode, 0) << reset.err;
   EXPECT_EQ(reset.out, "restored the defaults of 9 stores of 5 devices in " + file + "\n");
   const std::string defaults = readAll(file);
-  ASSERT_EQ(sample::parseState(defaults).size(), 9u);
+  ASSERT_EQ(sample::parseState(defaults).stores.size(), 9u);
 
   // A stored BIOS boot mode shows, with the conditions that depend on it.
   cli.write("platform.state", withBootMode(defaults, 1));
@@ -481,6 +481,37 @@ TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
   EXPECT_EQ(readAll(file), defaults);
   bios = cli.run({"forms", "--device", "BIOS.InternalSetup.1-1"});
   EXPECT_NE(block(bios.out, "keyword \"BootMode").find("value: 0 (\"UEFI\")"), std::string::npos);
+}
+
+// The state file chooses the password services the platform loads; info
+// tells which one the driver bound.
+TEST(CliTest, InfoShowsThePasswordServiceTheStateFileChooses) {
+  Cli cli;
+  ASSERT_EQ(cli.run({"reset"}).exitCode, 0);
+  const std::string defaults = readAll(cli.path("platform.state"));
+  ASSERT_NE(defaults.find("\npasswords new\n"), std::string::npos) << defaults;
+  struct Case {
+    const char* services;
+    const char* bound;
+    bool legacyBound;
+  } cases[] = {
+      {"new", "PASSWORD2_PROTOCOL, the newer service", false},
+      {"legacy", "LEGACY_PASSWORD_PROTOCOL, the older service", true},
+      {"both", "PASSWORD2_PROTOCOL, the newer service", false},
+      {"none", "none bound", false},
+  };
+  for (const auto& c : cases) {
+    std::string state = defaults;
+    state.replace(state.find("passwords new"), 13, std::string("passwords ") + c.services);
+    cli.write("platform.state", state);
+    Outcome r = cli.run({"info"});
+    ASSERT_EQ(r.exitCode, 0) << c.services << ": " << r.err;
+    EXPECT_NE(r.out.find(std::string("Password service: ") + c.bound + " (the platform loads: " + c.services + ")\n"),
+              std::string::npos)
+        << r.out;
+    std::string legacy = block(r.out, "  gLegacyPasswordProtocol ");
+    EXPECT_EQ(legacy.find("not bound") == std::string::npos, c.legacyBound) << legacy;
+  }
 }
 
 TEST(CliTest, ADamagedStateFileIsRefusedUntilReset) {
