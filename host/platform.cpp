@@ -234,7 +234,7 @@ void Platform::Impl::setupTables() {
   bs.Hdr.Signature = EFI_BOOT_SERVICES_SIGNATURE;
   bs.Hdr.Revision = EFI_2_70_SYSTEM_TABLE_REVISION;
   bs.Hdr.HeaderSize = sizeof(EFI_BOOT_SERVICES);
-  fillPoolServices(bs);
+  fillPoolServices(bs, poolMode);
   fillHandleServices(bs);
   fillEventServices(bs);
   fillImageServices(bs);
@@ -277,8 +277,10 @@ void Platform::Impl::setupTables() {
   refreshSystemTableCrc(*this);
 }
 
-Platform::Platform() : impl_(std::make_unique<Impl>()) {
+Platform::Platform(PoolMode poolMode) : impl_(std::make_unique<Impl>()) {
   impl_->owner = this;
+  impl_->poolMode = poolMode;
+  if (poolMode == PoolMode::Lean) impl_->lean = std::make_unique<LeanPool>();
   impl_->previous = tCurrent;
   impl_->previousImpl = tCurrentImpl;
   tCurrent = this;

@@ -14,6 +14,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "host/lean_pool.h"
 #include "host/platform.h"
 
 namespace tvl::host {
@@ -136,7 +137,9 @@ struct Platform::Impl {
   EFI_HANDLE consoleHandle = nullptr;
 
   // ---- pool
-  std::unordered_map<void*, Allocation> allocations;
+  PoolMode poolMode = PoolMode::Checked;
+  std::unique_ptr<LeanPool> lean;  // the lean pool's memory (lean mode only)
+  std::unordered_map<void*, Allocation> allocations;  // checked mode only
   std::map<uintptr_t, PageRun> pageRuns;
   uint64_t nextSequence = 1;
   size_t attempts = 0;
@@ -211,7 +214,7 @@ struct Platform::Impl {
 Platform::Impl& activeImpl();
 
 // Table fillers, one per file.
-void fillPoolServices(EFI_BOOT_SERVICES& bs);
+void fillPoolServices(EFI_BOOT_SERVICES& bs, PoolMode mode);
 void fillHandleServices(EFI_BOOT_SERVICES& bs);
 void fillEventServices(EFI_BOOT_SERVICES& bs);
 void fillImageServices(EFI_BOOT_SERVICES& bs);

@@ -73,7 +73,7 @@ std::vector<SampleDevice*> selectDevices(SamplePlatform& sample, const std::stri
 
 int runDevices(const std::vector<std::string>& args, std::ostream& out) {
   Options options({}, args);
-  SamplePlatform sample;
+  SamplePlatform sample(poolMode());
   for (SampleDevice& d : sample.devices()) {
     Location l = locate(sample, d);
     out << utf8(l.fqdd) << "\n";
@@ -82,6 +82,7 @@ int runDevices(const std::vector<std::string>& args, std::ostream& out) {
     out << "  driver handle: " << handleName(sample.platform(), d.handle()) << "\n";
     out << "  package lists: " << d.packageLists().size() << "\n";
   }
+  checkPool(sample.platform());
   return kExitOk;
 }
 
@@ -90,7 +91,7 @@ int runExportHii(const std::vector<std::string>& args, std::ostream& out) {
   if (options.has("-o") && options.has("--output")) badInput("give the output file once, with -o or --output");
   std::string file = options.has("-o") ? options.value("-o") : options.value("--output");
   if (file.empty()) badInput("no output file: give -o FILE");
-  SamplePlatform sample;
+  SamplePlatform sample(poolMode());
   std::vector<UINT8> bytes;
   size_t lists = 0;
   for (SampleDevice* d : selectDevices(sample, options.value("--device"))) {
@@ -100,6 +101,7 @@ int runExportHii(const std::vector<std::string>& args, std::ostream& out) {
       ++lists;
     }
   }
+  checkPool(sample.platform());
   std::ofstream stream(file, std::ios::binary | std::ios::trunc);
   if (!stream) failure("cannot create " + file + ": " + std::strerror(errno));
   stream.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));

@@ -97,9 +97,10 @@ void deviceForms(SamplePlatform& sample, SampleDevice& device, FormsOutline& out
 }
 
 int sampleForms(const std::string& fqdd, std::ostream& out) {
-  SamplePlatform sample;
+  SamplePlatform sample(poolMode());
   FormsOutline outline(out, sample.hii().strings());
   for (SampleDevice* d : selectDevices(sample, fqdd)) deviceForms(sample, *d, outline, out);
+  checkPool(sample.platform());
   return kExitOk;
 }
 
@@ -118,7 +119,7 @@ std::vector<UINT8> readFile(const std::string& file) {
 // access).
 struct OfflinePlatform {
   std::vector<FilePackageList> lists;  // device paths installed below point here
-  host::Platform platform;
+  host::Platform platform{poolMode()};
   std::unique_ptr<host::hii::HiiDatabase> hii;
   std::vector<EFI_HII_HANDLE> handles;  // per list
 
@@ -196,6 +197,7 @@ int fileForms(const std::string& file, std::ostream& out) {
     outline.formSets(parsed[i]->count, parsed[i]->sets, 1);
   }
   parsed.clear();  // back to the forms processor before the platform goes
+  checkPool(offline->platform);
   return kExitOk;
 }
 

@@ -72,7 +72,7 @@ void printServices(std::ostream& out, host::Platform& platform, EFI_HANDLE drive
 
 int runInfo(const std::vector<std::string>& args, std::ostream& out) {
   Options options({}, args);
-  host::sample::SamplePlatform sample;
+  host::sample::SamplePlatform sample(poolMode());
   host::Platform& platform = sample.platform();
 
   EFI_HANDLE driver = nullptr;
@@ -95,6 +95,7 @@ int runInfo(const std::vector<std::string>& args, std::ostream& out) {
   if (!unsupported) failure("the driver image exports no UnsupportedOperation");
   printSlots(out, *record, unsupported);
   printServices(out, platform, driver);
+  checkPool(platform);
   return kExitOk;
 }
 

@@ -49,9 +49,16 @@ constexpr Command kCommands[] = {
 };
 
 void printUsage(std::ostream& out) {
-  out << "usage: tolvane <command> [options]\n\ncommands:\n";
+  out << "usage: tolvane [--checked-pool] <command> [options]\n\ncommands:\n";
   for (const Command& c : kCommands) out << "  " << c.synopsis << "\n";
-  out << "\n`tolvane <command> --help` describes a command.\n"
+  out << "\n"
+         "global options (before the command):\n"
+         "  --checked-pool  serve the platform's pool with the checked allocator the tests\n"
+         "                  use: a record per allocation, fill patterns and guard bytes.\n"
+         "                  Memory freed that was not allocated, or written past its end,\n"
+         "                  then fails the command (exit 1) with a report. Slower; the\n"
+         "                  default is a lean allocator that keeps counts only.\n"
+         "\n`tolvane <command> --help` describes a command.\n"
          "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input.\n";
 }
 
@@ -71,6 +78,16 @@ bool wantsHelp(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
+  // Global options come before the command.
+  while (!args.empty() && args[0].rfind("--", 0) == 0 && args[0] != "--help") {
+    if (args[0] != "--checked-pool") {
+      std::cerr << "tolvane: unknown global option '" << args[0] << "'\n\n";
+      printUsage(std::cerr);
+      return kExitBadInput;
+    }
+    tvl::cli::setPoolMode(tvl::host::PoolMode::Checked);
+    args.erase(args.begin());
+  }
   if (args.empty()) {
     printUsage(std::cerr);
     return kExitBadInput;

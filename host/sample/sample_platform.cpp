@@ -20,7 +20,8 @@ T* locateAs(Platform& platform, const EFI_GUID& guid) {
 
 std::string statusText(EFI_STATUS status) { return statusName(status); }
 
-SamplePlatform::SamplePlatform() : owned_(std::make_unique<Platform>()), platform_(owned_.get()) {
+SamplePlatform::SamplePlatform(PoolMode poolMode)
+    : owned_(std::make_unique<Platform>(poolMode)), platform_(owned_.get()) {
   build(sampleDevices());
 }
 
