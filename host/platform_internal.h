@@ -177,7 +177,15 @@ struct Platform::Impl {
 
   // ---- helpers shared between the files
   std::string currentOwner() const;
-  bool consumeAttempt();  // false when fault injection refuses this attempt
+  // Counts an allocation attempt; false when fault injection refuses it.
+  bool consumeAttempt() {
+    ++attempts;
+    return (failFrom == 0 && failAt.empty()) || !injectedFault(*this);
+  }
+  // Whether an armed fault refuses the attempt just counted. EFIAPI like
+  // the pool entry points that reach it, so that their fast paths call no
+  // System V code (which would make them save the XMM registers).
+  static bool EFIAPI injectedFault(Impl& p);
 
   Handle* findHandle(EFI_HANDLE h) const;
   Handle* newHandle();
@@ -211,7 +219,12 @@ struct Platform::Impl {
 };
 
 // The platform that boot-service calls act on (aborts when there is none).
-Platform::Impl& activeImpl();
+extern __thread Platform::Impl* tActiveImpl;
+[[noreturn]] void EFIAPI noActivePlatform();
+inline Platform::Impl& activeImpl() {
+  if (!tActiveImpl) noActivePlatform();
+  return *tActiveImpl;
+}
 
 // Table fillers, one per file.
 void fillPoolServices(EFI_BOOT_SERVICES& bs, PoolMode mode);

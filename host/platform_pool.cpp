@@ -34,7 +34,8 @@ bool guardIntact(const uint8_t* base, size_t size) {
   return true;
 }
 
-void refusedFree(Platform::Impl& p, VOID* buffer) {
+// EFIAPI: see Platform::Impl::injectedFault.
+void EFIAPI refusedFree(Platform::Impl& p, VOID* buffer) {
   p.stats.invalidFrees++;
   std::ostringstream line;
   line << "FreePool(" << buffer << ") by " << p.currentOwner() << ": not an outstanding pool allocation";
@@ -168,18 +169,11 @@ EFI_STATUS EFIAPI freePages(EFI_PHYSICAL_ADDRESS memory, UINTN pages) {
 
 }  // namespace
 
-bool Platform::Impl::consumeAttempt() {
-  ++attempts;
-  if (failFrom == 0 && failAt.empty()) return true;
-  bool fail = false;
-  auto it = failAt.find(attempts);
-  if (it != failAt.end()) {
-    failAt.erase(it);
-    fail = true;
-  }
-  if (failFrom != 0 && attempts >= failFrom) fail = true;
-  if (fail) stats.failedByInjection++;
-  return !fail;
+bool EFIAPI Platform::Impl::injectedFault(Impl& p) {
+  bool fail = p.failAt.erase(p.attempts) != 0;
+  if (p.failFrom != 0 && p.attempts >= p.failFrom) fail = true;
+  if (fail) p.stats.failedByInjection++;
+  return fail;
 }
 
 void fillPoolServices(EFI_BOOT_SERVICES& bs, PoolMode mode) {
