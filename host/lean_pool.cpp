@@ -29,16 +29,20 @@ bool LeanPool::addChunk(size_t atLeast) {
   return true;
 }
 
-// A large block: [size, 8 bytes][head][payload].
+// A large block: [size, 8 bytes][head][payload]; its range may be longer
+// than that when it is a spare block reused for a smaller request.
 void* EFIAPI LeanPool::allocateSlow(LeanPool* pool, size_t size) {
   if (size > kLargestClass) {
     if (size > SIZE_MAX - 2 * kHeadBytes) return nullptr;
-    auto* base = static_cast<uint8_t*>(std::calloc(1, 2 * kHeadBytes + size));
-    if (!base) return nullptr;
+    uint8_t* base = pool->takeSpare(size);
+    if (!base) {
+      base = static_cast<uint8_t*>(std::calloc(1, 2 * kHeadBytes + size));
+      if (!base) return nullptr;
+      auto start = reinterpret_cast<uintptr_t>(base);
+      pool->ranges_.emplace(start, Range{start + 2 * kHeadBytes + size, true});
+    }
     const uint64_t fullSize = size;
     std::memcpy(base, &fullSize, sizeof fullSize);
-    auto start = reinterpret_cast<uintptr_t>(base);
-    pool->ranges_.emplace(start, Range{start + 2 * kHeadBytes + size, true});
     return withHead(base + 2 * kHeadBytes, kLargeClass, 0);
   }
   // The newest chunk has no room left for this class: what remains of it
@@ -49,6 +53,26 @@ void* EFIAPI LeanPool::allocateSlow(LeanPool* pool, size_t size) {
   uint8_t* base = pool->fresh_;
   pool->fresh_ += footprint;
   return withHead(base + kHeadBytes, sizeClass, size);
+}
+
+// The smallest spare block that holds `size` bytes without wasting more
+// than half of itself, zero-filled, or null.
+uint8_t* LeanPool::takeSpare(size_t size) {
+  size_t best = kSpareBlocks;
+  size_t bestBytes = 0;
+  for (size_t i = 0; i < kSpareBlocks; ++i) {
+    if (spare_[i] == 0) continue;
+    const size_t bytes = ranges_.at(spare_[i]).end - spare_[i] - 2 * kHeadBytes;
+    if (bytes >= size && bytes / 2 <= size && (best == kSpareBlocks || bytes < bestBytes)) {
+      best = i;
+      bestBytes = bytes;
+    }
+  }
+  if (best == kSpareBlocks) return nullptr;
+  auto* base = reinterpret_cast<uint8_t*>(spare_[best]);
+  spare_[best] = 0;
+  std::memset(base + 2 * kHeadBytes, 0, size);
+  return base;
 }
 
 bool EFIAPI LeanPool::releaseSlow(LeanPool* pool, void* block, size_t* size) {
@@ -69,6 +93,13 @@ bool EFIAPI LeanPool::releaseSlow(LeanPool* pool, void* block, size_t* size) {
     uint64_t fullSize;
     std::memcpy(&fullSize, reinterpret_cast<void*>(range->first), sizeof fullSize);
     *size = size_t(fullSize);
+    for (uintptr_t& spare : pool->spare_) {
+      if (spare != 0) continue;
+      spare = range->first;
+      h.signature = kFreedSignature;
+      std::memcpy(headAddress(address), &h, sizeof h);
+      return true;
+    }
     std::free(reinterpret_cast<void*>(range->first));
     pool->ranges_.erase(range);
     return true;

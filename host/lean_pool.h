@@ -7,7 +7,10 @@
 // zero-filled.
 //
 // Blocks above the largest class come from the host allocator one by one
-// and are the only ones the pool lists (they are few and large).
+// and are the only ones the pool lists (they are few and large). A few of
+// them are kept when released, for later requests that fit them, so that a
+// large text built again and again does not return to the host (and come
+// back as fresh pages) every time.
 //
 // Release checks what it can cheaply: the address must be 8-byte aligned,
 // lie inside one of the pool's chunks or large blocks, and its head must
@@ -132,6 +135,7 @@ class LeanPool {
   static void* EFIAPI allocateSlow(LeanPool* pool, size_t size);
   static bool EFIAPI releaseSlow(LeanPool* pool, void* block, size_t* size);
   bool addChunk(size_t atLeast);
+  uint8_t* takeSpare(size_t size);
 
   // Free blocks of each class, linked through their first bytes.
   void* freeLists_[kClasses] = {};
@@ -144,6 +148,9 @@ class LeanPool {
   Span lastChunk_;
   // The chunks and the large blocks, by start address.
   std::map<uintptr_t, Range> ranges_;
+  // Released large blocks kept for reuse (their starts; 0: none).
+  static constexpr size_t kSpareBlocks = 4;
+  uintptr_t spare_[kSpareBlocks] = {};
 };
 
 }  // namespace tvl::host
