@@ -6,8 +6,8 @@
 // alignment the UEFI specification promises for pool memory, and come
 // zero-filled.
 //
-// Blocks above the largest class come from the host allocator one by one
-// and are the only ones the pool lists (they are few and large). A few of
+// Blocks above the largest class are host mappings of their own and the
+// only blocks the pool lists (they are few and large). A few of
 // them are kept when released, for later requests that fit them, so that a
 // large text built again and again does not return to the host (and come
 // back as fresh pages) every time.
@@ -49,6 +49,9 @@ class LeanPool {
       const uint32_t sizeClass = classOf(size);
       if (void* recycled = freeLists_[sizeClass]) {
         std::memcpy(&freeLists_[sizeClass], recycled, sizeof(void*));
+        // The next allocation of this class reads the block after this one
+        // from its first bytes: fetch it now rather than stall on it then.
+        __builtin_prefetch(freeLists_[sizeClass], 1);
         zero(recycled, size);
         return withHead(static_cast<uint8_t*>(recycled), sizeClass, size);
       }
@@ -103,6 +106,8 @@ class LeanPool {
   struct Range {
     uintptr_t end;
     bool large;
+    void* mapping;  // the host mapping that holds it
+    size_t mappingLength;
   };
 
   static uint32_t classOf(size_t size) {
@@ -134,6 +139,7 @@ class LeanPool {
 
   static void* EFIAPI allocateSlow(LeanPool* pool, size_t size);
   static bool EFIAPI releaseSlow(LeanPool* pool, void* block, size_t* size);
+  uintptr_t map(size_t bytes, bool large);  // 0 when the host refuses
   bool addChunk(size_t atLeast);
   uint8_t* takeSpare(size_t size);
 
