@@ -61,6 +61,15 @@ class Options {
   std::vector<std::pair<std::string, std::string>> given_;
 };
 
+// ---- the pool of the platforms the commands build: lean unless the
+// global option --checked-pool chose the checked one.
+host::PoolMode poolMode();
+void setPoolMode(host::PoolMode mode);
+// Called by each command when it is done with its platform: with the
+// checked pool, memory freed that was not allocated or written past its end
+// fails the command (exit 1) with the pool's report.
+void checkPool(const host::Platform& platform);
+
 // ---- commands: each returns its exit code; errors are thrown as Error.
 int runInfo(const std::vector<std::string>& args, std::ostream& out);
 int runDevices(const std::vector<std::string>& args, std::ostream& out);

@@ -95,10 +95,11 @@ void deviceForms(SamplePlatform& sample, SampleDevice& device, FormsOutline& out
 }
 
 int sampleForms(const std::string& fqdd, std::ostream& out) {
-  SamplePlatform sample;
+  SamplePlatform sample(poolMode());
   loadState(sample);
   FormsOutline outline(out, sample.hii().strings());
   for (SampleDevice* d : selectDevices(sample, fqdd)) deviceForms(sample, *d, outline, out);
+  checkPool(sample.platform());
   return kExitOk;
 }
 
@@ -154,6 +155,7 @@ int fileForms(const std::string& file, std::ostream& out) {
     outline.formSets(parsed[i]->count, parsed[i]->sets, 1);
   }
   parsed.clear();  // back to the forms processor before the platform goes
+  checkPool(offline->platform);
   return kExitOk;
 }
 

@@ -88,7 +88,7 @@ void printPasswordService(std::ostream& out, host::Platform& platform, EFI_HANDL
 
 int runInfo(const std::vector<std::string>& args, std::ostream& out) {
   Options options({}, args);
-  host::sample::SamplePlatform sample;
+  host::sample::SamplePlatform sample(poolMode());
   loadState(sample);
   host::Platform& platform = sample.platform();
 
@@ -113,6 +113,7 @@ int runInfo(const std::vector<std::string>& args, std::ostream& out) {
   printSlots(out, *record, unsupported);
   printServices(out, platform, driver);
   printPasswordService(out, platform, driver, sample.passwordServices());
+  checkPool(platform);
   return kExitOk;
 }
 

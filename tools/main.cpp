@@ -112,14 +112,21 @@ constexpr const char* kStateHelp =
     "refused (exit code 2) until `tolvane reset` replaces it.\n";
 
 void printUsage(std::ostream& out) {
-  out << "usage: tolvane [--state FILE] <command> [options]\n\ncommands:\n";
+  out << "usage: tolvane [--checked-pool] [--state FILE] <command> [options]\n\ncommands:\n";
   // A synopsis of several lines is indented for "usage: "; here by 2.
   for (const Command& c : kCommands) {
     std::string synopsis = c.synopsis;
     for (size_t at = 0; (at = synopsis.find("\n       ", at)) != std::string::npos; ++at) synopsis.erase(at + 1, 5);
     out << "  " << synopsis << "\n";
   }
-  out << "\n`tolvane <command> --help` describes a command.\n"
+  out << "\n"
+         "global options (before the command):\n"
+         "  --checked-pool  serve the platform's pool with the checked allocator the tests\n"
+         "                  use: a record per allocation, fill patterns and guard bytes.\n"
+         "                  Memory freed that was not allocated, or written past its end,\n"
+         "                  then fails the command (exit 1) with a report. Slower; the\n"
+         "                  default is a lean allocator that keeps counts only.\n"
+         "\n`tolvane <command> --help` describes a command.\n"
          "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input.\n\n"
       << kStateHelp;
 }
@@ -171,6 +178,16 @@ int main(int argc, char** argv) {
   } catch (const tvl::cli::Error& e) {
     std::cerr << "tolvane: " << e.what() << "\n";
     return e.code();
+  }
+  // The other global options come before the command.
+  while (!args.empty() && args[0].rfind("--", 0) == 0 && args[0] != "--help") {
+    if (args[0] != "--checked-pool") {
+      std::cerr << "tolvane: unknown global option '" << args[0] << "'\n\n";
+      printUsage(std::cerr);
+      return kExitBadInput;
+    }
+    tvl::cli::setPoolMode(tvl::host::PoolMode::Checked);
+    args.erase(args.begin());
   }
   if (args.empty()) {
     printUsage(std::cerr);

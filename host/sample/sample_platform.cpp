@@ -47,7 +47,8 @@ std::optional<PasswordServices> parsePasswordServices(const std::string& text) {
   return std::nullopt;
 }
 
-SamplePlatform::SamplePlatform() : owned_(std::make_unique<Platform>()), platform_(owned_.get()) {
+SamplePlatform::SamplePlatform(PoolMode poolMode)
+    : owned_(std::make_unique<Platform>(poolMode)), platform_(owned_.get()) {
   build(sampleDevices());
 }
 

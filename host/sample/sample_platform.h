@@ -54,8 +54,8 @@ struct ServiceImage {
 
 class SamplePlatform {
  public:
-  // The sample platform on a platform of its own.
-  SamplePlatform();
+  // The sample platform on a platform of its own with the given pool.
+  explicit SamplePlatform(PoolMode poolMode = PoolMode::Checked);
   // The sample platform on `platform`, which must outlive it, with the
   // given devices (the sample devices by default).
   explicit SamplePlatform(Platform& platform);

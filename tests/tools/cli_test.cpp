@@ -54,12 +54,15 @@ class Cli {
 
   std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
-  Outcome run(const std::vector<std::string>& args) const {
-    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args);
+  // Runs with the checked pool unless `lean` (the checked pool fails a
+  // command that frees memory wrongly), on the test's own state file.
+  Outcome run(const std::vector<std::string>& args, bool lean = false) const {
+    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, lean);
   }
   // With `environment` ("NAME=value ...", as the shell takes it) instead.
-  Outcome runWith(const std::string& environment, const std::vector<std::string>& args) const {
+  Outcome runWith(const std::string& environment, const std::vector<std::string>& args, bool lean = false) const {
     std::string command = "env -u TOLVANE_STATE -u XDG_STATE_HOME " + environment + " '" TOLVANE_CLI "'";
+    if (!lean) command += " --checked-pool";
     for (const auto& a : args) command += " '" + a + "'";
     command += " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
     int status = std::system(command.c_str());
@@ -355,6 +358,13 @@ TEST(CliTest, ExportedFileReadsBackAsTheSameFormSets) {
   Outcome live = cli.run({"forms"});
   Outcome file = cli.run({"forms", "--hii", cli.path("all.hii")});
   ASSERT_EQ(file.exitCode, 0) << file.err;
+  // The default (lean) pool changes nothing that the commands print.
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"forms"}, {"forms", "--hii", cli.path("all.hii")}, {"info"}, {"devices"}}) {
+    Outcome checked = cli.run(args), lean = cli.run(args, true);
+    EXPECT_EQ(lean.exitCode, 0) << args[0] << ": " << lean.err;
+    EXPECT_EQ(lean.out, checked.out) << args[0];
+  }
   EXPECT_NE(file.out.find("5 package list(s)"), std::string::npos);
   EXPECT_NE(file.out.find("packages: FORMS FORMS FORMS STRINGS(en-US) STRINGS(x-UEFI) DEVICE_PATH"),
             std::string::npos);
@@ -583,7 +593,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
     int exitCode;
     const char* says;  // on standard error
   } cases[] = {
-      {{}, 2, "usage: tolvane [--state FILE] <command>"},
+      {{}, 2, "usage: tolvane [--checked-pool] [--state FILE] <command>"},
       {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
       {{"info", "extra"}, 2, "unexpected argument 'extra'"},
       {{"devices", "--device", "x"}, 2, "unknown option '--device'"},
@@ -595,13 +605,16 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
       {{"export-hii"}, 2, "no output file"},
       {{"reset", "now"}, 2, "unexpected argument 'now'"},
       {{"export-hii", "-o", "/nonexistent/dir/x.hii"}, 1, "cannot create /nonexistent/dir/x.hii"},
+      {{"--lean-pool", "info"}, 2, "unknown global option '--lean-pool'"},
+      {{"info", "--checked-pool"}, 2, "unknown option '--checked-pool'"},  // global options go first
   };
   for (const auto& c : cases) {
-    Outcome r = cli.run(c.args);
+    Outcome r = cli.run(c.args, true);
     std::string name = c.args.empty() ? "(none)" : c.args[0];
     EXPECT_EQ(r.exitCode, c.exitCode) << name << ": " << r.err;
     EXPECT_NE(r.err.find(c.says), std::string::npos) << name << ": " << r.err;
   }
+  EXPECT_NE(cli.run({"--help"}).out.find("--checked-pool  serve the platform's pool"), std::string::npos);
   for (const char* command : {"info", "devices", "forms", "export-hii", "export", "reset"}) {
     Outcome r = cli.run({command, "--help"});
     EXPECT_EQ(r.exitCode, 0) << command;
