@@ -291,7 +291,7 @@ Platform::Platform(PoolMode poolMode) : impl_(std::make_unique<Impl>()) {
 
 void Platform::bindToThisThread() {
   tCurrent = this;
-  tCurrentImpl = impl_.get();
+  tActiveImpl = impl_.get();
 }
 
 Platform::~Platform() {

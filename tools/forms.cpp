@@ -155,7 +155,7 @@ int fileForms(const std::string& file, std::ostream& out) {
     outline.formSets(parsed[i]->count, parsed[i]->sets, 1);
   }
   parsed.clear();  // back to the forms processor before the platform goes
-  checkPool(offline->platform);
+  checkPool(offline->platform());
   return kExitOk;
 }
 

@@ -25,7 +25,7 @@ std::unique_ptr<OfflinePlatform> loadOffline(const std::string& file) {
   std::vector<UINT8> bytes = readFile(file);
   std::unique_ptr<OfflinePlatform> offline;
   try {
-    offline = std::make_unique<OfflinePlatform>(bytes);
+    offline = std::make_unique<OfflinePlatform>(bytes, poolMode());
   } catch (const host::offline::InputError& e) {
     badInput(file + ": " + e.what());
   } catch (const std::runtime_error& e) {

@@ -88,12 +88,12 @@ std::string OfflineList::name(size_t index) const {
   return "package list " + std::to_string(index + 1) + " (GUID " + ifr::guidText(file.guid) + ")";
 }
 
-OfflinePlatform::OfflinePlatform(const std::vector<uint8_t>& file) {
+OfflinePlatform::OfflinePlatform(const std::vector<uint8_t>& file, PoolMode poolMode) {
   std::vector<FilePackageList> scanned;
   FileFault fault;
   if (!scanPackageLists(file.data(), file.size(), scanned, fault))
     throw InputError("at " + offsetText(fault.offset) + ": " + fault.message);
-  platform_ = std::make_unique<Platform>();
+  platform_ = std::make_unique<Platform>(poolMode);
   services_ = std::make_unique<sample::SamplePlatform>(*platform_, std::vector<sample::DeviceDescription>{});
   lists_.resize(scanned.size());
   for (size_t i = 0; i < scanned.size(); ++i) {

@@ -70,8 +70,8 @@ class OfflinePlatform {
   // Loads the services and registers every package list of `file` (the
   // bytes of a file of exported package lists). Throws InputError for a
   // file whose framing is broken, std::runtime_error when a service image
-  // cannot be loaded.
-  explicit OfflinePlatform(const std::vector<uint8_t>& file);
+  // cannot be loaded. The platform's pool is served as `poolMode` says.
+  explicit OfflinePlatform(const std::vector<uint8_t>& file, PoolMode poolMode = PoolMode::Checked);
   ~OfflinePlatform();
   OfflinePlatform(const OfflinePlatform&) = delete;
   OfflinePlatform& operator=(const OfflinePlatform&) = delete;
