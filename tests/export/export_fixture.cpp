@@ -1,40 +1,25 @@
 #include "export/export_fixture.h"
 
+#include "host/hii/device_path.h"
 #include "host/sample/sample_devices.h"
 
 namespace tvl::test {
-
-namespace {
-std::string serialiseWith(XML_PROTOCOL* xml, host::Platform* platform, XML_NODE* root) {
-  CHAR8* out = nullptr;
-  EXPECT_EQ(xml->XML_NodeToXML(xml, root, &out), EFI_SUCCESS);
-  std::string result = out ? out : "";
-  if (out) platform->bootServices()->FreePool(out);
-  return result;
-}
-host::Platform* gPlatform = nullptr;  // the platform of the running test
-}  // namespace
 
 Documents::~Documents() {
   if (possible) xml->XML_FreeNode(xml, possible);
   if (current) xml->XML_FreeNode(xml, current);
 }
 
-std::string Documents::possibleText() const { return serialiseWith(xml, gPlatform, possible); }
-std::string Documents::currentText() const { return serialiseWith(xml, gPlatform, current); }
-
 void DeviceExportTest::build(std::vector<host::sample::DeviceDescription> devices) {
-  gPlatform = &platform();
   if (devices.empty()) devices = host::sample::sampleDevices();
   sample_ = std::make_unique<host::sample::SamplePlatform>(platform(), std::move(devices));
-  ASSERT_EQ(sample_->loadDriver(&driver_), EFI_SUCCESS);
-  ASSERT_TRUE(log_.attach(platform()));
+  ASSERT_EQ(loadDriver(), EFI_SUCCESS);
+  ASSERT_TRUE(log().attach(platform()));
   markBaseline();
 }
 
 void DeviceExportTest::TearDown() {
-  log_.detach();
-  PlatformTest::TearDown();
+  DriverTest::TearDown();
   sample_.reset();
 }
 
@@ -52,7 +37,25 @@ std::unique_ptr<Documents> DeviceExportTest::exportDevice(const std::u16string& 
   return docs;
 }
 
-std::string DeviceExportTest::serialise(XML_NODE* root) { return serialiseWith(sample_->xml(), &platform(), root); }
+std::string DeviceExportTest::serialise(XML_NODE* root) {
+  XML_PROTOCOL* xml = sample_->xml();
+  CHAR8* out = nullptr;
+  EXPECT_EQ(xml->XML_NodeToXML(xml, root, &out), EFI_SUCCESS);
+  std::string result = out ? out : "";
+  if (out) bs()->FreePool(out);
+  return result;
+}
+
+host::sample::DeviceDescription deviceWith(const std::u16string& fqdd, UINT8 n, host::sample::FormSetDescription set) {
+  host::sample::DeviceDescription d;
+  d.fqdd = fqdd;
+  d.description = u"test device";
+  const EFI_GUID vendor = {0x51e0a2b0u + n, 0x1c2d, 0x4e5f, {0x90, 0x81, 0x72, 0x63, 0x54, 0x45, 0x36, n}};
+  d.devicePath = host::hii::DevicePathBuilder().vendorHardware(vendor).build();
+  d.packageListGuid = {0x6a7b8c9du + n, 0x1e2f, 0x4a5b, {0x9c, 0x8d, 0x7e, 0x6f, 0x50, 0x41, 0x32, n}};
+  d.formSets = {std::move(set)};
+  return d;
+}
 
 // ---------------------------------------------------------------- queries
 
@@ -64,17 +67,18 @@ std::string attribute(const XML_NODE* node, const std::string& name) {
   return "";
 }
 
+std::string attributes(const XML_NODE* node) {
+  std::string out;
+  for (const XML_ATTRIBUTE* a = node ? node->attributes : nullptr; a; a = a->next)
+    out += std::string(out.empty() ? "" : " ") + a->name + "=" + a->value;
+  return out;
+}
+
 std::string childNames(const XML_NODE* node, bool withAttributes) {
   std::string out;
   for (const XML_NODE* c = node ? node->children : nullptr; c; c = c->next) {
-    if (!out.empty()) out += ',';
-    out += c->name;
-    if (withAttributes && c->attributes) {
-      out += '[';
-      for (const XML_ATTRIBUTE* a = c->attributes; a; a = a->next)
-        out += std::string(a->name) + "=" + a->value + (a->next ? " " : "");
-      out += ']';
-    }
+    out += (out.empty() ? "" : ",") + std::string(c->name);
+    if (withAttributes && c->attributes) out += "[" + attributes(c) + "]";
   }
   return out;
 }

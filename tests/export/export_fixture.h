@@ -1,6 +1,6 @@
-// Test support for the export: a sample platform with the devices a test
-// describes, a fresh driver, its traces, and the two documents of an export
-// as trees that free themselves, with small queries over them.
+// Test support for the export of whole devices: a sample platform with the
+// devices a test describes, a fresh driver and its traces, the two documents
+// of an export as trees that free themselves, and small queries over trees.
 #pragma once
 
 #include <memory>
@@ -10,9 +10,7 @@
 #include "export/records/records.h"
 #include "host/sample/form_description.h"
 #include "host/sample/sample_platform.h"
-#include "support/fixture.h"
-#include "support/log_capture.h"
-#include "uefi/services.h"
+#include "support/driver.h"
 
 namespace tvl::test {
 
@@ -27,13 +25,13 @@ struct Documents {
   XML_NODE* possible = nullptr;
   XML_NODE* current = nullptr;
   XML_PROTOCOL* xml = nullptr;
-
-  std::string possibleText() const;
-  std::string currentText() const;
 };
 
-class DeviceExportTest : public PlatformTest {
+// The sample platform brings its own services: the fixture provides none.
+class DeviceExportTest : public DriverTest {
  protected:
+  unsigned initialServices() const override { return 0; }
+  bool loadsDriver() const override { return false; }
   void TearDown() override;
 
   // Builds the sample platform with `devices` (the sample devices when
@@ -41,30 +39,23 @@ class DeviceExportTest : public PlatformTest {
   void build(std::vector<host::sample::DeviceDescription> devices = {});
 
   host::sample::SamplePlatform& sample() { return *sample_; }
-  LogCapture& log() { return log_; }
-  TOLVANE_PROTOCOL* converter() { return locate<TOLVANE_PROTOCOL>(TOLVANE_PROTOCOL_GUID); }
-
   // HiiToNode on the device with this FQDD.
   std::unique_ptr<Documents> exportDevice(const std::u16string& fqdd);
-  // A driver global or function by name.
-  template <typename T>
-  T& global(const char* name) {
-    return *static_cast<T*>(platform().imageSymbol(driver_, name));
-  }
-  void* symbol(const char* name) { return platform().imageSymbol(driver_, name); }
-  EFI_HANDLE driverImage() const { return driver_; }
-
   std::string serialise(XML_NODE* root);
 
  private:
   std::unique_ptr<host::sample::SamplePlatform> sample_;
-  EFI_HANDLE driver_ = nullptr;
-  LogCapture log_;
 };
+
+// A device of one form set; `n` makes its device path and package list
+// unique.
+host::sample::DeviceDescription deviceWith(const std::u16string& fqdd, UINT8 n, host::sample::FormSetDescription set);
 
 // ---- queries over a document tree
 std::string text(const XML_NODE* node);
 std::string attribute(const XML_NODE* node, const std::string& name);
+// "name=value name=value" of the node's own attributes.
+std::string attributes(const XML_NODE* node);
 // "Name,RefFormId,..." of the element's children; an attribute list in
 // brackets after names that have one: "ValueStruct[Suppressed=true]".
 std::string childNames(const XML_NODE* node, bool withAttributes = false);

@@ -60,6 +60,16 @@ void ExportTest::release(XML_NODE* tree) {
   }
 }
 
+std::string ExportTest::outcome(EFI_STATUS status, XML_NODE* out) {
+  if (EFI_ERROR(status)) {
+    EXPECT_EQ(out, kUntouched);
+    return "-";
+  }
+  std::string described = describe(out);
+  release(out);
+  return described;
+}
+
 void ExportTest::dropAttributes(XML_NODE* node) {
   for (XML_ATTRIBUTE* attribute = node->attributes; attribute;) {
     XML_ATTRIBUTE* next = attribute->next;

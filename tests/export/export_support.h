@@ -18,6 +18,9 @@ namespace tvl::test {
 using Attributes = std::vector<std::pair<std::string, std::string>>;
 using LanguageStrings = std::vector<std::pair<std::string, std::vector<std::u16string>>>;
 
+// What a test puts in an output slot that must stay unwritten.
+inline XML_NODE* const kUntouched = reinterpret_cast<XML_NODE*>(uintptr_t(0x5a5a));
+
 class ExportTest : public DriverTest {
  protected:
   unsigned initialServices() const override { return kLogService | kXmlService; }
@@ -38,6 +41,9 @@ class ExportTest : public DriverTest {
                  const std::vector<XML_NODE*>& children = {});
   // Frees a tree (null is ignored) through the driver's freeNode.
   void release(XML_NODE* tree);
+  // What a builder handed out, described and freed; "-" when it failed,
+  // after checking that its output slot still holds kUntouched.
+  std::string outcome(EFI_STATUS status, XML_NODE* out);
   // Takes every attribute off a node and returns it to the pool.
   void dropAttributes(XML_NODE* node);
 
