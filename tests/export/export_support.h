@@ -30,9 +30,12 @@ class ExportTest : public DriverTest {
 
   host::hii::HiiDatabase& hii() { return *hii_; }
 
+  // A new driver handle (it carries a configuration-access marker).
+  EFI_HANDLE newDriverHandle();
   // Registers a package list with one string package per language (string
-  // id N is the N-th text) for a new driver handle; its HII handle.
-  EFI_HII_HANDLE addStrings(const LanguageStrings& languages);
+  // id N is the N-th text) for `owner`, a new driver handle when null; its
+  // HII handle.
+  EFI_HII_HANDLE addStrings(const LanguageStrings& languages, EFI_HANDLE owner = nullptr);
 
   // A node made with the driver's createNode (or createNodeWithString when
   // `contents` is given) and addAttribute, with `children` linked below it
