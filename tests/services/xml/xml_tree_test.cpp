@@ -44,11 +44,7 @@ TEST_F(XmlTreeTest, FreeNodeReleasesDriverAllocationsAndFollowingSiblings) {
 // Trees in the toolbox convention (escaped contents, plain attribute
 // values) come back unchanged from parse(serialise(tree)).
 TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
-  const struct {
-    Tree tree;
-    const char* text;  // null: not compared
-    bool roundTrip;
-  } cases[] = {
+  const struct { Tree tree; const char* text; bool roundTrip; } cases[] = {  // text null: not compared
       {{"a", {}, {}, {}}, "<a/>", true},
       {{"a", "", {}, {}}, "<a></a>", true},
       {{"r", {}, {{"k", "v"}, {"n", ""}}, {{"c", "t", {}, {}}}}, "<r k=\"v\" n=\"\"><c>t</c></r>", true},
