@@ -588,10 +588,6 @@ TEST_F(HiiToNodeTest, KeywordTokensAndMalformedKeywordTexts) {
       modifiers += (modifiers.empty() ? "" : ",") + attribute(m, "Name") + "=" + text(m);
     EXPECT_EQ(modifiers, c.modifiers);
   }
-  // Condition targets are octal-decoded, expected values kept as written.
-  const XML_NODE* deps = child(item(docs->possible, "Deps"), "Dependencies");
-  EXPECT_EQ(childNames(deps, true), "DisableIfNot[Name=TgtA],ReadOnlyIf[Name=X]");
-  EXPECT_EQ(text(child(deps, "DisableIfNot")), "2");
 }
 
 }  // namespace

