@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "export/export_support.h"
+#include "export/export_fixture.h"
 #include "uefi/ifr.h"
 
 namespace {

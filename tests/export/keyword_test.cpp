@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "export/export_support.h"
+#include "export/export_fixture.h"
 #include "uefi/ifr.h"
 #include "xml/node.h"
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "export/export_support.h"
+#include "export/export_fixture.h"
 #include "export/mapping.h"
 
 namespace {

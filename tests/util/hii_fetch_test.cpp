@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "export/export_support.h"
+#include "export/export_fixture.h"
 #include "util/device_handles.h"
 #include "util/hii_string.h"
 
