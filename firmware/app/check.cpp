@@ -1,7 +1,8 @@
 // tolvane_check: a UEFI application that the firmware's shell runs after the
 // service images and the driver have been loaded. It checks what they
-// installed, exercises the XML service, the log service and the forms
-// processor (on the firmware's own HII database), prints what it finds,
+// installed, exercises the XML service, the log service, the forms
+// processor (on the firmware's own HII database) and both password services
+// (on the firmware's own variable store), prints what it finds,
 // ends with one verdict line and shuts the machine down.
 #include "export/records/records.h"
 #include "uefi/print.h"
@@ -59,6 +60,8 @@ constexpr ServiceEntry kServices[] = {
     {u"XML service", XML_PROTOCOL_GUID, "XML service not installed"},
     {u"forms processor", HII_FORMS_PROCESSOR2_PROTOCOL_GUID, "forms processor not installed"},
     {u"device location service", DEVICE_LOCATION_PROTOCOL_GUID, "device location service not installed"},
+    {u"password service (newer)", PASSWORD2_PROTOCOL_GUID, "newer password service not installed"},
+    {u"password service (older)", LEGACY_PASSWORD_PROTOCOL_GUID, "older password service not installed"},
     {u"HII database (firmware)", EFI_HII_DATABASE_PROTOCOL_GUID, "firmware has no HII database"},
     {u"HII string (firmware)", EFI_HII_STRING_PROTOCOL_GUID, "firmware has no HII string protocol"},
 };
@@ -313,6 +316,50 @@ void checkForms(HII_FORMS_PROCESSOR2_PROTOCOL* forms, EFI_HII_DATABASE_PROTOCOL*
   if (totals.parsed == 0) verdict.fail("no form package list of the firmware parsed");
 }
 
+// ---------------------------------------------------------------- passwords
+
+// Seconds since midnight by the firmware's clock (its resolution is often a
+// whole second).
+UINT64 secondsOfDay() {
+  EFI_TIME now = {};
+  if (EFI_ERROR(tvl::rt::rts()->GetTime(&now, nullptr))) return 0;
+  return UINT64(now.Hour) * 3600 + now.Minute * 60 + now.Second;
+}
+
+// The system password set through the newer service, checked, refused with
+// a wrong old password by the older one and cleared with the right one;
+// the firmware's variable store keeps the record in between.
+void checkPasswords(PASSWORD2_PROTOCOL* newer, LEGACY_PASSWORD_PROTOCOL* older, Verdict& verdict) {
+  say(u"Password services:\r\n");
+  VOID* rng = nullptr;
+  say(u"  salt source: %s\r\n", EFI_ERROR(bs()->LocateProtocol(&gEfiRngProtocolGuid, nullptr, &rng))
+                                     ? u"monotonic count and time (no EFI_RNG_PROTOCOL)"
+                                     : u"EFI_RNG_PROTOCOL");
+  const UINT16 which = PASSWORD_WHICH_SYSTEM;
+  UINT64 started = secondsOfDay();
+  EFI_STATUS status = newer->ChangePassword(newer, PASSWORD_METHOD_PLAIN, which, u"", u"check-pw", nullptr);
+  say(u"  newer service, method 2: %r (about %ld s)\r\n", status, secondsOfDay() - started);
+  if (EFI_ERROR(status)) return verdict.fail("the newer password service does not set a password");
+  UINTN size = 0;
+  UINT32 attributes = 0;
+  status = tvl::rt::rts()->GetVariable(PASSWORD_SYSTEM_VARIABLE, &gPasswordStoreGuid, &attributes, &size, nullptr);
+  say(u"  stored record: %r, %d bytes, attributes 0x%x\r\n", status, int(size), attributes);
+  if (status != EFI_BUFFER_TOO_SMALL || size != 128) verdict.fail("no password record in the variable store");
+  UINT16 bits = 0;
+  UINT8 type = 0;
+  status = older->GetProperties(older, which, &bits, &type, nullptr, nullptr, nullptr);
+  say(u"  older service sees status 0x%x, type %d: %r\r\n", bits, type, status);
+  if (EFI_ERROR(status) || bits != EFI_VORK_PASSWORD_INSTALLED) verdict.fail("the older service does not see it");
+  status = older->ChangePassword(older, PASSWORD_METHOD_CHECKED, which, u"wrong", u"other");
+  say(u"  older service, wrong old password: %r\r\n", status);
+  if (status != EFI_ACCESS_DENIED) verdict.fail("a wrong old password is not refused");
+  status = older->ChangePassword(older, PASSWORD_METHOD_CHECKED, which, u"check-pw", u"");
+  say(u"  older service, clear with the right one: %r\r\n", status);
+  if (EFI_ERROR(status)) verdict.fail("the older password service does not clear");
+  status = newer->GetProperties(newer, which, &bits, &type, nullptr, nullptr, nullptr);
+  if (EFI_ERROR(status) || bits != 0) verdict.fail("the password is still installed after the clear");
+}
+
 // ---------------------------------------------------------------- run
 
 void runChecks(Verdict& verdict) {
@@ -334,6 +381,9 @@ void runChecks(Verdict& verdict) {
   auto* forms = locate<HII_FORMS_PROCESSOR2_PROTOCOL>(gHiiFormsProcessor2ProtocolGuid);
   auto* database = locate<EFI_HII_DATABASE_PROTOCOL>(gEfiHiiDatabaseProtocolGuid);
   if (forms && database) checkForms(forms, database, locate<EFI_HII_STRING_PROTOCOL>(gEfiHiiStringProtocolGuid), verdict);
+  auto* newer = locate<PASSWORD2_PROTOCOL>(gPassword2ProtocolGuid);
+  auto* older = locate<LEGACY_PASSWORD_PROTOCOL>(gLegacyPasswordProtocolGuid);
+  if (newer && older) checkPasswords(newer, older, verdict);
 }
 
 }  // namespace

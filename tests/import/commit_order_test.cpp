@@ -1,4 +1,4 @@
-// The order in which pending items are applied, against the literal
+// The order in which pending items are applied, against the plain
 // algorithm (one pass per commit index, each search from the root and
 // then from the applied item's parent) run here over the same documents;
 // huge indexes; a 20,000-item document on a small stack; and every
@@ -35,7 +35,7 @@ sample::DeviceDescription orderDevice() {
   return ImportTest::device(kDevice, {form});
 }
 
-// ---------------------------------------------------------------- the literal algorithm
+// ---------------------------------------------------------------- the plain algorithm
 
 bool named(const XML_NODE* n, const char* name) { return n->name && !std::strcmp(n->name, name); }
 std::string hex(uint64_t n) {
@@ -196,7 +196,7 @@ struct Generator {
 
 class CommitOrderTest : public ImportTest {};
 
-TEST_F(CommitOrderTest, HandledSequenceAndResultsMatchTheLiteralAlgorithm) {
+TEST_F(CommitOrderTest, HandledSequenceAndResultsMatchThePlainSearch) {
   build({orderDevice()});
   auto docs = exportDevice(kDevice);
   log().setLevelMask(TVL_LEVEL_PROGRESS);
