@@ -144,10 +144,32 @@ struct HiiDatabase::Impl {
     list.packages.push_back(std::move(package));
   }
 
-  std::vector<uint8_t> serialize(const StoredList& list) const {
-    std::vector<std::vector<uint8_t>> packages;
-    for (const auto& package : list.packages) packages.push_back(package.bytes);
-    return buildPackageList(list.guid, packages);
+  // Bytes of `list` as ExportPackageLists writes it: header, packages, end.
+  static size_t exportedSize(const StoredList& list) {
+    size_t size = sizeof(EFI_HII_PACKAGE_LIST_HEADER) + HII_PACKAGE_HEADER_SIZE;
+    for (const auto& package : list.packages) size += package.bytes.size();
+    return size;
+  }
+
+  // Writes `list` at `out`, which holds exportedSize(list) bytes; returns
+  // the byte after it. Written in place: a large list is copied once.
+  static uint8_t* writeExported(const StoredList& list, uint8_t* out) {
+    const size_t size = exportedSize(list);
+    EFI_HII_PACKAGE_LIST_HEADER header{list.guid, uint32_t(size)};
+    std::memcpy(out, &header, sizeof header);
+    out += sizeof header;
+    for (const auto& package : list.packages) {
+      if (!package.bytes.empty()) std::memcpy(out, package.bytes.data(), package.bytes.size());
+      out += package.bytes.size();
+    }
+    const uint8_t end[HII_PACKAGE_HEADER_SIZE] = {HII_PACKAGE_HEADER_SIZE, 0, 0, EFI_HII_PACKAGE_END};
+    std::memcpy(out, end, sizeof end);
+    return out + sizeof end;
+  }
+
+  bool anyRegistered(UINTN event) const {
+    return std::any_of(registrations.begin(), registrations.end(),
+                       [&](const Registration& r) { return (r.notifyTypes & event) != 0; });
   }
 
   bool matches(const StoredPackage& package, uint8_t type, const EFI_GUID* guid) const {
@@ -359,6 +381,9 @@ struct HiiDatabase::Impl {
   std::vector<Registration> registrations;
   uintptr_t nextNotify = 1;
   std::vector<GetStringCall> calls;
+  // Tests read the calls; a lean platform (command line, benchmarks) keeps
+  // nothing per call, or a long run would hold one record per string read.
+  bool recordCalls = false;
   FormatError lastError;
 };
 
@@ -434,17 +459,16 @@ EFI_STATUS EFIAPI ExportPackageLists(const EFI_HII_DATABASE_PROTOCOL* This, EFI_
   } else {
     for (const auto& list : impl->lists) chosen.push_back(&list);
   }
-  std::vector<uint8_t> bytes;
-  for (const auto* list : chosen) {
-    auto one = impl->serialize(*list);
-    bytes.insert(bytes.end(), one.begin(), one.end());
-  }
-  if (*BufferSize < bytes.size()) {
-    *BufferSize = bytes.size();
+  size_t needed = 0;
+  for (const auto* list : chosen) needed += Impl::exportedSize(*list);
+  if (*BufferSize < needed) {
+    *BufferSize = needed;
     return EFI_BUFFER_TOO_SMALL;
   }
-  if (!bytes.empty()) std::memcpy(Buffer, bytes.data(), bytes.size());
-  *BufferSize = bytes.size();
+  auto* out = reinterpret_cast<uint8_t*>(Buffer);
+  for (const auto* list : chosen) out = Impl::writeExported(*list, out);
+  *BufferSize = needed;
+  if (!impl->anyRegistered(kNotifyExportPack)) return EFI_SUCCESS;
   std::vector<std::pair<EFI_HII_HANDLE, std::vector<StoredPackage>>> exported;
   for (const auto* list : chosen) exported.emplace_back(list->handle, list->packages);
   for (const auto& [handle, packages] : exported) impl->notify(kNotifyExportPack, handle, packages);
@@ -533,7 +557,7 @@ EFI_STATUS EFIAPI GetString(const EFI_HII_STRING_PROTOCOL* This, const CHAR8* La
   call.stringId = StringId;
   call.bufferSize = StringSize ? *StringSize : 0;
   call.status = impl->getString(Language, PackageList, StringId, String, StringSize, StringFontInfo);
-  impl->calls.push_back(call);
+  if (impl->recordCalls) impl->calls.push_back(call);
   return call.status;
 }
 
@@ -561,7 +585,7 @@ EFI_STATUS EFIAPI GetSecondaryLanguages(const EFI_HII_STRING_PROTOCOL* This, EFI
 
 }  // namespace
 
-HiiDatabase::Impl::Impl(Platform& p) : platform(p) {
+HiiDatabase::Impl::Impl(Platform& p) : platform(p), recordCalls(p.poolMode() == PoolMode::Checked) {
   db.protocol = EFI_HII_DATABASE_PROTOCOL{NewPackageList,      RemovePackageList,   UpdatePackageList,
                                           ListPackageLists,    ExportPackageLists,  RegisterPackageNotify,
                                           UnregisterPackageNotify, FindKeyboardLayouts, GetKeyboardLayout,

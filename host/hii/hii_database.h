@@ -63,7 +63,7 @@ class HiiDatabase {
   // One list (or all of them when `handle` is null), back to back.
   EFI_STATUS exportPackageLists(EFI_HII_HANDLE handle, std::vector<uint8_t>& out);
 
-  // Every GetString call, oldest first.
+  // Every GetString call, oldest first (on a platform with the checked pool).
   const std::vector<GetStringCall>& getStringCalls() const;
   void clearGetStringCalls();
 
