@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "host/sample/sample_platform.h"
+#include "host/sample/sample_state.h"
 #include "tools/cli.h"
 
 namespace tvl::cli {

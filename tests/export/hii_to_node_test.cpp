@@ -33,12 +33,14 @@ DeviceDescription device(const std::u16string& fqdd, std::vector<FormDescription
   EFI_GUID vendor = {0x51e0a2b0u + n, 0x1c2d, 0x4e5f, {0x90, 0x81, 0x72, 0x63, 0x54, 0x45, 0x36, n}};
   d.devicePath = tvl::host::hii::DevicePathBuilder().vendorHardware(vendor).build();
   d.packageListGuid = {0x6a7b8c9du + n, 0x1e2f, 0x4a5b, {0x9c, 0x8d, 0x7e, 0x6f, 0x50, 0x41, 0x32, n}};
-  d.formSet.guid = formSet;
-  d.formSet.title = u"Test Settings";
-  d.formSet.keyword = u"TestSettings";
-  d.formSet.helpText = u"Settings of the test device.";
-  d.formSet.varStores = {{kStore, kStoreGuid, "TestStore", 0x400, false, 0}};
-  d.formSet.forms = std::move(forms);
+  sample::FormSetDescription set;
+  set.guid = formSet;
+  set.title = u"Test Settings";
+  set.keyword = u"TestSettings";
+  set.helpText = u"Settings of the test device.";
+  set.varStores = {{kStore, kStoreGuid, "TestStore", 0x400, false, 0}};
+  set.forms = std::move(forms);
+  d.formSets = {std::move(set)};
   return d;
 }
 
@@ -546,7 +548,7 @@ TEST_F(HiiToNodeTest, TwentyThousandStatementsFitASmallStack) {
     big.statements.push_back(sample::checkbox(UINT16(0x1000 + i), name, name).at(kStore, i).value(i % 2));
   }
   DeviceDescription d = device(u"System.Big.1", {big}, 1, kStoreGuid);
-  d.formSet.varStores[0].size = 20000;
+  d.formSets[0].varStores[0].size = 20000;
   build({d});
   struct Call {
     tvl::host::Platform* platform;
