@@ -12,6 +12,7 @@ using rt::Pool;
 
 constexpr UINTN kMaxOwners = 64;
 constexpr UINTN kMaxListsPerOwner = 8;
+constexpr UINTN kMaxFormSetsPerOwner = 8;
 constexpr UINTN kMaxNameLength = 96;
 constexpr UINTN kConnectRounds = 4;
 constexpr CHAR16 kOutDirectory[] = u"\\out";
@@ -26,6 +27,32 @@ struct Owner {
   UINTN listCount;
   EFI_HII_HANDLE lists[kMaxListsPerOwner];
   UINTN dumpNumber[kMaxListsPerOwner];  // position in the dump, from 1; 0: not in it
+  UINTN formSetCount;
+  EFI_GUID formSets[kMaxFormSetsPerOwner];  // as the forms processor reads them
+  EFI_STATUS exported;                      // what HiiToNode answered
+};
+
+// Form sets that the firmware's drivers publish once every controller is
+// connected, with how many lists hold each: the run must have reached and
+// exported them all.
+struct ExpectedFormSet {
+  const CHAR16* name;
+  EFI_GUID guid;
+  UINTN lists;
+};
+
+constexpr ExpectedFormSet kExpectedFormSets[] = {
+    {u"platform configuration", {0x7235c51c, 0x0c80, 0x4cab, {0x87, 0xac, 0x3b, 0x08, 0x4a, 0x63, 0x04, 0xb1}}, 1},
+    {u"Secure Boot configuration", {0x5daf50a5, 0xea81, 0x4de2, {0x8f, 0x9b, 0xca, 0xbd, 0xa9, 0xcf, 0x5c, 0x14}}, 1},
+    {u"RAM disk configuration", {0x2a46715f, 0x3581, 0x4a55, {0x8e, 0x73, 0x2b, 0x76, 0x9a, 0xaa, 0x30, 0xc5}}, 1},
+    {u"TLS configuration", {0xb0eae4f8, 0x9a04, 0x4c6d, {0xa7, 0x48, 0x79, 0x3d, 0xaa, 0x0f, 0x65, 0xdf}}, 1},
+    {u"iSCSI configuration", {0x4b47d616, 0xa8d6, 0x4552, {0x9d, 0x44, 0xcc, 0xad, 0x2e, 0x0f, 0x4c, 0xf9}}, 1},
+    {u"Driver Health Manager", {0xcfb3b000, 0x0b63, 0x444b, {0xb1, 0xd1, 0x12, 0xd5, 0xd9, 0x5d, 0xc4, 0xfc}}, 1},
+    {u"File Explorer", {0xfe561596, 0xe6bf, 0x41a6, {0x83, 0x76, 0xc7, 0x2b, 0x71, 0x98, 0x74, 0xd0}}, 3},
+    {u"VLAN configuration", {0xd79df6b0, 0xef44, 0x43bd, {0x97, 0x97, 0x43, 0xe9, 0x3b, 0xcf, 0x5f, 0xa8}}, 1},
+    {u"IPv4 configuration", {0x9b942747, 0x154e, 0x4d29, {0xa4, 0x36, 0xbf, 0x71, 0x00, 0xc8, 0xb5, 0x3b}}, 1},
+    {u"IPv6 configuration", {0x02eea107, 0x98db, 0x400e, {0x98, 0x30, 0x46, 0x0a, 0x15, 0x42, 0xd7, 0x99}}, 1},
+    {u"HTTP boot configuration", {0x4d20583a, 0x7765, 0x4e7a, {0x8a, 0x67, 0xdc, 0xde, 0x74, 0xee, 0x3e, 0xc5}}, 1},
 };
 
 struct Run {
@@ -36,7 +63,7 @@ struct Run {
   bool watching = false;
   Pool<UINT8> dumpListing;  // the HII handles in the order of the dump
   UINTN dumpCount = 0;
-  Owner owners[kMaxOwners];
+  Owner owners[kMaxOwners] = {};
   UINTN ownerCount = 0;
   UINTN nics = 0, systems = 0;  // locations registered for the firmware's own handles
   Text manifest;
@@ -347,7 +374,7 @@ void writeStore(const Services& s, EFI_HII_CONFIG_ACCESS_PROTOCOL* access, const
   ++answered;
 }
 
-void writeStores(Run& run, const Owner& owner, const CHAR16* name) {
+void writeStores(Run& run, Owner& owner, const CHAR16* name) {
   const Services& s = run.services;
   EFI_HII_CONFIG_ACCESS_PROTOCOL* access = nullptr;
   bs()->HandleProtocol(owner.driver, &gEfiHiiConfigAccessProtocolGuid, reinterpret_cast<VOID**>(&access));
@@ -360,6 +387,7 @@ void writeStores(Run& run, const Owner& owner, const CHAR16* name) {
     HII_FORMSET_RECORD** sets = nullptr;
     if (EFI_ERROR(s.forms->ProcessForms(s.forms, &list, 1, nullptr, &count, &sets))) continue;
     for (UINTN f = 0; f < count; ++f) {
+      if (owner.formSetCount < kMaxFormSetsPerOwner) owner.formSets[owner.formSetCount++] = sets[f]->Guid;
       for (UINTN v = 0; v < sets[f]->VarStoreBufferCount; ++v) {
         const HII_VARSTORE_RECORD* store = sets[f]->VarStoreBuffer[v];
         if (!store->ConfigHdr) continue;
@@ -447,7 +475,7 @@ class Tree {
   XML_NODE* root_ = nullptr;
 };
 
-void exportOwner(Run& run, const Owner& owner) {
+void exportOwner(Run& run, Owner& owner) {
   const Services& s = run.services;
   Report& report = run.report;
   EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
@@ -477,6 +505,7 @@ void exportOwner(Run& run, const Owner& owner) {
   if (run.watching) run.watch.begin();
   Tree possible(s.xml), current(s.xml);
   status = s.converter->HiiToNode(s.converter, owner.driver, possible.receive(), current.receive());
+  owner.exported = status;
   report.check(status == expected, u"HiiToNode %s: %r (expected %r)", fqdd.get(), status, expected);
   UINTN written = 0;
   if (status == EFI_SUCCESS) {
@@ -547,6 +576,25 @@ void watchImages(Run& run, EFI_HANDLE sampleImage) {
   run.report.check(run.watching, u"pool watch on %d image(s)", int(watched));
 }
 
+// Every expected form set exported from as many lists as the firmware
+// makes, and the NIC's option ROM forms, which carry no exact "en-US",
+// refused.
+void checkCoverage(Run& run) {
+  for (const ExpectedFormSet& expected : kExpectedFormSets) {
+    UINTN exported = 0;
+    for (UINTN o = 0; o < run.ownerCount; ++o)
+      for (UINTN f = 0; f < run.owners[o].formSetCount; ++f)
+        if (rt::compareMem(&run.owners[o].formSets[f], &expected.guid, sizeof(EFI_GUID)) == 0 &&
+            run.owners[o].exported == EFI_SUCCESS)
+          ++exported;
+    run.report.check(exported == expected.lists, u"%s exported from %d list(s) of %d", expected.name, int(exported),
+                     int(expected.lists));
+  }
+  UINTN refused = 0;
+  for (UINTN o = 0; o < run.ownerCount; ++o) refused += run.owners[o].exported == EFI_NOT_FOUND;
+  run.report.check(refused == 1, u"option ROM forms without \"en-US\" refused: %d device(s)", int(refused));
+}
+
 }  // namespace
 
 void runExports(const Services& services, Report& report) {
@@ -566,6 +614,7 @@ void runExports(const Services& services, Report& report) {
                        log->RegisterSink(log, keepTrace, &run.traces) == EFI_SUCCESS;
   if (tracing) log->SetLevelMask(log, ~UINTN(0));
   for (UINTN o = 0; o < run.ownerCount; ++o) exportOwner(run, run.owners[o]);
+  checkCoverage(run);
   if (tracing) {
     log->UnregisterSink(log, keepTrace, &run.traces);
     log->SetLevelMask(log, mask);
