@@ -13,7 +13,6 @@ namespace tvl::host {
 namespace {
 
 thread_local Platform* tCurrent = nullptr;
-thread_local Platform::Impl* tCurrentImpl = nullptr;
 
 const EFI_GUID kSimpleTextOutputGuid = {
     0x387477c2, 0x69c7, 0x11d2, {0x8e, 0x39, 0x00, 0xa0, 0xc9, 0x69, 0x72, 0x3b}};
@@ -52,10 +51,10 @@ EFI_STATUS EFIAPI conReset(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* self, BOOLEAN) {
 EFI_STATUS EFIAPI conOutputString(EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* self, const CHAR16* text) {
   Platform::Impl* p = consoleOwner(self);
   if (!p || !text) return EFI_INVALID_PARAMETER;
-  std::u16string piece(text);
-  p->console += piece;
+  const size_t start = p->console.size();
+  p->console += text;
   if (p->echo) {
-    std::string out = narrow(piece);
+    std::string out = narrow(p->console.substr(start));
     std::fwrite(out.data(), 1, out.size(), stdout);
     std::fflush(stdout);
   }
@@ -190,12 +189,11 @@ EFI_STATUS EFIAPI unsupportedDisconnectController(EFI_HANDLE, EFI_HANDLE, EFI_HA
 
 }  // namespace
 
-Platform::Impl& activeImpl() {
-  if (!tCurrentImpl) {
-    std::fprintf(stderr, "tolvane host: a boot or runtime service was called with no platform\n");
-    std::abort();
-  }
-  return *tCurrentImpl;
+__thread Platform::Impl* tActiveImpl = nullptr;
+
+void EFIAPI noActivePlatform() {
+  std::fprintf(stderr, "tolvane host: a boot or runtime service was called with no platform\n");
+  std::abort();
 }
 
 Platform* currentPlatform() { return tCurrent; }
@@ -234,7 +232,7 @@ void Platform::Impl::setupTables() {
   bs.Hdr.Signature = EFI_BOOT_SERVICES_SIGNATURE;
   bs.Hdr.Revision = EFI_2_70_SYSTEM_TABLE_REVISION;
   bs.Hdr.HeaderSize = sizeof(EFI_BOOT_SERVICES);
-  fillPoolServices(bs);
+  fillPoolServices(bs, poolMode);
   fillHandleServices(bs);
   fillEventServices(bs);
   fillImageServices(bs);
@@ -277,12 +275,14 @@ void Platform::Impl::setupTables() {
   refreshSystemTableCrc(*this);
 }
 
-Platform::Platform() : impl_(std::make_unique<Impl>()) {
+Platform::Platform(PoolMode poolMode) : impl_(std::make_unique<Impl>()) {
   impl_->owner = this;
+  impl_->poolMode = poolMode;
+  if (poolMode == PoolMode::Lean) impl_->lean = std::make_unique<LeanPool>();
   impl_->previous = tCurrent;
-  impl_->previousImpl = tCurrentImpl;
+  impl_->previousImpl = tActiveImpl;
   tCurrent = this;
-  tCurrentImpl = impl_.get();
+  tActiveImpl = impl_.get();
   // TOLVANE_CONSOLE_ECHO=1 shows what images print while tests run.
   const char* echo = std::getenv("TOLVANE_CONSOLE_ECHO");
   impl_->echo = echo && *echo && *echo != '0';
@@ -291,25 +291,25 @@ Platform::Platform() : impl_(std::make_unique<Impl>()) {
 
 void Platform::bindToThisThread() {
   tCurrent = this;
-  tCurrentImpl = impl_.get();
+  tActiveImpl = impl_.get();
 }
 
 Platform::~Platform() {
   // Teardown may still reach boot services (nothing runs image code, but
   // the helpers share the entry points), so act on this platform.
   Platform* outer = tCurrent;
-  Impl* outerImpl = tCurrentImpl;
+  Impl* outerImpl = tActiveImpl;
   tCurrent = this;
-  tCurrentImpl = impl_.get();
+  tActiveImpl = impl_.get();
   impl_->teardown();
   if (outer == this) {
     tCurrent = impl_->previous;
-    tCurrentImpl = impl_->previousImpl;
+    tActiveImpl = impl_->previousImpl;
   } else {
     // Destroyed out of order: the platforms above this one now sit on the
     // one below it.
     tCurrent = outer;
-    tCurrentImpl = outerImpl;
+    tActiveImpl = outerImpl;
     for (Impl* above = outerImpl; above; above = above->previousImpl) {
       if (above->previousImpl != impl_.get()) continue;
       above->previous = impl_->previous;

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,6 +26,21 @@ struct PoolStats {
   size_t outstandingPages = 0;  // pages from AllocatePages not yet freed
 };
 
+// How AllocatePool and FreePool are served.
+enum class PoolMode {
+  // Every allocation is recorded with its sequence number, size and owner,
+  // filled with a pattern when handed out and when freed, and followed by
+  // guard bytes that are checked when it is freed. Leaks are listed one by
+  // one. The tests use this pool.
+  Checked,
+  // Size-class free lists in large chunks with a small head per block and
+  // counts only (see host/lean_pool.h): blocks come zero-filled, invalid
+  // frees are refused where the head shows them, overruns go unnoticed and
+  // leaks are reported as a total. Fault injection works as in the checked
+  // pool. For the command line and the benchmarks.
+  Lean,
+};
+
 // One outstanding pool allocation.
 struct AllocationInfo {
   uint64_t sequence = 0;  // 1 for the platform's first allocation, counting up
@@ -35,7 +51,7 @@ struct AllocationInfo {
 
 class Platform {
  public:
-  Platform();
+  explicit Platform(PoolMode poolMode = PoolMode::Checked);
   // Frees everything and unmaps every image. Image code does not run
   // during teardown (Unload handlers are not called).
   ~Platform();
@@ -52,14 +68,18 @@ class Platform {
   EFI_RUNTIME_SERVICES* runtimeServices();
 
   // ---- pool
+  PoolMode poolMode() const;
+  // Kept in both modes, except `overruns`, which only the checked pool sees.
   PoolStats poolStats() const;
   // One line per outstanding allocation: sequence number, size, and the
   // image that was running when it was made (its entry, its Unload handler,
-  // or a notify function of an event it created), or "host".
+  // or a notify function of an event it created), or "host". The lean pool
+  // lists page runs so, and its pool allocations in one line of totals.
   std::string leakReport() const;
   // The same for allocations whose sequence number is at least `sinceSequence`.
   std::string leakReport(uint64_t sinceSequence) const;
-  // Outstanding pool allocations and page runs, oldest first.
+  // Outstanding pool allocations and page runs, oldest first (the lean
+  // pool: page runs only).
   std::vector<AllocationInfo> outstandingAllocations() const;
   // The sequence number that the next allocation will get.
   uint64_t nextAllocationSequence() const;
@@ -76,6 +96,11 @@ class Platform {
   void failAllocation(size_t k);       // the k-th attempt from now (1-based) fails
   void failAllocationsFrom(size_t k);  // the k-th attempt from now and every later one fail
   void clearAllocationFaults();
+  // Sees every pool block and page run as it is freed, with its size, before
+  // the pool overwrites it (tests look for secrets left in freed memory).
+  // An empty function removes the observer.
+  using FreeObserver = std::function<void(const void* block, size_t size)>;
+  void setFreeObserver(FreeObserver observer);
 
   // ---- images
   // Directory of the freestanding images (NAME.so); defaults to the

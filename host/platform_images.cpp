@@ -310,6 +310,7 @@ void Platform::Impl::teardown() {
   running.clear();
   for (auto& [address, a] : allocations) std::free(address);
   allocations.clear();
+  lean.reset();
   for (auto& [address, r] : pageRuns) std::free(reinterpret_cast<void*>(address));
   pageRuns.clear();
   registrations.clear();

@@ -14,6 +14,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "host/lean_pool.h"
 #include "host/platform.h"
 
 namespace tvl::host {
@@ -136,7 +137,9 @@ struct Platform::Impl {
   EFI_HANDLE consoleHandle = nullptr;
 
   // ---- pool
-  std::unordered_map<void*, Allocation> allocations;
+  PoolMode poolMode = PoolMode::Checked;
+  std::unique_ptr<LeanPool> lean;  // the lean pool's memory (lean mode only)
+  std::unordered_map<void*, Allocation> allocations;  // checked mode only
   std::map<uintptr_t, PageRun> pageRuns;
   uint64_t nextSequence = 1;
   size_t attempts = 0;
@@ -144,6 +147,7 @@ struct Platform::Impl {
   size_t failFrom = 0;                // 0: off
   PoolStats stats;
   std::vector<std::string> poolErrors;  // invalid frees and overruns, as text
+  Platform::FreeObserver freeObserver;
 
   // ---- handle database
   uint64_t nextSerial = 1;
@@ -174,7 +178,15 @@ struct Platform::Impl {
 
   // ---- helpers shared between the files
   std::string currentOwner() const;
-  bool consumeAttempt();  // false when fault injection refuses this attempt
+  // Counts an allocation attempt; false when fault injection refuses it.
+  bool consumeAttempt() {
+    ++attempts;
+    return (failFrom == 0 && failAt.empty()) || !injectedFault(*this);
+  }
+  // Whether an armed fault refuses the attempt just counted. EFIAPI like
+  // the pool entry points that reach it, so that their fast paths call no
+  // System V code (which would make them save the XMM registers).
+  static bool EFIAPI injectedFault(Impl& p);
 
   Handle* findHandle(EFI_HANDLE h) const;
   Handle* newHandle();
@@ -208,10 +220,15 @@ struct Platform::Impl {
 };
 
 // The platform that boot-service calls act on (aborts when there is none).
-Platform::Impl& activeImpl();
+extern __thread Platform::Impl* tActiveImpl;
+[[noreturn]] void EFIAPI noActivePlatform();
+inline Platform::Impl& activeImpl() {
+  if (!tActiveImpl) noActivePlatform();
+  return *tActiveImpl;
+}
 
 // Table fillers, one per file.
-void fillPoolServices(EFI_BOOT_SERVICES& bs);
+void fillPoolServices(EFI_BOOT_SERVICES& bs, PoolMode mode);
 void fillHandleServices(EFI_BOOT_SERVICES& bs);
 void fillEventServices(EFI_BOOT_SERVICES& bs);
 void fillImageServices(EFI_BOOT_SERVICES& bs);

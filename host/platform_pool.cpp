@@ -1,5 +1,6 @@
-// Pool and page memory with accounting, guard bytes and deterministic
-// fault injection.
+// Pool and page memory: the checked pool (a record, fill patterns and guard
+// bytes per allocation), the lean pool's entry points, page runs, and the
+// deterministic fault injection that all of them share.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +34,14 @@ bool guardIntact(const uint8_t* base, size_t size) {
   return true;
 }
 
+// EFIAPI: see Platform::Impl::injectedFault.
+void EFIAPI refusedFree(Platform::Impl& p, VOID* buffer) {
+  p.stats.invalidFrees++;
+  std::ostringstream line;
+  line << "FreePool(" << buffer << ") by " << p.currentOwner() << ": not an outstanding pool allocation";
+  p.poolErrors.push_back(line.str());
+}
+
 EFI_STATUS EFIAPI allocatePool(EFI_MEMORY_TYPE type, UINTN size, VOID** buffer) {
   if (!buffer || !validMemoryType(type)) return EFI_INVALID_PARAMETER;
   Platform::Impl& p = activeImpl();
@@ -60,10 +69,7 @@ EFI_STATUS EFIAPI freePool(VOID* buffer) {
   Platform::Impl& p = activeImpl();
   auto it = buffer ? p.allocations.find(buffer) : p.allocations.end();
   if (it == p.allocations.end()) {
-    p.stats.invalidFrees++;
-    std::ostringstream line;
-    line << "FreePool(" << buffer << ") by " << p.currentOwner() << ": not an outstanding pool allocation";
-    p.poolErrors.push_back(line.str());
+    refusedFree(p, buffer);
     return EFI_INVALID_PARAMETER;
   }
   auto* base = static_cast<uint8_t*>(buffer);
@@ -75,12 +81,44 @@ EFI_STATUS EFIAPI freePool(VOID* buffer) {
          << ") was written past its end; found when " << p.currentOwner() << " freed it";
     p.poolErrors.push_back(line.str());
   }
+  if (p.freeObserver) p.freeObserver(base, a.size);
   std::memset(base, kFreedFill, a.size + kGuardBytes);
   p.stats.frees++;
   p.stats.outstanding--;
   p.stats.outstandingBytes -= a.size;
   p.allocations.erase(it);
   std::free(base);
+  return EFI_SUCCESS;
+}
+
+// The lean pool keeps the counts and nothing else: no owner, no fill
+// pattern, no guard bytes.
+EFI_STATUS EFIAPI allocateLeanPool(EFI_MEMORY_TYPE type, UINTN size, VOID** buffer) {
+  if (!buffer || !validMemoryType(type)) return EFI_INVALID_PARAMETER;
+  Platform::Impl& p = activeImpl();
+  *buffer = nullptr;
+  if (!p.consumeAttempt()) return EFI_OUT_OF_RESOURCES;
+  if (size > (size_t(1) << 40) || !p.lean) return EFI_OUT_OF_RESOURCES;
+  void* block = p.lean->allocate(size);
+  if (!block) return EFI_OUT_OF_RESOURCES;
+  p.nextSequence++;
+  p.stats.allocations++;
+  p.stats.outstanding++;
+  p.stats.outstandingBytes += size;
+  *buffer = block;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI freeLeanPool(VOID* buffer) {
+  Platform::Impl& p = activeImpl();
+  size_t size = 0;
+  if (!buffer || !p.lean || !p.lean->release(buffer, &size)) {
+    refusedFree(p, buffer);
+    return EFI_INVALID_PARAMETER;
+  }
+  p.stats.frees++;
+  p.stats.outstanding--;
+  p.stats.outstandingBytes -= size;
   return EFI_SUCCESS;
 }
 
@@ -123,6 +161,7 @@ EFI_STATUS EFIAPI freePages(EFI_PHYSICAL_ADDRESS memory, UINTN pages) {
     return EFI_NOT_FOUND;
   }
   void* run = reinterpret_cast<void*>(it->first);
+  if (p.freeObserver) p.freeObserver(run, pages * kPageSize);
   std::memset(run, kFreedFill, pages * kPageSize);
   p.stats.outstandingPages -= pages;
   p.pageRuns.erase(it);
@@ -132,25 +171,21 @@ EFI_STATUS EFIAPI freePages(EFI_PHYSICAL_ADDRESS memory, UINTN pages) {
 
 }  // namespace
 
-bool Platform::Impl::consumeAttempt() {
-  ++attempts;
-  bool fail = false;
-  auto it = failAt.find(attempts);
-  if (it != failAt.end()) {
-    failAt.erase(it);
-    fail = true;
-  }
-  if (failFrom != 0 && attempts >= failFrom) fail = true;
-  if (fail) stats.failedByInjection++;
-  return !fail;
+bool EFIAPI Platform::Impl::injectedFault(Impl& p) {
+  bool fail = p.failAt.erase(p.attempts) != 0;
+  if (p.failFrom != 0 && p.attempts >= p.failFrom) fail = true;
+  if (fail) p.stats.failedByInjection++;
+  return fail;
 }
 
-void fillPoolServices(EFI_BOOT_SERVICES& bs) {
-  bs.AllocatePool = allocatePool;
-  bs.FreePool = freePool;
+void fillPoolServices(EFI_BOOT_SERVICES& bs, PoolMode mode) {
+  bs.AllocatePool = mode == PoolMode::Lean ? allocateLeanPool : allocatePool;
+  bs.FreePool = mode == PoolMode::Lean ? freeLeanPool : freePool;
   bs.AllocatePages = allocatePages;
   bs.FreePages = freePages;
 }
+
+PoolMode Platform::poolMode() const { return impl_->poolMode; }
 
 PoolStats Platform::poolStats() const { return impl_->stats; }
 
@@ -171,6 +206,10 @@ std::string Platform::leakReport() const { return leakReport(0); }
 
 std::string Platform::leakReport(uint64_t sinceSequence) const {
   std::ostringstream out;
+  const PoolStats& stats = impl_->stats;
+  if (impl_->poolMode == PoolMode::Lean && stats.outstanding != 0)
+    out << "  " << stats.outstanding << " pool allocation(s), " << stats.outstandingBytes
+        << " bytes (the lean pool keeps no record of each)\n";
   for (const AllocationInfo& a : outstandingAllocations()) {
     if (a.sequence < sinceSequence) continue;
     bool pages = impl_->pageRuns.count(reinterpret_cast<uintptr_t>(a.address)) != 0;
@@ -195,6 +234,8 @@ void Platform::failAllocation(size_t k) {
 void Platform::failAllocationsFrom(size_t k) {
   if (k != 0) impl_->failFrom = impl_->attempts + k;
 }
+
+void Platform::setFreeObserver(FreeObserver observer) { impl_->freeObserver = std::move(observer); }
 
 void Platform::clearAllocationFaults() {
   impl_->failAt.clear();

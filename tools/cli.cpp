@@ -9,6 +9,21 @@ namespace tvl::cli {
 void badInput(const std::string& message) { throw Error(kExitBadInput, message); }
 void failure(const std::string& message) { throw Error(kExitFailure, message); }
 
+namespace {
+host::PoolMode gPoolMode = host::PoolMode::Lean;
+}  // namespace
+
+host::PoolMode poolMode() { return gPoolMode; }
+void setPoolMode(host::PoolMode mode) { gPoolMode = mode; }
+
+void checkPool(const host::Platform& platform) {
+  if (platform.poolMode() != host::PoolMode::Checked) return;
+  host::PoolStats stats = platform.poolStats();
+  if (stats.invalidFrees == 0 && stats.overruns == 0) return;
+  failure("the checked pool saw " + std::to_string(stats.invalidFrees) + " invalid free(s) and " +
+          std::to_string(stats.overruns) + " overrun(s):\n" + platform.poolErrorReport());
+}
+
 Options::Options(const std::vector<OptionDescription>& description, const std::vector<std::string>& args) {
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];

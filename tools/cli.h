@@ -12,11 +12,16 @@
 
 #include "host/platform.h"
 
+#include <memory>
+
 namespace tvl::host::sample {
 class SamplePlatform;
 struct SampleDevice;
 class PersistentStores;
 }  // namespace tvl::host::sample
+namespace tvl::host::offline {
+class OfflinePlatform;
+}  // namespace tvl::host::offline
 
 namespace tvl::cli {
 
@@ -56,6 +61,15 @@ class Options {
   std::vector<std::pair<std::string, std::string>> given_;
 };
 
+// ---- the pool of the platforms the commands build: lean unless the
+// global option --checked-pool chose the checked one.
+host::PoolMode poolMode();
+void setPoolMode(host::PoolMode mode);
+// Called by each command when it is done with its platform: with the
+// checked pool, memory freed that was not allocated or written past its end
+// fails the command (exit 1) with the pool's report.
+void checkPool(const host::Platform& platform);
+
 // ---- commands: each returns its exit code; errors are thrown as Error.
 int runInfo(const std::vector<std::string>& args, std::ostream& out);
 int runDevices(const std::vector<std::string>& args, std::ostream& out);
@@ -78,6 +92,22 @@ host::sample::PersistentStores loadState(host::sample::SamplePlatform& sample);
 // The device named by `fqdd` (exact match), or every device when `fqdd`
 // is empty; an unknown name is refused (exit code 2) with the known ones.
 std::vector<host::sample::SampleDevice*> selectDevices(host::sample::SamplePlatform& sample, const std::string& fqdd);
+
+// ---- files of exported package lists
+// The bytes of `file`; refused (exit code 2) when it cannot be read.
+std::vector<UINT8> readFile(const std::string& file);
+// The offline platform around the package lists of `file`. A file whose
+// framing is broken is refused (exit code 2) with the byte offset of the bad
+// record; what the platform accepts with a warning is said on standard
+// error.
+std::unique_ptr<host::offline::OfflinePlatform> loadOffline(const std::string& file);
+// The index of the package list that `number` names (counted from 1 over
+// the file, as `forms --hii` numbers them), or of the only one that holds
+// forms when `number` is empty. With several and no number, they are listed
+// (number, GUID, device path, form sets) in the refusal (exit code 2).
+size_t choosePackageList(host::offline::OfflinePlatform& offline, const std::string& file, const std::string& number);
+// "package list N (GUID ...) with form set "Title" {GUID}, ...".
+std::string describeList(host::offline::OfflinePlatform& offline, size_t index);
 
 // ---- text
 std::string utf8(const std::u16string& text);

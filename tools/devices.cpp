@@ -74,7 +74,7 @@ std::vector<SampleDevice*> selectDevices(SamplePlatform& sample, const std::stri
 
 int runDevices(const std::vector<std::string>& args, std::ostream& out) {
   Options options({}, args);
-  SamplePlatform sample;
+  SamplePlatform sample(poolMode());
   loadState(sample);
   for (SampleDevice& d : sample.devices()) {
     Location l = locate(sample, d);
@@ -84,6 +84,7 @@ int runDevices(const std::vector<std::string>& args, std::ostream& out) {
     out << "  driver handle: " << handleName(sample.platform(), d.handle()) << "\n";
     out << "  package lists: " << d.packageLists().size() << "\n";
   }
+  checkPool(sample.platform());
   return kExitOk;
 }
 
@@ -92,7 +93,7 @@ int runExportHii(const std::vector<std::string>& args, std::ostream& out) {
   if (options.has("-o") && options.has("--output")) badInput("give the output file once, with -o or --output");
   std::string file = options.has("-o") ? options.value("-o") : options.value("--output");
   if (file.empty()) badInput("no output file: give -o FILE");
-  SamplePlatform sample;
+  SamplePlatform sample(poolMode());
   loadState(sample);
   std::vector<UINT8> bytes;
   size_t lists = 0;
@@ -103,6 +104,7 @@ int runExportHii(const std::vector<std::string>& args, std::ostream& out) {
       ++lists;
     }
   }
+  checkPool(sample.platform());
   std::ofstream stream(file, std::ios::binary | std::ios::trunc);
   if (!stream) failure("cannot create " + file + ": " + std::strerror(errno));
   stream.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));

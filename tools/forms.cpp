@@ -1,16 +1,13 @@
 // `tolvane forms`: what the forms processor makes of the sample devices'
 // forms, or of a file of exported package lists.
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iterator>
+#include <algorithm>
 #include <memory>
 
 #include "host/hii/hii_database.h"
+#include "host/offline/offline_platform.h"
 #include "host/sample/sample_platform.h"
 #include "host/sample/sample_state.h"
 #include "tools/cli.h"
-#include "tools/hii_file.h"
 #include "tools/outline.h"
 
 namespace tvl::cli {
@@ -19,10 +16,6 @@ namespace {
 using host::sample::SampleDevice;
 using host::sample::SamplePlatform;
 using host::sample::statusText;
-
-// Marks the stand-in driver handle of a package list read from a file that
-// carries no device path.
-constexpr EFI_GUID kOfflineOwnerGuid = {0x3e9b51c2, 0x7a04, 0x4d6f, {0xb1, 0x28, 0x5f, 0x90, 0xc3, 0x6a, 0x0e, 0xd7}};
 
 std::string offsetText(size_t offset) { return "byte offset " + std::to_string(offset) + " (" + hex(offset) + ")"; }
 
@@ -102,113 +95,67 @@ void deviceForms(SamplePlatform& sample, SampleDevice& device, FormsOutline& out
 }
 
 int sampleForms(const std::string& fqdd, std::ostream& out) {
-  SamplePlatform sample;
+  SamplePlatform sample(poolMode());
   loadState(sample);
   FormsOutline outline(out, sample.hii().strings());
   for (SampleDevice* d : selectDevices(sample, fqdd)) deviceForms(sample, *d, outline, out);
+  checkPool(sample.platform());
   return kExitOk;
 }
 
 // ---------------------------------------------------------------- file
-std::vector<UINT8> readFile(const std::string& file) {
-  std::ifstream stream(file, std::ios::binary);
-  if (!stream) badInput("cannot read " + file + ": " + std::strerror(errno));
-  std::vector<UINT8> bytes((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
-  if (stream.bad()) badInput("cannot read " + file + ": " + std::strerror(errno));
-  return bytes;
-}
-
-// A bare platform that holds the package lists of a file: the forms
-// processor, the HII database, and one stand-in driver handle per list
-// (carrying the list's device path when it has one, and no configuration
-// access).
-struct OfflinePlatform {
-  std::vector<FilePackageList> lists;  // device paths installed below point here
-  host::Platform platform;
-  std::unique_ptr<host::hii::HiiDatabase> hii;
-  std::vector<EFI_HII_HANDLE> handles;  // per list
-
-  ~OfflinePlatform() { hii.reset(); }
-
-  void load(const std::string& file, const std::vector<UINT8>& bytes) {
-    EFI_HANDLE image = nullptr;
-    EFI_STATUS status = platform.loadImage("forms_service", &image);
-    if (status != EFI_SUCCESS)
-      failure("cannot load the forms processor from " + host::Platform::imageDirectory() + ": " + statusText(status));
-    hii = std::make_unique<host::hii::HiiDatabase>(platform);
-    static const UINT8 kOwnerTag = 0;
-    for (size_t i = 0; i < lists.size(); ++i) {
-      FilePackageList& list = lists[i];
-      EFI_HANDLE owner = nullptr;
-      if (!list.devicePath.empty())
-        status = platform.installProtocol(&owner, gEfiDevicePathProtocolGuid, list.devicePath.data());
-      else
-        status = platform.installProtocol(&owner, kOfflineOwnerGuid, const_cast<UINT8*>(&kOwnerTag));
-      if (status != EFI_SUCCESS) failure("cannot make a driver handle: " + statusText(status));
-      std::vector<UINT8> copy(bytes.begin() + long(list.offset), bytes.begin() + long(list.offset + list.length));
-      EFI_HII_HANDLE handle = nullptr;
-      status = hii->addPackageList(copy, owner, &handle);
-      if (status != EFI_SUCCESS)
-        badRecord(file, list.offset,
-                  "the HII database refuses package list " + std::to_string(i + 1) + ": " + statusText(status));
-      handles.push_back(handle);
-    }
-  }
-};
-
-void printList(std::ostream& out, size_t index, const FilePackageList& list) {
-  out << "Package list " << index + 1 << " at " << offsetText(list.offset) << ": GUID " << guidText(list.guid) << ", "
-      << list.length << " bytes\n";
+void printList(std::ostream& out, size_t index, const host::offline::OfflineList& list) {
+  out << "Package list " << index + 1 << " at " << offsetText(list.file.offset) << ": GUID " << guidText(list.file.guid)
+      << ", " << list.file.length << " bytes\n";
   out << "  packages:";
-  for (const FilePackage& p : list.packages) {
-    out << " " << packageTypeName(p.type);
+  for (const auto& p : list.file.packages) {
+    out << " " << host::offline::packageTypeName(p.type);
     if (!p.language.empty()) out << "(" << p.language << ")";
   }
   out << "\n";
 }
 
 int fileForms(const std::string& file, std::ostream& out) {
-  std::vector<UINT8> bytes = readFile(file);
-  auto offline = std::make_unique<OfflinePlatform>();
-  FileFault fault;
-  if (!scanPackageLists(bytes.data(), bytes.size(), offline->lists, fault))
-    badRecord(file, fault.offset, fault.message);
-  bool anyForms = false;
-  for (const auto& list : offline->lists) anyForms = anyForms || list.hasForms;
-  if (!anyForms) badInput(file + ": no package list holds a FORMS package");
-  offline->load(file, bytes);
+  std::unique_ptr<host::offline::OfflinePlatform> offline = loadOffline(file);
+  auto& lists = offline->lists();
 
   // Parse every list before printing, so that a malformed one is reported
   // alone. A file does not tell which device a list comes from, so the
   // storage rule of an export is tried for every list: when the forms cannot
   // be read as a whole, the storage controller's form set alone.
-  HII_FORMS_PROCESSOR2_PROTOCOL* processor =
-      static_cast<HII_FORMS_PROCESSOR2_PROTOCOL*>(offline->platform.locateProtocol(gHiiFormsProcessor2ProtocolGuid));
+  HII_FORMS_PROCESSOR2_PROTOCOL* processor = offline->services().formsProcessor();
   std::vector<std::unique_ptr<FormSets>> parsed;
-  std::vector<std::string> fallbacks(offline->lists.size());
-  for (size_t i = 0; i < offline->lists.size(); ++i) {
+  std::vector<std::string> notes(lists.size());
+  for (size_t i = 0; i < lists.size(); ++i) {
     parsed.push_back(std::make_unique<FormSets>(processor));
-    if (!offline->lists[i].hasForms) continue;
-    EFI_STATUS status = parsed.back()->process(&offline->handles[i], 1, nullptr);
-    if (status == EFI_SUCCESS) continue;
-    HII_FORMS_PROCESSOR_ERROR e = parsed.back()->lastError();
-    if (parsed.back()->process(&offline->handles[i], 1, &gInternalSSDSetup) == EFI_SUCCESS) {
-      fallbacks[i] = "  without a filter: " + statusText(status) + ": " + e.Message + "\n  form-set filter: " +
-                     guidText(gInternalSSDSetup) + " (storage controller)\n";
+    if (!lists[i].device) {
+      notes[i] = "  left out: the HII database refuses it: " + lists[i].refusal + "\n";
       continue;
     }
-    badRecord(file, offline->lists[i].offset + e.Offset,
+    if (!lists[i].file.hasForms) continue;
+    EFI_STATUS status = parsed.back()->process(&lists[i].hiiHandle, 1, nullptr);
+    if (status == EFI_SUCCESS) continue;
+    HII_FORMS_PROCESSOR_ERROR e = parsed.back()->lastError();
+    if (parsed.back()->process(&lists[i].hiiHandle, 1, &gInternalSSDSetup) == EFI_SUCCESS) {
+      notes[i] = "  without a filter: " + statusText(status) + ": " + e.Message + "\n  form-set filter: " +
+                 guidText(gInternalSSDSetup) + " (storage controller)\n";
+      continue;
+    }
+    badRecord(file, lists[i].file.offset + e.Offset,
               "the forms of package list " + std::to_string(i + 1) + " are malformed (" + statusText(status) +
                   "): " + e.Message);
   }
-  out << "File " << file << ": " << offline->lists.size() << " package list(s), " << bytes.size() << " bytes\n";
-  FormsOutline outline(out, offline->hii->strings());
-  for (size_t i = 0; i < offline->lists.size(); ++i) {
-    printList(out, i, offline->lists[i]);
-    out << fallbacks[i] << "  form sets: " << parsed[i]->count << "\n";
+  size_t total = 0;
+  for (const auto& list : lists) total = std::max(total, list.file.offset + list.file.length);
+  out << "File " << file << ": " << lists.size() << " package list(s), " << total << " bytes\n";
+  FormsOutline outline(out, offline->services().hii().strings());
+  for (size_t i = 0; i < lists.size(); ++i) {
+    printList(out, i, lists[i]);
+    out << notes[i] << "  form sets: " << parsed[i]->count << "\n";
     outline.formSets(parsed[i]->count, parsed[i]->sets, 1);
   }
   parsed.clear();  // back to the forms processor before the platform goes
+  checkPool(offline->platform());
   return kExitOk;
 }
 

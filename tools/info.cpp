@@ -69,11 +69,26 @@ void printServices(std::ostream& out, host::Platform& platform, EFI_HANDLE drive
   }
 }
 
+// Which of the two password services the driver bound (the newer one wins
+// when the platform loads both).
+void printPasswordService(std::ostream& out, host::Platform& platform, EFI_HANDLE driver,
+                          host::sample::PasswordServices loaded) {
+  auto bound = [&](const char* global) {
+    void** address = static_cast<void**>(platform.imageSymbol(driver, global));
+    return address && *address;
+  };
+  const char* service = bound("gPassword2Protocol")        ? "PASSWORD2_PROTOCOL, the newer service"
+                        : bound("gLegacyPasswordProtocol") ? "LEGACY_PASSWORD_PROTOCOL, the older service"
+                                                           : "none bound";
+  out << "Password service: " << service << " (the platform loads: "
+      << host::sample::passwordServicesName(loaded) << ")\n";
+}
+
 }  // namespace
 
 int runInfo(const std::vector<std::string>& args, std::ostream& out) {
   Options options({}, args);
-  host::sample::SamplePlatform sample;
+  host::sample::SamplePlatform sample(poolMode());
   loadState(sample);
   host::Platform& platform = sample.platform();
 
@@ -97,6 +112,8 @@ int runInfo(const std::vector<std::string>& args, std::ostream& out) {
   if (!unsupported) failure("the driver image exports no UnsupportedOperation");
   printSlots(out, *record, unsupported);
   printServices(out, platform, driver);
+  printPasswordService(out, platform, driver, sample.passwordServices());
+  checkPool(platform);
   return kExitOk;
 }
 

@@ -1,7 +1,8 @@
 // tolvane: the command line of the converter driver on the emulated
-// platform. Every command builds the built-in sample platform (or, for
-// `forms --hii`, a bare one around a file of package lists) afresh and
-// gives its devices the stores kept in the state file.
+// platform. Every command builds the built-in sample platform afresh and
+// gives its devices the stores kept in the state file; `forms --hii` and
+// `export --hii` build the offline platform around a file of package lists
+// instead.
 #include <exception>
 #include <iostream>
 #include <string>
@@ -39,23 +40,52 @@ constexpr Command kCommands[] = {
      "defaults, limits, storage and state marks.\n"
      "\n"
      "With --hii FILE the package lists come from FILE instead (the bytes\n"
-     "ExportPackageLists writes: package lists back to back). They are loaded\n"
-     "into a fresh HII database with no configuration access, so current values\n"
-     "are those the forms processor reports for storage it cannot read. A list\n"
-     "whose forms cannot be read as a whole is read as an export reads a storage\n"
-     "device: the storage controller's form set alone.\n"
+     "ExportPackageLists writes: package lists back to back), loaded into the\n"
+     "offline platform that `export --hii` uses: each list under a driver handle\n"
+     "of its own, its stores starting from the standard defaults of its forms.\n"
+     "A list whose forms cannot be read as a whole is read as an export reads a\n"
+     "storage device: the storage controller's form set alone.\n"
      "A malformed FILE is reported with the byte offset of the bad record and\n"
      "exit code 2.\n"},
     {"export", tvl::cli::runExport,
-     "tolvane export [--device FQDD] [--possible | --current] [-o FILE] [--trace LEVELS]",
+     "tolvane export [--device FQDD] [--possible | --current] [-o FILE | -o DIR] [--trace LEVELS]\n"
+     "       tolvane export --hii FILE --fqdd TEXT [--package-list N] [--config FILE]\n"
+     "                      [--possible | --current] [-o FILE] [--trace LEVELS]",
      "Loads the converter driver, has its HiiToNode export the device named by\n"
-     "--device (needed when the platform has more than one device) and writes\n"
-     "the combined document: one ConfigData holding the possible-values entry,\n"
-     "then the current-values entry, as NodesToCombinedXMLChar serialises them.\n"
-     "With --possible or --current only that document is written, serialised\n"
-     "by the XML service. The XML goes to standard output, or to FILE with -o\n"
-     "(--output). docs/documents.md describes the documents and\n"
-     "docs/HiiConfigurationDataSchema.xsd is their schema.\n"
+     "--device and writes the combined document: one ConfigData holding the\n"
+     "possible-values entry, then the current-values entry, as\n"
+     "NodesToCombinedXMLChar serialises them. With --possible or --current only\n"
+     "that document is written, serialised by the XML service. The XML goes to\n"
+     "standard output, or to FILE with -o (--output). docs/documents.md\n"
+     "describes the documents and docs/HiiConfigurationDataSchema.xsd is their\n"
+     "schema.\n"
+     "\n"
+     "Without --device every device is exported, one document each into the\n"
+     "directory DIR given with -o (made when missing). Each file is named after\n"
+     "the device's FQDD with every character other than letters, digits, '.',\n"
+     "'-' and '_' replaced by '_', and \".xml\" appended\n"
+     "(Disk.Bay.0:Enclosure.Internal.0-1:RAID.Integrated.1-1 becomes\n"
+     "Disk.Bay.0_Enclosure.Internal.0-1_RAID.Integrated.1-1.xml). A device that\n"
+     "fails is named on standard error, the others are still written, and the\n"
+     "exit code is 1.\n"
+     "\n"
+     "--hii FILE exports instead a package list of a file of exported package\n"
+     "lists (what ExportPackageLists returned on a real machine; `export-hii`\n"
+     "writes one) as one device with the FQDD TEXT, without that machine: the\n"
+     "lists are loaded into an offline platform with the same services and\n"
+     "driver, each list under a driver handle of its own with its device path\n"
+     "(or a vendor path made for it). When several lists hold forms,\n"
+     "--package-list N picks the N-th list of the file (counted from 1, as\n"
+     "`forms --hii` numbers them); without it they are listed and the exit code\n"
+     "is 2. The device's stores start from the standard defaults of its forms\n"
+     "(DEFAULT opcodes of default store 0, constant or computed, else the option\n"
+     "and checkbox default flags). --config FILE gives current values: lines of\n"
+     "UEFI configuration strings as ExtractConfig answers them\n"
+     "(GUID=..&NAME=..&PATH=..&OFFSET=..&WIDTH=..&VALUE=..), matched to the\n"
+     "stores by GUID and NAME and written over the defaults; ALTCFG sections are\n"
+     "skipped, blank lines and lines starting with '#' too. A malformed line, or\n"
+     "one that names no store of the forms, is refused with its line number\n"
+     "(exit code 2).\n"
      "\n"
      "--trace LEVELS sends the driver's traces to standard error as\n"
      "\"function: text\" lines. LEVELS is a hexadecimal mask (0x80800000) or\n"
@@ -63,8 +93,8 @@ constexpr Command kCommands[] = {
      "finding (0x80), toolbox (0x8), all.\n"
      "\n"
      "Exit 1 when an operation fails (named with its status, e.g.\n"
-     "\"HiiToNode failed: EFI_NOT_FOUND\"), 2 for wrong arguments or an unknown\n"
-     "device.\n"},
+     "\"HiiToNode failed: EFI_NOT_FOUND\", and for --hii with the package list),\n"
+     "2 for wrong arguments, an unknown device or malformed input.\n"},
     {"export-hii", tvl::cli::runExportHii, "tolvane export-hii [--device FQDD] -o FILE",
      "Writes the package lists of the sample devices (or of the one named by\n"
      "--device) to FILE as ExportPackageLists returns them, for `forms --hii`.\n"},
@@ -82,9 +112,21 @@ constexpr const char* kStateHelp =
     "refused (exit code 2) until `tolvane reset` replaces it.\n";
 
 void printUsage(std::ostream& out) {
-  out << "usage: tolvane [--state FILE] <command> [options]\n\ncommands:\n";
-  for (const Command& c : kCommands) out << "  " << c.synopsis << "\n";
-  out << "\n`tolvane <command> --help` describes a command.\n"
+  out << "usage: tolvane [--checked-pool] [--state FILE] <command> [options]\n\ncommands:\n";
+  // A synopsis of several lines is indented for "usage: "; here by 2.
+  for (const Command& c : kCommands) {
+    std::string synopsis = c.synopsis;
+    for (size_t at = 0; (at = synopsis.find("\n       ", at)) != std::string::npos; ++at) synopsis.erase(at + 1, 5);
+    out << "  " << synopsis << "\n";
+  }
+  out << "\n"
+         "global options (before the command):\n"
+         "  --checked-pool  serve the platform's pool with the checked allocator the tests\n"
+         "                  use: a record per allocation, fill patterns and guard bytes.\n"
+         "                  Memory freed that was not allocated, or written past its end,\n"
+         "                  then fails the command (exit 1) with a report. Slower; the\n"
+         "                  default is a lean allocator that keeps counts only.\n"
+         "\n`tolvane <command> --help` describes a command.\n"
          "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input.\n\n"
       << kStateHelp;
 }
@@ -136,6 +178,16 @@ int main(int argc, char** argv) {
   } catch (const tvl::cli::Error& e) {
     std::cerr << "tolvane: " << e.what() << "\n";
     return e.code();
+  }
+  // The other global options come before the command.
+  while (!args.empty() && args[0].rfind("--", 0) == 0 && args[0] != "--help") {
+    if (args[0] != "--checked-pool") {
+      std::cerr << "tolvane: unknown global option '" << args[0] << "'\n\n";
+      printUsage(std::cerr);
+      return kExitBadInput;
+    }
+    tvl::cli::setPoolMode(tvl::host::PoolMode::Checked);
+    args.erase(args.begin());
   }
   if (args.empty()) {
     printUsage(std::cerr);

@@ -36,17 +36,18 @@ PersistentStores loadState(SamplePlatform& sample) {
 
 int runReset(const std::vector<std::string>& args, std::ostream& out) {
   Options options({}, args);
-  // The defaults are what a platform built afresh holds; the old file is
-  // not read, so a damaged one is replaced as well.
+  // The defaults are what a platform built afresh holds (the newer password
+  // service, no passwords); the old file is not read, so a damaged one is
+  // replaced as well.
   SamplePlatform sample;
   StateFile file(stateFile());
-  std::vector<host::sample::StoreState> stores = host::sample::captureStores(sample);
+  host::sample::SampleState defaults = host::sample::captureState(sample);
   try {
-    file.write(stores);
+    file.write(defaults);
   } catch (const StateError& e) {
     failure(std::string("cannot write the state file ") + e.what());
   }
-  out << "restored the defaults of " << stores.size() << " stores of " << sample.devices().size()
+  out << "restored the defaults of " << defaults.stores.size() << " stores of " << sample.devices().size()
       << " devices in " << file.path() << "\n";
   return kExitOk;
 }

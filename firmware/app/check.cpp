@@ -1,8 +1,9 @@
 // tolvane_check: the test application that the firmware's shell runs after
 // the service images and the driver have been loaded. It checks what they
 // installed, exercises the XML service, the log service and the forms
-// processor on the firmware's own HII database, then exports every device
-// that owns forms (exports.h). One line per check, a final
+// processor on the firmware's own HII database and both password services
+// on the firmware's own variable store, then exports every device that owns
+// forms (exports.h). One line per check, a final
 // "N passed, N failed" line, and the machine shuts down.
 #include "export/records/records.h"
 #include "firmware/app/exports.h"
@@ -41,6 +42,8 @@ constexpr ServiceEntry kServices[] = {
     {u"XML service", XML_PROTOCOL_GUID},
     {u"forms processor", HII_FORMS_PROCESSOR2_PROTOCOL_GUID},
     {u"device location service", DEVICE_LOCATION_PROTOCOL_GUID},
+    {u"password service (newer)", PASSWORD2_PROTOCOL_GUID},
+    {u"password service (older)", LEGACY_PASSWORD_PROTOCOL_GUID},
     {u"HII database (firmware)", EFI_HII_DATABASE_PROTOCOL_GUID},
     {u"HII string (firmware)", EFI_HII_STRING_PROTOCOL_GUID},
 };
@@ -285,6 +288,50 @@ void checkForms(HII_FORMS_PROCESSOR2_PROTOCOL* forms, EFI_HII_DATABASE_PROTOCOL*
                int(totals.statements));
 }
 
+// ---------------------------------------------------------------- passwords
+
+// Seconds since midnight by the firmware's clock (its resolution is often a
+// whole second).
+UINT64 secondsOfDay() {
+  EFI_TIME now = {};
+  if (EFI_ERROR(tvl::rt::rts()->GetTime(&now, nullptr))) return 0;
+  return UINT64(now.Hour) * 3600 + now.Minute * 60 + now.Second;
+}
+
+// The system password set through the newer service, checked, refused with
+// a wrong old password by the older one and cleared with the right one;
+// the firmware's variable store keeps the record in between.
+void checkPasswords(PASSWORD2_PROTOCOL* newer, LEGACY_PASSWORD_PROTOCOL* older, Report& report) {
+  say(u"Password services:\r\n");
+  VOID* rng = nullptr;
+  say(u"  salt source: %s\r\n", EFI_ERROR(bs()->LocateProtocol(&gEfiRngProtocolGuid, nullptr, &rng))
+                                     ? u"monotonic count and time (no EFI_RNG_PROTOCOL)"
+                                     : u"EFI_RNG_PROTOCOL");
+  const UINT16 which = PASSWORD_WHICH_SYSTEM;
+  UINT64 started = secondsOfDay();
+  EFI_STATUS status = newer->ChangePassword(newer, PASSWORD_METHOD_PLAIN, which, u"", u"check-pw", nullptr);
+  if (!report.check(status == EFI_SUCCESS, u"newer service sets a password, method 2: %r (about %ld s)", status,
+                    secondsOfDay() - started))
+    return;
+  UINTN size = 0;
+  UINT32 attributes = 0;
+  status = tvl::rt::rts()->GetVariable(PASSWORD_SYSTEM_VARIABLE, &gPasswordStoreGuid, &attributes, &size, nullptr);
+  report.check(status == EFI_BUFFER_TOO_SMALL && size == 128, u"stored record: %r, %d bytes, attributes 0x%x", status,
+               int(size), attributes);
+  UINT16 bits = 0;
+  UINT8 type = 0;
+  status = older->GetProperties(older, which, &bits, &type, nullptr, nullptr, nullptr);
+  report.check(!EFI_ERROR(status) && bits == EFI_VORK_PASSWORD_INSTALLED,
+               u"older service sees it: status 0x%x, type %d: %r", bits, type, status);
+  status = older->ChangePassword(older, PASSWORD_METHOD_CHECKED, which, u"wrong", u"other");
+  report.check(status == EFI_ACCESS_DENIED, u"older service refuses a wrong old password: %r", status);
+  status = older->ChangePassword(older, PASSWORD_METHOD_CHECKED, which, u"check-pw", u"");
+  report.check(status == EFI_SUCCESS, u"older service clears it with the right one: %r", status);
+  status = newer->GetProperties(newer, which, &bits, &type, nullptr, nullptr, nullptr);
+  report.check(!EFI_ERROR(status) && bits == 0, u"no password installed after the clear: status 0x%x: %r", bits,
+               status);
+}
+
 // ---------------------------------------------------------------- run
 
 void runChecks(Report& report) {
@@ -309,6 +356,9 @@ void runChecks(Report& report) {
   }
   if (s.log) checkLog(s.log, report);
   if (s.forms && s.database) checkForms(s.forms, s.database, s.strings, report);
+  auto* newer = locate<PASSWORD2_PROTOCOL>(gPassword2ProtocolGuid);
+  auto* older = locate<LEGACY_PASSWORD_PROTOCOL>(gLegacyPasswordProtocolGuid);
+  if (newer && older) checkPasswords(newer, older, report);
   // The service checks above said what is missing.
   if (s.xml && s.forms && s.location && s.database && s.strings) tvl::check::runExports(s, report);
 }

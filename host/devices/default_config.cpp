@@ -62,13 +62,22 @@ struct OpenQuestion {
 
 class Walk {
  public:
-  Walk(const EFI_GUID& guid, const std::u16string& name, std::vector<DefaultConfig>& out)
-      : guid_(guid), name_(name), out_(out) {}
+  // With `alwaysStandard` every form set counts as declaring the standard
+  // default store.
+  Walk(const EFI_GUID& guid, const std::u16string& name, const std::vector<EvaluatedDefault>& evaluated,
+       bool alwaysStandard, std::vector<DefaultConfig>& out)
+      : guid_(guid), name_(name), evaluated_(evaluated), alwaysStandard_(alwaysStandard), out_(out) {}
 
-  void formsPackage(const uint8_t* ifr, size_t size) {
+  // The IFR of a forms package that starts at byte `at` of package list
+  // `listIndex`.
+  void formsPackage(size_t listIndex, size_t at, const uint8_t* ifr, size_t size) {
     std::vector<ifr::OpInfo> ops;
     if (!ifr::walkIfr(ifr, size, ops)) return;
-    for (const ifr::OpInfo& op : ops) visit(op, OpFields(ifr + op.offset, op.length));
+    listIndex_ = listIndex;
+    for (const ifr::OpInfo& op : ops) {
+      opcodeOffset_ = at + op.offset;
+      visit(op, OpFields(ifr + op.offset, op.length));
+    }
   }
 
  private:
@@ -81,6 +90,7 @@ class Walk {
     switch (op.opcode) {
       case EFI_IFR_FORM_SET_OP:
         defaultIds_.clear(), storeIds_.clear(), entries_.clear(), questions_.clear();
+        if (alwaysStandard_) defaultIds_.push_back(EFI_HII_DEFAULT_CLASS_STANDARD);
         break;
       case EFI_IFR_DEFAULTSTORE_OP:
         if (std::find(defaultIds_.begin(), defaultIds_.end(), f.u16(4)) == defaultIds_.end())
@@ -143,6 +153,8 @@ class Walk {
     q.depth = op.depth;
     q.offset = f.u16(kVarStoreInfo);
     q.width = width;
+    for (const EvaluatedDefault& e : evaluated_)
+      if (e.listIndex == listIndex_ && e.opcodeOffset == opcodeOffset_) q.fromRecords[e.defaultId] = e.value;
     questions_.push_back(std::move(q));
     opened_ = true;
     return &questions_.back();
@@ -189,7 +201,11 @@ class Walk {
 
   const EFI_GUID& guid_;
   const std::u16string& name_;
+  const std::vector<EvaluatedDefault>& evaluated_;
+  const bool alwaysStandard_;
   std::vector<DefaultConfig>& out_;
+  size_t listIndex_ = 0;
+  size_t opcodeOffset_ = 0;  // of the opcode being visited, in its package list
   std::vector<uint16_t> defaultIds_;
   std::vector<uint16_t> storeIds_;
   std::vector<Entry> entries_;
@@ -197,20 +213,88 @@ class Walk {
   bool opened_ = false;  // by the opcode being visited
 };
 
+// Calls `visit(listIndex, offset in the list, ifr, size)` for the IFR of
+// every forms package of the lists that parse.
+template <typename Visit>
+void eachFormsPackage(const std::vector<std::vector<uint8_t>>& packageLists, Visit visit) {
+  for (size_t i = 0; i < packageLists.size(); ++i) {
+    hii::PackageListView view;
+    if (hii::parsePackageList(packageLists[i].data(), packageLists[i].size(), view) != EFI_SUCCESS) continue;
+    for (const hii::PackageView& package : view.packages)
+      if (package.type == EFI_HII_PACKAGE_FORMS)
+        visit(i, package.offset + HII_PACKAGE_HEADER_SIZE, package.data + HII_PACKAGE_HEADER_SIZE,
+              package.size - HII_PACKAGE_HEADER_SIZE);
+  }
+}
+
+// The NUL-terminated ASCII name at `at` of an opcode; false when it does
+// not end inside the opcode.
+bool asciiName(const uint8_t* op, size_t length, size_t at, std::u16string& name) {
+  name.clear();
+  for (; at < length; ++at) {
+    if (op[at] == 0) return true;
+    name += char16_t(op[at]);
+  }
+  return false;
+}
+
 }  // namespace
 
 std::vector<DefaultConfig> defaultConfigs(const std::vector<std::vector<uint8_t>>& packageLists, const EFI_GUID& guid,
-                                          const std::u16string& name) {
+                                          const std::u16string& name, const std::vector<EvaluatedDefault>& evaluated) {
   std::vector<DefaultConfig> out;
-  Walk walk(guid, name, out);
-  for (const std::vector<uint8_t>& list : packageLists) {
-    hii::PackageListView view;
-    if (hii::parsePackageList(list.data(), list.size(), view) != EFI_SUCCESS) continue;
-    for (const hii::PackageView& package : view.packages)
-      if (package.type == EFI_HII_PACKAGE_FORMS)
-        walk.formsPackage(package.data + HII_PACKAGE_HEADER_SIZE, package.size - HII_PACKAGE_HEADER_SIZE);
-  }
+  Walk walk(guid, name, evaluated, false, out);
+  eachFormsPackage(packageLists, [&walk](size_t list, size_t at, const uint8_t* ifr, size_t size) {
+    walk.formsPackage(list, at, ifr, size);
+  });
   return out;
+}
+
+std::vector<DefaultField> standardDefaults(const std::vector<std::vector<uint8_t>>& packageLists, const EFI_GUID& guid,
+                                           const std::u16string& name, const std::vector<EvaluatedDefault>& evaluated) {
+  std::vector<DefaultConfig> out;
+  Walk walk(guid, name, evaluated, true, out);
+  eachFormsPackage(packageLists, [&walk](size_t list, size_t at, const uint8_t* ifr, size_t size) {
+    walk.formsPackage(list, at, ifr, size);
+  });
+  for (DefaultConfig& config : out)
+    if (config.defaultId == EFI_HII_DEFAULT_CLASS_STANDARD) return std::move(config.fields);
+  return {};
+}
+
+std::vector<StoreDeclaration> declaredStores(const std::vector<std::vector<uint8_t>>& packageLists) {
+  std::vector<StoreDeclaration> stores;
+  auto declare = [&stores](StoreDeclaration store) {
+    for (StoreDeclaration& s : stores) {
+      if (s.guid == store.guid && s.name == store.name) {
+        s.size = std::max(s.size, store.size);
+        return;
+      }
+    }
+    stores.push_back(std::move(store));
+  };
+  eachFormsPackage(packageLists, [&declare](size_t, size_t, const uint8_t* ifr, size_t size) {
+    std::vector<ifr::OpInfo> ops;
+    if (!ifr::walkIfr(ifr, size, ops)) return;
+    for (const ifr::OpInfo& op : ops) {
+      const uint8_t* at = ifr + op.offset;
+      OpFields f(at, op.length);
+      StoreDeclaration store;
+      if (op.opcode == EFI_IFR_VARSTORE_OP && asciiName(at, op.length, 22, store.name)) {
+        store.guid = f.guid(2);  // Guid, VarStoreId, Size, Name
+        store.size = f.u16(20);
+      } else if (op.opcode == EFI_IFR_VARSTORE_EFI_OP && asciiName(at, op.length, 26, store.name)) {
+        store.guid = f.guid(4);  // VarStoreId, Guid, Attributes, Size, Name
+        store.attributes = uint32_t(f.u16(20)) | uint32_t(f.u16(22)) << 16;
+        store.size = f.u16(24);
+        store.efiVariable = true;
+      } else {
+        continue;
+      }
+      if (!store.name.empty()) declare(std::move(store));
+    }
+  });
+  return stores;
 }
 
 }  // namespace tvl::host::devices

@@ -11,12 +11,16 @@
 // form set's one-of, numeric, checkbox and ordered-list questions on that
 // storage that have a default for its default store:
 // - EFI_IFR_DEFAULT with a constant value, for the store it names;
+// - EFI_IFR_DEFAULT whose value an expression computes, when the caller
+//   hands in its evaluated value (EvaluatedDefault: this code evaluates no
+//   expression; the forms processor does);
 // - otherwise one-of options flagged EFI_IFR_OPTION_DEFAULT (standard) or
 //   EFI_IFR_OPTION_DEFAULT_MFG (manufacturing), and the checkbox flags,
 //   which give both the standard and the manufacturing value (0 when the
 //   flag is clear).
-// A default computed by an expression, and defaults of other question
-// kinds, are left out; so is a forms package whose opcodes do not split.
+// An expression default without an evaluated value, and defaults of other
+// question kinds, are left out; so is a forms package whose opcodes do not
+// split.
 #pragma once
 
 #include <cstdint>
@@ -37,9 +41,45 @@ struct DefaultConfig {
   std::vector<DefaultField> fields;  // by offset; a later question at an offset replaces an earlier one
 };
 
+// The value of an expression default of the question whose opcode starts
+// at byte `opcodeOffset` of package list `listIndex` (of those handed to
+// defaultConfigs), for default store `defaultId`: the number in storage
+// order, cut or zero-extended to the question's width.
+struct EvaluatedDefault {
+  size_t listIndex = 0;
+  size_t opcodeOffset = 0;
+  uint16_t defaultId = 0;
+  std::vector<uint8_t> value;
+};
+
 // The default configurations of storage GUID/NAME from the forms packages
 // of `packageLists` (each one whole package list).
 std::vector<DefaultConfig> defaultConfigs(const std::vector<std::vector<uint8_t>>& packageLists, const EFI_GUID& guid,
-                                          const std::u16string& name);
+                                          const std::u16string& name,
+                                          const std::vector<EvaluatedDefault>& evaluated = {});
+
+// The standard configuration (default store 0) of storage GUID/NAME, also
+// where no form set declares the standard default store: the fields a
+// device's store starts from when nothing else gives its values.
+std::vector<DefaultField> standardDefaults(const std::vector<std::vector<uint8_t>>& packageLists, const EFI_GUID& guid,
+                                           const std::u16string& name,
+                                           const std::vector<EvaluatedDefault>& evaluated = {});
+
+// A store that the forms declare: EFI_IFR_VARSTORE (buffer) or
+// EFI_IFR_VARSTORE_EFI with its size and name. Name/value stores, and EFI
+// variable stores in the short layout without size and name, are not
+// listed.
+struct StoreDeclaration {
+  EFI_GUID guid{};
+  std::u16string name;
+  uint16_t size = 0;
+  bool efiVariable = false;
+  uint32_t attributes = 0;  // EFI variable stores
+};
+
+// Every store of the forms packages of `packageLists`, once per GUID and
+// NAME in the order of first declaration; a store declared more than once
+// takes the largest size.
+std::vector<StoreDeclaration> declaredStores(const std::vector<std::vector<uint8_t>>& packageLists);
 
 }  // namespace tvl::host::devices

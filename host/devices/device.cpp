@@ -1,5 +1,7 @@
 #include "host/devices/device.h"
 
+#include <map>
+
 #include <cstring>
 #include <stdexcept>
 #include <string_view>
@@ -90,18 +92,29 @@ struct Device::Impl {
   // DefaultId>" and the fields that have a default there (those that fit).
   std::u16string wholeStorage(const std::u16string& hdr, const Storage& s, const std::vector<uint8_t>& bytes) const {
     std::u16string text = hdr + hii::blockConfig(0, bytes.data(), bytes.size());
-    std::vector<std::vector<uint8_t>> packageLists;
-    for (EFI_HII_HANDLE list : lists) {
-      std::vector<uint8_t> exported;
-      if (hii.exportPackageLists(list, exported) == EFI_SUCCESS) packageLists.push_back(std::move(exported));
-    }
-    for (const DefaultConfig& config : defaultConfigs(packageLists, s.guid, s.name)) {
+    for (const DefaultConfig& config : defaultsOf(s)) {
       const uint8_t id[2] = {uint8_t(config.defaultId), uint8_t(config.defaultId >> 8)};
       text += u'&' + hdr + u"&ALTCFG=" + hii::valueDigits(id, 2);
       for (const DefaultField& f : config.fields)
         if (f.offset + f.bytes.size() <= bytes.size()) text += hii::blockConfig(f.offset, f.bytes.data(), f.bytes.size());
     }
     return text;
+  }
+
+  // The default sections of a storage depend only on the device's forms:
+  // worked out once, again only after the package lists change.
+  const std::vector<DefaultConfig>& defaultsOf(const Storage& s) const {
+    std::string key = std::string(reinterpret_cast<const char*>(&s.guid), sizeof s.guid) +
+                      std::string(s.name.begin(), s.name.end());
+    auto cached = defaultCache.find(key);
+    if (cached != defaultCache.end()) return cached->second;
+    std::vector<std::vector<uint8_t>> packageLists;
+    for (EFI_HII_HANDLE list : lists) {
+      std::vector<uint8_t> exported;  // stays empty when the export fails, keeping the lists' indexes
+      if (hii.exportPackageLists(list, exported) != EFI_SUCCESS) exported.clear();
+      packageLists.push_back(std::move(exported));
+    }
+    return defaultCache.emplace(key, defaultConfigs(packageLists, s.guid, s.name, evaluated)).first->second;
   }
 
   EFI_STATUS extractAll(std::u16string& results) {
@@ -203,6 +216,8 @@ struct Device::Impl {
   EFI_HANDLE handle = nullptr;
   std::vector<Storage> storages;
   std::vector<EFI_HII_HANDLE> lists;
+  std::vector<EvaluatedDefault> evaluated;
+  mutable std::map<std::string, std::vector<DefaultConfig>> defaultCache;  // by storage GUID and name
   std::vector<Call> extracts;
   std::vector<Call> routes;
   std::function<EFI_STATUS(const std::u16string&)> filter;
@@ -320,10 +335,16 @@ EFI_HII_HANDLE Device::addPackageList(const std::vector<uint8_t>& packageList) {
   if (impl_->hii.addPackageList(packageList, impl_->handle, &handle) != EFI_SUCCESS)
     throw std::runtime_error("the HII database refused the package list");
   impl_->lists.push_back(handle);
+  impl_->defaultCache.clear();
   return handle;
 }
 
 const std::vector<EFI_HII_HANDLE>& Device::packageLists() const { return impl_->lists; }
+void Device::setEvaluatedDefaults(std::vector<EvaluatedDefault> evaluated) {
+  impl_->evaluated = std::move(evaluated);
+  impl_->defaultCache.clear();
+}
+
 const std::vector<Device::Call>& Device::extractConfigCalls() const { return impl_->extracts; }
 const std::vector<Device::Call>& Device::routeConfigCalls() const { return impl_->routes; }
 

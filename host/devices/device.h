@@ -36,6 +36,7 @@
 #include <string>
 #include <vector>
 
+#include "host/devices/default_config.h"
 #include "host/hii/hii_database.h"
 #include "host/platform.h"
 #include "uefi/protocols.h"
@@ -74,6 +75,10 @@ class Device {
   // std::runtime_error when the database refuses it).
   EFI_HII_HANDLE addPackageList(const std::vector<uint8_t>& packageList);
   const std::vector<EFI_HII_HANDLE>& packageLists() const;
+  // Values of the expression defaults of the device's forms (list indexes
+  // count the device's package lists), for the default configurations
+  // that whole-store answers carry.
+  void setEvaluatedDefaults(std::vector<EvaluatedDefault> evaluated);
 
   // ---- observation and behaviour for tests of the device's callers
   struct Call {

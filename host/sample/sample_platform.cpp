@@ -1,5 +1,6 @@
 #include "host/sample/sample_platform.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "host/hii/config_string.h"
@@ -15,12 +16,39 @@ T* locateAs(Platform& platform, const EFI_GUID& guid) {
   return static_cast<T*>(platform.locateProtocol(guid));
 }
 
+constexpr const char* kPassword2Image = "password2_service";
+constexpr const char* kLegacyPasswordImage = "legacy_password_service";
+
+struct PasswordServicesName {
+  PasswordServices services;
+  const char* name;
+};
+constexpr PasswordServicesName kPasswordServicesNames[] = {
+    {PasswordServices::None, "none"},
+    {PasswordServices::Newer, "new"},
+    {PasswordServices::Legacy, "legacy"},
+    {PasswordServices::Both, "both"},
+};
+
 
 }  // namespace
 
 std::string statusText(EFI_STATUS status) { return statusName(status); }
 
-SamplePlatform::SamplePlatform() : owned_(std::make_unique<Platform>()), platform_(owned_.get()) {
+const char* passwordServicesName(PasswordServices services) {
+  for (const auto& n : kPasswordServicesNames)
+    if (n.services == services) return n.name;
+  return "?";
+}
+
+std::optional<PasswordServices> parsePasswordServices(const std::string& text) {
+  for (const auto& n : kPasswordServicesNames)
+    if (text == n.name) return n.services;
+  return std::nullopt;
+}
+
+SamplePlatform::SamplePlatform(PoolMode poolMode)
+    : owned_(std::make_unique<Platform>(poolMode)), platform_(owned_.get()) {
   build(sampleDevices());
 }
 
@@ -41,6 +69,7 @@ void SamplePlatform::build(std::vector<DeviceDescription> descriptions) {
   loadService("xml_service", gXmlProtocolGuid);
   loadService("location_service", gDeviceLocationProtocolGuid);
   loadService("forms_service", gHiiFormsProcessor2ProtocolGuid);
+  setPasswordServices(PasswordServices::Newer);
   hii_ = std::make_unique<hii::HiiDatabase>(*platform_);
   for (auto& description : descriptions) addDevice(std::move(description));
 }
@@ -54,6 +83,53 @@ void SamplePlatform::loadService(const std::string& image, const EFI_GUID& proto
   if (!platform_->locateProtocol(protocol))
     throw std::runtime_error("the service image " + image + " installed no protocol");
   services_.push_back(service);
+}
+
+void SamplePlatform::unloadService(const std::string& image) {
+  auto it = std::find_if(services_.begin(), services_.end(), [&](const ServiceImage& s) { return s.image == image; });
+  if (it == services_.end()) return;
+  EFI_STATUS status = platform_->unloadImage(it->handle);
+  if (status != EFI_SUCCESS)
+    throw std::runtime_error("the service image " + image + " refuses to unload: " + statusText(status));
+  services_.erase(it);
+}
+
+bool SamplePlatform::hasService(const std::string& image) const {
+  return std::any_of(services_.begin(), services_.end(), [&](const ServiceImage& s) { return s.image == image; });
+}
+
+void SamplePlatform::setPasswordServices(PasswordServices services) {
+  const bool newer = services == PasswordServices::Newer || services == PasswordServices::Both;
+  const bool legacy = services == PasswordServices::Legacy || services == PasswordServices::Both;
+  if (!newer) unloadService(kPassword2Image);
+  if (!legacy) unloadService(kLegacyPasswordImage);
+  if (newer && !hasService(kPassword2Image)) loadService(kPassword2Image, gPassword2ProtocolGuid);
+  if (legacy && !hasService(kLegacyPasswordImage)) loadService(kLegacyPasswordImage, gLegacyPasswordProtocolGuid);
+  passwordServices_ = services;
+}
+
+void SamplePlatform::setPasswordDisabled(UINT16 which, bool disabled) {
+  if (which != PASSWORD_WHICH_SYSTEM && which != PASSWORD_WHICH_SETUP)
+    throw std::invalid_argument("no password " + std::to_string(which));
+  std::vector<uint8_t> marks;
+  platform_->getVariable(PASSWORD_DISABLED_VARIABLE, gPasswordStoreGuid, &marks);
+  UINT8 bits = marks.size() == 1 ? marks[0] : 0;
+  const UINT8 bit = UINT8(1u << (which - 1));
+  bits = disabled ? UINT8(bits | bit) : UINT8(bits & ~bit);
+  // No mark at all is stored as no variable.
+  std::vector<uint8_t> data;
+  if (bits) data.push_back(bits);
+  EFI_STATUS status =
+      platform_->setVariable(PASSWORD_DISABLED_VARIABLE, gPasswordStoreGuid, PASSWORD_VARIABLE_ATTRIBUTES, data);
+  if (status != EFI_SUCCESS && !(data.empty() && status == EFI_NOT_FOUND))
+    throw std::runtime_error("cannot store the disabled marks: " + statusText(status));
+}
+
+bool SamplePlatform::passwordDisabled(UINT16 which) const {
+  std::vector<uint8_t> marks;
+  if (platform_->getVariable(PASSWORD_DISABLED_VARIABLE, gPasswordStoreGuid, &marks) != EFI_SUCCESS) return false;
+  // As the services read it: a mark they cannot read disables.
+  return marks.size() != 1 || (marks[0] >> (which - 1) & 1);
 }
 
 void SamplePlatform::addDevice(DeviceDescription description) {
@@ -88,6 +164,13 @@ HII_FORMS_PROCESSOR2_PROTOCOL* SamplePlatform::formsProcessor() const {
 }
 XML_PROTOCOL* SamplePlatform::xml() const { return locateAs<XML_PROTOCOL>(*platform_, gXmlProtocolGuid); }
 DEBUG_LOG_PROTOCOL* SamplePlatform::log() const { return locateAs<DEBUG_LOG_PROTOCOL>(*platform_, gDebugLogProtocolGuid); }
+
+PASSWORD2_PROTOCOL* SamplePlatform::password2() const {
+  return locateAs<PASSWORD2_PROTOCOL>(*platform_, gPassword2ProtocolGuid);
+}
+LEGACY_PASSWORD_PROTOCOL* SamplePlatform::legacyPassword() const {
+  return locateAs<LEGACY_PASSWORD_PROTOCOL>(*platform_, gLegacyPasswordProtocolGuid);
+}
 
 SampleDevice* SamplePlatform::findDevice(const std::u16string& fqdd) {
   for (auto& d : devices_)

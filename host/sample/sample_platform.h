@@ -1,7 +1,8 @@
 // The built-in sample platform: a complete emulated machine that the
 // command line, the driver's tests and the benchmarks share. It holds
 //   - the platform services as loaded images: log, XML, device location and
-//     forms processor;
+//     forms processor, and the password services its setting asks for (the
+//     newer one by default);
 //   - the HII database and string protocols;
 //   - the sample devices (sample_devices.h), each a driver handle with its
 //     device path, configuration access over its stores, its package list
@@ -17,6 +18,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +39,12 @@ struct SampleDevice {
   const std::vector<EFI_HII_HANDLE>& packageLists() const { return device->packageLists(); }
 };
 
+// Which password service images the platform loads.
+enum class PasswordServices { None, Newer, Legacy, Both };
+// "none", "new", "legacy", "both"; and back (nothing for another text).
+const char* passwordServicesName(PasswordServices services);
+std::optional<PasswordServices> parsePasswordServices(const std::string& text);
+
 // A loaded service image and the protocol it installed.
 struct ServiceImage {
   std::string image;  // image name, e.g. "forms_service"
@@ -46,8 +54,8 @@ struct ServiceImage {
 
 class SamplePlatform {
  public:
-  // The sample platform on a platform of its own.
-  SamplePlatform();
+  // The sample platform on a platform of its own with the given pool.
+  explicit SamplePlatform(PoolMode poolMode = PoolMode::Checked);
   // The sample platform on `platform`, which must outlive it, with the
   // given devices (the sample devices by default).
   explicit SamplePlatform(Platform& platform);
@@ -67,6 +75,22 @@ class SamplePlatform {
   HII_FORMS_PROCESSOR2_PROTOCOL* formsProcessor() const;
   XML_PROTOCOL* xml() const;
   DEBUG_LOG_PROTOCOL* log() const;
+  // The installed password services, or null.
+  PASSWORD2_PROTOCOL* password2() const;
+  LEGACY_PASSWORD_PROTOCOL* legacyPassword() const;
+
+  // ---- passwords
+  PasswordServices passwordServices() const { return passwordServices_; }
+  // Loads and unloads password service images to match `services`. A driver
+  // binds its password service when it is loaded, so change this before
+  // loadDriver(). Throws std::runtime_error when an image cannot be loaded
+  // or refuses to unload.
+  void setPasswordServices(PasswordServices services);
+  // The platform's disabled marks, which both services read: a disabled
+  // password cannot be changed. `which` is PASSWORD_WHICH_SYSTEM or
+  // PASSWORD_WHICH_SETUP.
+  void setPasswordDisabled(UINT16 which, bool disabled);
+  bool passwordDisabled(UINT16 which) const;
 
   // ---- devices
   std::vector<SampleDevice>& devices() { return devices_; }
@@ -83,11 +107,14 @@ class SamplePlatform {
  private:
   void build(std::vector<DeviceDescription> descriptions);
   void loadService(const std::string& image, const EFI_GUID& protocol);
+  void unloadService(const std::string& image);
+  bool hasService(const std::string& image) const;
   void addDevice(DeviceDescription description);
 
   std::unique_ptr<Platform> owned_;
   Platform* platform_;
   std::vector<ServiceImage> services_;
+  PasswordServices passwordServices_ = PasswordServices::None;
   std::unique_ptr<hii::HiiDatabase> hii_;
   std::vector<SampleDevice> devices_;  // destroyed before the database
 };

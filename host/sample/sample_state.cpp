@@ -20,6 +20,7 @@ constexpr char kFileName[] = "platform.state";
 // need, low enough that a damaged file cannot make us allocate much.
 constexpr size_t kMaxFileSize = 16u << 20;
 constexpr size_t kMaxStoreBytes = 1u << 20;
+constexpr size_t kMaxPasswordVariableBytes = 1024;
 
 [[noreturn]] void fail(const std::string& message) { throw StateError(message); }
 [[noreturn]] void failAt(size_t line, const std::string& message) {
@@ -55,10 +56,10 @@ std::string hexText(const std::vector<UINT8>& bytes) {
   return out;
 }
 
-std::vector<UINT8> parseHex(size_t line, const std::string& text) {
+std::vector<UINT8> parseHex(size_t line, const std::string& text, size_t limit, const char* what) {
   if (text == "-") return {};
   if (text.size() % 2) failAt(line, "the bytes have an odd number of hexadecimal digits");
-  if (text.size() / 2 > kMaxStoreBytes) failAt(line, "a store of more than " + std::to_string(kMaxStoreBytes) + " bytes");
+  if (text.size() / 2 > limit) failAt(line, std::string(what) + " of more than " + std::to_string(limit) + " bytes");
   std::vector<UINT8> bytes(text.size() / 2);
   for (size_t i = 0; i < text.size(); ++i) {
     int d = hexDigit(text[i]);
@@ -120,6 +121,14 @@ std::string storeText(const StoreState& s) {
   return "store \"" + s.name + "\" " + ifr::guidText(s.guid) + " of device " + s.fqdd;
 }
 
+bool isPasswordVariableName(const std::string& name) {
+  for (const char* known : kPasswordVariableNames)
+    if (name == known) return true;
+  return false;
+}
+
+std::u16string wide(const std::string& text) { return std::u16string(text.begin(), text.end()); }
+
 std::string prefixed(const StoreState& s, const std::string& message) {
   return s.line ? "line " + std::to_string(s.line) + ": " + message : message;
 }
@@ -179,22 +188,32 @@ class TempFile {
 }  // namespace
 
 // ---------------------------------------------------------------- text
-std::string formatState(const std::vector<StoreState>& stores) {
+std::string formatState(const SampleState& state) {
   std::string out = std::string(kMagic) + " " + std::to_string(kStateVersion) + "\n";
-  for (const StoreState& s : stores) {
+  size_t lines = 0;
+  for (const StoreState& s : state.stores) {
     if (!isToken(s.fqdd)) fail("the FQDD \"" + s.fqdd + "\" cannot be written to a state file");
     if (!isToken(s.name)) fail("the store name \"" + s.name + "\" cannot be written to a state file");
     out += "store " + s.fqdd + (s.variable ? " variable " : " buffer ") + ifr::guidText(s.guid) + " " + s.name + " " +
            hexText(s.bytes) + "\n";
+    ++lines;
   }
-  return out + "end " + std::to_string(stores.size()) + "\n";
+  out += std::string("passwords ") + passwordServicesName(state.passwordServices) + "\n";
+  ++lines;
+  for (const PasswordVariableState& v : state.passwordVariables) {
+    if (!isPasswordVariableName(v.name)) fail("\"" + v.name + "\" is not a variable of the password store");
+    if (v.bytes.empty()) fail("the password variable " + v.name + " holds no bytes");
+    out += "password-variable " + v.name + " " + hexText(v.bytes) + "\n";
+    ++lines;
+  }
+  return out + "end " + std::to_string(lines) + "\n";
 }
 
-std::vector<StoreState> parseState(const std::string& text) {
+SampleState parseState(const std::string& text) {
   if (text.empty()) fail("the file is empty");
   if (text.back() != '\n') fail("the last line is not ended: the file is cut short");
-  std::vector<StoreState> stores;
-  bool ended = false;
+  SampleState state;
+  bool ended = false, servicesGiven = false;
   size_t line = 0;
   for (size_t start = 0; start < text.size();) {
     size_t end = text.find('\n', start);
@@ -205,18 +224,38 @@ std::vector<StoreState> parseState(const std::string& text) {
     std::vector<std::string> f = fields(line, content);
     if (line == 1) {
       if (f.size() != 2 || f[0] != kMagic) failAt(line, "not a tolvane state file");
-      if (f[1] != std::to_string(kStateVersion))
-        failAt(line, "state format version " + f[1] + " is not supported (this program reads version " +
+      if (f[1] != "1" && f[1] != std::to_string(kStateVersion))
+        failAt(line, "state format version " + f[1] + " is not supported (this program reads versions 1 and " +
                          std::to_string(kStateVersion) + ")");
       continue;
     }
     if (f[0] == "end") {
       if (f.size() != 2) failAt(line, "the end line has " + std::to_string(f.size()) + " fields instead of 2");
       size_t count = parseCount(line, f[1]);
-      if (count != stores.size())
-        failAt(line, "the end line counts " + std::to_string(count) + " stores, the file holds " +
-                         std::to_string(stores.size()));
+      if (count != line - 2)
+        failAt(line, "the end line counts " + std::to_string(count) + " lines, the file holds " +
+                         std::to_string(line - 2));
       ended = true;
+      continue;
+    }
+    if (f[0] == "passwords") {
+      if (f.size() != 2) failAt(line, "a passwords line has " + std::to_string(f.size()) + " fields instead of 2");
+      std::optional<PasswordServices> services = parsePasswordServices(f[1]);
+      if (!services) failAt(line, "unknown password services \"" + f[1] + "\" (none, new, legacy or both)");
+      if (servicesGiven) failAt(line, "the password services are given twice");
+      servicesGiven = true;
+      state.passwordServices = *services;
+      continue;
+    }
+    if (f[0] == "password-variable") {
+      if (f.size() != 3)
+        failAt(line, "a password-variable line has " + std::to_string(f.size()) + " fields instead of 3");
+      if (!isPasswordVariableName(f[1])) failAt(line, "\"" + f[1] + "\" is not a variable of the password store");
+      PasswordVariableState v{f[1], parseHex(line, f[2], kMaxPasswordVariableBytes, "a password variable")};
+      if (v.bytes.empty()) failAt(line, "the password variable " + v.name + " holds no bytes");
+      for (const PasswordVariableState& other : state.passwordVariables)
+        if (other.name == v.name) failAt(line, "the password variable " + v.name + " is given twice");
+      state.passwordVariables.push_back(std::move(v));
       continue;
     }
     if (f[0] != "store") failAt(line, "unknown line \"" + f[0] + "\"");
@@ -228,11 +267,17 @@ std::vector<StoreState> parseState(const std::string& text) {
     s.variable = f[2] == "variable";
     s.guid = parseGuid(line, f[3]);
     s.name = f[4];
-    s.bytes = parseHex(line, f[5]);
-    stores.push_back(std::move(s));
+    s.bytes = parseHex(line, f[5], kMaxStoreBytes, "a store");
+    state.stores.push_back(std::move(s));
   }
   if (line == 1 || !ended) fail("the file ends without its end line: it is cut short");
-  return stores;
+  // The variables in one order, whatever order the file gives them in.
+  std::vector<PasswordVariableState> ordered;
+  for (const char* name : kPasswordVariableNames)
+    for (PasswordVariableState& v : state.passwordVariables)
+      if (v.name == name) ordered.push_back(std::move(v));
+  state.passwordVariables = std::move(ordered);
+  return state;
 }
 
 // ---------------------------------------------------------------- platform
@@ -284,6 +329,40 @@ void restoreStores(SamplePlatform& sample, const std::vector<StoreState>& stores
     t.device->device->setStorage(t.state->guid, hii::toUtf16(t.state->name), t.state->bytes);
 }
 
+SampleState captureState(SamplePlatform& sample) {
+  SampleState state;
+  state.stores = captureStores(sample);
+  state.passwordServices = sample.passwordServices();
+  for (const char* name : kPasswordVariableNames) {
+    std::vector<UINT8> bytes;
+    if (sample.platform().getVariable(wide(name), gPasswordStoreGuid, &bytes) == EFI_SUCCESS && !bytes.empty())
+      state.passwordVariables.push_back({name, std::move(bytes)});
+  }
+  return state;
+}
+
+void restoreState(SamplePlatform& sample, const SampleState& state) {
+  for (const PasswordVariableState& v : state.passwordVariables)
+    if (!isPasswordVariableName(v.name) || v.bytes.empty())
+      fail("\"" + v.name + "\" is not a variable of the password store");
+  restoreStores(sample, state.stores);
+  try {
+    sample.setPasswordServices(state.passwordServices);
+  } catch (const std::runtime_error& e) {
+    fail(std::string("cannot load the password services: ") + e.what());
+  }
+  for (const char* name : kPasswordVariableNames) {
+    std::vector<UINT8> bytes;
+    for (const PasswordVariableState& v : state.passwordVariables)
+      if (v.name == name) bytes = v.bytes;
+    // No bytes remove the variable; removing an absent one is no failure.
+    EFI_STATUS status =
+        sample.platform().setVariable(wide(name), gPasswordStoreGuid, PASSWORD_VARIABLE_ATTRIBUTES, bytes);
+    if (status != EFI_SUCCESS && !(bytes.empty() && status == EFI_NOT_FOUND))
+      fail(std::string("cannot store the password variable ") + name + ": " + statusText(status));
+  }
+}
+
 // ---------------------------------------------------------------- file
 std::string statePathFrom(const char* tolvaneState, const char* xdgStateHome, const char* home) {
   auto set = [](const char* v) { return v && *v; };
@@ -297,7 +376,7 @@ std::string defaultStatePath() {
   return statePathFrom(std::getenv("TOLVANE_STATE"), std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
 }
 
-std::optional<std::vector<StoreState>> StateFile::read() const {
+std::optional<SampleState> StateFile::read() const {
   int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (errno == ENOENT) return std::nullopt;
@@ -327,10 +406,9 @@ std::optional<std::vector<StoreState>> StateFile::read() const {
   }
 }
 
-void StateFile::write(const std::vector<StoreState>& stores,
-                      const std::function<void(const std::string&)>& beforeRename) const {
+void StateFile::write(const SampleState& state, const std::function<void(const std::string&)>& beforeRename) const {
   try {
-    const std::string text = formatState(stores);
+    const std::string text = formatState(state);
     const std::string dir = directoryOf(path_);
     makeDirectories(dir);
     std::string pattern = path_ + ".XXXXXX";
@@ -356,20 +434,20 @@ void StateFile::write(const std::vector<StoreState>& stores,
 
 // ---------------------------------------------------------------- binding
 PersistentStores::PersistentStores(SamplePlatform& sample, StateFile file) : sample_(sample), file_(std::move(file)) {
-  std::optional<std::vector<StoreState>> stores = file_.read();
-  if (stores) {
+  std::optional<SampleState> state = file_.read();
+  if (state) {
     try {
-      restoreStores(sample_, *stores);
+      restoreState(sample_, *state);
     } catch (const StateError& e) {
       throw StateError(file_.path() + ": " + e.what());
     }
     loaded_ = true;
   }
-  baseline_ = captureStores(sample_);
+  baseline_ = captureState(sample_);
 }
 
 bool PersistentStores::commit() {
-  std::vector<StoreState> now = captureStores(sample_);
+  SampleState now = captureState(sample_);
   if (now == baseline_) return false;
   file_.write(now);
   baseline_ = std::move(now);

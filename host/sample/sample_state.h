@@ -1,12 +1,18 @@
 // State of the sample platform that outlives one run: the bytes of every
-// store of every device (buffer stores and EFI variable stores), kept in a
-// state file between runs of the command line. A platform built without
-// one (tests, benchmarks) starts from the descriptions' values every time.
+// store of every device (buffer stores and EFI variable stores), which
+// password services the platform loads, and the password store's variables
+// (the stored passwords and the disabled marks), kept in a state file
+// between runs of the command line. A platform built without one (tests,
+// benchmarks) starts from the descriptions' values, the newer password
+// service and no passwords every time.
 //
-// The state file is text, one line per store, each line ended by "\n":
+// The state file is text, one line per item, each line ended by "\n":
 //
-//   tolvane-state 1
+//   tolvane-state 2
 //   store FQDD KIND GUID NAME HEX
+//   ...
+//   passwords SERVICES
+//   password-variable NAME HEX
 //   ...
 //   end COUNT
 //
@@ -14,14 +20,20 @@
 // "variable"; GUID is the store's vendor GUID in registry format; NAME the
 // store's name; HEX its bytes, two lower-case hexadecimal digits each ("-"
 // for a store of no bytes). FQDD and NAME are printable ASCII without
-// blanks. COUNT is the number of store lines, so that a file cut at a line
-// boundary is told from a complete one.
+// blanks. SERVICES is "none", "new", "legacy" or "both". A password-variable
+// line holds one variable of the password store: NAME is SystemPassword,
+// SetupPassword or PasswordDisabled, HEX its bytes (at least one). COUNT is
+// the number of lines between the first and the end line, so that a file
+// cut at a line boundary is told from a complete one. Version 1 files are
+// read as well: they hold store lines only.
 //
 // Reading is strict: any line that does not have exactly this form, a
-// version other than 1, a store that the platform does not have (unknown
-// device, name, GUID or kind), a size other than the store's, or a store
-// given twice refuses the whole file and changes nothing. A store that the
-// file does not name keeps its value from the descriptions.
+// version other than 1 or 2, a store that the platform does not have
+// (unknown device, name, GUID or kind), a size other than the store's, a
+// store, password variable or passwords line given twice refuses the whole
+// file and changes nothing. A store that the file does not name keeps its
+// value from the descriptions; without a passwords line the platform loads
+// the newer service; a password variable the file does not name is absent.
 //
 // Writing replaces the file atomically: the text goes to a new file in the
 // same directory, which is flushed to disk and then renamed over the old
@@ -61,13 +73,42 @@ struct StoreState {
   bool operator!=(const StoreState& other) const { return !(*this == other); }
 };
 
-constexpr int kStateVersion = 1;
+// One variable of the password store.
+struct PasswordVariableState {
+  std::string name;
+  std::vector<UINT8> bytes;
+
+  bool operator==(const PasswordVariableState& other) const { return name == other.name && bytes == other.bytes; }
+};
+
+// Everything a state file holds.
+struct SampleState {
+  std::vector<StoreState> stores;
+  PasswordServices passwordServices = PasswordServices::Newer;
+  std::vector<PasswordVariableState> passwordVariables;  // in the order of kPasswordVariableNames
+
+  bool operator==(const SampleState& other) const {
+    return stores == other.stores && passwordServices == other.passwordServices &&
+           passwordVariables == other.passwordVariables;
+  }
+  bool operator!=(const SampleState& other) const { return !(*this == other); }
+};
+
+constexpr int kStateVersion = 2;
+// The variables of the password store that a state file keeps.
+constexpr const char* kPasswordVariableNames[] = {"SystemPassword", "SetupPassword", "PasswordDisabled"};
 
 // The text of a state file; throws StateError for an FQDD or name that the
 // format cannot carry.
-std::string formatState(const std::vector<StoreState>& stores);
-// The stores of a state file's text; throws StateError "line N: problem".
-std::vector<StoreState> parseState(const std::string& text);
+std::string formatState(const SampleState& state);
+// A state file's text; throws StateError "line N: problem".
+SampleState parseState(const std::string& text);
+
+// The whole state of the platform, and the same written back: the stores
+// (as restoreStores), the password services and the password variables.
+// Nothing is written when the stores do not fit.
+SampleState captureState(SamplePlatform& sample);
+void restoreState(SamplePlatform& sample, const SampleState& state);
 
 // Every store of every device of the platform, in device and declaration
 // order.
@@ -90,40 +131,39 @@ class StateFile {
   explicit StateFile(std::string path) : path_(std::move(path)) {}
   const std::string& path() const { return path_; }
 
-  // The stores the file holds, or nothing when there is no file. A file
-  // that cannot be read or parsed throws StateError "PATH: problem".
-  std::optional<std::vector<StoreState>> read() const;
-  // Replaces the file with `stores` atomically, creating its directory
+  // What the file holds, or nothing when there is no file. A file that
+  // cannot be read or parsed throws StateError "PATH: problem".
+  std::optional<SampleState> read() const;
+  // Replaces the file with `state` atomically, creating its directory
   // (mode 0700) when missing. `beforeRename`, when given, runs after the new
   // file is written and flushed and before it replaces the old one; it
   // receives the new file's name (tests use it to interrupt a write). On
   // any failure the new file is removed, the old one is left as it was and
   // StateError "PATH: problem" is thrown.
-  void write(const std::vector<StoreState>& stores,
-             const std::function<void(const std::string&)>& beforeRename = {}) const;
+  void write(const SampleState& state, const std::function<void(const std::string&)>& beforeRename = {}) const;
 
  private:
   std::string path_;
 };
 
-// A platform's stores bound to a state file: loaded from it on
-// construction (nothing happens when there is no file; a file that cannot
-// be used throws StateError "PATH: problem" and leaves the stores as they
-// were), and written back by commit() when they changed.
+// A platform's state bound to a state file: loaded from it on construction
+// (nothing happens when there is no file; a file that cannot be used throws
+// StateError "PATH: problem" and leaves the platform as it was), and written
+// back by commit() when it changed.
 class PersistentStores {
  public:
   PersistentStores(SamplePlatform& sample, StateFile file);
   const StateFile& file() const { return file_; }
   // Whether a state file was found and loaded.
   bool loaded() const { return loaded_; }
-  // Writes the state file when any store differs from what it held after
+  // Writes the state file when anything differs from what it held after
   // loading; returns whether it wrote.
   bool commit();
 
  private:
   SamplePlatform& sample_;
   StateFile file_;
-  std::vector<StoreState> baseline_;
+  SampleState baseline_;
   bool loaded_ = false;
 };
 

@@ -36,14 +36,6 @@ Pool<CHAR8> ByteBuffer::copyFrom(UINTN from) const {
   return tvl::rt::duplicate(data_.get() + from, size_ - from);
 }
 
-CHAR8* ByteBuffer::takeText() {
-  if (!reserve(size_)) return nullptr;
-  data_[size_] = 0;
-  size_ = 0;
-  capacity_ = 0;
-  return data_.release();
-}
-
 namespace {
 
 UINT32 hashName(const UINT8* name, UINTN length) {

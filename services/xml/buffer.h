@@ -1,6 +1,6 @@
 // Growable pool-backed storage for the parser and the serialiser: a byte
-// buffer for texts, a stack of plain records and a set of names that
-// detects repeats in linear time.
+// buffer for the parser's texts, a stack of plain records and a set of
+// names that detects repeats in linear time.
 #pragma once
 
 #include "uefi/runtime.h"
@@ -27,9 +27,6 @@ class ByteBuffer {
   }
   // A new exact-size NUL-terminated copy of bytes [from, size()).
   tvl::rt::Pool<CHAR8> copyFrom(UINTN from) const;
-  // Hands the buffer over as a NUL-terminated text (its allocation may be
-  // longer than the text); an empty buffer first gets its allocation.
-  CHAR8* takeText();
 
  private:
   bool reserve(UINTN needed);

@@ -155,8 +155,18 @@ EFI_STATUS Parser::run() {
 // malformed UTF-8 and characters outside XML 1.0 are refused wherever they
 // are, so the rest of the parser may treat any byte as a valid character.
 EFI_STATUS Parser::checkCharacters() {
+  // Eight bytes at a time while they are all printable ASCII (0x20-0x7F):
+  // no high bit set, and no byte below 0x20.
+  constexpr UINT64 kOnes = 0x0101010101010101ull, kHighBits = 0x8080808080808080ull;
   UINTN pos = 0;
   while (pos < length_) {
+    while (length_ - pos >= 8) {
+      UINT64 word;
+      __builtin_memcpy(&word, text_ + pos, 8);
+      if ((word & kHighBits) != 0 || ((word - 0x20 * kOnes) & ~word & kHighBits) != 0) break;
+      pos += 8;
+    }
+    if (pos >= length_) break;
     UINT8 b = text_[pos];
     if (b >= 0x20 && b < 0x80) {
       ++pos;
@@ -305,20 +315,22 @@ EFI_STATUS Parser::content() {
     if (atEnd())
       return fail(pos_, EFI_INVALID_PARAMETER, "end of text inside element <%.*a>",
                   quoted(tvl::rt::length(frames_.top().node->name)), frames_.top().node->name);
+    // The byte after '<' tells the kinds of markup apart.
+    const int next = peek(1);
     if (peek() != '<') {
       RETURN_IF_ERROR(characterData());
-    } else if (startsWith("</")) {
+    } else if (next == '/') {
       RETURN_IF_ERROR(endTag());
+    } else if (next == '?') {
+      RETURN_IF_ERROR(processingInstruction());
+    } else if (next != '!') {
+      RETURN_IF_ERROR(startTag());
     } else if (startsWith("<!--")) {
       RETURN_IF_ERROR(comment());
     } else if (startsWith("<![CDATA[")) {
       RETURN_IF_ERROR(cdata());
-    } else if (startsWith("<?")) {
-      RETURN_IF_ERROR(processingInstruction());
-    } else if (startsWith("<!")) {
-      return malformed(pos_, "declarations are not accepted inside an element");
     } else {
-      RETURN_IF_ERROR(startTag());
+      return malformed(pos_, "declarations are not accepted inside an element");
     }
   }
   return EFI_SUCCESS;
@@ -360,7 +372,7 @@ EFI_STATUS Parser::startTag() {
   link(node);
   pos_ += n;
   RETURN_IF_ERROR(attributes(node));
-  if (startsWith("/>")) {
+  if (peek() == '/') {  // attributes() stops only at '>' or "/>"
     pos_ += 2;
     childClosed();
     return EFI_SUCCESS;
@@ -381,7 +393,7 @@ EFI_STATUS Parser::attributes(XML_NODE* node) {
     if (atEnd())
       return fail(pos_, EFI_INVALID_PARAMETER, "end of text inside the start tag of <%.*a>",
                   quoted(tvl::rt::length(node->name)), node->name);
-    if (peek() == '>' || startsWith("/>")) return EFI_SUCCESS;
+    if (peek() == '>' || (peek() == '/' && peek(1) == '>')) return EFI_SUCCESS;
     UINTN nameStart = pos_;
     UINTN n = nameHere();
     if (n == 0)

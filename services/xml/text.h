@@ -39,6 +39,21 @@ constexpr bool inRanges(const CodeRange (&ranges)[N], UINT32 cp) {
 constexpr bool isNameStart(UINT32 cp) { return inRanges(kNameStartRanges, cp); }
 constexpr bool isNameChar(UINT32 cp) { return isNameStart(cp) || inRanges(kNameExtraRanges, cp); }
 
+// The same classes for ASCII, which nearly every name is made of, as one
+// table: bit 0 name start, bit 1 name character.
+struct AsciiNameClasses {
+  UINT8 bits[0x80];
+};
+constexpr UINT8 kNameStartBit = 1;
+constexpr UINT8 kNameCharBit = 2;
+constexpr AsciiNameClasses asciiNameClasses() {
+  AsciiNameClasses classes{};
+  for (UINT32 b = 0; b < 0x80; ++b)
+    classes.bits[b] = UINT8((isNameStart(b) ? kNameStartBit : 0) | (isNameChar(b) ? kNameCharBit : 0));
+  return classes;
+}
+inline constexpr AsciiNameClasses kAsciiNameClasses = asciiNameClasses();
+
 // Decodes one UTF-8 sequence from `s` (at most `avail` bytes). Returns its
 // length, or 0 for a malformed, overlong, surrogate or out-of-range
 // sequence.
@@ -108,6 +123,12 @@ inline UINTN encodeUtf8(UINT32 cp, UINT8* out) {
 inline UINTN scanName(const UINT8* s, UINTN avail) {
   UINTN pos = 0;
   while (pos < avail) {
+    UINT8 b = s[pos];
+    if (b < 0x80) {
+      if (!(kAsciiNameClasses.bits[b] & (pos == 0 ? kNameStartBit : kNameCharBit))) break;
+      ++pos;
+      continue;
+    }
     UINT32 cp;
     UINTN n = decodeUtf8(s + pos, avail - pos, &cp);
     if (n == 0 || !(pos == 0 ? isNameStart(cp) : isNameChar(cp))) break;

@@ -53,24 +53,70 @@ const CHAR8* attributeEscape(UINT8 b) {
   }
 }
 
+// Where the writer's bytes go. The tree is written twice: once to count
+// the bytes, then into one allocation of exactly that size, so a large
+// document is neither copied while it grows nor held in a buffer up to
+// twice its size.
+class ByteCounter {
+ public:
+  bool put(const void*, UINTN n) {
+    if (n > ~UINTN(0) - 1 - size_) return false;  // room for the terminator too
+    size_ += n;
+    return true;
+  }
+  UINTN size() const { return size_; }
+
+ private:
+  UINTN size_ = 0;
+};
+
+class ByteWriter {
+ public:
+  ByteWriter(CHAR8* out, UINTN capacity) : out_(out), capacity_(capacity) {}
+  bool put(const void* bytes, UINTN n) {
+    if (n > capacity_ - size_) return false;
+    tvl::rt::copyMem(out_ + size_, bytes, n);
+    size_ += n;
+    return true;
+  }
+
+ private:
+  CHAR8* out_;
+  UINTN capacity_;
+  UINTN size_ = 0;
+};
+
 class Writer {
  public:
   EFI_STATUS run(const XML_NODE* root, CHAR8** text);
 
  private:
-  EFI_STATUS openElement(const XML_NODE* node);
-  EFI_STATUS closeElement(const XML_NODE* node);
-  EFI_STATUS attributes(const XML_NODE* node);
-  EFI_STATUS characters(const CHAR8* text, bool attribute);
-  EFI_STATUS put(const CHAR8* text) { return out_.append(text) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES; }
-  EFI_STATUS put(const void* bytes, UINTN n) { return out_.append(bytes, n) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES; }
+  template <typename Sink>
+  EFI_STATUS walk(const XML_NODE* root, Sink& sink);
+  template <typename Sink>
+  EFI_STATUS openElement(const XML_NODE* node, Sink& sink);
+  template <typename Sink>
+  EFI_STATUS closeElement(const XML_NODE* node, Sink& sink);
+  template <typename Sink>
+  EFI_STATUS attributes(const XML_NODE* node, Sink& sink);
+  template <typename Sink>
+  EFI_STATUS characters(const CHAR8* text, bool attribute, Sink& sink);
+  template <typename Sink>
+  static EFI_STATUS put(Sink& sink, const CHAR8* text) {
+    return sink.put(text, tvl::rt::length(text)) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
+  }
+  template <typename Sink>
+  static EFI_STATUS put(Sink& sink, const void* bytes, UINTN n) {
+    return sink.put(bytes, n) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
+  }
 
-  ByteBuffer out_;
+  // Both passes share these, so the second one allocates nothing.
   NameSet names_;
   Stack<const XML_NODE*> open_;  // elements whose children are being written
 };
 
-EFI_STATUS Writer::characters(const CHAR8* text, bool attribute) {
+template <typename Sink>
+EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, Sink& sink) {
   const UINT8* s = bytesOf(text);
   UINTN length = tvl::rt::length(text);
   UINTN pos = 0;
@@ -80,32 +126,33 @@ EFI_STATUS Writer::characters(const CHAR8* text, bool attribute) {
     while (run < length && s[run] >= 0x20 && s[run] < 0x80 && s[run] != '&' && s[run] != '<' && s[run] != '>' &&
            !(attribute && s[run] == '"'))
       ++run;
-    RETURN_IF_ERROR(put(s + pos, run - pos));
+    RETURN_IF_ERROR(put(sink, s + pos, run - pos));
     pos = run;
     if (pos == length) break;
     UINT8 b = s[pos];
     if (b == '&' && !attribute) {
       UINTN n = referenceLength(s + pos, length - pos);
-      RETURN_IF_ERROR(n ? put(s + pos, n) : put("&amp;"));
+      RETURN_IF_ERROR(n ? put(sink, s + pos, n) : put(sink, "&amp;"));
       pos += n ? n : 1;
       continue;
     }
     const CHAR8* escape = attribute ? attributeEscape(b) : contentsEscape(b);
     if (escape) {
-      RETURN_IF_ERROR(put(escape));
+      RETURN_IF_ERROR(put(sink, escape));
       ++pos;
       continue;
     }
     UINT32 cp;
     UINTN n = decodeUtf8(s + pos, length - pos, &cp);
     if (n == 0 || !isXmlChar(cp)) return EFI_INVALID_PARAMETER;
-    RETURN_IF_ERROR(put(s + pos, n));
+    RETURN_IF_ERROR(put(sink, s + pos, n));
     pos += n;
   }
   return EFI_SUCCESS;
 }
 
-EFI_STATUS Writer::attributes(const XML_NODE* node) {
+template <typename Sink>
+EFI_STATUS Writer::attributes(const XML_NODE* node, Sink& sink) {
   names_.clear();
   for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next) {
     if (!validName(a->name) || !a->value) return EFI_INVALID_PARAMETER;
@@ -114,58 +161,68 @@ EFI_STATUS Writer::attributes(const XML_NODE* node) {
       case NameSet::kRepeated: return EFI_INVALID_PARAMETER;
       case NameSet::kNoMemory: return EFI_OUT_OF_RESOURCES;
     }
-    RETURN_IF_ERROR(put(" "));
-    RETURN_IF_ERROR(put(a->name));
-    RETURN_IF_ERROR(put("=\""));
-    RETURN_IF_ERROR(characters(a->value, true));
-    RETURN_IF_ERROR(put("\""));
+    RETURN_IF_ERROR(put(sink, " "));
+    RETURN_IF_ERROR(put(sink, a->name));
+    RETURN_IF_ERROR(put(sink, "=\""));
+    RETURN_IF_ERROR(characters(a->value, true, sink));
+    RETURN_IF_ERROR(put(sink, "\""));
   }
   return EFI_SUCCESS;
 }
 
 // Writes the start tag and the contents; an element with neither contents
 // nor children is written as an empty-element tag and is complete.
-EFI_STATUS Writer::openElement(const XML_NODE* node) {
+template <typename Sink>
+EFI_STATUS Writer::openElement(const XML_NODE* node, Sink& sink) {
   if (!validName(node->name)) return EFI_INVALID_PARAMETER;
-  RETURN_IF_ERROR(put("<"));
-  RETURN_IF_ERROR(put(node->name));
-  RETURN_IF_ERROR(attributes(node));
-  if (!node->contents && !node->children) return put("/>");
-  RETURN_IF_ERROR(put(">"));
-  if (node->contents) RETURN_IF_ERROR(characters(node->contents, false));
+  RETURN_IF_ERROR(put(sink, "<"));
+  RETURN_IF_ERROR(put(sink, node->name));
+  RETURN_IF_ERROR(attributes(node, sink));
+  if (!node->contents && !node->children) return put(sink, "/>");
+  RETURN_IF_ERROR(put(sink, ">"));
+  if (node->contents) RETURN_IF_ERROR(characters(node->contents, false, sink));
   return EFI_SUCCESS;
 }
 
-EFI_STATUS Writer::closeElement(const XML_NODE* node) {
+template <typename Sink>
+EFI_STATUS Writer::closeElement(const XML_NODE* node, Sink& sink) {
   if (!node->contents && !node->children) return EFI_SUCCESS;
-  RETURN_IF_ERROR(put("</"));
-  RETURN_IF_ERROR(put(node->name));
-  return put(">");
+  RETURN_IF_ERROR(put(sink, "</"));
+  RETURN_IF_ERROR(put(sink, node->name));
+  return put(sink, ">");
 }
 
-EFI_STATUS Writer::run(const XML_NODE* root, CHAR8** text) {
+template <typename Sink>
+EFI_STATUS Writer::walk(const XML_NODE* root, Sink& sink) {
   const XML_NODE* node = root;
   for (;;) {
-    RETURN_IF_ERROR(openElement(node));
+    RETURN_IF_ERROR(openElement(node, sink));
     if (node->children) {
       if (!open_.push(node)) return EFI_OUT_OF_RESOURCES;
       node = node->children;
       continue;
     }
-    RETURN_IF_ERROR(closeElement(node));
+    RETURN_IF_ERROR(closeElement(node, sink));
     // Climb until an element with a following sibling is found; the root's
     // own siblings are not part of the document.
     while (!open_.empty() && !node->next) {
       node = open_.top();
       open_.pop();
-      RETURN_IF_ERROR(closeElement(node));
+      RETURN_IF_ERROR(closeElement(node, sink));
     }
-    if (open_.empty()) break;
+    if (open_.empty()) return EFI_SUCCESS;
     node = node->next;
   }
-  CHAR8* result = out_.takeText();
+}
+
+EFI_STATUS Writer::run(const XML_NODE* root, CHAR8** text) {
+  ByteCounter counter;
+  RETURN_IF_ERROR(walk(root, counter));
+  tvl::rt::Pool<CHAR8> result = tvl::rt::Pool<CHAR8>::bytes(counter.size() + 1);
   if (!result) return EFI_OUT_OF_RESOURCES;
-  *text = result;
+  ByteWriter writer(result.get(), counter.size());
+  RETURN_IF_ERROR(walk(root, writer));  // the terminator comes from the zero fill
+  *text = result.release();
   return EFI_SUCCESS;
 }
 

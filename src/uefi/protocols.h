@@ -177,3 +177,18 @@ struct EFI_HII_CONFIG_ACCESS_PROTOCOL {
                                EFI_BROWSER_ACTION_REQUEST* ActionRequest);
 };
 static_assert(sizeof(EFI_HII_CONFIG_ACCESS_PROTOCOL) == 24, "EFI_HII_CONFIG_ACCESS_PROTOCOL layout");
+
+// ---------------------------------------------------------------- Random numbers
+#define EFI_RNG_PROTOCOL_GUID \
+  { 0x3152bca5, 0xeade, 0x433d, { 0x86, 0x2e, 0xc0, 0x1c, 0xdc, 0x29, 0x1f, 0x44 } }
+inline constexpr EFI_GUID gEfiRngProtocolGuid = EFI_RNG_PROTOCOL_GUID;
+
+typedef EFI_GUID EFI_RNG_ALGORITHM;
+
+struct EFI_RNG_PROTOCOL {
+  EFI_STATUS(EFIAPI* GetInfo)(EFI_RNG_PROTOCOL* This, UINTN* RNGAlgorithmListSize,
+                              EFI_RNG_ALGORITHM* RNGAlgorithmList);
+  // A null algorithm asks for the driver's default one.
+  EFI_STATUS(EFIAPI* GetRNG)(EFI_RNG_PROTOCOL* This, EFI_RNG_ALGORITHM* RNGAlgorithm, UINTN RNGValueLength,
+                             UINT8* RNGValue);
+};

@@ -14,7 +14,9 @@ void initialize(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
 VOID* allocateZero(UINTN size) {
   VOID* buffer = nullptr;
   if (bs()->AllocatePool(EfiBootServicesData, size, &buffer) != EFI_SUCCESS || !buffer) return nullptr;
-  setMem(buffer, size, 0);
+  // The firmware's own SetMem: every allocation passes here, and the
+  // platform's fill is far quicker than the byte loop below.
+  bs()->SetMem(buffer, size, 0);
   return buffer;
 }
 

@@ -178,10 +178,50 @@ static_assert(__builtin_offsetof(DEVICE_LOCATION_PROTOCOL, DevicePathToLocationT
               "DevicePathToLocationText is slot 1");
 
 // ---------------------------------------------------------------- Passwords
+// Which password a call is about.
 #define PASSWORD_WHICH_SYSTEM 1
 #define PASSWORD_WHICH_SETUP 2
 
+// PasswordStatus bits of GetProperties.
+#define EFI_VORK_PASSWORD_INSTALLED 0x0001u  // a password is installed
+#define EFI_VORK_PASSWORD_DISABLED 0x0004u   // it is disabled and cannot be changed
+
+// PasswordType of GetProperties: what the installed password was set from.
+#define PASSWORD_TYPE_NONE 0        // no password installed
+#define PASSWORD_TYPE_PLAIN 1       // a plain password (method 2 or 3)
+#define PASSWORD_TYPE_SHA256 2      // a SHA-256 hash text and salt (method 1)
+#define PASSWORD_TYPE_UNREADABLE 0xFF  // a stored record that cannot be read
+
+// ChangePassword method codes. The newer service takes 1 and 2, the older
+// one 3; any other code is answered with EFI_UNSUPPORTED.
+#define PASSWORD_METHOD_SHA256 1  // (CHAR16* Old, CHAR8* HashText, CHAR8* SaltText or null)
+#define PASSWORD_METHOD_PLAIN 2   // (CHAR16* Old, CHAR16* New, CHAR8* salt: not read)
+#define PASSWORD_METHOD_CHECKED 3 // (CHAR16* Old, CHAR16* New), the old password is checked
+
+// Longest plain password, in UCS-2 characters.
+#define PASSWORD_MAX_LENGTH 32
+
 // Both password services share the layout of the slots the driver calls.
+//
+// GetProperties: PasswordStatus (EFI_VORK_PASSWORD_* bits) is required; the
+// other outputs are written when given: PasswordType (PASSWORD_TYPE_*), the
+// shortest and longest plain password, and Attributes with bit (1 << code)
+// set for each method code the service takes.
+//
+// ChangePassword reads the variadic arguments of its method only (see the
+// method codes above). An empty new password or an empty hash text clears
+// the password. Statuses: EFI_INVALID_PARAMETER for a missing This or text,
+// a Which other than 1 or 2, a plain password longer than
+// PASSWORD_MAX_LENGTH, a hash text that is not 64 hexadecimal digits or a
+// salt text longer than 64 bytes; EFI_UNSUPPORTED for a method the service
+// does not take; EFI_WRITE_PROTECTED when the password is disabled;
+// EFI_ACCESS_DENIED (method 3) when the old password is wrong;
+// EFI_VOLUME_CORRUPTED (method 3) when the stored password cannot be read;
+// the variable store's status when the password cannot be stored.
+//
+// VerifyPassword: EFI_SUCCESS when Password is the installed password (the
+// empty text when none is installed), EFI_ACCESS_DENIED when it is not,
+// EFI_VOLUME_CORRUPTED when the stored password cannot be read.
 struct PASSWORD_SERVICE_PROTOCOL {
   // 0
   EFI_STATUS(EFIAPI* GetRevision)(PASSWORD_SERVICE_PROTOCOL* This, UINT32* Revision);
@@ -197,6 +237,22 @@ static_assert(__builtin_offsetof(PASSWORD_SERVICE_PROTOCOL, GetProperties) == 8,
 static_assert(__builtin_offsetof(PASSWORD_SERVICE_PROTOCOL, ChangePassword) == 24, "ChangePassword is slot 3");
 typedef PASSWORD_SERVICE_PROTOCOL PASSWORD2_PROTOCOL;
 typedef PASSWORD_SERVICE_PROTOCOL LEGACY_PASSWORD_PROTOCOL;
+
+// Both services keep the passwords in the same UEFI variables under this
+// vendor GUID, non-volatile with boot-service access only, so that a
+// password set through one is checked by the other:
+//   PASSWORD_SYSTEM_VARIABLE, PASSWORD_SETUP_VARIABLE: the stored password
+//     (a salted derivation, never the password itself); absent when none is
+//     installed;
+//   PASSWORD_DISABLED_VARIABLE: one byte, bit (Which - 1) set for each
+//     disabled password. The platform writes it; the services only read it.
+#define PASSWORD_STORE_GUID \
+  { 0x871288c3, 0xcbfe, 0x4686, { 0xbb, 0x9b, 0x22, 0xeb, 0xfd, 0x17, 0x2a, 0x85 } }
+inline constexpr EFI_GUID gPasswordStoreGuid = PASSWORD_STORE_GUID;
+#define PASSWORD_SYSTEM_VARIABLE u"SystemPassword"
+#define PASSWORD_SETUP_VARIABLE u"SetupPassword"
+#define PASSWORD_DISABLED_VARIABLE u"PasswordDisabled"
+#define PASSWORD_VARIABLE_ATTRIBUTES (EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS)
 
 // ---------------------------------------------------------------- Converter protocol
 #define TOLVANE_PROTOCOL_REVISION 0x2000u

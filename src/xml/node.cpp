@@ -86,7 +86,19 @@ EFI_STATUS copyNode(const XML_NODE* source, XML_NODE** copy) {
   return EFI_SUCCESS;
 }
 
+// Whether `text` holds the first character of a text that replaceEach
+// searches for. Most contents hold none, and then one pass over them saves
+// a search per row.
+bool mayMatchARow(const CHAR8* text, bool escape) {
+  if (!text) return true;  // replaceAll refuses it, as before
+  for (; *text; ++text)
+    for (const XML_ESCAPE_ROW* row = XmlEscapeTable; row->raw && row->escaped; ++row)
+      if (row->flag == 1 && *text == (escape ? row->raw : row->escaped)[0]) return true;
+  return false;
+}
+
 void replaceEach(CHAR8** text, bool escape) {
+  if (text && !mayMatchARow(*text, escape)) return;
   for (const XML_ESCAPE_ROW* row = XmlEscapeTable; row->raw && row->escaped; ++row) {
     if (row->flag != 1) continue;
     if (escape)

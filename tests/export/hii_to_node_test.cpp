@@ -40,7 +40,7 @@ DeviceDescription device(const std::u16string& fqdd, std::vector<FormDescription
   set.helpText = u"Settings of the test device.";
   set.varStores = {{kStore, kStoreGuid, "TestStore", 0x400, false, 0}};
   set.forms = std::move(forms);
-  d.formSets = {std::move(set)};
+  d.formSets = {set};
   return d;
 }
 

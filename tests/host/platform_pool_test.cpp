@@ -1,6 +1,10 @@
-// Pool accounting, fault injection, invalid frees, and the fixture's own
-// leak check and sweep.
+// Pool accounting, fault injection, invalid frees, the lean pool, and the
+// fixture's own leak check and sweep.
 #include <gtest/gtest-spi.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
 
 #include "tests/host/platform_test_util.h"
 
@@ -11,10 +15,23 @@ const EFI_GUID kSomeGuid = testGuid(9);
 
 class PoolTest : public PlatformTest {
  protected:
-  void* allocate(size_t size) {
+  void* allocate(size_t size) { return allocateFrom(bs(), size); }
+  static void* allocateFrom(EFI_BOOT_SERVICES* services, size_t size) {
     void* p = nullptr;
-    EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, size, &p), EFI_SUCCESS);
+    EXPECT_EQ(services->AllocatePool(EfiBootServicesData, size, &p), EFI_SUCCESS);
     return p;
+  }
+  // Runs `body` on the fixture's checked pool and then on a lean platform
+  // of its own (current while it lives).
+  template <typename Body>
+  void onEachPool(Body body) {
+    {
+      SCOPED_TRACE("checked pool");
+      body(platform());
+    }
+    host::Platform lean(host::PoolMode::Lean);
+    SCOPED_TRACE("lean pool");
+    body(lean);
   }
 };
 
@@ -23,16 +40,125 @@ TEST_F(PoolTest, PoolTypesAndArguments) {
       {EfiBootServicesData, true},    {EfiLoaderData, true},        {EfiRuntimeServicesData, true},
       {0x70000000u, true},            {0x80000001u, true},          {EfiConventionalMemory, false},
       {EfiPersistentMemory, false},   {EfiMaxMemoryType, false},    {0x6FFFFFFFu, false}};
-  for (auto [type, accepted] : types) {
-    void* p = nullptr;
-    EFI_STATUS s = bs()->AllocatePool(static_cast<EFI_MEMORY_TYPE>(type), 8, &p);
-    EXPECT_EQ(statusName(s), statusName(accepted ? EFI_SUCCESS : EFI_INVALID_PARAMETER)) << std::hex << type;
-    if (s == EFI_SUCCESS) bs()->FreePool(p);
+  onEachPool([&](host::Platform& pool) {
+    EFI_BOOT_SERVICES* services = pool.bootServices();
+    for (auto [type, accepted] : types) {
+      void* p = nullptr;
+      EFI_STATUS s = services->AllocatePool(static_cast<EFI_MEMORY_TYPE>(type), 8, &p);
+      EXPECT_EQ(statusName(s), statusName(accepted ? EFI_SUCCESS : EFI_INVALID_PARAMETER)) << std::hex << type;
+      if (s == EFI_SUCCESS) services->FreePool(p);
+    }
+    EXPECT_EQ(services->AllocatePool(EfiBootServicesData, 8, nullptr), EFI_INVALID_PARAMETER);
+    void* empty = allocateFrom(services, 0);  // a zero-size allocation is still a distinct buffer
+    void* other = allocateFrom(services, 0);
+    EXPECT_TRUE(empty && other && empty != other);
+    EXPECT_EQ(services->FreePool(empty), EFI_SUCCESS);
+    EXPECT_EQ(services->FreePool(other), EFI_SUCCESS);
+    EXPECT_EQ(pool.poolStats().outstanding, 0u);
+  });
+}
+
+// Sizes on both sides of every kind of boundary the lean pool has: the
+// 16-byte steps, the switch to power-of-two classes, the largest class and
+// the blocks beyond it.
+TEST_F(PoolTest, LeanPoolBlocksAreZeroedAlignedAndDisjoint) {
+  host::Platform lean(host::PoolMode::Lean);
+  EFI_BOOT_SERVICES* services = lean.bootServices();
+  const size_t sizes[] = {0, 1, 7, 8, 9, 15, 16, 17, 100, 512, 513, 1000, 1024, 1025, 4096, 65535, 65536, 65537, 300000};
+  size_t total = 0;
+  for (size_t size : sizes) total += size;
+  // Two rounds: the second gets recycled blocks, which must come back zeroed
+  // although the pool kept its free list in them.
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round == 0 ? "fresh blocks" : "recycled blocks");
+    std::vector<uint8_t*> blocks;
+    for (size_t size : sizes) {
+      auto* p = static_cast<uint8_t*>(allocateFrom(services, size));
+      ASSERT_NE(p, nullptr);
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u) << size;
+      size_t nonZero = 0;
+      for (size_t i = 0; i < size; ++i) nonZero += p[i] != 0;
+      EXPECT_EQ(nonZero, 0u) << size;
+      std::memset(p, 0xA0 + int(blocks.size()), size);
+      blocks.push_back(p);
+    }
+    host::PoolStats stats = lean.poolStats();
+    EXPECT_EQ(stats.outstanding, std::size(sizes));
+    EXPECT_EQ(stats.outstandingBytes, total);
+    EXPECT_NE(lean.leakReport().find(std::to_string(std::size(sizes)) + " pool allocation(s), " +
+                                     std::to_string(total) + " bytes"),
+              std::string::npos)
+        << lean.leakReport();
+    // Each block still holds its own pattern: no block overlaps another or
+    // the pool's heads.
+    for (size_t b = 0; b < blocks.size(); ++b) {
+      size_t foreign = 0;
+      for (size_t i = 0; i < sizes[b]; ++i) foreign += blocks[b][i] != uint8_t(0xA0 + b);
+      EXPECT_EQ(foreign, 0u) << sizes[b];
+    }
+    for (size_t b = blocks.size(); b-- > 0;) EXPECT_EQ(services->FreePool(blocks[b]), EFI_SUCCESS);
+    stats = lean.poolStats();
+    EXPECT_TRUE(stats.outstanding == 0 && stats.outstandingBytes == 0 && stats.invalidFrees == 0);
+    EXPECT_EQ(stats.allocations, (round + 1) * std::size(sizes));
+    EXPECT_EQ(stats.frees, stats.allocations);
+    EXPECT_TRUE(lean.leakReport().empty()) << lean.leakReport();
   }
-  EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, 8, nullptr), EFI_INVALID_PARAMETER);
-  void* empty = allocate(0);  // a zero-size allocation is still a distinct buffer
-  EXPECT_NE(empty, nullptr);
-  EXPECT_EQ(bs()->FreePool(empty), EFI_SUCCESS);
+  // Many blocks, enough to fill several chunks, stay apart; the ones still
+  // held when the platform goes are returned with it.
+  std::vector<std::pair<uint32_t*, size_t>> many;
+  for (uint32_t i = 0; i < 20000; ++i) {
+    size_t words = 1 + (i * 7) % 200;
+    auto* p = static_cast<uint32_t*>(allocateFrom(services, words * 4));
+    ASSERT_NE(p, nullptr);
+    for (size_t w = 0; w < words; ++w) p[w] = i;
+    many.emplace_back(p, words);
+  }
+  size_t damaged = 0;
+  for (uint32_t i = 0; i < many.size(); ++i)
+    for (size_t w = 0; w < many[i].second; ++w) damaged += many[i].first[w] != i;
+  EXPECT_EQ(damaged, 0u);
+  for (size_t i = 0; i < many.size(); i += 2) services->FreePool(many[i].first);
+  EXPECT_EQ(lean.poolStats().outstanding, many.size() / 2);
+}
+
+TEST_F(PoolTest, LeanPoolRefusesWhatItDidNotHandOut) {
+  void* checked = allocate(32);  // a block of the fixture's (checked) pool
+  alignas(8) uint8_t local[64] = {};
+  void* host = std::malloc(64);
+  {
+    host::Platform lean(host::PoolMode::Lean);
+    EFI_BOOT_SERVICES* services = lean.bootServices();
+    auto* small = static_cast<uint8_t*>(allocateFrom(services, 40));
+    auto* large = static_cast<uint8_t*>(allocateFrom(services, 200000));
+    auto* freed = static_cast<uint8_t*>(allocateFrom(services, 40));
+    ASSERT_EQ(services->FreePool(freed), EFI_SUCCESS);
+    const struct {
+      const char* what;
+      void* address;
+    } cases[] = {
+        {"null", nullptr},
+        {"stack memory", local + 16},
+        {"host heap memory", host},
+        {"interior, unaligned", small + 1},
+        {"interior, aligned", small + 8},
+        {"interior of a large block", large + 4096},
+        {"a block freed before", freed},
+        {"a checked pool's block", checked},
+    };
+    for (const auto& c : cases) EXPECT_EQ(services->FreePool(c.address), EFI_INVALID_PARAMETER) << c.what;
+    EXPECT_EQ(lean.poolStats().invalidFrees, std::size(cases));
+    EXPECT_NE(lean.poolErrorReport().find("not an outstanding pool allocation"), std::string::npos);
+    // The refusals changed nothing: the real blocks free once, and only once.
+    host::PoolStats before = lean.poolStats();
+    EXPECT_EQ(services->FreePool(small), EFI_SUCCESS);
+    EXPECT_EQ(services->FreePool(large), EFI_SUCCESS);
+    EXPECT_EQ(services->FreePool(large), EFI_INVALID_PARAMETER);
+    host::PoolStats after = lean.poolStats();
+    EXPECT_TRUE(after.outstanding == 0 && after.frees == before.frees + 2);
+    EXPECT_EQ(after.invalidFrees, before.invalidFrees + 1);
+  }
+  std::free(host);
+  EXPECT_EQ(bs()->FreePool(checked), EFI_SUCCESS);
 }
 
 TEST_F(PoolTest, Accounting) {
@@ -76,30 +202,39 @@ TEST_F(PoolTest, FaultInjectionModes) {
   struct Case { bool from; size_t k; const char* outcomes; };  // one letter per attempt: s succeeded, f refused
   const Case cases[] = {{false, 2, "sfsss"}, {false, 1, "fssss"}, {true, 3, "ssfff"}, {true, 1, "fffff"},
                         {false, 9, "sssss"}};
-  for (const Case& t : cases) {
-    t.from ? platform().failAllocationsFrom(t.k) : platform().failAllocation(t.k);
-    std::string outcomes;
-    std::vector<void*> held;
-    for (int i = 0; i < 5; ++i) {
-      void* p = nullptr;
-      EFI_STATUS s = bs()->AllocatePool(EfiBootServicesData, 8, &p);
-      EXPECT_TRUE(s == EFI_SUCCESS || (s == EFI_OUT_OF_RESOURCES && p == nullptr));
-      outcomes += s == EFI_SUCCESS ? 's' : 'f';
-      if (p) held.push_back(p);
+  onEachPool([&](host::Platform& pool) {
+    EFI_BOOT_SERVICES* services = pool.bootServices();
+    size_t refused = 0;
+    for (const Case& t : cases) {
+      t.from ? pool.failAllocationsFrom(t.k) : pool.failAllocation(t.k);
+      std::string outcomes;
+      std::vector<void*> held;
+      for (int i = 0; i < 5; ++i) {
+        void* p = nullptr;
+        EFI_STATUS s = services->AllocatePool(EfiBootServicesData, 8, &p);
+        EXPECT_TRUE(s == EFI_SUCCESS || (s == EFI_OUT_OF_RESOURCES && p == nullptr));
+        outcomes += s == EFI_SUCCESS ? 's' : 'f';
+        if (p) held.push_back(p);
+      }
+      pool.clearAllocationFaults();
+      EXPECT_EQ(outcomes, t.outcomes) << (t.from ? "from " : "single ") << t.k;
+      refused += std::count(outcomes.begin(), outcomes.end(), 'f');
+      for (void* p : held) services->FreePool(p);
     }
-    platform().clearAllocationFaults();
-    EXPECT_EQ(outcomes, t.outcomes) << (t.from ? "from " : "single ") << t.k;
-    for (void* p : held) bs()->FreePool(p);
-  }
-  // Firmware services that allocate take part too.
-  EFI_PHYSICAL_ADDRESS pages = 0;
-  platform().failAllocationsFrom(1);
-  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 1, &pages), EFI_OUT_OF_RESOURCES);
-  int iface = 0;
-  EFI_HANDLE h = nullptr;
-  EXPECT_EQ(bs()->InstallProtocolInterface(&h, &kSomeGuid, EFI_NATIVE_INTERFACE, &iface), EFI_OUT_OF_RESOURCES);
-  EXPECT_EQ(h, nullptr);
-  platform().clearAllocationFaults();
+    host::PoolStats stats = pool.poolStats();
+    EXPECT_EQ(stats.failedByInjection, refused);
+    EXPECT_EQ(stats.outstanding, 0u);
+    // Firmware services that allocate take part too.
+    EFI_PHYSICAL_ADDRESS pages = 0;
+    pool.failAllocationsFrom(1);
+    EXPECT_EQ(services->AllocatePages(AllocateAnyPages, EfiBootServicesData, 1, &pages), EFI_OUT_OF_RESOURCES);
+    int iface = 0;
+    EFI_HANDLE h = nullptr;
+    EXPECT_EQ(services->InstallProtocolInterface(&h, &kSomeGuid, EFI_NATIVE_INTERFACE, &iface),
+              EFI_OUT_OF_RESOURCES);
+    EXPECT_EQ(h, nullptr);
+    pool.clearAllocationFaults();
+  });
 }
 
 TEST_F(PoolTest, Pages) {
@@ -114,6 +249,26 @@ TEST_F(PoolTest, Pages) {
   EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 0, &address), EFI_INVALID_PARAMETER);
   EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiConventionalMemory, 1, &address), EFI_INVALID_PARAMETER);
   markBaseline();  // the refused FreePages calls were deliberate
+}
+
+// The free observer sees each block with its contents before the pool's
+// fill, pool blocks and page runs alike, and nothing once removed.
+TEST_F(PoolTest, FreeObserverSeesBlocksBeforeTheyAreFilled) {
+  std::vector<std::pair<size_t, std::string>> seen;
+  platform().setFreeObserver([&](const void* block, size_t size) {
+    seen.emplace_back(size, std::string(static_cast<const char*>(block), std::min<size_t>(size, 6)));
+  });
+  char* text = static_cast<char*>(allocate(7));
+  std::memcpy(text, "secret", 7);
+  EXPECT_EQ(bs()->FreePool(text), EFI_SUCCESS);
+  EFI_PHYSICAL_ADDRESS pages = 0;
+  ASSERT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 2, &pages), EFI_SUCCESS);
+  std::memcpy(reinterpret_cast<void*>(pages), "paged!", 6);
+  EXPECT_EQ(bs()->FreePages(pages, 2), EFI_SUCCESS);
+  platform().setFreeObserver({});
+  EXPECT_EQ(bs()->FreePool(allocate(3)), EFI_SUCCESS);
+  const std::vector<std::pair<size_t, std::string>> expected = {{7, "secret"}, {8192, "paged!"}};
+  EXPECT_EQ(seen, expected);
 }
 
 TEST_F(PoolTest, LeakCheckSeesAllocationsSinceTheBaseline) {

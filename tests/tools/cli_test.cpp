@@ -20,9 +20,11 @@
 #include "host/sample/sample_devices.h"
 #include "host/sample/sample_platform.h"
 #include "host/sample/sample_state.h"
+#include "tests/host/offline/dump_shapes.h"
 #include "tests/support/fixture.h"
 
 namespace sample = tvl::host::sample;
+namespace shapes = tvl::test::shapes;
 using tvl::host::hii::toAscii;
 
 namespace {
@@ -52,12 +54,15 @@ class Cli {
 
   std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
-  Outcome run(const std::vector<std::string>& args) const {
-    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args);
+  // Runs with the checked pool unless `lean` (the checked pool fails a
+  // command that frees memory wrongly), on the test's own state file.
+  Outcome run(const std::vector<std::string>& args, bool lean = false) const {
+    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, lean);
   }
   // With `environment` ("NAME=value ...", as the shell takes it) instead.
-  Outcome runWith(const std::string& environment, const std::vector<std::string>& args) const {
+  Outcome runWith(const std::string& environment, const std::vector<std::string>& args, bool lean = false) const {
     std::string command = "env -u TOLVANE_STATE -u XDG_STATE_HOME " + environment + " '" TOLVANE_CLI "'";
+    if (!lean) command += " --checked-pool";
     for (const auto& a : args) command += " '" + a + "'";
     command += " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
     int status = std::system(command.c_str());
@@ -176,7 +181,7 @@ TEST_F(CliInfoTest, InfoShowsRevisionSlotsAndBoundServices) {
   } services[] = {
       {"gLogProtocol", "bound"},          {"gHiiFormsProcessor2Protocol", "bound"},
       {"gHiiDatabase", "bound"},          {"XMLProtocol", "bound"},
-      {"HiiStringProtocol", "bound"},     {"gPassword2Protocol", "not bound"},
+      {"HiiStringProtocol", "bound"},     {"gPassword2Protocol", "bound"},
       {"gLegacyPasswordProtocol", "not bound"}, {"gDeviceLocationProtocol", "bound"},
   };
   for (const auto& s : services) {
@@ -353,6 +358,13 @@ TEST(CliTest, ExportedFileReadsBackAsTheSameFormSets) {
   Outcome live = cli.run({"forms"});
   Outcome file = cli.run({"forms", "--hii", cli.path("all.hii")});
   ASSERT_EQ(file.exitCode, 0) << file.err;
+  // The default (lean) pool changes nothing that the commands print.
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"forms"}, {"forms", "--hii", cli.path("all.hii")}, {"info"}, {"devices"}}) {
+    Outcome checked = cli.run(args), lean = cli.run(args, true);
+    EXPECT_EQ(lean.exitCode, 0) << args[0] << ": " << lean.err;
+    EXPECT_EQ(lean.out, checked.out) << args[0];
+  }
   EXPECT_NE(file.out.find("5 package list(s)"), std::string::npos);
   EXPECT_NE(file.out.find("packages: FORMS FORMS FORMS STRINGS(en-US) STRINGS(x-UEFI) DEVICE_PATH"),
             std::string::npos);
@@ -448,10 +460,10 @@ bool exists(const std::string& path) { return std::ifstream(path).good(); }
 
 // The state file's BIOS setup store with its first byte (Boot Mode) set.
 std::string withBootMode(const std::string& state, UINT8 mode) {
-  std::vector<sample::StoreState> stores = sample::parseState(state);
-  for (auto& s : stores)
+  sample::SampleState parsed = sample::parseState(state);
+  for (auto& s : parsed.stores)
     if (s.name == "BiosSetup") s.bytes.at(0) = mode;
-  return sample::formatState(stores);
+  return sample::formatState(parsed);
 }
 
 TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
@@ -464,7 +476,7 @@ TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
   ASSERT_EQ(reset.exitCode, 0) << reset.err;
   EXPECT_EQ(reset.out, "restored the defaults of 9 stores of 5 devices in " + file + "\n");
   const std::string defaults = readAll(file);
-  ASSERT_EQ(sample::parseState(defaults).size(), 9u);
+  ASSERT_EQ(sample::parseState(defaults).stores.size(), 9u);
 
   // A stored BIOS boot mode shows, with the conditions that depend on it.
   cli.write("platform.state", withBootMode(defaults, 1));
@@ -479,6 +491,37 @@ TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
   EXPECT_EQ(readAll(file), defaults);
   bios = cli.run({"forms", "--device", "BIOS.InternalSetup.1-1"});
   EXPECT_NE(block(bios.out, "keyword \"BootMode").find("value: 0 (\"UEFI\")"), std::string::npos);
+}
+
+// The state file chooses the password services the platform loads; info
+// tells which one the driver bound.
+TEST(CliTest, InfoShowsThePasswordServiceTheStateFileChooses) {
+  Cli cli;
+  ASSERT_EQ(cli.run({"reset"}).exitCode, 0);
+  const std::string defaults = readAll(cli.path("platform.state"));
+  ASSERT_NE(defaults.find("\npasswords new\n"), std::string::npos) << defaults;
+  struct Case {
+    const char* services;
+    const char* bound;
+    bool legacyBound;
+  } cases[] = {
+      {"new", "PASSWORD2_PROTOCOL, the newer service", false},
+      {"legacy", "LEGACY_PASSWORD_PROTOCOL, the older service", true},
+      {"both", "PASSWORD2_PROTOCOL, the newer service", false},
+      {"none", "none bound", false},
+  };
+  for (const auto& c : cases) {
+    std::string state = defaults;
+    state.replace(state.find("passwords new"), 13, std::string("passwords ") + c.services);
+    cli.write("platform.state", state);
+    Outcome r = cli.run({"info"});
+    ASSERT_EQ(r.exitCode, 0) << c.services << ": " << r.err;
+    EXPECT_NE(r.out.find(std::string("Password service: ") + c.bound + " (the platform loads: " + c.services + ")\n"),
+              std::string::npos)
+        << r.out;
+    std::string legacy = block(r.out, "  gLegacyPasswordProtocol ");
+    EXPECT_EQ(legacy.find("not bound") == std::string::npos, c.legacyBound) << legacy;
+  }
 }
 
 TEST(CliTest, ADamagedStateFileIsRefusedUntilReset) {
@@ -550,7 +593,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
     int exitCode;
     const char* says;  // on standard error
   } cases[] = {
-      {{}, 2, "usage: tolvane [--state FILE] <command>"},
+      {{}, 2, "usage: tolvane [--checked-pool] [--state FILE] <command>"},
       {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
       {{"info", "extra"}, 2, "unexpected argument 'extra'"},
       {{"devices", "--device", "x"}, 2, "unknown option '--device'"},
@@ -562,13 +605,16 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
       {{"export-hii"}, 2, "no output file"},
       {{"reset", "now"}, 2, "unexpected argument 'now'"},
       {{"export-hii", "-o", "/nonexistent/dir/x.hii"}, 1, "cannot create /nonexistent/dir/x.hii"},
+      {{"--lean-pool", "info"}, 2, "unknown global option '--lean-pool'"},
+      {{"info", "--checked-pool"}, 2, "unknown option '--checked-pool'"},  // global options go first
   };
   for (const auto& c : cases) {
-    Outcome r = cli.run(c.args);
+    Outcome r = cli.run(c.args, true);
     std::string name = c.args.empty() ? "(none)" : c.args[0];
     EXPECT_EQ(r.exitCode, c.exitCode) << name << ": " << r.err;
     EXPECT_NE(r.err.find(c.says), std::string::npos) << name << ": " << r.err;
   }
+  EXPECT_NE(cli.run({"--help"}).out.find("--checked-pool  serve the platform's pool"), std::string::npos);
   for (const char* command : {"info", "devices", "forms", "export-hii", "export", "reset"}) {
     Outcome r = cli.run({command, "--help"});
     EXPECT_EQ(r.exitCode, 0) << command;
@@ -587,7 +633,8 @@ TEST(CliTest, ExportRefusesWrongArgumentsBeforeExporting) {
       {{"export", "--device", bios, "--verbose"}, "unknown option '--verbose'"},
       {{"export", "--device", bios, "--possible", "--current"}, "--possible or --current, not both"},
       {{"export", "--device", "NIC.Integrated.9-9-9"}, "no device with FQDD 'NIC.Integrated.9-9-9'"},
-      {{"export"}, "name the device with --device FQDD; known devices: BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"},
+      {{"export"}, "name the device with --device FQDD, or give -o DIR to export every device into DIR; known devices: "
+                   "BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"},
       {{"export", "--device", bios, "--trace", "verbose"}, "--trace: 'verbose' is neither a hexadecimal mask"},
       {{"export", "--device", bios, "--trace", "failure,,progress"}, "--trace: 'failure,,progress' is neither"},
       {{"export", "--device", bios, "--trace", "0x1ffffffffffffffff"}, "is neither a hexadecimal mask"},
@@ -672,6 +719,132 @@ TEST(CliTest, ExportTraceLevelsSelectTheDriversLines) {
     EXPECT_EQ(("\n" + r.err).find("\nTolvaneInitialize: Entering\n") != std::string::npos, c.shown)
         << name << ": " << r.err;
   }
+}
+
+// ---------------------------------------------------------------- offline export
+// Every list of a dump in the shapes real firmware writes: listed when no
+// list is chosen, then each chosen by number either exports or fails with a
+// message that names it and the reason.
+TEST(CliTest, OfflineExportTakesEveryFormListOfAFirmwareDumpByNumber) {
+  Cli cli;
+  const shapes::DumpFile dump = shapes::firmwareDump();
+  cli.write("dump.hii", dump.bytes);
+  const std::string file = cli.path("dump.hii");
+  Outcome listing = cli.run({"export", "--hii", file, "--fqdd", "X"});
+  EXPECT_EQ(listing.exitCode, 2) << listing.err;
+  EXPECT_NE(listing.err.find("7 package lists hold forms; choose one with --package-list N:"), std::string::npos)
+      << listing.err;
+  EXPECT_NE(listing.err.find("\n  7: GUID FE561596-E6BF-41A6-8376-C72B719874D0, device path VenHw("), std::string::npos)
+      << listing.err;
+  EXPECT_NE(listing.err.find("form set \"Driver Health Configure\""), std::string::npos) << listing.err;
+  EXPECT_TRUE(listing.out.empty());
+  for (size_t i = 0; i < dump.lists.size(); ++i) {
+    const shapes::DumpedList& list = dump.lists[i];
+    const std::string number = std::to_string(i + 1), out = cli.path("list" + number + ".xml");
+    Outcome r = cli.run({"export", "--hii", file, "--fqdd", "Offline." + number, "--package-list", number, "-o", out});
+    if (!list.hasForms) {
+      EXPECT_EQ(r.exitCode, 2) << list.what;
+      EXPECT_NE(r.err.find("--package-list " + number + ": package list " + number + " (GUID "), std::string::npos)
+          << r.err;
+      EXPECT_NE(r.err.find("holds no forms"), std::string::npos) << r.err;
+    } else if (list.exports) {
+      EXPECT_EQ(r.exitCode, 0) << list.what << ": " << r.err;
+      EXPECT_NE(readAll(out).find("<ConfigDataEntry FQDD=\"Offline." + number + "\" Type=\"PossibleValues\">"),
+                std::string::npos)
+          << list.what;
+    } else {
+      EXPECT_EQ(r.exitCode, 1) << list.what;
+      EXPECT_NE(r.err.find("tolvane export: package list " + number + " (GUID "), std::string::npos) << r.err;
+      EXPECT_NE(r.err.find("with form set \"iPXE (52:54:00:12:34:56)\""), std::string::npos) << r.err;
+      EXPECT_NE(r.err.find("HiiToNode failed: EFI_NOT_FOUND: its strings are in \"en-us\", not in the exact "
+                           "\"en-US\" that an export needs"),
+                std::string::npos)
+          << r.err;
+      EXPECT_FALSE(std::ifstream(out).good());
+    }
+  }
+  const struct {
+    std::vector<std::string> args;
+    int exitCode;
+    std::string says;
+  } refusals[] = {
+      {{"--package-list", "0"}, 2, "--package-list 0: " + file + " holds package lists 1 to 9"},
+      {{"--package-list", "10"}, 2, "holds package lists 1 to 9"},
+      {{"--package-list", "2x"}, 2, "holds package lists 1 to 9"},
+      {{"--package-list", "2", "--device", "BIOS.InternalSetup.1-1"}, 2, "cannot be combined with --hii"},
+  };
+  for (const auto& c : refusals) {
+    std::vector<std::string> args = {"export", "--hii", file, "--fqdd", "X"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    Outcome r = cli.run(args);
+    EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+  }
+  Outcome noFqdd = cli.run({"export", "--hii", file, "--package-list", "2"});
+  EXPECT_EQ(noFqdd.exitCode, 2);
+  EXPECT_NE(noFqdd.err.find("--hii FILE needs --fqdd TEXT"), std::string::npos) << noFqdd.err;
+  // A configuration line is refused with its file and line.
+  cli.write("config.txt", "# none\nGUID=00");
+  Outcome config =
+      cli.run({"export", "--hii", file, "--fqdd", "X", "--package-list", "2", "--config", cli.path("config.txt")});
+  EXPECT_EQ(config.exitCode, 2);
+  EXPECT_NE(config.err.find(cli.path("config.txt") + ": line 2, column 8: GUID needs 32 hex digits"), std::string::npos)
+      << config.err;
+  Outcome fqddAlone = cli.run({"export", "--fqdd", "X"});
+  EXPECT_EQ(fqddAlone.exitCode, 2);
+  EXPECT_NE(fqddAlone.err.find("--fqdd goes with --hii FILE"), std::string::npos) << fqddAlone.err;
+}
+
+// What a sample device's ExtractConfig answers for every store (one line,
+// with the default configurations), on a sample platform built afresh.
+std::string extractAll(sample::SamplePlatform& sample, const std::u16string& fqdd) {
+  EFI_HII_CONFIG_ACCESS_PROTOCOL* access = sample.findDevice(fqdd)->device->configAccess();
+  EFI_STRING progress = nullptr, results = nullptr;
+  EXPECT_EQ(access->ExtractConfig(access, nullptr, &progress, &results), EFI_SUCCESS);
+  std::string line = results ? toAscii(reinterpret_cast<const char16_t*>(results)) : "";
+  if (results) sample.platform().bootServices()->FreePool(results);
+  return line;
+}
+
+// A sample device's package list and its stores as ExtractConfig answers
+// them give, offline, the same documents as the device itself.
+TEST(CliTest, OfflineExportOfASampleDeviceEqualsItsLiveExport) {
+  Cli cli;
+  sample::SamplePlatform sample;
+  for (const auto& d : sample::sampleDevices()) {
+    const std::string fqdd = toAscii(d.fqdd);
+    cli.write("config.txt", "# " + fqdd + "\n" + extractAll(sample, d.fqdd) + "\n");
+    ASSERT_EQ(cli.run({"export-hii", "--device", fqdd, "-o", cli.path("device.hii")}).exitCode, 0);
+    for (const char* kind : {"--possible", "--current"}) {
+      Outcome live = cli.run({"export", "--device", fqdd, kind});
+      Outcome offline = cli.run({"export", "--hii", cli.path("device.hii"), "--fqdd", fqdd, "--config",
+                                 cli.path("config.txt"), kind});
+      ASSERT_EQ(live.exitCode, 0) << fqdd << ": " << live.err;
+      EXPECT_EQ(offline.exitCode, 0) << fqdd << ": " << offline.err;
+      EXPECT_EQ(offline.out, live.out) << fqdd << " " << kind;
+    }
+  }
+}
+
+// ---------------------------------------------------------------- every device
+TEST(CliTest, ExportWithoutDeviceWritesEveryDeviceIntoADirectory) {
+  Cli cli;
+  const std::string dir = cli.path("new/documents");
+  Outcome r = cli.run({"export", "-o", dir, "--current"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  for (const auto& d : sample::sampleDevices()) {
+    std::string name = toAscii(d.fqdd);
+    std::replace(name.begin(), name.end(), ':', '_');
+    const std::string document = readAll(dir + "/" + name + ".xml");
+    EXPECT_NE(document.find("<ConfigDataEntry FQDD=\"" + toAscii(d.fqdd) + "\" Type=\"CurrentValues\">"),
+              std::string::npos)
+        << name;
+    EXPECT_NE(r.out.find("bytes to " + dir + "/" + name + ".xml\n"), std::string::npos) << r.out;
+  }
+  cli.write("plain", std::string("not a directory"));
+  Outcome file = cli.run({"export", "-o", cli.path("plain")});
+  EXPECT_EQ(file.exitCode, 1);
+  EXPECT_NE(file.err.find("cannot make the directory " + cli.path("plain")), std::string::npos) << file.err;
 }
 
 }  // namespace

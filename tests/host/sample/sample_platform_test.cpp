@@ -238,6 +238,76 @@ TEST_F(SamplePlatformTest, DriverLoadsAndInstallsTheConverter) {
   skipLeakCheck();  // the installed record lives until the driver unloads
 }
 
+// The password services the platform loads, switched in any order: the
+// protocols installed, the one a driver loaded afterwards binds, and no
+// memory left behind by an unloaded service.
+TEST_F(SamplePlatformTest, PasswordServicesFollowTheSetting) {
+  using P = sample::PasswordServices;
+  EXPECT_EQ(sample_->passwordServices(), P::Newer) << "the default";
+  EXPECT_NE(sample_->password2(), nullptr);
+  EXPECT_EQ(sample_->legacyPassword(), nullptr);
+  struct Case {
+    P services;
+    const char* name;
+    bool newer, legacy;
+  } cases[] = {
+      {P::Legacy, "legacy", false, true}, {P::Both, "both", true, true},  {P::None, "none", false, false},
+      {P::Newer, "new", true, false},     {P::Both, "both", true, true},  {P::Legacy, "legacy", false, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    sample_->setPasswordServices(c.services);
+    EXPECT_EQ(sample_->passwordServices(), c.services);
+    EXPECT_STREQ(sample::passwordServicesName(c.services), c.name);
+    EXPECT_EQ(sample::parsePasswordServices(c.name), c.services);
+    EXPECT_EQ(platform().handlesWith(gPassword2ProtocolGuid).size(), c.newer ? 1u : 0u);
+    EXPECT_EQ(platform().handlesWith(gLegacyPasswordProtocolGuid).size(), c.legacy ? 1u : 0u);
+    EFI_HANDLE driver = nullptr;
+    ASSERT_EQ(sample_->loadDriver(&driver), EFI_SUCCESS);
+    auto global = [&](const char* name) { return *static_cast<void**>(platform().imageSymbol(driver, name)); };
+    EXPECT_EQ(global("gPassword2Protocol"), static_cast<void*>(sample_->password2()));
+    EXPECT_EQ(global("gLegacyPasswordProtocol"), c.newer ? nullptr : static_cast<void*>(sample_->legacyPassword()));
+    ASSERT_EQ(platform().unloadImage(driver), EFI_SUCCESS);
+  }
+  EXPECT_FALSE(sample::parsePasswordServices("older"));
+  // Every service loaded here is unloaded again; the check at TearDown
+  // finds none of their memory.
+  sample_->setPasswordServices(P::None);
+}
+
+// The disabled marks, as the loaded services report them.
+TEST_F(SamplePlatformTest, PasswordsCanBeMarkedDisabled) {
+  sample_->setPasswordServices(sample::PasswordServices::Both);
+  auto disabled = [&](PASSWORD_SERVICE_PROTOCOL* s, UINT16 which) {
+    UINT16 status = 0;
+    EXPECT_EQ(s->GetProperties(s, which, &status, nullptr, nullptr, nullptr, nullptr), EFI_SUCCESS);
+    return (status & EFI_VORK_PASSWORD_DISABLED) != 0;
+  };
+  const struct {
+    UINT16 which;
+    bool disabled;
+    bool system, setup;  // both marks afterwards
+  } steps[] = {
+      {PASSWORD_WHICH_SETUP, true, false, true},   {PASSWORD_WHICH_SYSTEM, true, true, true},
+      {PASSWORD_WHICH_SETUP, false, true, false},  {PASSWORD_WHICH_SETUP, false, true, false},
+      {PASSWORD_WHICH_SYSTEM, false, false, false},
+  };
+  for (const auto& step : steps) {
+    sample_->setPasswordDisabled(step.which, step.disabled);
+    for (PASSWORD_SERVICE_PROTOCOL* s : {sample_->password2(), sample_->legacyPassword()}) {
+      EXPECT_EQ(disabled(s, PASSWORD_WHICH_SYSTEM), step.system);
+      EXPECT_EQ(disabled(s, PASSWORD_WHICH_SETUP), step.setup);
+    }
+    EXPECT_EQ(sample_->passwordDisabled(PASSWORD_WHICH_SYSTEM), step.system);
+    EXPECT_EQ(sample_->passwordDisabled(PASSWORD_WHICH_SETUP), step.setup);
+  }
+  std::vector<uint8_t> marks;
+  EXPECT_EQ(platform().getVariable(PASSWORD_DISABLED_VARIABLE, gPasswordStoreGuid, &marks), EFI_NOT_FOUND)
+      << "no marks leave no variable";
+  EXPECT_THROW(sample_->setPasswordDisabled(3, true), std::invalid_argument);
+  sample_->setPasswordServices(sample::PasswordServices::Newer);
+}
+
 // ---------------------------------------------------------------- descriptions
 sample::FormSetDescription tinyFormSet(std::vector<Statement> statements) {
   sample::FormSetDescription fs;

@@ -1,6 +1,6 @@
-// The sample platform's state file: the round trip of every store, the
-// refusal of damaged files, writes that are interrupted, and where the file
-// lives.
+// The sample platform's state file: the round trip of every store and of
+// the password state, the refusal of damaged files, writes that are
+// interrupted, and where the file lives.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -21,6 +21,7 @@
 #include "tests/support/fixture.h"
 
 namespace sample = tvl::host::sample;
+using sample::SampleState;
 using sample::StateError;
 using sample::StateFile;
 using sample::StoreState;
@@ -73,6 +74,13 @@ class SampleStateTest : public tvl::test::PlatformTest {
   std::string dir_;
 };
 
+// A state of these stores with the default password state.
+SampleState stateOf(std::vector<StoreState> stores) {
+  SampleState state;
+  state.stores = std::move(stores);
+  return state;
+}
+
 TEST_F(SampleStateTest, EveryStoreOfEveryDeviceSurvivesTheRoundTrip) {
   const std::vector<StoreState> defaults = sample::captureStores(*sample_);
   // Both kinds of store, on every device.
@@ -83,8 +91,8 @@ TEST_F(SampleStateTest, EveryStoreOfEveryDeviceSurvivesTheRoundTrip) {
 
   changeEveryStore();
   const std::vector<StoreState> changed = sample::captureStores(*sample_);
-  StateFile(path()).write(changed);
-  EXPECT_EQ(sample::parseState(readText(path())), changed);
+  StateFile(path()).write(sample::captureState(*sample_));
+  EXPECT_EQ(sample::parseState(readText(path())).stores, changed);
 
   // Back to the defaults, then the file gives every changed byte back.
   sample::restoreStores(*sample_, defaults);
@@ -95,9 +103,15 @@ TEST_F(SampleStateTest, EveryStoreOfEveryDeviceSurvivesTheRoundTrip) {
 
   // The format itself: a store of no bytes, and the GUID in registry form.
   StoreState empty{"Some.Device.1", true, sample::kNicFormSetGuid, "Empty", {}, 0};
-  EXPECT_EQ(sample::formatState({empty}),
-            "tolvane-state 1\nstore Some.Device.1 variable A4D81C37-5E92-4B6A-8F03-7C1D26E9B850 Empty -\nend 1\n");
-  EXPECT_EQ(sample::parseState(sample::formatState({empty})), std::vector<StoreState>{empty});
+  EXPECT_EQ(sample::formatState(stateOf({empty})),
+            "tolvane-state 2\nstore Some.Device.1 variable A4D81C37-5E92-4B6A-8F03-7C1D26E9B850 Empty -\n"
+            "passwords new\nend 2\n");
+  EXPECT_EQ(sample::parseState(sample::formatState(stateOf({empty}))), stateOf({empty}));
+  // A file of the first version: stores only, read with the default
+  // password state.
+  EXPECT_EQ(sample::parseState("tolvane-state 1\nstore Some.Device.1 variable A4D81C37-5E92-4B6A-8F03-7C1D26E9B850 "
+                               "Empty -\nend 1\n"),
+            stateOf({empty}));
 }
 
 TEST_F(SampleStateTest, CommitWritesOnlyWhenAStoreChanged) {
@@ -129,11 +143,16 @@ TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
   const std::vector<StoreState> defaults = sample::captureStores(*sample_);
   std::vector<StoreState> changed = defaults;
   for (auto& s : changed) s.bytes.at(0) ^= 0xFF;
-  const std::string good = sample::formatState(changed);
+  SampleState changedState = stateOf(changed);
+  changedState.passwordServices = sample::PasswordServices::Legacy;
+  changedState.passwordVariables = {{"SetupPassword", {1, 2, 3}}, {"PasswordDisabled", {2}}};
+  const std::string good = sample::formatState(changedState);
   const size_t storeLines = changed.size();
-  // The last store line is line storeLines + 1; the end line follows it.
+  // The last store line is line storeLines + 1; the passwords line and two
+  // password-variable lines follow it, then the end line.
   const std::string lastLine = "line " + std::to_string(storeLines + 1) + ": ";
-  const std::string endLine = "line " + std::to_string(storeLines + 2) + ": ";
+  const std::string endLine = "line " + std::to_string(storeLines + 5) + ": ";
+  const size_t lines = storeLines + 3;
   auto count = [](size_t n) { return std::to_string(n); };
   auto replace = [](std::string text, const std::string& from, const std::string& to) {
     size_t at = text.find(from);
@@ -141,7 +160,7 @@ TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
     return text.replace(at, from.size(), to);
   };
   auto lastStoreLine = [&](const std::string& text) {
-    size_t end = text.rfind("\nend ");
+    size_t end = text.rfind("\npasswords ");
     return text.substr(text.rfind('\n', end - 1) + 1, end - text.rfind('\n', end - 1));
   };
   struct Case {
@@ -157,12 +176,12 @@ TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
       {"header only", [](const std::string&) { return std::string("tolvane-state 1\n"); },
        "ends without its end line"},
       {"end count wrong",
-       [&](const std::string& t) { return replace(t, "\nend " + count(storeLines), "\nend " + count(storeLines - 1)); },
-       endLine + "the end line counts " + count(storeLines - 1) + " stores, the file holds " + count(storeLines)},
+       [&](const std::string& t) { return replace(t, "\nend " + count(lines), "\nend " + count(lines - 1)); },
+       endLine + "the end line counts " + count(lines - 1) + " lines, the file holds " + count(lines)},
       {"text after the end", [](const std::string& t) { return t + "store x\n"; },
-       "line " + std::to_string(storeLines + 3) + ": text after the end line"},
-      {"version 2", [&](const std::string& t) { return replace(t, "tolvane-state 1", "tolvane-state 2"); },
-       "line 1: state format version 2 is not supported"},
+       "line " + std::to_string(storeLines + 6) + ": text after the end line"},
+      {"version 3", [&](const std::string& t) { return replace(t, "tolvane-state 2", "tolvane-state 3"); },
+       "line 1: state format version 3 is not supported"},
       {"another kind of file", [](const std::string& t) { return "#!/bin/sh\n" + t; },
        "line 1: not a tolvane state file"},
       {"bad hex",
@@ -197,17 +216,42 @@ TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
       {"store twice",
        [&](const std::string& t) {
          std::string line = lastStoreLine(t);
-         return replace(replace(t, line, line + line), "\nend " + count(storeLines), "\nend " + count(storeLines + 1));
+         return replace(replace(t, line, line + line), "\nend " + count(lines), "\nend " + count(lines + 1));
        },
        "line " + std::to_string(storeLines + 2) + ": store \"RaidControllerConfig\""},
       {"bad GUID", [&](const std::string& t) { return replace(t, "FE8D2124-DD31", "FE8D2124DD31-"); },
        "is not a GUID in registry format"},
       {"two blanks", [&](const std::string& t) { return replace(t, " SetupMenu ", "  SetupMenu "); },
        "line 2: empty field"},
-      {"CR LF line ends", [&](const std::string& t) { return replace(t, "tolvane-state 1\n", "tolvane-state 1\r\n"); },
+      {"CR LF line ends", [&](const std::string& t) { return replace(t, "tolvane-state 2\n", "tolvane-state 2\r\n"); },
        "line 1: a control or non-ASCII character"},
       {"missing field", [&](const std::string& t) { return replace(t, " SetupMenu ", " "); },
        "line 2: a store line has 5 fields instead of 6"},
+      {"unknown password services", [&](const std::string& t) { return replace(t, "passwords legacy", "passwords old"); },
+       "unknown password services \"old\""},
+      {"passwords twice",
+       [&](const std::string& t) {
+         return replace(replace(t, "passwords legacy\n", "passwords legacy\npasswords new\n"), "\nend " + count(lines),
+                        "\nend " + count(lines + 1));
+       },
+       "the password services are given twice"},
+      {"passwords line with a further field",
+       [&](const std::string& t) { return replace(t, "passwords legacy", "passwords legacy new"); },
+       "a passwords line has 3 fields instead of 2"},
+      {"unknown password variable",
+       [&](const std::string& t) { return replace(t, "password-variable SetupPassword", "password-variable BootOrder"); },
+       "\"BootOrder\" is not a variable of the password store"},
+      {"password variable twice",
+       [&](const std::string& t) {
+         return replace(t, "password-variable PasswordDisabled", "password-variable SetupPassword");
+       },
+       "the password variable SetupPassword is given twice"},
+      {"password variable without bytes",
+       [&](const std::string& t) { return replace(t, "PasswordDisabled 02", "PasswordDisabled -"); },
+       "the password variable PasswordDisabled holds no bytes"},
+      {"password variable too long",
+       [&](const std::string& t) { return replace(t, "PasswordDisabled 02", "PasswordDisabled " + std::string(2050, '0')); },
+       "a password variable of more than 1024 bytes"},
   };
   for (const auto& c : cases) {
     sample::restoreStores(*sample_, defaults);
@@ -220,12 +264,14 @@ TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
       EXPECT_EQ(message.rfind(path() + ": ", 0), 0u) << c.name << ": " << message;
       EXPECT_NE(message.find(c.says), std::string::npos) << c.name << ": " << message;
     }
-    EXPECT_EQ(sample::captureStores(*sample_), defaults) << c.name;
+    EXPECT_EQ(sample::captureState(*sample_), stateOf(defaults)) << c.name;
   }
   // The undamaged text is accepted: the cases above fail for their damage.
   writeText(path(), good);
   sample::PersistentStores state(*sample_, StateFile(path()));
-  EXPECT_EQ(sample::captureStores(*sample_), changed);
+  EXPECT_EQ(sample::captureState(*sample_), changedState);
+  // The service images loaded here go again before the leak check.
+  sample_->setPasswordServices(sample::PasswordServices::None);
 }
 
 // A write that stops between writing the new file and renaming it, by an
@@ -233,10 +279,10 @@ TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
 TEST_F(SampleStateTest, InterruptedWritesLeaveTheOldFileIntact) {
   const std::vector<StoreState> defaults = sample::captureStores(*sample_);
   StateFile file(path());
-  file.write(defaults);
+  file.write(stateOf(defaults));
   const std::string old = readText(path());
   changeEveryStore();
-  const std::vector<StoreState> changed = sample::captureStores(*sample_);
+  const SampleState changed = sample::captureState(*sample_);
   const std::string fresh = sample::formatState(changed);
 
   // An error: the new file is removed again.
@@ -263,7 +309,7 @@ TEST_F(SampleStateTest, InterruptedWritesLeaveTheOldFileIntact) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
   EXPECT_EQ(readText(path()), old);
-  EXPECT_EQ(sample::parseState(readText(path())), defaults);
+  EXPECT_EQ(sample::parseState(readText(path())), stateOf(defaults));
   std::vector<std::string> left = entries();
   ASSERT_EQ(left.size(), 2u);
   for (const auto& name : left)
@@ -274,6 +320,50 @@ TEST_F(SampleStateTest, InterruptedWritesLeaveTheOldFileIntact) {
   // The next write goes through.
   file.write(changed);
   EXPECT_EQ(readText(path()), fresh);
+}
+
+// The password services, a stored password and a disabled mark go into
+// the state file and come back on a platform built afresh, as the next run
+// of the command line builds it; a file without password lines gives the
+// defaults back.
+TEST_F(SampleStateTest, PasswordStateSurvivesTheRoundTrip) {
+  const std::string file = path();
+  {
+    sample::PersistentStores state(*sample_, StateFile(file));
+    sample_->setPasswordServices(sample::PasswordServices::Legacy);
+    LEGACY_PASSWORD_PROTOCOL* legacy = sample_->legacyPassword();
+    ASSERT_NE(legacy, nullptr);
+    ASSERT_EQ(legacy->ChangePassword(legacy, PASSWORD_METHOD_CHECKED, PASSWORD_WHICH_SETUP, u"", u"kept"), EFI_SUCCESS);
+    sample_->setPasswordDisabled(PASSWORD_WHICH_SYSTEM, true);
+    EXPECT_TRUE(state.commit());
+    EXPECT_FALSE(state.commit());
+  }
+  const std::string text = readText(file);
+  EXPECT_NE(text.find("\npasswords legacy\npassword-variable SetupPassword "), std::string::npos) << text;
+  EXPECT_NE(text.find("\npassword-variable PasswordDisabled 01\nend "), std::string::npos) << text;
+  EXPECT_EQ(text.find("SystemPassword"), std::string::npos) << "no system password was set";
+  sample_->setPasswordServices(sample::PasswordServices::None);
+
+  {
+    tvl::host::Platform next;
+    sample::SamplePlatform again(next);
+    EXPECT_EQ(again.passwordServices(), sample::PasswordServices::Newer);
+    sample::PersistentStores state(again, StateFile(file));
+    EXPECT_EQ(again.passwordServices(), sample::PasswordServices::Legacy);
+    EXPECT_EQ(again.password2(), nullptr);
+    LEGACY_PASSWORD_PROTOCOL* legacy = again.legacyPassword();
+    ASSERT_NE(legacy, nullptr);
+    EXPECT_EQ(legacy->VerifyPassword(legacy, PASSWORD_WHICH_SETUP, u"kept"), EFI_SUCCESS);
+    EXPECT_TRUE(again.passwordDisabled(PASSWORD_WHICH_SYSTEM));
+    EXPECT_FALSE(again.passwordDisabled(PASSWORD_WHICH_SETUP));
+    EXPECT_FALSE(state.commit()) << "loading alone changes nothing";
+
+    // A file of stores only: the newer service and no passwords.
+    writeText(file, sample::formatState(stateOf(sample::captureStores(again))));
+    sample::PersistentStores defaults(again, StateFile(file));
+    EXPECT_EQ(sample::captureState(again), stateOf(sample::captureStores(again)));
+    EXPECT_NE(again.password2(), nullptr);
+  }
 }
 
 TEST(SampleStatePath, FollowsTheEnvironment) {

@@ -99,6 +99,38 @@ TEST_F(XmlParseTest, MalformedAndHostileTextsAreRefusedWithTheirPosition) {
   EXPECT_EQ(xml_->XML_ParseText(xml_, text.data(), text.size(), nullptr, nullptr), EFI_INVALID_PARAMETER);
 }
 
+// Long runs of printable ASCII are checked several bytes at a time: a
+// forbidden byte is found wherever it sits in such a run, and the bytes at
+// the edges of the printable range pass.
+TEST_F(XmlParseTest, EveryPositionInALongRunIsChecked) {
+  const struct {
+    std::string byte;
+    const char* message;  // null: accepted
+  } cases[] = {
+      {std::string(1, '\0'), "NUL byte"}, {"\x1f", "U+001f is not allowed"}, {"\x80", "invalid UTF-8"},
+      {"\xff", "invalid UTF-8"},         {" ", nullptr},                   {"\x7f", nullptr},
+      {"\t", nullptr},                    {"\xc3\xa9", nullptr},
+  };
+  for (const auto& c : cases) {
+    for (size_t offset = 0; offset < 20; ++offset) {
+      std::string run(24, 'x');
+      run.replace(offset, 1, c.byte);
+      const std::string text = "<a>" + run + "</a>";
+      XML_NODE* root = nullptr;
+      XML_PARSE_ERROR error{};
+      EFI_STATUS status = parse(text, &root, &error);
+      if (!c.message) {
+        EXPECT_EQ(status, EFI_SUCCESS) << offset << ": " << error.Message;
+        if (root) xml_->XML_FreeNode(xml_, root);
+        continue;
+      }
+      EXPECT_EQ(status, EFI_INVALID_PARAMETER) << offset;
+      EXPECT_EQ(error.Offset, 3 + offset) << c.message;
+      EXPECT_NE(std::string(error.Message).find(c.message), std::string::npos) << error.Message;
+    }
+  }
+}
+
 TEST_F(XmlParseTest, LimitsAreChangedAndEnforced) {
   for (XML_LIMITS bad : {XML_LIMITS{0, 100}, XML_LIMITS{3, 0}})
     EXPECT_EQ(xml_->XML_SetLimits(xml_, &bad), EFI_INVALID_PARAMETER);

@@ -138,7 +138,7 @@ TEST_F(XmlTreeTest, NodeToXmlSurvivesEveryAllocationFailure) {
           bs()->FreePool(text);
         }
       });
-  EXPECT_GT(attempts, 3u);  // output growth, open-element stack, attribute names
+  EXPECT_GE(attempts, 3u);  // the output, the open-element stack, the attribute names
   xml_->XML_FreeNode(xml_, root);
 }
 

@@ -1,13 +1,19 @@
-#include "tools/hii_file.h"
+#include "host/offline/hii_file.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "host/hii/device_path.h"
 #include "host/hii/string_package.h"
-#include "tools/cli.h"
 
-namespace tvl::cli {
+namespace tvl::host::offline {
 namespace {
+
+std::string hex(UINT64 value, int digits) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "0x%0*llx", digits, static_cast<unsigned long long>(value));
+  return buf;
+}
 
 constexpr size_t kListHeader = sizeof(EFI_HII_PACKAGE_LIST_HEADER);
 constexpr size_t kPackageHeader = 4;
@@ -54,15 +60,18 @@ bool scanPackages(const UINT8* data, size_t start, size_t length, FilePackageLis
     if (type == EFI_HII_PACKAGE_STRINGS) {
       host::hii::StringPackage strings;
       host::hii::FormatError error;
-      if (host::hii::parseStringPackage(data + at, plen, strings, &error) != EFI_SUCCESS)
-        return fail(fault, at + error.offset, "malformed string package: " + error.message);
-      package.language = strings.language;
+      if (host::hii::parseStringPackage(data + at, plen, strings, &error) == EFI_SUCCESS)
+        package.language = strings.language;
+      else
+        list.flaws.push_back({at + error.offset, "malformed string package: " + error.message});
     }
     if (type == EFI_HII_PACKAGE_DEVICE_PATH) {
       const UINT8* path = data + at + kPackageHeader;
       size_t size = host::hii::devicePathSize(path, plen - kPackageHeader);
-      if (size == 0) return fail(fault, at, "device-path package holds no well-formed device path");
-      list.devicePath.assign(path, path + size);
+      if (size == 0)
+        list.flaws.push_back({at, "device-path package holds no well-formed device path"});
+      else
+        list.devicePath.assign(path, path + size);
     }
     if (type == EFI_HII_PACKAGE_FORMS) list.hasForms = true;
     list.packages.push_back(package);
@@ -114,4 +123,4 @@ bool scanPackageLists(const UINT8* data, size_t size, std::vector<FilePackageLis
   return true;
 }
 
-}  // namespace tvl::cli
+}  // namespace tvl::host::offline

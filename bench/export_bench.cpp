@@ -1,0 +1,47 @@
+// The export of a generated device: HiiToNode, the combined document and
+// the release of both trees, at 2,000 and 20,000 questions. The ratio of
+// the two shows whether any path grows faster than the questions.
+#include <benchmark/benchmark.h>
+
+#include "bench/bench_devices.h"
+#include "host/sample/sample_platform.h"
+#include "uefi/services.h"
+
+namespace {
+
+void BM_ExportAndSerialise(benchmark::State& state) {
+  tvl::host::Platform platform;
+  tvl::host::sample::SamplePlatform sample(platform, {tvl::bench::generatedDevice(size_t(state.range(0)))});
+  EFI_HANDLE driver = nullptr;
+  if (sample.loadDriver(&driver) != EFI_SUCCESS) {
+    state.SkipWithError("driver");
+    return;
+  }
+  // Failures only, as a production firmware's debug mask would pass them:
+  // the cost measured is the export's, not that of formatting its traces.
+  DEBUG_LOG_PROTOCOL* log = sample.log();
+  log->SetLevelMask(log, TVL_LEVEL_FAILURE);
+  auto* self = static_cast<TOLVANE_PROTOCOL*>(platform.locateProtocol(TOLVANE_PROTOCOL_GUID));
+  XML_PROTOCOL* xml = sample.xml();
+  EFI_HANDLE device = sample.devices().front().handle();
+  size_t bytes = 0;
+  for (auto _ : state) {
+    XML_NODE* possible = nullptr;
+    XML_NODE* current = nullptr;
+    if (self->HiiToNode(self, device, &possible, &current) != EFI_SUCCESS) {
+      state.SkipWithError("HiiToNode");
+      break;
+    }
+    CHAR8* text = nullptr;
+    if (self->NodesToCombinedXMLChar(self, possible, current, &text) != EFI_SUCCESS) state.SkipWithError("combine");
+    bytes = text ? std::char_traits<char>::length(text) : 0;
+    platform.bootServices()->FreePool(text);
+    xml->XML_FreeNode(xml, possible);
+    xml->XML_FreeNode(xml, current);
+  }
+  state.counters["document_bytes"] = double(bytes);
+  state.SetItemsProcessed(int64_t(state.iterations()) * state.range(0));
+}
+BENCHMARK(BM_ExportAndSerialise)->Arg(2000)->Arg(20000)->Unit(benchmark::kMillisecond);
+
+}  // namespace

@@ -1,0 +1,338 @@
+// The offline platform: stores that start from the forms' standard defaults
+// and take configuration lines, refusals of bad lines and of broken files
+// with their positions, routed configurations, and the driver handles,
+// device paths and exports of lists that share a GUID.
+#include "host/offline/offline_platform.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+
+#include "host/hii/config_string.h"
+#include "host/hii/package_list.h"
+#include "host/ifr/ifr_dump.h"
+#include "export/records/records.h"
+#include "host/status.h"
+#include "tests/host/offline/dump_shapes.h"
+
+namespace offline = tvl::host::offline;
+namespace shapes = tvl::test::shapes;
+namespace hii = tvl::host::hii;
+using offline::OfflinePlatform;
+using shapes::Bytes;
+
+namespace {
+
+std::vector<uint8_t> le(uint64_t value, size_t width) {
+  std::vector<uint8_t> bytes(width);
+  for (size_t i = 0; i < width; ++i) bytes[i] = uint8_t(value >> (8 * i));
+  return bytes;
+}
+
+std::vector<uint8_t> slice(const std::vector<uint8_t>& bytes, size_t at, size_t width) {
+  return std::vector<uint8_t>(bytes.begin() + long(at), bytes.begin() + long(at + width));
+}
+
+std::vector<uint8_t> bufferStore(OfflinePlatform& p, size_t list = 0) {
+  return p.lists()[list].device->storage(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
+}
+std::vector<uint8_t> variableStore(OfflinePlatform& p) {
+  std::vector<uint8_t> bytes;
+  EXPECT_EQ(p.platform().getVariable(shapes::kPlatformVariable, shapes::kPlatformVariableGuid, &bytes), EFI_SUCCESS);
+  return bytes;
+}
+
+std::string hdr(const EFI_GUID& guid, const std::u16string& name) {
+  return hii::toAscii(hii::configHdr(guid, name, {0x7f, 0xff, 0x04, 0x00}));
+}
+
+// What a string of configuration lines leaves in the platform list's stores.
+struct Field {
+  bool variable;
+  size_t offset, width;
+  uint64_t value;
+};
+
+TEST(OfflinePlatformTest, StoresStartFromTheStandardDefaultsOfTheForms) {
+  OfflinePlatform p(shapes::platformConfigList());
+  ASSERT_EQ(p.lists().size(), 1u);
+  ASSERT_TRUE(p.lists()[0].device);
+  ASSERT_EQ(p.lists()[0].stores.size(), 2u);
+  EXPECT_TRUE(p.warnings().empty());
+  const struct {
+    const char* what;
+    Field field;
+  } cases[] = {
+      {"constant DEFAULT of store 0", {false, 0, 2, 800}},
+      {"DEFAULT computed from another question's default", {false, 2, 2, 1024}},
+      {"option flagged as the standard default", {false, 4, 1, 1}},
+      {"checkbox default flag", {false, 5, 1, 1}},
+      {"a DEFAULT opcode wins over the checkbox flag", {false, 6, 1, 0}},
+      {"only a manufacturing default", {false, 7, 1, 0}},
+      {"constant expression", {false, 8, 4, 21}},
+      {"no default", {false, 12, 4, 0}},
+      {"variable store, checkbox flag", {true, 0, 1, 1}},
+      {"variable store, constant DEFAULT", {true, 2, 2, 0x1234}},
+  };
+  const std::vector<uint8_t> buffer = bufferStore(p), variable = variableStore(p);
+  ASSERT_EQ(buffer.size(), shapes::kPlatformStoreSize);
+  ASSERT_EQ(variable.size(), shapes::kPlatformVariableSize);
+  for (const auto& c : cases)
+    EXPECT_EQ(slice(c.field.variable ? variable : buffer, c.field.offset, c.field.width),
+              le(c.field.value, c.field.width))
+        << c.what;
+
+  // A whole-store answer carries the computed default in its standard
+  // configuration, as configuration routing would.
+  EFI_HII_CONFIG_ACCESS_PROTOCOL* access = p.lists()[0].device->configAccess();
+  const std::u16string request = p.lists()[0].device->configHdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
+  EFI_STRING progress = nullptr, results = nullptr;
+  ASSERT_EQ(access->ExtractConfig(access, request.c_str(), &progress, &results), EFI_SUCCESS);
+  const std::string answer = hii::toAscii(reinterpret_cast<const char16_t*>(results));
+  p.platform().bootServices()->FreePool(results);
+  const size_t standard = answer.find("&ALTCFG=0000"), manufacturing = answer.find("&ALTCFG=0001");
+  ASSERT_NE(standard, std::string::npos) << answer;
+  ASSERT_NE(manufacturing, std::string::npos) << answer;
+  EXPECT_NE(answer.substr(standard, manufacturing - standard).find("&OFFSET=0002&WIDTH=0002&VALUE=0400"),
+            std::string::npos)
+      << answer;
+}
+
+TEST(OfflinePlatformTest, ConfigLinesOverwriteTheStoresTheyName) {
+  const std::string buffer = hdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
+  const std::string variable = hdr(shapes::kPlatformVariableGuid, shapes::kPlatformVariable);
+  const struct {
+    const char* what;
+    std::string text;
+    std::vector<Field> fields;  // what the text changes; everything else keeps its default
+  } cases[] = {
+      {"a whole store as ExtractConfig answers it, with its default configurations",
+       buffer + "&OFFSET=0000&WIDTH=0010&VALUE=000000000000000800000002010300f0&" + buffer +
+           "&ALTCFG=0000&OFFSET=0000&WIDTH=0002&VALUE=0320\n",
+       {{false, 0, 2, 0xf0}, {false, 2, 2, 0x103}, {false, 4, 1, 2}, {false, 5, 1, 0}, {false, 6, 1, 0},
+        {false, 7, 1, 0}, {false, 8, 4, 8}, {false, 12, 4, 0}}},
+      {"two stores on one line, comments, CRLF, indentation, upper-case digits",
+       "# current values\r\n\r\n  " + buffer + "&OFFSET=4&WIDTH=1&VALUE=02&" + variable +
+           "&OFFSET=2&WIDTH=2&VALUE=BEEF\r\n",
+       {{false, 4, 1, 2}, {true, 2, 2, 0xbeef}}},
+      {"later lines write over earlier ones",
+       buffer + "&OFFSET=c&WIDTH=4&VALUE=1\n" + buffer + "&OFFSET=d&WIDTH=1&VALUE=2",
+       {{false, 12, 4, 0x0201}}},
+      {"a header without blocks changes nothing", variable, {}},
+  };
+  for (const auto& c : cases) {
+    OfflinePlatform p(shapes::platformConfigList());
+    std::vector<uint8_t> expectBuffer = bufferStore(p), expectVariable = variableStore(p);
+    for (const Field& f : c.fields) {
+      std::vector<uint8_t>& bytes = f.variable ? expectVariable : expectBuffer;
+      const std::vector<uint8_t> value = le(f.value, f.width);
+      std::copy(value.begin(), value.end(), bytes.begin() + long(f.offset));
+    }
+    p.applyConfig(0, offline::parseConfigLines(c.text));
+    EXPECT_EQ(bufferStore(p), expectBuffer) << c.what;
+    EXPECT_EQ(variableStore(p), expectVariable) << c.what;
+  }
+}
+
+TEST(OfflinePlatformTest, BadConfigLinesAreRefusedWithTheirLineNumberAndChangeNothing) {
+  const std::string good = hdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore) + "&OFFSET=0&WIDTH=1&VALUE=ff\n";
+  const std::string head = hdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
+  const struct {
+    std::string text;
+    std::string says;
+  } cases[] = {
+      {good + "GUID=zz", "line 2, column 6: GUID needs 32 hex digits"},
+      {good + "\n# note\n" + head + "&OFFSET=0&WIDTH=1", "line 4, column " + std::to_string(head.size() + 18) +
+                                                           ": expected &VALUE="},
+      {good + "  " + head + "&OFFSET=0&WIDTH=1&VALUE=123", "line 2, column " + std::to_string(head.size() + 29) +
+                                                               ": VALUE wider than WIDTH"},
+      {good + head + "&OFFSET=0&WIDTH=1&VALUE=1\xc3\xa9", "line 2, column " + std::to_string(head.size() + 26) +
+                                                              ": a character outside printable ASCII"},
+      {good + head + "&OFFSET=0&WIDTH=1&VALUE=1&" + hdr(shapes::kPlatformStoreGuid, u"Main") +
+           "&OFFSET=0&WIDTH=1&VALUE=1",
+       "line 2: no store of the forms of package list 1 (GUID 7235C51C-0C80-4CAB-87AC-3B084A6304B1) is \"Main\" "
+       "(GUID D9BC7DE0-1F27-4D3C-9A21-5C3E70119B42); they declare \"MainFormState\" (GUID "
+       "D9BC7DE0-1F27-4D3C-9A21-5C3E70119B42), \"PlatformFlags\""},
+      {good + hdr(shapes::kPlatformVariableGuid, shapes::kPlatformStore) + "&OFFSET=0&WIDTH=1&VALUE=1",
+       "line 2: no store of the forms"},
+      {good + head + "&OFFSET=f&WIDTH=2&VALUE=1",
+       "line 2: OFFSET 15 WIDTH 2 runs past the 16-byte store \"MainFormState\""},
+  };
+  for (const auto& c : cases) {
+    OfflinePlatform p(shapes::platformConfigList());
+    const std::vector<uint8_t> before = bufferStore(p);
+    try {
+      p.applyConfig(0, offline::parseConfigLines(c.text));
+      ADD_FAILURE() << "accepted: " << c.text;
+    } catch (const offline::InputError& e) {
+      EXPECT_NE(std::string(e.what()).find(c.says), std::string::npos) << e.what() << "\nexpected: " << c.says;
+    }
+    EXPECT_EQ(bufferStore(p), before) << c.says;
+  }
+}
+
+// RouteConfig validates and writes the stores that ExtractConfig and the
+// forms processor read: the buffer on the device, the variable on the
+// platform.
+TEST(OfflinePlatformTest, RoutedConfigurationsReachWhatTheFormsProcessorReads) {
+  OfflinePlatform p(shapes::platformConfigList());
+  auto& device = *p.lists()[0].device;
+  EFI_HII_CONFIG_ACCESS_PROTOCOL* access = device.configAccess();
+  const std::u16string buffer = device.configHdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
+  const std::u16string variable = device.configHdr(shapes::kPlatformVariableGuid, shapes::kPlatformVariable);
+  const std::vector<uint8_t> before = bufferStore(p);
+  const struct {
+    std::u16string text;
+    EFI_STATUS status;
+  } cases[] = {
+      {buffer + u"&OFFSET=0010&WIDTH=0001&VALUE=01", EFI_INVALID_PARAMETER},  // past the store
+      {buffer + u"&OFFSET=0004&WIDTH=0001&VALUE=02", EFI_SUCCESS},
+      {variable + u"&OFFSET=0002&WIDTH=0002&VALUE=abcd", EFI_SUCCESS},
+  };
+  for (const auto& c : cases) {
+    EFI_STRING progress = nullptr;
+    EXPECT_EQ(access->RouteConfig(access, c.text.c_str(), &progress), c.status) << hii::toAscii(c.text);
+  }
+  std::vector<uint8_t> expected = before;
+  expected[4] = 2;
+  EXPECT_EQ(bufferStore(p), expected);
+  EXPECT_EQ(slice(variableStore(p), 2, 2), le(0xabcd, 2));
+
+  HII_FORMS_PROCESSOR2_PROTOCOL* processor = p.services().formsProcessor();
+  EFI_HII_HANDLE handle = p.lists()[0].hiiHandle;
+  UINTN count = 0;
+  HII_FORMSET_RECORD** sets = nullptr;
+  ASSERT_EQ(processor->ProcessForms(processor, &handle, 1, nullptr, &count, &sets), EFI_SUCCESS);
+  std::map<UINT16, UINT64> values;  // by question id
+  for (UINT64 s = 0; s < sets[0]->Forms[0]->StatementCount; ++s) {
+    const HII_STATEMENT_RECORD* statement = sets[0]->Forms[0]->Statements[s];
+    values[statement->QuestionId] = hiiValueNumber(statement->HiiValue, statement->StorageWidth);
+  }
+  processor->DestroyFormSets(processor, count, sets);
+  EXPECT_EQ(values[3], 2u);       // the fan speed, in the buffer
+  EXPECT_EQ(values[10], 0xabcdu);  // the boot delay, in the variable
+  EXPECT_EQ(values[2], 1024u);    // the computed default, untouched
+}
+
+// ---------------------------------------------------------------- files
+Bytes cut(Bytes b, size_t size) { return Bytes(b.begin(), b.begin() + long(size)); }
+void putU32(Bytes& b, size_t at, UINT32 v) {
+  for (size_t i = 0; i < 4; ++i) b.at(at + i) = UINT8(v >> (8 * i));
+}
+
+TEST(OfflinePlatformTest, BrokenFramingRefusesTheFileWithTheOffsetOfTheBadRecord) {
+  const shapes::DumpFile dump = shapes::firmwareDump();
+  const Bytes& good = dump.bytes;
+  const size_t first = shapes::fontList().size();
+  const size_t second = shapes::platformConfigList().size();
+  const struct {
+    const char* what;
+    Bytes bytes;
+    size_t offset;
+    const char* says;
+  } cases[] = {
+      {"cut inside a list", cut(good, first + 100), first, "runs past the end of the file"},
+      {"cut in a list header", cut(good, first + 10), first, "package-list header cut short"},
+      {"zeros after the last list", [&] { Bytes b = good; b.resize(b.size() + 64, 0); return b; }(), good.size(),
+       "package-list length 0 is shorter than"},
+      {"a list whose packages end in zeros",
+       [&] {
+         Bytes b = cut(good, first + second);
+         b.insert(b.end(), 8, 0);
+         putU32(b, first + 16, UINT32(second + 8));
+         return b;
+       }(),
+       first + second - 4, "END package is followed by 8 more byte(s)"},
+  };
+  for (const auto& c : cases) {
+    try {
+      OfflinePlatform p(c.bytes);
+      ADD_FAILURE() << c.what << ": accepted";
+    } catch (const offline::InputError& e) {
+      const std::string where = "at byte offset " + std::to_string(c.offset) + " (0x";
+      EXPECT_EQ(std::string(e.what()).rfind(where, 0), 0u) << c.what << ": " << e.what();
+      EXPECT_NE(std::string(e.what()).find(c.says), std::string::npos) << c.what << ": " << e.what();
+    }
+  }
+}
+
+// A list whose string package does not parse is left out with a warning;
+// the lists around it still load.
+TEST(OfflinePlatformTest, AListThatTheDatabaseRefusesIsLeftOutWithAWarning) {
+  Bytes bytes = shapes::platformConfigList();
+  Bytes broken = shapes::twoFormSetsList();
+  hii::PackageListView view;
+  ASSERT_EQ(hii::parsePackageList(broken.data(), broken.size(), view), EFI_SUCCESS);
+  size_t strings = 0;
+  for (const auto& package : view.packages)
+    if (package.type == EFI_HII_PACKAGE_STRINGS) strings = package.offset;
+  ASSERT_NE(strings, 0u);
+  putU32(broken, strings + 8, 0xffff);  // StringInfoOffset past the package
+  const size_t at = bytes.size();
+  bytes.insert(bytes.end(), broken.begin(), broken.end());
+  OfflinePlatform p(bytes);
+  ASSERT_EQ(p.lists().size(), 2u);
+  EXPECT_TRUE(p.lists()[0].device);
+  EXPECT_FALSE(p.lists()[1].device);
+  EXPECT_NE(p.lists()[1].refusal.find("at byte offset " + std::to_string(at + strings + 8)), std::string::npos)
+      << p.lists()[1].refusal;
+  ASSERT_FALSE(p.warnings().empty());
+  EXPECT_NE(p.warnings().front().find("package list 2"), std::string::npos) << p.warnings().front();
+}
+
+// ---------------------------------------------------------------- exports
+struct Export {
+  EFI_STATUS status;
+  std::string fqdd;  // of the possible document's entry
+  size_t formSets = 0;
+};
+
+Export exportList(OfflinePlatform& p, size_t index, const std::u16string& fqdd) {
+  p.registerFqdd(index, fqdd);
+  EFI_HANDLE driver = nullptr;
+  EXPECT_EQ(p.services().loadDriver(&driver), EFI_SUCCESS);
+  auto* converter = static_cast<TOLVANE_PROTOCOL*>(p.platform().handleProtocol(driver, gTolvaneProtocolGuid));
+  XML_NODE *possible = nullptr, *current = nullptr;
+  Export out{converter->HiiToNode(converter, p.lists()[index].device->handle(), &possible, &current), {}};
+  if (possible) {
+    XML_NODE* entry = possible->children;
+    for (XML_ATTRIBUTE* a = entry ? entry->attributes : nullptr; a; a = a->next)
+      if (std::strcmp(a->name, "FQDD") == 0) out.fqdd = a->value;
+    for (XML_NODE* n = entry ? entry->children : nullptr; n; n = n->next)
+      if (std::strcmp(n->name, "FormSet") == 0) ++out.formSets;
+  }
+  for (XML_NODE* tree : {possible, current})
+    if (tree) p.services().xml()->XML_FreeNode(p.services().xml(), tree);
+  return out;
+}
+
+TEST(OfflinePlatformTest, ListsThatShareAGuidEachHaveADriverHandleAndDevicePathOfTheirOwn) {
+  Bytes bytes;
+  for (int n = 1; n <= 3; ++n) {
+    Bytes list = shapes::sharedGuidList(n);
+    bytes.insert(bytes.end(), list.begin(), list.end());
+  }
+  OfflinePlatform p(bytes);
+  ASSERT_EQ(p.lists().size(), 3u);
+  EXPECT_FALSE(p.lists()[0].madeDevicePath);
+  EXPECT_EQ(p.devicePathText(0), u"VenHw(51A0BE0C-6C3E-4F27-A814-0D932E557B0C)");
+  for (size_t i = 1; i < 3; ++i) {
+    EXPECT_TRUE(p.lists()[i].madeDevicePath);
+    const std::string number = i == 1 ? "02000000" : "03000000";
+    EXPECT_EQ(hii::toAscii(p.devicePathText(i)),
+              "VenHw(" + tvl::host::ifr::guidText(offline::kOfflineVendorGuid) + "," + number + ")");
+  }
+  for (size_t i = 0; i < 3; ++i)
+    for (size_t j = i + 1; j < 3; ++j) {
+      EXPECT_NE(p.lists()[i].device->handle(), p.lists()[j].device->handle());
+      EXPECT_NE(p.lists()[i].hiiHandle, p.lists()[j].hiiHandle);
+    }
+  // The second list exports alone, under the FQDD given to it.
+  Export second = exportList(p, 1, u"FileExplorer.2");
+  EXPECT_EQ(second.status, EFI_SUCCESS) << tvl::host::statusName(second.status);
+  EXPECT_EQ(second.fqdd, "FileExplorer.2");
+  EXPECT_EQ(second.formSets, 1u);
+}
+
+}  // namespace

@@ -1,0 +1,160 @@
+// Base64 decoding of password values: the decoder's lenient rules, texts
+// cut inside a quartet, and the output count that sizes the buffer. Texts
+// and outputs live in heap blocks of exactly their size, so that the
+// address sanitizer sees any read past a text or write past a buffer.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "password/base64.h"
+#include "support/driver.h"
+
+namespace {
+
+using tvl::test::DriverTest;
+using Bytes = std::vector<UINT8>;
+
+class Base64Test : public DriverTest {
+ protected:
+  // Decodes `text` from a block of exactly its length + 1 into a block of
+  // exactly the counted size; checks that the decoder wrote what it counted.
+  Bytes decode(const std::string& text) {
+    auto input = std::make_unique<CHAR8[]>(text.size() + 1);
+    std::copy(text.begin(), text.end(), input.get());
+    input[text.size()] = 0;
+    UINTN counted = DRIVER_FN(base64DecodedLength)(input.get());
+    auto output = std::make_unique<UINT8[]>(counted);
+    UINTN written = ~UINTN(0);
+    DRIVER_FN(base64Decode)(input.get(), output.get(), &written);
+    EXPECT_EQ(written, counted) << "\"" << text << "\"";
+    return Bytes(output.get(), output.get() + std::min(written, counted));
+  }
+};
+
+TEST_F(Base64Test, DecodesByTheLenientRules) {
+  struct Case {
+    const char* name;
+    std::string text;
+    Bytes bytes;
+  } cases[] = {
+      {"one byte", "QQ==", {0x41}},
+      {"two bytes", "QUI=", {0x41, 0x42}},
+      {"three bytes", "QUJD", {0x41, 0x42, 0x43}},
+      {"longer text", "SGVsbG8sIHdvcmxk", {'H', 'e', 'l', 'l', 'o', ',', ' ', 'w', 'o', 'r', 'l', 'd'}},
+      {"whole alphabet", "+/9=", {0xFB, 0xFF}},
+      {"padding does not end the text", "QQ==QUI=", {0x41, 0x41, 0x42}},
+      {"third position padding ignores the fourth", "QQ=D", {0x41}},
+      {"blank decodes as zero", "Q UJ", {0x40, 0x05, 0x09}},
+      {"padding in the first two positions decodes as zero", "==QQ", {0x00, 0x04, 0x10}},
+      {"line break decodes as zero", "QUJD\nQQ==", {0x41, 0x42, 0x43, 0x01, 0x04, 0x00}},
+      {"bytes above 0x7f decode as zero", "\x80\xffQQ", {0x00, 0x04, 0x10}},
+      {"empty text", "", {}},
+      // A final group cut short counts its missing characters as padding.
+      {"one character left", "QUJDQ", {0x41, 0x42, 0x43, 0x40}},
+      {"two characters left", "QUJDQQ", {0x41, 0x42, 0x43, 0x41}},
+      {"three characters left", "QUJDQUI", {0x41, 0x42, 0x43, 0x41, 0x42}},
+      {"lone character", "Q", {0x40}},
+      {"padding cut short", "QQ=", {0x41}},
+  };
+  for (const Case& c : cases) EXPECT_EQ(decode(c.text), c.bytes) << c.name;
+}
+
+// Every text of up to six characters over letters, digits, padding, a blank
+// and a high byte: the decoder writes exactly what was counted, never more
+// than three bytes per started quartet, and reads nothing past the text.
+TEST_F(Base64Test, WritesExactlyTheCountedBytesForAnyText) {
+  const std::string symbols = "A/= \xff";
+  std::vector<std::string> texts{""};
+  for (size_t length = 1; length <= 6; ++length) {
+    std::vector<std::string> longer;
+    for (const std::string& t : texts)
+      if (t.size() == length - 1)
+        for (char s : symbols) longer.push_back(t + s);
+    texts.insert(texts.end(), longer.begin(), longer.end());
+  }
+  ASSERT_EQ(texts.size(), 19531u);
+  for (const std::string& text : texts) {
+    Bytes bytes = decode(text);
+    size_t quartets = (text.size() + 3) / 4;
+    EXPECT_GE(bytes.size(), quartets) << "\"" << text << "\"";
+    EXPECT_LE(bytes.size(), 3 * quartets) << "\"" << text << "\"";
+    if (HasFailure()) break;
+  }
+}
+
+TEST_F(Base64Test, MissingPointersDoNothing) {
+  UINT8 out[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+  UINTN length = 77;
+  auto decode = DRIVER_FN(base64Decode);
+  decode(nullptr, out, &length);
+  decode("QUJD", nullptr, &length);
+  EXPECT_EQ(length, 77u);
+  decode("QUJD", out, nullptr);
+  EXPECT_EQ(out[0], 0xEE) << "nothing is written without a length to report";
+  EXPECT_EQ(DRIVER_FN(base64DecodedLength)(nullptr), 0u);
+}
+
+TEST_F(Base64Test, CharacterValues) {
+  struct Case {
+    CHAR8 c;
+    UINT8 value;
+  } cases[] = {
+      {'A', 0},   {'Z', 25},  {'a', 26},  {'z', 51}, {'0', 52}, {'9', 61},  {'+', 62},
+      {'/', 63},  {'=', 0},   {' ', 0},   {'-', 0},  {'_', 0},  {'\0', 0},
+      {CHAR8(0x80), 0}, {CHAR8(0xC1), 0}, {CHAR8(0xFF), 0},
+  };
+  for (const Case& c : cases) EXPECT_EQ(DRIVER_FN(base64CharValue)(c.c), c.value) << int(UINT8(c.c));
+}
+
+TEST_F(Base64Test, FindChar) {
+  const CHAR8 text[] = "aXaz";
+  const CHAR8 empty[] = "";
+  struct Case {
+    const CHAR8* text;
+    CHAR8 c;
+    const CHAR8* found;
+  } cases[] = {
+      {text, 'a', text},          {text, 'X', text + 1}, {text, 'z', text + 3}, {text, 'q', nullptr},
+      {text, '\0', text + 4},     {empty, '\0', empty}, {empty, 'a', nullptr}, {nullptr, 'a', nullptr},
+      {nullptr, '\0', nullptr},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(DRIVER_FN(findChar)(c.text, c.c), c.found) << (c.text ? c.text : "(null)") << " / " << int(c.c);
+}
+
+TEST_F(Base64Test, EncodingMarking) {
+  using Attributes = std::vector<std::pair<const char*, const char*>>;
+  struct Case {
+    const char* name;
+    Attributes attributes;
+    BOOLEAN marked;
+  } cases[] = {
+      {"marked", {{"Encoding", "Base64"}}, TRUE},
+      {"no attributes", {}, FALSE},
+      {"value differs in case", {{"Encoding", "base64"}}, FALSE},
+      {"name differs in case", {{"encoding", "Base64"}}, FALSE},
+      {"trailing blank", {{"Encoding", "Base64 "}}, FALSE},
+      {"another encoding", {{"Encoding", "Hex"}}, FALSE},
+      {"after other attributes", {{"Name", "x"}, {"Encoding", "Hex"}, {"Encoding", "Base64"}}, TRUE},
+      {"nameless attributes are skipped", {{nullptr, "Base64"}, {"Encoding", "Base64"}}, TRUE},
+      {"only nameless", {{nullptr, "Base64"}}, FALSE},
+      {"no value", {{"Encoding", nullptr}}, FALSE},
+  };
+  for (const Case& c : cases) {
+    std::vector<XML_ATTRIBUTE> attributes(c.attributes.size());
+    for (size_t i = 0; i < attributes.size(); ++i) {
+      attributes[i].name = const_cast<CHAR8*>(c.attributes[i].first);
+      attributes[i].value = const_cast<CHAR8*>(c.attributes[i].second);
+      attributes[i].next = i + 1 < attributes.size() ? &attributes[i + 1] : nullptr;
+    }
+    XML_NODE node{};
+    node.name = const_cast<CHAR8*>("Value");
+    node.attributes = attributes.empty() ? nullptr : attributes.data();
+    EXPECT_EQ(DRIVER_FN(hasBase64Encoding)(&node), c.marked) << c.name;
+  }
+  EXPECT_EQ(DRIVER_FN(hasBase64Encoding)(nullptr), FALSE);
+}
+
+}  // namespace

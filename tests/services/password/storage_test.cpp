@@ -1,0 +1,229 @@
+// What the password services store: a salted PBKDF2 derivation in a UEFI
+// variable, never the password; a new salt for every password, from the
+// firmware's RNG when there is one; records of another iteration count
+// still verify; and no password material ever reaches the pool.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "password_support.h"
+
+namespace {
+
+using tvl::test::Bytes;
+using tvl::test::bytesOf;
+using tvl::test::contains;
+using tvl::test::fromHex;
+using tvl::test::PasswordImage;
+using tvl::test::statusName;
+
+constexpr UINT16 kSys = PASSWORD_WHICH_SYSTEM;
+constexpr UINT16 kSetup = PASSWORD_WHICH_SETUP;
+
+class PasswordStorageTest : public tvl::test::PasswordServiceTest {
+ public:
+  void SetUp() override {
+    tvl::test::PasswordServiceTest::SetUp();
+    newer_ = start(PasswordImage::Newer);
+    older_ = start(PasswordImage::Older);
+  }
+  Bytes salt(UINT16 which) {
+    std::optional<PASSWORD_RECORD> r = record(which);
+    return r ? Bytes(r->Salt, r->Salt + sizeof r->Salt) : Bytes();
+  }
+
+  PASSWORD_SERVICE_PROTOCOL* newer_ = nullptr;
+  PASSWORD_SERVICE_PROTOCOL* older_ = nullptr;
+};
+
+// An RNG that hands out counting bytes, or fails.
+struct CountingRng {
+  EFI_RNG_PROTOCOL protocol{nullptr, &CountingRng::getRng};
+  EFI_STATUS answer = EFI_SUCCESS;
+  UINT8 next = 0x40;
+  size_t calls = 0;
+
+  static EFI_STATUS EFIAPI getRng(EFI_RNG_PROTOCOL* This, EFI_RNG_ALGORITHM* algorithm, UINTN length,
+                                  UINT8* value) {
+    auto* self = reinterpret_cast<CountingRng*>(This);
+    ++self->calls;
+    if (algorithm || !value) return EFI_INVALID_PARAMETER;
+    if (self->answer != EFI_SUCCESS) return self->answer;
+    for (UINTN i = 0; i < length; ++i) value[i] = self->next++;
+    return EFI_SUCCESS;
+  }
+};
+
+struct FormCase {
+  const char* name;
+  PasswordImage image;
+  UINT16 which;
+  std::string password;
+  const char* saltText;  // null: plain form
+};
+
+TEST_F(PasswordStorageTest, RecordsHoldASaltedDerivationAndNeverThePassword) {
+  const FormCase cases[] = {
+      {"newer plain", PasswordImage::Newer, kSys, "Plain-Secret", nullptr},
+      {"older plain", PasswordImage::Older, kSetup, "Older-Secret", nullptr},
+      {"newer hash with salt", PasswordImage::Newer, kSetup, "Hashed-Secret", "pepper-and-salt"},
+      {"newer hash without salt", PasswordImage::Newer, kSys, "Hashed-Secret", ""},
+  };
+  for (const FormCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::u16string wide(c.password.begin(), c.password.end());
+    const std::string hash = c.saltText ? hashTextOf(c.password, c.saltText) : "";
+    Bytes earlierSalt, earlierDerived;
+    for (int round = 0; round < 2; ++round) {
+      PASSWORD_SERVICE_PROTOCOL* s = c.image == PasswordImage::Newer ? newer_ : older_;
+      EFI_STATUS status = !c.saltText                       ? c.image == PasswordImage::Newer
+                                                                  ? setPlain(s, c.which, u"", wide.c_str())
+                                                                  : change(s, c.which, round ? wide.c_str() : u"",
+                                                                           wide.c_str())
+                          : setHash(s, c.which, hash.c_str(), *c.saltText ? c.saltText : nullptr);
+      ASSERT_EQ(statusName(status), "EFI_SUCCESS");
+
+      UINT32 attributes = 0;
+      std::optional<Bytes> data = variable(recordName(c.which), &attributes);
+      ASSERT_TRUE(data);
+      EXPECT_EQ(attributes, PASSWORD_VARIABLE_ATTRIBUTES);
+      ASSERT_EQ(data->size(), sizeof(PASSWORD_RECORD));
+      PASSWORD_RECORD r = *record(c.which);
+      EXPECT_EQ(r.Signature, PASSWORD_RECORD_SIGNATURE);
+      EXPECT_EQ(r.Version, PASSWORD_RECORD_VERSION);
+      EXPECT_EQ(r.Reserved, 0u);
+      EXPECT_EQ(r.Iterations, iterations(c.image));
+      const Bytes saltBytes(r.Salt, r.Salt + sizeof r.Salt);
+      const Bytes derived(r.Derived, r.Derived + sizeof r.Derived);
+      if (c.saltText) {
+        EXPECT_EQ(r.Kind, PASSWORD_TYPE_SHA256);
+        EXPECT_EQ(std::string(r.SaltText, r.SaltTextLength), c.saltText);
+        EXPECT_EQ(derived, pbkdf2(fromHex(hash), saltBytes, r.Iterations));
+      } else {
+        EXPECT_EQ(r.Kind, PASSWORD_TYPE_PLAIN);
+        EXPECT_EQ(r.SaltTextLength, 0);
+        EXPECT_EQ(derived, pbkdf2(bytesOf(wide), saltBytes, r.Iterations));
+      }
+      // Neither form of the password, nor the hash the caller gave, nor its
+      // digest, is anywhere in the record.
+      for (const Bytes& secret : {bytesOf(wide), bytesOf(c.password), bytesOf(hash), fromHex(hash)})
+        EXPECT_FALSE(contains(data->data(), data->size(), secret));
+      // Setting the same password again draws a new salt.
+      if (round == 1) {
+        EXPECT_NE(saltBytes, earlierSalt);
+        EXPECT_NE(derived, earlierDerived);
+      }
+      earlierSalt = saltBytes;
+      earlierDerived = derived;
+    }
+  }
+}
+
+TEST_F(PasswordStorageTest, SaltComesFromTheFirmwareRngWhenThereIsOne) {
+  CountingRng rng;
+  EFI_HANDLE handle = nullptr;
+  ASSERT_EQ(platform().installProtocol(&handle, gEfiRngProtocolGuid, &rng.protocol), EFI_SUCCESS);
+  struct Case {
+    const char* name;
+    EFI_STATUS answer;
+    bool fromRng;
+  } cases[] = {
+      {"the RNG answers", EFI_SUCCESS, true},
+      {"the RNG fails", EFI_DEVICE_ERROR, false},
+      {"the RNG has no entropy yet", EFI_NOT_READY, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    rng.answer = c.answer;
+    rng.calls = 0;
+    const UINT8 first = rng.next;
+    ASSERT_EQ(setPlain(newer_, kSys, u"", u"pw"), EFI_SUCCESS);
+    EXPECT_EQ(rng.calls, 1u);
+    Bytes expected;
+    for (UINT8 i = 0; i < 16; ++i) expected.push_back(UINT8(first + i));
+    EXPECT_EQ(salt(kSys) == expected, c.fromRng);
+    EXPECT_EQ(newer_->VerifyPassword(newer_, kSys, u"pw"), EFI_SUCCESS);
+  }
+  // Without an RNG the fallback still gives every password its own salt.
+  ASSERT_EQ(platform().uninstallProtocol(handle, gEfiRngProtocolGuid, &rng.protocol), EFI_SUCCESS);
+  ASSERT_EQ(setPlain(newer_, kSys, u"", u"pw"), EFI_SUCCESS);
+  ASSERT_EQ(setPlain(newer_, kSetup, u"", u"pw"), EFI_SUCCESS);
+  EXPECT_NE(salt(kSys), salt(kSetup));
+  EXPECT_EQ(salt(kSys).size(), 16u);
+}
+
+// A record keeps its own count: one made with another count verifies, and
+// a change stores the image's count.
+TEST_F(PasswordStorageTest, RecordsOfAnotherIterationCountVerify) {
+  for (UINT32 count : {1u, iterations(PasswordImage::Newer) + 1}) {
+    SCOPED_TRACE(count);
+    PASSWORD_RECORD r{};
+    r.Signature = PASSWORD_RECORD_SIGNATURE;
+    r.Version = PASSWORD_RECORD_VERSION;
+    r.Kind = PASSWORD_TYPE_PLAIN;
+    r.Iterations = count;
+    for (UINT8 i = 0; i < 16; ++i) r.Salt[i] = UINT8(0xA0 + i);
+    Bytes derived = pbkdf2(bytesOf(std::u16string(u"Older")), Bytes(r.Salt, r.Salt + 16), count);
+    std::memcpy(r.Derived, derived.data(), 32);
+    putRecord(kSys, r);
+    EXPECT_EQ(newer_->VerifyPassword(newer_, kSys, u"Older"), EFI_SUCCESS);
+    EXPECT_EQ(newer_->VerifyPassword(newer_, kSys, u"older"), EFI_ACCESS_DENIED);
+    ASSERT_EQ(change(older_, kSys, u"Older", u"Newer"), EFI_SUCCESS);
+    EXPECT_EQ(record(kSys)->Iterations, iterations(PasswordImage::Older));
+  }
+}
+
+// The services keep password material on the stack: no operation, on any
+// path, allocates from the pool, so no freed block can hold a password;
+// the observer checks each freed block all the same. (What the records
+// hold is checked above.)
+TEST_F(PasswordStorageTest, NoPasswordReachesThePool) {
+  const std::string hash = hashTextOf("Hidden-New", "salty");
+  const std::u16string secrets16[] = {u"Hidden-Old", u"Hidden-New"};
+  std::vector<Bytes> secrets{fromHex(hash), bytesOf(hash)};
+  for (const auto& s : secrets16) {
+    secrets.push_back(bytesOf(s));
+    secrets.push_back(bytesOf(std::string(s.begin(), s.end())));
+  }
+  std::string found;
+  platform().setFreeObserver([&](const void* block, size_t size) {
+    for (const Bytes& s : secrets)
+      if (contains(static_cast<const UINT8*>(block), size, s))
+        found += "a freed block of " + std::to_string(size) + " bytes\n";
+  });
+  using S = PASSWORD_SERVICE_PROTOCOL*;
+  struct Case {
+    const char* name;
+    std::function<EFI_STATUS(S newer, S older)> call;
+    EFI_STATUS status;
+  } cases[] = {
+      {"older set", [](S, S o) { return change(o, kSys, u"", u"Hidden-Old"); }, EFI_SUCCESS},
+      {"older wrong old password", [](S, S o) { return change(o, kSys, u"Hidden-New", u"Hidden-Old"); },
+       EFI_ACCESS_DENIED},
+      {"older change", [](S, S o) { return change(o, kSys, u"Hidden-Old", u"Hidden-New"); }, EFI_SUCCESS},
+      {"older too long", [](S, S o) { return change(o, kSys, u"Hidden-New", u"Hidden-New-Hidden-New-Hidden-New-Hidden-New"); },
+       EFI_INVALID_PARAMETER},
+      {"verify", [](S n, S) { return n->VerifyPassword(n, kSys, u"Hidden-New"); }, EFI_SUCCESS},
+      {"verify wrong", [](S n, S) { return n->VerifyPassword(n, kSys, u"Hidden-Old"); }, EFI_ACCESS_DENIED},
+      {"newer plain", [](S n, S) { return setPlain(n, kSetup, u"Hidden-Old", u"Hidden-New"); }, EFI_SUCCESS},
+      {"newer hash", [&](S n, S) { return setHash(n, kSetup, hash.c_str(), "salty"); }, EFI_SUCCESS},
+      {"newer clear", [](S n, S) { return setPlain(n, kSetup, u"", u""); }, EFI_SUCCESS},
+      {"disabled", [&](S n, S) {
+         markDisabled(1);
+         return setPlain(n, kSys, u"", u"Hidden-Old");
+       },
+       EFI_WRITE_PROTECTED},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    size_t attempts = platform().allocationAttempts();
+    EXPECT_EQ(statusName(c.call(newer_, older_)), statusName(c.status));
+    EXPECT_EQ(platform().allocationAttempts(), attempts) << "the operation used the pool";
+    EXPECT_EQ(found, "");
+  }
+  platform().setFreeObserver({});
+}
+
+}  // namespace
