@@ -330,8 +330,8 @@ void addDigits(Text& line, const UINT8* bytes, UINTN size) {
 // variable store the bytes the forms processor reads with GetVariable, in
 // the form of a whole-store answer. A store that answers nothing gets a
 // comment line saying why.
-void writeStore(const Services& s, EFI_HII_CONFIG_ACCESS_PROTOCOL* access, const HII_VARSTORE_RECORD* store,
-                Text& lines, UINTN& answered) {
+void writeStore(EFI_HII_CONFIG_ACCESS_PROTOCOL* access, const HII_VARSTORE_RECORD* store, Text& lines,
+                UINTN& answered) {
   if (store->StoreType == EFI_IFR_VARSTORE_OP) {
     EFI_STRING progress = nullptr;
     Pool<CHAR16> results;
@@ -362,7 +362,6 @@ void writeStore(const Services& s, EFI_HII_CONFIG_ACCESS_PROTOCOL* access, const
                                                 return rt::rts()->GetVariable(store->Name, &store->Guid, &attributes,
                                                                               bytes, buffer);
                                               });
-  (void)s;
   Pool<UINT8> bytes = Pool<UINT8>::bytes(store->Size ? store->Size : 1);
   if (!bytes) return;
   if (!EFI_ERROR(status)) rt::copyMem(bytes.get(), data.get(), size < store->Size ? size : store->Size);
@@ -404,7 +403,7 @@ void writeStores(Run& run, Owner& owner, const CHAR16* name) {
         if (known) continue;
         seen.addRaw(header.get(), header.size());
         ++stores;
-        writeStore(s, access, store, lines, answered);
+        writeStore(access, store, lines, answered);
       }
     }
     s.forms->DestroyFormSets(s.forms, count, sets);
