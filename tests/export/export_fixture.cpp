@@ -1,40 +1,31 @@
 #include "export/export_fixture.h"
 
+#include "host/hii/device_path.h"
+#include "host/hii/package_list.h"
+#include "host/hii/string_package.h"
 #include "host/sample/sample_devices.h"
+#include "xml/node.h"
 
 namespace tvl::test {
-
-namespace {
-std::string serialiseWith(XML_PROTOCOL* xml, host::Platform* platform, XML_NODE* root) {
-  CHAR8* out = nullptr;
-  EXPECT_EQ(xml->XML_NodeToXML(xml, root, &out), EFI_SUCCESS);
-  std::string result = out ? out : "";
-  if (out) platform->bootServices()->FreePool(out);
-  return result;
-}
-host::Platform* gPlatform = nullptr;  // the platform of the running test
-}  // namespace
 
 Documents::~Documents() {
   if (possible) xml->XML_FreeNode(xml, possible);
   if (current) xml->XML_FreeNode(xml, current);
 }
 
-std::string Documents::possibleText() const { return serialiseWith(xml, gPlatform, possible); }
-std::string Documents::currentText() const { return serialiseWith(xml, gPlatform, current); }
-
 void DeviceExportTest::build(std::vector<host::sample::DeviceDescription> devices) {
-  gPlatform = &platform();
-  if (devices.empty()) devices = host::sample::sampleDevices();
+  buildWith(devices.empty() ? host::sample::sampleDevices() : std::move(devices));
+}
+
+void DeviceExportTest::buildWith(std::vector<host::sample::DeviceDescription> devices) {
   sample_ = std::make_unique<host::sample::SamplePlatform>(platform(), std::move(devices));
-  ASSERT_EQ(sample_->loadDriver(&driver_), EFI_SUCCESS);
-  ASSERT_TRUE(log_.attach(platform()));
+  ASSERT_EQ(loadDriver(), EFI_SUCCESS);
+  ASSERT_TRUE(log().attach(platform()));
   markBaseline();
 }
 
 void DeviceExportTest::TearDown() {
-  log_.detach();
-  PlatformTest::TearDown();
+  DriverTest::TearDown();
   sample_.reset();
 }
 
@@ -52,7 +43,25 @@ std::unique_ptr<Documents> DeviceExportTest::exportDevice(const std::u16string& 
   return docs;
 }
 
-std::string DeviceExportTest::serialise(XML_NODE* root) { return serialiseWith(sample_->xml(), &platform(), root); }
+std::string DeviceExportTest::serialise(XML_NODE* root) {
+  XML_PROTOCOL* xml = sample_->xml();
+  CHAR8* out = nullptr;
+  EXPECT_EQ(xml->XML_NodeToXML(xml, root, &out), EFI_SUCCESS);
+  std::string result = out ? out : "";
+  if (out) bs()->FreePool(out);
+  return result;
+}
+
+host::sample::DeviceDescription deviceWith(const std::u16string& fqdd, UINT8 n, host::sample::FormSetDescription set) {
+  host::sample::DeviceDescription d;
+  d.fqdd = fqdd;
+  d.description = u"test device";
+  const EFI_GUID vendor = {0x51e0a2b0u + n, 0x1c2d, 0x4e5f, {0x90, 0x81, 0x72, 0x63, 0x54, 0x45, 0x36, n}};
+  d.devicePath = host::hii::DevicePathBuilder().vendorHardware(vendor).build();
+  d.packageListGuid = {0x6a7b8c9du + n, 0x1e2f, 0x4a5b, {0x9c, 0x8d, 0x7e, 0x6f, 0x50, 0x41, 0x32, n}};
+  d.formSets = {std::move(set)};
+  return d;
+}
 
 // ---------------------------------------------------------------- queries
 
@@ -64,17 +73,18 @@ std::string attribute(const XML_NODE* node, const std::string& name) {
   return "";
 }
 
+std::string attributes(const XML_NODE* node) {
+  std::string out;
+  for (const XML_ATTRIBUTE* a = node ? node->attributes : nullptr; a; a = a->next)
+    out += std::string(out.empty() ? "" : " ") + a->name + "=" + a->value;
+  return out;
+}
+
 std::string childNames(const XML_NODE* node, bool withAttributes) {
   std::string out;
   for (const XML_NODE* c = node ? node->children : nullptr; c; c = c->next) {
-    if (!out.empty()) out += ',';
-    out += c->name;
-    if (withAttributes && c->attributes) {
-      out += '[';
-      for (const XML_ATTRIBUTE* a = c->attributes; a; a = a->next)
-        out += std::string(a->name) + "=" + a->value + (a->next ? " " : "");
-      out += ']';
-    }
+    out += (out.empty() ? "" : ",") + std::string(c->name);
+    if (withAttributes && c->attributes) out += "[" + attributes(c) + "]";
   }
   return out;
 }
@@ -129,6 +139,102 @@ std::string valueList(const XML_NODE* configItem) {
     if (!marks.empty()) out += "[" + marks + "]";
   }
   return out;
+}
+
+// ---------------------------------------------------------------- ExportTest
+
+void ExportTest::SetUp() {
+  DeviceExportTest::SetUp();
+  if (HasFatalFailure()) return;
+  buildWith({});
+  log().clear();
+}
+
+EFI_HANDLE ExportTest::newDriverHandle() {
+  static uint64_t marker;
+  EFI_HANDLE handle = nullptr;
+  EXPECT_EQ(platform().installProtocol(&handle, EFI_HII_CONFIG_ACCESS_PROTOCOL_GUID, &marker), EFI_SUCCESS);
+  return handle;
+}
+
+EFI_HII_HANDLE ExportTest::addStrings(const LanguageStrings& languages, EFI_HANDLE owner) {
+  if (!owner) owner = newDriverHandle();
+  std::vector<std::vector<uint8_t>> packages;
+  for (const auto& [language, strings] : languages)
+    packages.push_back(host::hii::buildStringPackage(language, strings));
+  const uint8_t n = ++lists_;
+  const EFI_GUID guid = {0x6b3d0000u + n, 0x4e21, 0x4f7a, {9, 8, 7, 6, 5, 4, 3, n}};
+  EFI_HII_HANDLE handle = nullptr;
+  EXPECT_EQ(hii().addPackageList(host::hii::buildPackageList(guid, packages), owner, &handle), EFI_SUCCESS);
+  return handle;
+}
+
+XML_NODE* ExportTest::node(const char* name, const char* contents, const Attributes& attributes,
+                           const std::vector<XML_NODE*>& children) {
+  XML_NODE* made = nullptr;
+  EFI_STATUS status =
+      contents ? DRIVER_FN(createNodeWithString)(name, contents, &made) : DRIVER_FN(createNode)(name, &made);
+  EXPECT_EQ(status, EFI_SUCCESS) << name;
+  if (EFI_ERROR(status)) return nullptr;
+  for (const auto& [key, value] : attributes)
+    EXPECT_EQ(DRIVER_FN(addAttribute)(key.c_str(), value.c_str(), &made), EFI_SUCCESS);
+  XML_NODE** slot = &made->children;
+  for (XML_NODE* child : children) {
+    child->parent = made;
+    *slot = child;
+    slot = &child->next;
+  }
+  return made;
+}
+
+void ExportTest::release(XML_NODE* tree) {
+  if (tree) {
+    EXPECT_EQ(DRIVER_FN(freeNode)(tree), EFI_SUCCESS);
+  }
+}
+
+std::string ExportTest::outcome(EFI_STATUS status, XML_NODE* out) {
+  if (EFI_ERROR(status)) {
+    EXPECT_EQ(out, kUntouched);
+    return "-";
+  }
+  std::string described = describe(out);
+  release(out);
+  return described;
+}
+
+void ExportTest::dropAttributes(XML_NODE* node) {
+  for (XML_ATTRIBUTE* attribute = node->attributes; attribute;) {
+    XML_ATTRIBUTE* next = attribute->next;
+    bs()->FreePool(attribute->name);
+    bs()->FreePool(attribute->value);
+    bs()->FreePool(attribute);
+    attribute = next;
+  }
+  node->attributes = nullptr;
+}
+
+std::string describe(const XML_NODE* node) {
+  std::string out;
+  for (; node; node = node->next) {
+    if (!out.empty()) out += " | ";
+    out += node->name ? node->name : "(null)";
+    if (node->attributes) {
+      out += "[";
+      for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next)
+        out += std::string(a->name) + "=" + a->value + (a->next ? ";" : "");
+      out += "]";
+    }
+    if (node->contents) out += std::string(":") + node->contents;
+    if (node->children) out += "{" + describe(node->children) + "}";
+  }
+  return out;
+}
+
+FormSetWithLanguages::FormSetWithLanguages(std::vector<std::string> languages) : tags(std::move(languages)) {
+  for (std::string& tag : tags) pointers.push_back(tag.data());
+  record.NumberOfLanguages = pointers.size();
+  record.Languages = pointers.data();
 }
 
 }  // namespace tvl::test

@@ -1,20 +1,28 @@
-// Test support for the export: a sample platform with the devices a test
-// describes, a fresh driver, its traces, and the two documents of an export
-// as trees that free themselves, with small queries over them.
+// Test support for the export. DeviceExportTest: a sample platform with the
+// devices a test describes, a fresh driver and its traces, the two documents
+// of an export as trees that free themselves, and small queries over trees.
+// ExportTest: the same without devices, for single functions, with helpers
+// that register string packages, build small trees through the driver's node
+// toolbox and describe trees compactly for table-driven checks.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "export/records/records.h"
 #include "host/sample/form_description.h"
 #include "host/sample/sample_platform.h"
-#include "support/fixture.h"
-#include "support/log_capture.h"
-#include "uefi/services.h"
+#include "support/driver.h"
 
 namespace tvl::test {
+
+using Attributes = std::vector<std::pair<std::string, std::string>>;
+using LanguageStrings = std::vector<std::pair<std::string, std::vector<std::u16string>>>;
+
+// What a test puts in an output slot that must stay unwritten.
+inline XML_NODE* const kUntouched = reinterpret_cast<XML_NODE*>(uintptr_t(0x5a5a));
 
 // Both documents of one export; the trees are freed with the object.
 struct Documents {
@@ -27,44 +35,39 @@ struct Documents {
   XML_NODE* possible = nullptr;
   XML_NODE* current = nullptr;
   XML_PROTOCOL* xml = nullptr;
-
-  std::string possibleText() const;
-  std::string currentText() const;
 };
 
-class DeviceExportTest : public PlatformTest {
+// The sample platform brings its own services: the fixture provides none.
+class DeviceExportTest : public DriverTest {
  protected:
+  unsigned initialServices() const override { return 0; }
+  bool loadsDriver() const override { return false; }
   void TearDown() override;
 
   // Builds the sample platform with `devices` (the sample devices when
   // empty) and loads a fresh driver; the leak baseline moves past both.
   void build(std::vector<host::sample::DeviceDescription> devices = {});
+  // The same with exactly these devices.
+  void buildWith(std::vector<host::sample::DeviceDescription> devices);
 
   host::sample::SamplePlatform& sample() { return *sample_; }
-  LogCapture& log() { return log_; }
-  TOLVANE_PROTOCOL* converter() { return locate<TOLVANE_PROTOCOL>(TOLVANE_PROTOCOL_GUID); }
-
   // HiiToNode on the device with this FQDD.
   std::unique_ptr<Documents> exportDevice(const std::u16string& fqdd);
-  // A driver global or function by name.
-  template <typename T>
-  T& global(const char* name) {
-    return *static_cast<T*>(platform().imageSymbol(driver_, name));
-  }
-  void* symbol(const char* name) { return platform().imageSymbol(driver_, name); }
-  EFI_HANDLE driverImage() const { return driver_; }
-
   std::string serialise(XML_NODE* root);
 
  private:
   std::unique_ptr<host::sample::SamplePlatform> sample_;
-  EFI_HANDLE driver_ = nullptr;
-  LogCapture log_;
 };
+
+// A device of one form set; `n` makes its device path and package list
+// unique.
+host::sample::DeviceDescription deviceWith(const std::u16string& fqdd, UINT8 n, host::sample::FormSetDescription set);
 
 // ---- queries over a document tree
 std::string text(const XML_NODE* node);
 std::string attribute(const XML_NODE* node, const std::string& name);
+// "name=value name=value" of the node's own attributes.
+std::string attributes(const XML_NODE* node);
 // "Name,RefFormId,..." of the element's children; an attribute list in
 // brackets after names that have one: "ValueStruct[Suppressed=true]".
 std::string childNames(const XML_NODE* node, bool withAttributes = false);
@@ -78,5 +81,52 @@ const XML_NODE* item(const XML_NODE* root, const std::string& name);
 // "Value" texts of the item's ValueStructs, joined by '|'; DefaultIds and
 // attributes in brackets: "true[0000,0001]|false".
 std::string valueList(const XML_NODE* configItem);
+
+
+// For single functions of the driver: the sample platform without devices.
+class ExportTest : public DeviceExportTest {
+ protected:
+  void SetUp() override;
+
+  host::hii::HiiDatabase& hii() { return sample().hii(); }
+
+  // A new driver handle (it carries a configuration-access marker).
+  EFI_HANDLE newDriverHandle();
+  // Registers a package list with one string package per language (string
+  // id N is the N-th text) for `owner`, a new driver handle when null; its
+  // HII handle.
+  EFI_HII_HANDLE addStrings(const LanguageStrings& languages, EFI_HANDLE owner = nullptr);
+
+  // A node made with the driver's createNode (or createNodeWithString when
+  // `contents` is given) and addAttribute, with `children` linked below it
+  // in order. The caller releases the tree.
+  XML_NODE* node(const char* name, const char* contents = nullptr, const Attributes& attributes = {},
+                 const std::vector<XML_NODE*>& children = {});
+  // Frees a tree (null is ignored) through the driver's freeNode.
+  void release(XML_NODE* tree);
+  // What a builder handed out, described and freed; "-" when it failed,
+  // after checking that its output slot still holds kUntouched.
+  std::string outcome(EFI_STATUS status, XML_NODE* out);
+  // Takes every attribute off a node and returns it to the pool.
+  void dropAttributes(XML_NODE* node);
+
+ private:
+  uint8_t lists_ = 0;
+};
+
+// A node and its following siblings, separated by " | ", each written as
+// name[attribute=value;...]:contents{children}, the parts present only when
+// the node has them.
+std::string describe(const XML_NODE* node);
+
+// A FormSet record whose language list lives in the object.
+struct FormSetWithLanguages {
+  explicit FormSetWithLanguages(std::vector<std::string> languages);
+  FormSetWithLanguages(const FormSetWithLanguages&) = delete;
+  FormSetWithLanguages& operator=(const FormSetWithLanguages&) = delete;
+  HII_FORMSET_RECORD record{};
+  std::vector<std::string> tags;
+  std::vector<CHAR8*> pointers;
+};
 
 }  // namespace tvl::test

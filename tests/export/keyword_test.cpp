@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "export/export_support.h"
+#include "export/export_fixture.h"
 #include "uefi/ifr.h"
 #include "xml/node.h"
 
@@ -18,22 +18,15 @@ namespace {
 using tvl::test::Attributes;
 using tvl::test::describe;
 
-XML_NODE* const kUntouched = reinterpret_cast<XML_NODE*>(uintptr_t(0x5a5a));
+using tvl::test::kUntouched;
 
 class KeywordTest : public tvl::test::ExportTest {
  protected:
-  // Runs a builder and describes what it handed out ("-" on failure, after
-  // checking that the slot was not written), then frees it.
+  // Runs a builder; its outcome() goes to `described`.
   EFI_STATUS build(decltype(&createModifierNodes) builder, const char* text, std::string* described) {
     XML_NODE* out = kUntouched;
     EFI_STATUS status = builder(text, &out);
-    if (EFI_ERROR(status)) {
-      EXPECT_EQ(out, kUntouched);
-      *described = "-";
-    } else {
-      *described = describe(out);
-      release(out);
-    }
+    *described = outcome(status, out);
     return status;
   }
 
@@ -69,10 +62,7 @@ class KeywordTest : public tvl::test::ExportTest {
 TEST_F(KeywordTest, BuildersTurnTokensIntoElements) {
   const EFI_STATUS ok = EFI_SUCCESS, bad = EFI_INVALID_PARAMETER;
   struct Case {
-    const char* text;
-    EFI_STATUS dependenciesStatus;
-    const char* dependencies;
-    EFI_STATUS modifiersStatus;
+    const char* text; EFI_STATUS dependenciesStatus; const char* dependencies; EFI_STATUS modifiersStatus;
     const char* modifiers;
   } cases[] = {
       {"Alpha", ok, "", ok, ""},
@@ -114,10 +104,8 @@ TEST_F(KeywordTest, BuildersTurnTokensIntoElements) {
 
 TEST_F(KeywordTest, BuildersFailCleanlyWhenThePoolRefuses) {
   const char* text = R"(A[SuppressIf:B\101=1][Opt:x\102][DisableIf:C=2][FQDD:N][ProgWrite=True])";
-  struct Case {
-    decltype(&createModifierNodes) builder;
-    const char* complete;
-    const char* undecoded;  // an escape whose replacement could not be allocated stays as written
+  struct Case {  // undecoded: an escape whose replacement could not be allocated stays as written
+    decltype(&createModifierNodes) builder; const char* complete; const char* undecoded;
   } cases[] = {
       {DRIVER_FN(createDependenciesNode), "Dependencies{SuppressIf[Name=BA]:1 | DisableIf[Name=C]:2}",
        R"(Dependencies{SuppressIf[Name=B\101]:1 | DisableIf[Name=C]:2})"},
@@ -144,10 +132,7 @@ TEST_F(KeywordTest, BuildersFailCleanlyWhenThePoolRefuses) {
 }
 
 TEST_F(KeywordTest, TokenReaderTakesTokensInOrderAndOwnsItsSlots) {
-  struct Case {
-    const char* text;
-    std::vector<std::pair<std::string, std::string>> tokens;
-  } cases[] = {
+  struct Case { const char* text; std::vector<std::pair<std::string, std::string>> tokens; } cases[] = {
       {"Name[A:1][B:2]", {{"A", "1"}, {"B", "2"}}},
       {"N[A][B:C]", {{"A][B", "C"}}},
       {"N[A:x:y][B:z]", {{"A", "x:y"}, {"B", "z"}}},
@@ -179,11 +164,7 @@ TEST_F(KeywordTest, TokenReaderTakesTokensInOrderAndOwnsItsSlots) {
 }
 
 TEST_F(KeywordTest, PredicatesReadValuesAndConditions) {
-  struct ValueCase {
-    const char* text;
-    const char* value;
-    BOOLEAN expected;
-  } valueCases[] = {
+  struct ValueCase { const char* text; const char* value; BOOLEAN expected; } valueCases[] = {
       {"X[ProgWrite:TRUE]", "true", TRUE},    {"X[progwrite:true]", "true", FALSE},
       {"X[ProgWrite:true]", "TRUE", FALSE},   {"X[ProgWrite:false][ProgWrite:True]", "true", TRUE},
       {"X[A][ProgWrite:tRuE]", "true", TRUE}, {"X[ProgWrite:truex]", "true", FALSE},
@@ -192,10 +173,7 @@ TEST_F(KeywordTest, PredicatesReadValuesAndConditions) {
   for (const ValueCase& c : valueCases)
     EXPECT_EQ(DRIVER_FN(hasKeywordValue)(c.text, "ProgWrite", c.value), c.expected) << c.text << " " << c.value;
 
-  struct ConditionCase {
-    const char* text;
-    BOOLEAN expected;
-  } conditionCases[] = {
+  struct ConditionCase { const char* text; BOOLEAN expected; } conditionCases[] = {
       {"X[SuppressIfNot:a=1]", TRUE}, {"X[A:1][ForceIf:b=2]", TRUE}, {"X[Suppress:a]", FALSE},
       {"X[A][ForceIf:b=2]", FALSE},   {"X[ForceIf:b=1", FALSE},      {"X", FALSE},
   };
@@ -206,19 +184,10 @@ TEST_F(KeywordTest, ModifiersAreLookedUpInTheFirstValueStruct) {
   XML_NODE* chain = node("Modifier", "v", {{"Name", "Lead"}});
   chain->next = entry("NIC.1", "IPv4", nullptr);
   chain->next->children->next->next = node("Modifier", "a&b", {{"Name", "Mode"}});
-  struct Case {
-    XML_NODE* from;
-    const char* key;
-    const char* value;
-    BOOLEAN expected;
-  } cases[] = {
-      {chain, "Proto", "IPv4", TRUE},
-      {chain->next, "Mode", "a&amp;b", TRUE},
-      {chain, "Proto", "IPv6", FALSE},
-      {chain, "Lead", "v", FALSE},
-      {chain->next->children, "Proto", "IPv4", FALSE},
-      {chain, nullptr, "IPv4", FALSE},
-      {chain, "Proto", nullptr, FALSE},
+  struct Case { XML_NODE* from; const char* key; const char* value; BOOLEAN expected; } cases[] = {
+      {chain, "Proto", "IPv4", TRUE},  {chain->next, "Mode", "a&amp;b", TRUE}, {chain, "Proto", "IPv6", FALSE},
+      {chain, "Lead", "v", FALSE},     {chain->next->children, "Proto", "IPv4", FALSE},
+      {chain, nullptr, "IPv4", FALSE}, {chain, "Proto", nullptr, FALSE},
   };
   for (const Case& c : cases)
     EXPECT_EQ(DRIVER_FN(hasModifier)(c.from, c.key, c.value), c.expected) << (c.key ? c.key : "null");
@@ -227,13 +196,8 @@ TEST_F(KeywordTest, ModifiersAreLookedUpInTheFirstValueStruct) {
 
 TEST_F(KeywordTest, EnablesTheEntryThatTheCheckboxGoverns) {
   const char* unchanged = "- / - - true -";
-  struct Case {
-    const char* list;
-    const char* text;
-    const char* value;
-    EFI_STATUS status;
-    const char* marks;
-  } cases[] = {
+  struct Case { const char* list; const char* text; const char* value; EFI_STATUS status; const char* marks; };
+  const Case cases[] = {
       {"BootSeq", "BootSeqEnDis1[FQDD:NIC.1][Proto:IPv6]", "true", EFI_SUCCESS, "- / - true true -"},
       {"BootSeq", "BootSeqEnDis1[FQDD:NIC.1]", "false", EFI_SUCCESS, "- / false - true -"},
       {"BootSeq", "BootSeqEnDis2[FQDD:Disk.1]", "false", EFI_SUCCESS, "- / - - true false"},
@@ -273,14 +237,9 @@ TEST_F(KeywordTest, FindsTheCheckboxOfAnEntryAndTheValueToWrite) {
                     u"BootSeqEnDis3[FQDD:Disk.1]", u"UefiBootSeqEnDis1[FQDD:Disk.1][SuppressIf:X=1]"}}});
   // Prompt, value type and current value of each statement; the fourth
   // prompt has no x-UEFI text, the third statement is not boolean.
-  const struct {
-    UINT16 prompt;
-    UINT8 type, value;
-  } rows[] = {{1, EFI_IFR_TYPE_BOOLEAN, 1},
-              {2, EFI_IFR_TYPE_BOOLEAN, 0},
-              {3, EFI_IFR_TYPE_NUM_SIZE_8, 0},
-              {9, EFI_IFR_TYPE_BOOLEAN, 0},
-              {4, EFI_IFR_TYPE_BOOLEAN, 0}};
+  const struct { UINT16 prompt; UINT8 type, value; } rows[] = {
+      {1, EFI_IFR_TYPE_BOOLEAN, 1}, {2, EFI_IFR_TYPE_BOOLEAN, 0}, {3, EFI_IFR_TYPE_NUM_SIZE_8, 0},
+      {9, EFI_IFR_TYPE_BOOLEAN, 0}, {4, EFI_IFR_TYPE_BOOLEAN, 0}};
   CHAR16 blocks[5][2] = {u"1", u"2", u"3", u"4", u"5"};
   HII_STATEMENT_RECORD statements[5] = {};
   HII_STATEMENT_RECORD* pointers[5];
@@ -299,13 +258,8 @@ TEST_F(KeywordTest, FindsTheCheckboxOfAnEntryAndTheValueToWrite) {
   formSet.FormCount = 1;
   formSet.Forms = forms;
 
-  struct Case {
-    const char* list;
-    const char* device;
-    const char* proto;
-    const char* enabled;
-    EFI_STATUS status;
-    int block;  // index of the statement whose block name is handed out, -1 for none
+  struct Case {  // block: index of the statement whose block name is handed out, -1 for none
+    const char* list; const char* device; const char* proto; const char* enabled; EFI_STATUS status; int block;
     UINT8 newValue;
   } cases[] = {
       {"BootSeq", "NIC.1", "IPv6", "true", EFI_SUCCESS, 1, 1},

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "export/export_support.h"
+#include "export/export_fixture.h"
 #include "export/mapping.h"
 
 namespace {
@@ -11,22 +11,11 @@ namespace {
 class MappingTest : public tvl::test::ExportTest {};
 
 TEST_F(MappingTest, KnownVendorNamesGiveTheirCommonName) {
-  struct Case {
-    const char* vendor;
-    const char* common;  // null: no mapping
-  } cases[] = {
-      {"DhcpVndorID", "DhcpVendId"},
-      {"DhcpVndorId", "DhcpVendId"},
-      {"DHCPVNDORID", nullptr},
-      {"OptionROM", "BootOptionROM"},
-      {"BootOptionROM", nullptr},
-      {"LnkSpeed", nullptr},
-      {"LinkUpDelayTime", "LnkUpDelayTime"},
-      {"LinkUpDelayTime ", nullptr},
-      {"LinkUpDelay", nullptr},
-      {"TgtAsFirstHDD", "FirstHddTarget"},
-      {"SecondTgtChapIdLegacy", "SecondTgtChapId"},
-      {"", nullptr},
+  struct Case { const char* vendor; const char* common; } cases[] = {  // common null: no mapping
+      {"DhcpVndorID", "DhcpVendId"},         {"DhcpVndorId", "DhcpVendId"},          {"DHCPVNDORID", nullptr},
+      {"OptionROM", "BootOptionROM"},        {"BootOptionROM", nullptr},             {"LnkSpeed", nullptr},
+      {"LinkUpDelayTime", "LnkUpDelayTime"}, {"LinkUpDelayTime ", nullptr},          {"LinkUpDelay", nullptr},
+      {"TgtAsFirstHDD", "FirstHddTarget"},   {"SecondTgtChapIdLegacy", "SecondTgtChapId"}, {"", nullptr},
   };
   const CHAR8 sentinel[] = "unchanged";
   for (const Case& c : cases) {

@@ -8,7 +8,6 @@
 #include <sstream>
 
 #include "export/export_fixture.h"
-#include "host/hii/device_path.h"
 #include "host/sample/sample_devices.h"
 
 namespace {
@@ -24,12 +23,7 @@ TEST_F(SampleExportTest, EachSampleDeviceTakesItsPath) {
   build();
   UINT8& isSsd = global<UINT8>("mIsSsdForms");
   UINT8& isBios = global<UINT8>("mIsBiosSetup");
-  const struct {
-    const char16_t* fqdd;
-    UINT8 biosSetup, ssdForms;
-    size_t formSets;
-    bool mapped;
-  } cases[] = {
+  const struct { const char16_t* fqdd; UINT8 biosSetup, ssdForms; size_t formSets; bool mapped; } cases[] = {
       // Only the gInternalBIOSSetup form set of the BIOS device's three.
       {sample::kBiosFqdd, 1, 0, 1, true},
       {sample::kNicFqdd, 0, 0, 1, true},
@@ -53,18 +47,9 @@ TEST_F(SampleExportTest, EachSampleDeviceTakesItsPath) {
       }
     }
   }
-  // The storage path is announced; the BIOS device has no switch forms left.
+  // The storage path is announced. (What the BIOS device's switch forms do
+  // shows in the reviewed document below.)
   EXPECT_NE(log().find("tvlHiiToNode", "SSD Forms with Controller GUID\n"), nullptr);
-  auto bios = exportDevice(sample::kBiosFqdd);
-  for (const XML_NODE* form : descendants(bios->current, "Form")) {
-    std::string title = text(child(form, "Title"));
-    EXPECT_EQ(title.find("BootSeqEnDis"), std::string::npos) << title;
-  }
-  // Every UEFI boot entry carries the state of its enable checkbox.
-  const XML_NODE* uefi = item(bios->current, "UefiBootSeq");
-  ASSERT_NE(uefi, nullptr);
-  for (const XML_NODE* entry : children(uefi, "ValueStruct"))
-    EXPECT_TRUE(attribute(entry, "Enabled") == "true" || attribute(entry, "Enabled") == "false") << text(entry->children);
 }
 
 // ---------------------------------------------------------------- languages
@@ -72,12 +57,6 @@ TEST_F(SampleExportTest, EachSampleDeviceTakesItsPath) {
 // One small form set, its strings in the languages a case names.
 DeviceDescription languageDevice(const std::vector<std::string>& languages, UINT8 n) {
   using namespace sample;
-  DeviceDescription d;
-  d.fqdd = u"System.Lang." + std::u16string(1, char16_t('0' + n));
-  d.description = u"language test";
-  EFI_GUID vendor = {0x7a3c0000u + n, 0x2b1d, 0x4c5e, {0x8f, 0x70, 0x61, 0x52, 0x43, 0x34, 0x25, n}};
-  d.devicePath = tvl::host::hii::DevicePathBuilder().vendorHardware(vendor).build();
-  d.packageListGuid = {0x4b5c0000u + n, 0x6d7e, 0x4f80, {0x91, 0xa2, 0xb3, 0xc4, 0xd5, 0xe6, 0xf7, n}};
   FormSetDescription set;
   set.guid = {0x1e2d3c4b, 0x5a69, 0x4788, {0x96, 0xa5, 0xb4, 0xc3, 0xd2, 0xe1, 0xf0, n}};
   set.title = u"Lane Settings";
@@ -89,7 +68,7 @@ DeviceDescription languageDevice(const std::vector<std::string>& languages, UINT
                 u"MainKw",
                 {checkbox(0x701, u"Speed Limit", u"SpeedLimit[Unit:kmh]").at(1, 0).help(u"Limits speed.").value(1),
                  checkbox(0x702, u"", u"").at(1, 1).value(0)}}};
-  d.formSets = {set};
+  DeviceDescription d = deviceWith(u"System.Lang." + std::u16string(1, char16_t('0' + n)), n, std::move(set));
   d.languages = languages;
   // Texts of the further languages: keyword texts where a tag spells
   // x-UEFI in another case or extends it, the en-US texts otherwise.
@@ -107,12 +86,8 @@ DeviceDescription languageDevice(const std::vector<std::string>& languages, UINT
 }
 
 TEST_F(SampleExportTest, TheChosenLanguageDecidesNamesAndMapping) {
-  const struct {
-    std::vector<std::string> languages;
-    EFI_STATUS status;
-    const char* formSetTitle;  // the name in the chosen language
-    const char* itemName;
-    bool mapped;
+  const struct {  // formSetTitle: the name in the chosen language
+    std::vector<std::string> languages; EFI_STATUS status; const char* formSetTitle; const char* itemName; bool mapped;
   } cases[] = {
       {{"en-US", "x-UEFI"}, EFI_SUCCESS, "LaneSettings", "SpeedLimit", true},
       {{"en-US"}, EFI_SUCCESS, "Lane Settings", "Speed Limit", false},

@@ -1,5 +1,6 @@
 #include "tests/support/fixture.h"
 
+#include <cstring>
 #include <stdexcept>
 
 #include "host/status.h"
@@ -95,6 +96,13 @@ EFI_HANDLE PlatformTest::load(const std::string& image) {
                              " failed: " + statusName(status));
   }
   return handle;
+}
+
+CHAR8* PlatformTest::poolText(const std::string& text) {
+  VOID* buffer = nullptr;
+  EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, text.size() + 1, &buffer), EFI_SUCCESS);
+  if (buffer) std::memcpy(buffer, text.c_str(), text.size() + 1);
+  return static_cast<CHAR8*>(buffer);
 }
 
 void PlatformTest::markBaseline() {

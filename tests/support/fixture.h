@@ -72,6 +72,9 @@ class PlatformTest : public ::testing::Test {
     return tvl::test::sweepAllocationFailures(*platform_, op, check, cleanup, mode);
   }
 
+  // A pool copy of `text` with its terminator, as an image makes one.
+  CHAR8* poolText(const std::string& text);
+
   template <typename T>
   T* locate(const EFI_GUID& guid) {
     return static_cast<T*>(platform_->locateProtocol(guid));

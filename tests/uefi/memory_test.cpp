@@ -27,17 +27,12 @@ class MemoryTest : public tvl::test::PlatformTest {
 };
 
 TEST_F(MemoryTest, OverlappingCopiesMoveTheSourceBytes) {
-  const struct {
-    size_t dst, src, n;
-  } cases[] = {
-      {3, 0, 10},  // destination after the source, overlapping
-      {0, 3, 10},  // destination before the source, overlapping
-      {1, 0, 15},  // one byte apart, both ways
-      {0, 1, 15},
-      {4, 4, 8},   // the same range
-      {8, 0, 8},   // adjacent ranges
-      {0, 8, 8},
-      {5, 2, 0},   // nothing to copy
+  const struct { size_t dst, src, n; } cases[] = {
+      {3, 0, 10}, {0, 3, 10},  // overlapping, the destination after or before the source
+      {1, 0, 15}, {0, 1, 15},  // one byte apart, both ways
+      {4, 4, 8},               // the same range
+      {8, 0, 8},  {0, 8, 8},   // adjacent ranges
+      {5, 2, 0},               // nothing to copy
   };
   for (const char* name : {"probeCopyMem", "probeMemmove"}) {
     Copy fn = copy(name);

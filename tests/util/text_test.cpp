@@ -2,7 +2,6 @@
 // boot-services pool).
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -16,14 +15,6 @@ using tvl::test::statusName;
 
 class TextTest : public DriverTest {
  protected:
-  // A pool copy of `text` made as the driver would (its terminator from the
-  // zero fill).
-  CHAR8* poolText(const std::string& text) {
-    VOID* buffer = nullptr;
-    EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, text.size() + 1, &buffer), EFI_SUCCESS);
-    std::memcpy(buffer, text.c_str(), text.size() + 1);
-    return static_cast<CHAR8*>(buffer);
-  }
   void freeText(CHAR8* text) {
     if (text) bs()->FreePool(text);
   }

@@ -1,7 +1,6 @@
 // The node toolbox in a loaded driver, on trees of the real XML service.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <map>
 #include <string>
 #include <utility>
@@ -83,12 +82,6 @@ class NodeTest : public DriverTest {
         if (text(a->name) == "id" && text(a->value) == id) return const_cast<XML_NODE*>(node);
     ADD_FAILURE() << "no node with id " << id;
     return nullptr;
-  }
-  CHAR8* poolText(const std::string& s) {
-    VOID* buffer = nullptr;
-    EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, s.size() + 1, &buffer), EFI_SUCCESS);
-    std::memcpy(buffer, s.c_str(), s.size() + 1);
-    return static_cast<CHAR8*>(buffer);
   }
 
   XML_PROTOCOL* xml_ = nullptr;

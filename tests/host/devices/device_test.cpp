@@ -146,10 +146,8 @@ TEST_F(DeviceTest, RoutedValuesReachBothStores) {
 }
 
 TEST_F(DeviceTest, RefusalsSetProgressAndChangeNothing) {
-  const struct {
-    std::u16string request, configuration;  // behind the buffer store's header; empty: not tried
-    std::u16string progressAt;              // first occurrence
-  } cases[] = {
+  // Behind the buffer store's header (empty: not tried); Progress at the first occurrence of progressAt.
+  const struct { std::u16string request, configuration, progressAt; } cases[] = {
       {u"&OFFSET=1z&WIDTH=1", u"&OFFSET=1z&WIDTH=1&VALUE=00", u"&OFFSET"},
       {u"&OFFSET=000f&WIDTH=0002", u"&OFFSET=000f&WIDTH=0002&VALUE=0000", u"&OFFSET"},  // past the end of the store
       {u"&OFFSET=0&WIDTH=1&OFFSET=0010&WIDTH=1", u"&OFFSET=0&WIDTH=1&VALUE=00&OFFSET=0010&WIDTH=1&VALUE=00",

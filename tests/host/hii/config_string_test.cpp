@@ -57,11 +57,8 @@ TEST(ConfigString, SyntaxErrorsSetProgressAtTheFailingPair) {
   const std::u16string guidOnly = u"GUID=78563412bc9af0de0123456789abcdef";
   const std::u16string name = u"&NAME=00530065007400750070";
   const std::u16string goodPath = u"&PATH=02010c00d041030a0000000001010600001c7fff0400";
-  const struct {
-    const char* name;
-    std::u16string text;
-    hii::ConfigKind kind;
-    std::u16string progressAt;  // Progress is the first occurrence of this text; empty: the string's start
+  const struct {  // progressAt: Progress is its first occurrence in the text; empty: the string's start
+    const char* name; std::u16string text; hii::ConfigKind kind; std::u16string progressAt;
   } cases[] = {
       {"wrong first field", u"GUIX=" + kHdr.substr(5), K::Request, u""},
       {"GUID of 31 digits", guidOnly.substr(0, 36) + name + goodPath, K::Request, u""},

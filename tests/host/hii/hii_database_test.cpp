@@ -1,6 +1,7 @@
-// EFI_HII_DATABASE_PROTOCOL through its function table: listing and owner
-// lookup as the driver uses them, type filters, refusals of malformed
-// package lists, export sizing and round trip, updates and notifications.
+// EFI_HII_DATABASE_PROTOCOL through its function table: type filters,
+// refusals of malformed package lists, export sizing and round trip,
+// updates and notifications. Listing and owner lookup as the driver uses
+// them are tested through the driver (tests/util).
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -36,21 +37,6 @@ Bytes withLength(Bytes b) {
 
 class HiiDatabaseTest : public HiiTest {};
 
-TEST_F(HiiDatabaseTest, DriverHandleOwningSecondFifthAndSixthOfSixLists) {
-  EFI_HANDLE device = newHandle(), other = newHandle();
-  const EFI_HANDLE owners[] = {other, device, other, other, device, device};
-  std::vector<EFI_HII_HANDLE> registered, listed, ofDevice;
-  for (uint32_t i = 0; i < 6; ++i) registered.push_back(add(simpleList(i), owners[i]));
-  ASSERT_EQ(listAll(listed), EFI_SUCCESS);
-  ASSERT_EQ(listed, registered);
-  for (EFI_HII_HANDLE h : listed) {
-    EFI_HANDLE owner = nullptr;
-    ASSERT_EQ(db()->GetPackageListHandle(db(), h, &owner), EFI_SUCCESS);
-    if (owner == device) ofDevice.push_back(h);
-  }
-  EXPECT_EQ(ofDevice, (std::vector<EFI_HII_HANDLE>{registered[1], registered[4], registered[5]}));
-}
-
 TEST_F(HiiDatabaseTest, EmptyDatabaseAndUnknownHandlesAnswerNotFound) {
   std::vector<EFI_HII_HANDLE> listed;
   UINTN size = 1;
@@ -85,11 +71,7 @@ TEST_F(HiiDatabaseTest, ListingFiltersByPackageTypeAndGuid) {
   EXPECT_EQ(db()->ListPackageLists(db(), EFI_HII_PACKAGE_TYPE_GUID, nullptr, &length, buffer), EFI_INVALID_PARAMETER);
   EXPECT_EQ(db()->ListPackageLists(db(), EFI_HII_PACKAGE_STRINGS, &g1, &length, buffer), EFI_INVALID_PARAMETER);
   EXPECT_EQ(db()->ListPackageLists(db(), EFI_HII_PACKAGE_TYPE_ALL, nullptr, nullptr, buffer), EFI_INVALID_PARAMETER);
-  const struct {
-    UINT8 type;
-    const EFI_GUID* guid;
-    std::vector<EFI_HII_HANDLE> expected;  // empty: EFI_NOT_FOUND
-  } cases[] = {
+  const struct { UINT8 type; const EFI_GUID* guid; std::vector<EFI_HII_HANDLE> expected; } cases[] = {  // {}: not found
       {EFI_HII_PACKAGE_STRINGS, nullptr, {strings}}, {EFI_HII_PACKAGE_FORMS, nullptr, {guid2}},
       {EFI_HII_PACKAGE_TYPE_GUID, &g1, {guid1}},     {EFI_HII_PACKAGE_TYPE_GUID, &unused, {}},
       {EFI_HII_PACKAGE_END, nullptr, {}},
@@ -130,12 +112,9 @@ TEST_F(HiiDatabaseTest, ExportSizingAndContent) {
   const Bytes second = hii::buildPackageList(guidNumber(2), {hii::buildPackage(EFI_HII_PACKAGE_FORMS, {9, 9, 9})});
   EFI_HII_HANDLE h1 = add(first, nullptr), h2 = add(second, newHandle());
   const Bytes all = cat({first, second});
-  const struct {
-    EFI_HII_HANDLE handle;
-    UINTN size;
-    const Bytes& content;  // fits when size is at least its size
-  } cases[] = {{h2, 0, second},  {h2, second.size() - 1, second}, {h2, second.size(), second}, {h1, first.size() + 10, first},
-               {nullptr, all.size() - 1, all}, {nullptr, all.size(), all}};
+  const struct { EFI_HII_HANDLE handle; UINTN size; const Bytes& content; } cases[] = {  // fits: size >= content
+      {h2, 0, second}, {h2, second.size() - 1, second}, {h2, second.size(), second}, {h1, first.size() + 10, first},
+      {nullptr, all.size() - 1, all}, {nullptr, all.size(), all}};
   for (const auto& c : cases) {
     UINTN size = c.size;
     Bytes buffer(size, 0xCC);

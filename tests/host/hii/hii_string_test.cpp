@@ -1,6 +1,7 @@
 // EFI_HII_STRING_PROTOCOL through its function table: GetString sizing and
-// statuses in the call pattern the driver uses, the call record, and
-// NewString, SetString, GetLanguages and GetSecondaryLanguages.
+// statuses in the call pattern the driver uses, NewString, SetString,
+// GetLanguages and GetSecondaryLanguages. The call record is read by the
+// string-fetch tests of the driver (tests/util).
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -49,12 +50,7 @@ class HiiStringTest : public HiiTest {
 
 TEST_F(HiiStringTest, GetStringAnswersAsTheUefiSpecificationGives) {
   struct Case {
-    const char* name;
-    const char* language;
-    EFI_STRING_ID id;
-    UINTN size;
-    EFI_STATUS status;
-    UINTN sizeAfter;
+    const char* name; const char* language; EFI_STRING_ID id; UINTN size; EFI_STATUS status; UINTN sizeAfter;
     std::optional<std::u16string> text;
   } cases[] = {
       {"short string", "en-US", 1, 512, EFI_SUCCESS, 20, u"Boot Mode"},
@@ -90,22 +86,6 @@ TEST_F(HiiStringTest, GetStringAnswersAsTheUefiSpecificationGives) {
   EXPECT_EQ(str()->GetString(str(), "en-US", nullptr, 1, buffer, &size, nullptr), EFI_NOT_FOUND);
 }
 
-TEST_F(HiiStringTest, EveryGetStringCallIsRecorded) {
-  hii().clearGetStringCalls();
-  UINTN size = 512;
-  get("en-US", 3, size);  // too small, then the retry with 514
-  get("en-US", 3, size);
-  str()->GetString(str(), nullptr, list_, 1, nullptr, nullptr, nullptr);
-  const auto& calls = hii().getStringCalls();
-  ASSERT_EQ(calls.size(), 3u);
-  EXPECT_EQ(calls[0].language + " " + std::to_string(calls[0].stringId) + " " + std::to_string(calls[0].bufferSize), "en-US 3 512");
-  EXPECT_EQ(calls[0].status, EFI_BUFFER_TOO_SMALL);
-  EXPECT_EQ(calls[1].bufferSize, 514u);
-  EXPECT_EQ(calls[1].packageList, list_);
-  EXPECT_TRUE(calls[2].languageNull);
-  EXPECT_EQ(calls[2].status, EFI_INVALID_PARAMETER);
-}
-
 TEST_F(HiiStringTest, NewAndSetStringAndLanguages) {
   EFI_STRING_ID id = 0;
   ASSERT_EQ(str()->NewString(str(), list_, &id, "x-UEFI", nullptr, u"Added", nullptr), EFI_SUCCESS);
@@ -114,11 +94,7 @@ TEST_F(HiiStringTest, NewAndSetStringAndLanguages) {
   // A new language gets its own package with the printable name as a string.
   ASSERT_EQ(str()->NewString(str(), list_, &id, "de-DE", u"Deutsch", u"Neu", nullptr), EFI_SUCCESS);
   EXPECT_EQ(id, 10);
-  const struct {
-    const char* language;
-    EFI_STRING_ID id;
-    const char16_t* text;
-  } cases[] = {{"en-US", 8, u"Added"},        {"x-UEFI", 8, u"Added"}, {"x-UEFI-ns", 8, u"Added"},
+  const struct { const char* language; EFI_STRING_ID id; const char16_t* text; } cases[] = {{"en-US", 8, u"Added"},        {"x-UEFI", 8, u"Added"}, {"x-UEFI-ns", 8, u"Added"},
                {"x-UEFI", 1, u"Renamed[A:B]"}, {"en-US", 1, u"Boot Mode"}, {"de-DE", 9, u"Deutsch"}, {"de-DE", 10, u"Neu"}};
   for (const auto& c : cases) {
     UINTN size = 512;

@@ -48,11 +48,7 @@ TEST(PackageList, BuiltListSplitsIntoItsPackagesAndListsSitBackToBack) {
 TEST(PackageList, MalformedListsAreRefusedWithTheirOffset) {
   const size_t second = 20 + hii::buildStringPackage("en-US", {u"a", u"b"}).size();
   const size_t end = second + 7;
-  const struct {
-    const char* name;
-    std::function<void(Bytes&)> mutate;
-    size_t errorOffset;
-  } cases[] = {
+  const struct { const char* name; std::function<void(Bytes&)> mutate; size_t errorOffset; } cases[] = {
       {"header cut off", [](Bytes& b) { b.resize(19); }, 0},
       {"length too small for an END package", [](Bytes& b) { setLength(b, 23); }, 16},
       {"length past the data", [](Bytes& b) { setLength(b, uint32_t(b.size() + 1)); }, 16},

@@ -3,7 +3,6 @@
 // and the builder/serialiser against the parser.
 #include <gtest/gtest.h>
 
-
 #include "host/hii/string_package.h"
 #include "tests/host/hii/hii_bytes.h"
 
@@ -23,10 +22,8 @@ const Bytes kEnd = {EFI_HII_SIBT_END};
 Bytes str(const std::u16string& s) { return cat({{EFI_HII_SIBT_STRING_UCS2}, ucs2(s)}); }
 
 TEST(StringPackageBlocks, EachBlockTypeYieldsItsIds) {
-  const struct {
-    const char* name;
-    Bytes blocks;
-    std::vector<const char16_t*> texts;  // ids 1..n, null for an undefined id; n is the last id
+  const struct {  // texts: ids 1..n, null for an undefined id; n is the last id
+    const char* name; Bytes blocks; std::vector<const char16_t*> texts;
   } cases[] = {
       {"single and counted UCS-2 strings", cat({str(u"One"), {EFI_HII_SIBT_STRINGS_UCS2}, u16le(2), ucs2(u""), ucs2(u"c"), kEnd}),
        {u"One", u"", u"c"}},

@@ -52,11 +52,7 @@ const std::string kText12 = "03 08 01 00 02 00 00 00 ";  // text(1, 2)
 
 // Question header in order: Prompt, Help, QuestionId, VarStoreId, VarStoreInfo, Flags.
 TEST(IfrBuilder, OpcodesMatchHandEncodedBytes) {
-  const struct {
-    const char* name;
-    std::function<Bytes()> build;
-    std::string expected;
-  } cases[] = {
+  const struct { const char* name; std::function<Bytes()> build; std::string expected; } cases[] = {
       {"checkbox", [] { return encoded(ifr::Checkbox(0x1234, 0x11, 0x22).store(1, 0x10).resetRequired().defaultOn().mfgDefaultOn()); },
        "06 8e | 11 00 22 00 34 12 01 00 10 00 10 | 03 | 29 02"},
       {"numeric 64-bit signed",
@@ -152,10 +148,7 @@ TEST(IfrBuilder, OpcodesMatchHandEncodedBytes) {
 
 TEST(IfrBuilder, FormSetsMatchHandEncodedBytes) {
   const std::string head = "0e a7 " + kGuidBytes + " 02 00 03 00 01 " + kSetupClassBytes;
-  const struct {
-    std::function<ifr::FormSetBuilder()> build;
-    std::string expected;  // the IFR, from FORM_SET to its END
-  } cases[] = {
+  const struct { std::function<ifr::FormSetBuilder()> build; std::string expected; } cases[] = {  // FORM_SET to END
       {[] {
          ifr::FormSetBuilder fs(kGuid, 2, 3, {kGuid, EFI_GUID EFI_HII_PLATFORM_SETUP_FORMSET_GUID});
          fs.defaultStore(EFI_HII_DEFAULT_CLASS_MANUFACTURING, 0x21).defaultStore(0, 0x20).defaultStore(0x4000, 0x22);
@@ -303,10 +296,7 @@ TEST(IfrDump, OutlineFollowsScopesAndSpellsTheKeyFields) {
 }
 
 TEST(IfrDump, MalformedIfrAndPackagesStopWithAnError) {
-  const struct {
-    std::string hex;  // bare IFR
-    const char* error;
-  } cases[] = {
+  const struct { std::string hex; const char* error; } cases[] = {  // hex: bare IFR
       {"46 02 46", "truncated opcode header at offset 0002"},
       {"46 00", "opcode length 0 at offset 0000"},
       {"46 02 06 0e 00 00", "CHECKBOX runs past the end at offset 0002"},

@@ -39,11 +39,7 @@ TEST(IfrStrings, IdsKeepTheirTextPerLanguageAndPackagesLeaveMissingIdsUndefined)
     ASSERT_EQ(hii::parseStringPackage(b.data(), b.size(), parsed, &error), EFI_SUCCESS) << error.message;
     packages[parsed.language] = parsed;
   }
-  const struct {
-    const char* language;
-    UINT16 id;
-    const char16_t* text;  // null: no text
-  } cases[] = {
+  const struct { const char* language; UINT16 id; const char16_t* text; } cases[] = {  // text null: none
       {"en-US", 1, u"Setup"},     {"x-UEFI", 1, u"Setup"},           {"fr-FR", 1, nullptr},
       {"en-US", 2, u"Boot Mode"}, {"x-UEFI", 2, u"BootMode[Dep:1]"}, {"en-US", 3, nullptr},
       {"x-UEFI", 3, u"Hidden[ProgUnhide:true]"},                      {"fr-FR", 4, u"Langue"},

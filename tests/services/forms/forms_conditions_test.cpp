@@ -43,11 +43,8 @@ using FormsConditionsTest = FormsTest;
 // Current values: checkbox 1 = 1, one-of 2 = 3, numeric 3 = 9, numeric 4 =
 // 3, and numeric 0x60, declared after every condition, = 5.
 TEST_F(FormsConditionsTest, ConditionsSetTheMarksOfStatementsAndOptions) {
-  const struct {
-    const char* name;
-    Place place;
-    UINT8 suppressed, readOnly, disabled;
-    int readOnlyCondition;  // -1: none; otherwise its boolean result
+  const struct {  // readOnlyCondition -1: none; otherwise its boolean result
+    const char* name; Place place; UINT8 suppressed, readOnly, disabled; int readOnlyCondition;
   } rows[] = {
       {"suppressif, true", in(kSuppress, ifr::ideqval(1, 1)), 1, 0, 0, -1},
       {"no condition, after a closed one", put, 0, 0, 0, -1},

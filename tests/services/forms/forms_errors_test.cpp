@@ -29,11 +29,8 @@ Bytes suppressIf() { return op(EFI_IFR_SUPPRESS_IF_OP, true, {}); }
 // forms package header).
 constexpr UINTN kIfrStart = 20 + 4;
 
-struct MalformedCase {
-  const char* name;
-  Bytes ifr;
-  UINTN offset;         // of the fault in the IFR, or kPackage for the package itself
-  const char* message;  // part of GetLastError's message
+struct MalformedCase {  // offset: of the fault in the IFR, or kPackage for the package; message: part of it
+  const char* name; Bytes ifr; UINTN offset; const char* message;
 };
 constexpr UINTN kPackage = ~UINTN(0);
 
@@ -185,13 +182,8 @@ TEST_F(FormsErrorsTest, BadArguments) {
   UINTN count = 0;
   HII_FORMSET_RECORD** sets = nullptr;
   const struct {
-    const char* name;
-    HII_FORMS_PROCESSOR2_PROTOCOL* self;
-    EFI_HII_HANDLE* handles;
-    UINTN handleCount;
-    UINTN* count;
-    HII_FORMSET_RECORD*** sets;
-    UINTN failingIndex;
+    const char* name; HII_FORMS_PROCESSOR2_PROTOCOL* self; EFI_HII_HANDLE* handles; UINTN handleCount; UINTN* count;
+    HII_FORMSET_RECORD*** sets; UINTN failingIndex;
   } cases[] = {
       {"null This", nullptr, handles, 1, &count, &sets, 0},
       {"null handle array", forms_, nullptr, 1, &count, &sets, 0},
@@ -214,6 +206,7 @@ TEST_F(FormsErrorsTest, BadArguments) {
   EXPECT_EQ(lastError().PackageListIndex, 1u);
   EXPECT_NE(std::string(lastError().Message).find("ExportPackageLists"), std::string::npos);
   EXPECT_EQ(forms_->GetLastError(forms_, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(forms_->DestroyFormSets(forms_, 0, nullptr), EFI_SUCCESS);
 }
 
 TEST_F(FormsErrorsTest, EveryTruncationIsHandled) {

@@ -18,12 +18,7 @@ constexpr UINT8 kBool = EFI_IFR_TYPE_BOOLEAN, kU8 = EFI_IFR_TYPE_NUM_SIZE_8, kU6
 // checkbox 3 = on.
 TEST_F(FormsExpressionsTest, OperatorsComputeFromCurrentValues) {
   const Expr q1 = ifr::questionRef(1), q2 = ifr::questionRef(2), q3 = ifr::questionRef(3);
-  const struct {
-    const char* name;
-    Expr expr;
-    UINT8 type;
-    UINT64 result;  // not compared for an undefined result
-  } rows[] = {
+  const struct { const char* name; Expr expr; UINT8 type; UINT64 result; } rows[] = {  // result: unless undefined
       {"zero", ifr::zero(), kU8, 0},
       {"one", ifr::one(), kU8, 1},
       {"ones", ifr::ones(), kU64, ~0ull},

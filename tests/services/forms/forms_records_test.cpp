@@ -17,13 +17,8 @@ using FormsRecordsTest = FormsTest;
 
 // Form 1 of the sample, statement by statement. store: 0 none, else the
 // index + 1 of the variable store; block: -1 for no block name.
-struct StatementRow {
-  UINT8 operand;
-  UINT16 questionId, width;
-  UINT8 type;
-  UINT64 minimum, maximum, step;
-  int store, block;
-  UINT64 value;  // little-endian from HiiValue.Value, for number, date, time, boolean and string-id values
+struct StatementRow {  // value: little-endian from HiiValue.Value, for number, date, time, boolean and string ids
+  UINT8 operand; UINT16 questionId, width; UINT8 type; UINT64 minimum, maximum, step; int store, block; UINT64 value;
   UINT8 readOnly, reset, locked;
 };
 constexpr UINT8 kBool = EFI_IFR_TYPE_BOOLEAN, kString = EFI_IFR_TYPE_STRING, kRef = EFI_IFR_TYPE_REF,
@@ -100,10 +95,7 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
   EXPECT_EQ(buffer(0x13, 2), (std::vector<UINT8>{0, 0}));
 
   // References: EFI_HII_REF is QuestionId, FormId, FormSetGuid, DevicePath.
-  const struct {
-    UINT16 id, question, form, devicePath;
-    EFI_GUID formSet;
-  } refs[] = {{0x16, 0, 2, 0, {}}, {0x1D, 0x1A, 2, 0, {}}, {0x1E, 4, 3, 0, kOtherFormSetGuid},
+  const struct { UINT16 id, question, form, devicePath; EFI_GUID formSet; } refs[] = {{0x16, 0, 2, 0, {}}, {0x1D, 0x1A, 2, 0, {}}, {0x1E, 4, 3, 0, kOtherFormSetGuid},
               {0x1F, 6, 5, 9, kOtherFormSetGuid}, {0x20, 0, 0, 0, {}}};
   for (const auto& r : refs) {
     const UINT8* v = findQuestion(set, r.id)->HiiValue.Value;
@@ -163,16 +155,9 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
 TEST_F(FormsRecordsTest, OptionFlagsMarkOptionsOnly) {
   constexpr UINT8 kStd = EFI_IFR_OPTION_DEFAULT, kMfg = EFI_IFR_OPTION_DEFAULT_MFG;
   constexpr UINT16 kStandard = EFI_HII_DEFAULT_CLASS_STANDARD, kManufacturing = EFI_HII_DEFAULT_CLASS_MANUFACTURING;
-  struct DefaultOp {
-    UINT16 defaultId;
-    UINT64 value;
-  };
-  const struct {
-    const char* name;
-    bool orderedList;
-    UINT8 flags[3];  // of the options with values 1, 2, 3
-    std::vector<DefaultOp> defaults;
-    UINT8 isDefault[3];
+  struct DefaultOp { UINT16 defaultId; UINT64 value; };
+  const struct {  // flags: of the options with values 1, 2, 3
+    const char* name; bool orderedList; UINT8 flags[3]; std::vector<DefaultOp> defaults; UINT8 isDefault[3];
   } rows[] = {
       {"standard flag", false, {0, kStd, 0}, {}, {0, 1, 0}},
       {"manufacturing flag", false, {0, 0, kMfg}, {}, {0, 0, 0}},
@@ -227,10 +212,7 @@ TEST_F(FormsRecordsTest, OptionFlagsMarkOptionsOnly) {
 // expressions; expression defaults of other questions carry their result.
 TEST_F(FormsRecordsTest, DefaultsFromFlagsRecordsAndExpressions) {
   const struct {
-    const char* name;
-    std::function<void(ifr::Checkbox&)> build;
-    UINT8 standard, manufacturing;
-    size_t records;
+    const char* name; std::function<void(ifr::Checkbox&)> build; UINT8 standard, manufacturing; size_t records;
   } boxes[] = {
       {"no default", [](ifr::Checkbox&) {}, 0, 0, 0},
       {"flags", [](ifr::Checkbox& c) { c.defaultOn().mfgDefaultOn(); }, 1, 1, 0},

@@ -142,13 +142,9 @@ TEST_F(LocationTest, MalformedOrMissingArgumentsAreRefused) {
     UINT64 rest[8];
   } impostor = {*loc_, {}};
   const std::u16string tooLong(1025, u'x');
-  const struct {
-    const char* name;
-    DEVICE_LOCATION_PROTOCOL* self;
-    const EFI_DEVICE_PATH_PROTOCOL* path;
-    const CHAR8* language;
-    CHAR16** out;
-    const CHAR16* fqdd;  // for RegisterLocation
+  const struct {  // fqdd: for RegisterLocation
+    const char* name; DEVICE_LOCATION_PROTOCOL* self; const EFI_DEVICE_PATH_PROTOCOL* path; const CHAR8* language;
+    CHAR16** out; const CHAR16* fqdd;
   } cases[] = {
       {"node shorter than its header", loc_, dp(shortNode), "en-US", &f, u"X.1"},
       {"no end node within the limit", loc_, dp(endless), "en-US", &f, u"X.1"},

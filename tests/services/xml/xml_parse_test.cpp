@@ -48,11 +48,7 @@ TEST_F(XmlParseTest, AcceptedDocumentsBecomeTreesWithEscapedContents) {
 }
 
 TEST_F(XmlParseTest, MalformedAndHostileTextsAreRefusedWithTheirPosition) {
-  struct Case {
-    std::string text;
-    UINTN line, column;
-    const char* message;
-  } cases[] = {
+  struct Case { std::string text; UINTN line, column; const char* message; } cases[] = {
       {"<r>\n  <a>\n  </b>\n</r>", 3, 3, "mismatched end tag: expected </a>, found </b>"},
       {"<a>", 1, 4, "end of text inside element <a>"},
       {"<a x=1/>", 1, 6, "not quoted"},

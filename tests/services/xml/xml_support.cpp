@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <tuple>
 
 namespace tvl::test::xml {
@@ -25,13 +24,6 @@ void XmlServiceTest::SetUp() {
   xml_ = locate<XML_PROTOCOL>(XML_PROTOCOL_GUID);
   ASSERT_NE(xml_, nullptr);
   markBaseline();  // the service instance stays installed
-}
-
-CHAR8* XmlServiceTest::poolText(const std::string& text) {
-  void* buffer = nullptr;
-  EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, text.size() + 1, &buffer), EFI_SUCCESS);
-  std::memcpy(buffer, text.c_str(), text.size() + 1);
-  return static_cast<CHAR8*>(buffer);
 }
 
 XML_NODE* XmlServiceTest::build(const Tree& tree) {

@@ -34,8 +34,6 @@ class XmlServiceTest : public PlatformTest {
   // Reads a tree back (recursive: for small trees only). Fails the test
   // when a child's parent link does not point at its parent.
   Tree read(const XML_NODE* node);
-  // A new pool copy of a text, as the driver allocates it.
-  CHAR8* poolText(const std::string& text);
 
   // NodeToXML, with the text copied out and released.
   EFI_STATUS serialise(XML_NODE* root, std::string* text);
