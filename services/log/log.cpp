@@ -4,6 +4,11 @@
 // Registered sinks receive every line that passes; while none is
 // registered, lines go to the console as "FunctionName: text" with "\n"
 // shown as "\r\n".
+//
+// A line is formatted into a fixed buffer of kMaxLineCharacters, as
+// firmware debug libraries do: whatever a line's arguments hold, printing
+// it costs at most that much. A longer line is cut there, the texts it
+// prints are read no further, and its last characters become kCutMark.
 #include "uefi/print.h"
 #include "uefi/runtime.h"
 #include "uefi/services.h"
@@ -14,10 +19,8 @@ using tvl::rt::Pool;
 namespace {
 
 constexpr UINTN kMaxSinks = 8;
-// Lines are formatted on the stack; a longer line takes a pool buffer
-// sized to fit it, up to kMaxLineCharacters.
-constexpr UINTN kStackLineCharacters = 1024;
-constexpr UINTN kMaxLineCharacters = 1u << 20;
+constexpr UINTN kMaxLineCharacters = 1024;
+constexpr CHAR16 kCutMark[] = u"[...]\n";
 constexpr UINTN kConsoleChunk = 128;
 
 struct SinkEntry {
@@ -129,36 +132,21 @@ EFI_STATUS EFIAPI WriteLine(DEBUG_LOG_PROTOCOL* This, UINTN Level, const CHAR8* 
   return EFI_SUCCESS;
 }
 
-// Formats into `capacity` characters; true when the line fitted (the
-// formatter cuts silently, so a full buffer may mean a cut line).
-bool formatInto(CHAR16* out, UINTN capacity, const CHAR16* format, tvl::rt::VaList* args) {
-  tvl::rt::VaList copy = *args;  // a list is a pointer into the argument slots
-  UINTN written = tvl::rt::formatV(out, capacity, format, &copy);
-  return written + 1 < capacity;
-}
-
 EFI_STATUS EFIAPI PrintV(DEBUG_LOG_PROTOCOL* This, UINTN Level, const CHAR8* FunctionName, const CHAR16* Format,
                          tvl::rt::VaList* Arguments) {
   if (!This || !Format || !Arguments) return EFI_INVALID_PARAMETER;
   LogInstance* log = instanceOf(This);
   if (!passes(log, Level)) return EFI_SUCCESS;
 
-  CHAR16 line[kStackLineCharacters];
-  if (formatInto(line, kStackLineCharacters, Format, Arguments)) {
-    deliver(log, Level, FunctionName, line);
-    return EFI_SUCCESS;
+  CHAR16 line[kMaxLineCharacters + 1];
+  tvl::rt::VaList copy = *Arguments;  // a list is a pointer into the argument slots
+  bool cut = false;
+  UINTN written = tvl::rt::formatV(line, kMaxLineCharacters + 1, Format, &copy, &cut);
+  if (cut) {
+    const UINTN mark = tvl::rt::length(kCutMark);
+    tvl::rt::copyMem(line + written - mark, kCutMark, (mark + 1) * sizeof(CHAR16));
   }
-  // A long line: grow a pool buffer until it fits. If the pool refuses,
-  // the cut line is delivered rather than nothing.
-  Pool<CHAR16> longLine;
-  for (UINTN capacity = kStackLineCharacters * 4; capacity <= kMaxLineCharacters; capacity *= 4) {
-    Pool<CHAR16> buffer = Pool<CHAR16>::zeroed(capacity);
-    if (!buffer) break;
-    bool fitted = formatInto(buffer.get(), capacity, Format, Arguments);
-    longLine = static_cast<Pool<CHAR16>&&>(buffer);
-    if (fitted) break;
-  }
-  deliver(log, Level, FunctionName, longLine ? longLine.get() : line);
+  deliver(log, Level, FunctionName, line);
   return EFI_SUCCESS;
 }
 

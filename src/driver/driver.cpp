@@ -3,6 +3,7 @@
 #include "assembly/combined.h"
 #include "driver/trace.h"
 #include "export/export.h"
+#include "import/import.h"
 #include "uefi/runtime.h"
 
 using tvl::trace;
@@ -112,7 +113,7 @@ F unsupported() {
 void fillRecord(TOLVANE_PROTOCOL& record) {
   record.Revision = TOLVANE_PROTOCOL_REVISION;
   record.HiiToNode = tvlHiiToNode;
-  record.NodeToHii = unsupported<TOLVANE_NODE_TO_HII>();
+  record.NodeToHii = tvlNodeToHii;
   record.Slot3 = &UnsupportedOperation;
   record.Slot4 = &UnsupportedOperation;
   record.NodeSaveToHii = unsupported<TOLVANE_NODE_SAVE_TO_HII>();

@@ -376,49 +376,97 @@ EFI_STATUS setEntryEnabled(const CHAR8* ListName, const CHAR8* KeywordText, cons
 
 EFI_STATUS findEnableCheckbox(const CHAR8* ListName, XML_NODE* Entry, HII_FORMSET_RECORD* FormSet,
                               EFI_HII_HANDLE HiiHandle, CHAR16** BlockName, UINT8* NewValue) {
-  if (!ListName || !Entry || !Entry->attributes || !FormSet || !BlockName || !NewValue) return EFI_INVALID_PARAMETER;
+  tvl::exp::CheckboxKeywords keywords(FormSet, HiiHandle);
+  return tvl::exp::findEnableCheckboxIn(ListName, Entry, keywords, BlockName, NewValue);
+}
+
+}  // extern "C"
+
+namespace tvl::exp {
+
+CheckboxKeywords::~CheckboxKeywords() {
+  for (UINTN i = 0; i < count_; ++i) rt::release(entries_[i].text);
+  rt::release(entries_);
+}
+
+EFI_STATUS CheckboxKeywords::prepare() {
+  if (entries_ || !formSet_) return EFI_SUCCESS;
+  UINTN count = 0;
+  for (UINT64 f = 0; f < formSet_->FormCount; ++f) {
+    const HII_FORM_RECORD* form = formSet_->Forms[f];
+    for (UINT64 s = 0; form && s < form->StatementCount; ++s) {
+      const HII_STATEMENT_RECORD* statement = form->Statements[s];
+      if (statement && statement->HiiValue.Type == EFI_IFR_TYPE_BOOLEAN) ++count;
+    }
+  }
+  Pool<Entry> entries = Pool<Entry>::zeroed(count ? count : 1);
+  if (!entries) return EFI_OUT_OF_RESOURCES;
+  UINTN i = 0;
+  for (UINT64 f = 0; f < formSet_->FormCount; ++f) {
+    const HII_FORM_RECORD* form = formSet_->Forms[f];
+    for (UINT64 s = 0; form && s < form->StatementCount; ++s) {
+      HII_STATEMENT_RECORD* statement = form->Statements[s];
+      if (statement && statement->HiiValue.Type == EFI_IFR_TYPE_BOOLEAN) entries[i++].statement = statement;
+    }
+  }
+  entries_ = entries.release();
+  count_ = count;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS CheckboxKeywords::text(UINTN i, const CHAR8** text) {
+  Entry& entry = entries_[i];
+  *text = nullptr;
+  if (entry.state == kUnfetched) {
+    EFI_STATUS status = GetString(kKeywordLanguage, hiiHandle_, entry.statement->Prompt, &entry.text);
+    // A shortage is not a statement without a keyword text: it is asked
+    // again next time.
+    if (status == EFI_OUT_OF_RESOURCES) return status;
+    entry.state = EFI_ERROR(status) || !entry.text ? kNone : kFetched;
+  }
+  if (entry.state == kFetched) *text = entry.text;
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS findEnableCheckboxIn(const CHAR8* ListName, XML_NODE* Entry, CheckboxKeywords& keywords,
+                                CHAR16** BlockName, UINT8* NewValue) {
+  if (!ListName || !Entry || !Entry->attributes || !keywords.formSet() || !BlockName || !NewValue)
+    return EFI_INVALID_PARAMETER;
   CHAR8* enabled = nullptr;
   if (EFI_ERROR(getAttributeValue(Entry, kEnabledAttribute, &enabled))) return EFI_INVALID_PARAMETER;
-  const bool wantOn = tvl::rt::equal(enabled, kTrue);
+  const bool wantOn = rt::equal(enabled, kTrue);
   const CHAR8* device = Entry->children ? Entry->children->contents : nullptr;
-  const UINTN listLength = tvl::rt::length(ListName);
+  const UINTN listLength = rt::length(ListName);
 
-  for (UINT64 f = 0; f < FormSet->FormCount; ++f) {
-    const HII_FORM_RECORD* form = FormSet->Forms[f];
-    if (!form) continue;
-    for (UINT64 s = 0; s < form->StatementCount; ++s) {
-      const HII_STATEMENT_RECORD* statement = form->Statements[s];
-      if (!statement || statement->HiiValue.Type != EFI_IFR_TYPE_BOOLEAN) continue;
-      Pool<CHAR8> text;
-      EFI_STATUS status = GetString(kKeywordLanguage, HiiHandle, statement->Prompt, text.receive());
-      // A shortage is not a statement without a keyword text: passing over
-      // it could pick a later, wrong checkbox.
-      if (status == EFI_OUT_OF_RESOURCES) return status;
-      if (EFI_ERROR(status) || !text) continue;
-      UINTN n = 0;
-      while (n < listLength && text[n] == ListName[n]) ++n;
-      if (n != listLength) continue;
+  RETURN_IF_ERROR(keywords.prepare());
+  for (UINTN i = 0; i < keywords.count(); ++i) {
+    const CHAR8* text = nullptr;
+    RETURN_IF_ERROR(keywords.text(i, &text));
+    if (!text) continue;
+    UINTN n = 0;
+    while (n < listLength && text[n] == ListName[n]) ++n;
+    if (n != listLength) continue;
 
-      bool candidate = false;
-      RETURN_IF_ERROR(anyFqddEquals(text.get(), device, &candidate));
-      if (!candidate) continue;
-      bool match = false;
-      RETURN_IF_ERROR(modifiersMatch(text.get(), Entry, &match));
-      if (!match) continue;
+    bool candidate = false;
+    RETURN_IF_ERROR(anyFqddEquals(text, device, &candidate));
+    if (!candidate) continue;
+    bool match = false;
+    RETURN_IF_ERROR(modifiersMatch(text, Entry, &match));
+    if (!match) continue;
 
-      const bool on = statement->HiiValue.Value[0] == 1;
-      *BlockName = nullptr;
-      if (on && !wantOn) {
-        *BlockName = statement->BlockName;
-        *NewValue = 0;
-      } else if (!on && wantOn) {
-        *BlockName = statement->BlockName;
-        *NewValue = 1;
-      }
-      return EFI_SUCCESS;
+    const HII_STATEMENT_RECORD* statement = keywords.statement(i);
+    const bool on = statement->HiiValue.Value[0] == 1;
+    *BlockName = nullptr;
+    if (on && !wantOn) {
+      *BlockName = statement->BlockName;
+      *NewValue = 0;
+    } else if (!on && wantOn) {
+      *BlockName = statement->BlockName;
+      *NewValue = 1;
     }
+    return EFI_SUCCESS;
   }
   return EFI_NOT_FOUND;
 }
 
-}  // extern "C"
+}  // namespace tvl::exp

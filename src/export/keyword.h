@@ -69,3 +69,43 @@ EFI_STATUS findEnableCheckbox(const CHAR8* ListName, XML_NODE* Entry, HII_FORMSE
                               EFI_HII_HANDLE HiiHandle, CHAR16** BlockName, UINT8* NewValue);
 
 }  // extern "C"
+
+namespace tvl::exp {
+
+// The keyword texts of a form set's boolean statements, in form and
+// statement order, each fetched from HII the first time it is asked for
+// and kept while the object lives: an import asks for the enable checkbox
+// of every boot-sequence entry and fetches each text once.
+class CheckboxKeywords {
+ public:
+  CheckboxKeywords(HII_FORMSET_RECORD* formSet, EFI_HII_HANDLE hiiHandle) : formSet_(formSet), hiiHandle_(hiiHandle) {}
+  ~CheckboxKeywords();
+  CheckboxKeywords(const CheckboxKeywords&) = delete;
+  CheckboxKeywords& operator=(const CheckboxKeywords&) = delete;
+
+  HII_FORMSET_RECORD* formSet() const { return formSet_; }
+  // Lists the boolean statements (once).
+  EFI_STATUS prepare();
+  UINTN count() const { return count_; }
+  HII_STATEMENT_RECORD* statement(UINTN i) const { return entries_[i].statement; }
+  // The i-th statement's keyword text ("x-UEFI"), null when it has none.
+  EFI_STATUS text(UINTN i, const CHAR8** text);
+
+ private:
+  enum : UINT8 { kUnfetched = 0, kFetched, kNone };
+  struct Entry {
+    HII_STATEMENT_RECORD* statement;
+    CHAR8* text;
+    UINT8 state;
+  };
+  HII_FORMSET_RECORD* formSet_;
+  EFI_HII_HANDLE hiiHandle_;
+  Entry* entries_ = nullptr;  // owned; released with the texts
+  UINTN count_ = 0;
+};
+
+// findEnableCheckbox over texts that `keywords` keeps.
+EFI_STATUS findEnableCheckboxIn(const CHAR8* ListName, XML_NODE* Entry, CheckboxKeywords& keywords,
+                                CHAR16** BlockName, UINT8* NewValue);
+
+}  // namespace tvl::exp

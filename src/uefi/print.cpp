@@ -5,14 +5,21 @@
 namespace tvl::rt {
 namespace {
 
-// Bounded output that always leaves room for the terminator.
+// Bounded output that always leaves room for the terminator and remembers
+// whether anything had to be left out.
 template <typename C>
 class Sink {
  public:
   Sink(C* out, UINTN capacity) : out_(out), capacity_(capacity) {}
   void put(UINT32 c) {
-    if (capacity_ != 0 && n_ + 1 < capacity_) out_[n_++] = static_cast<C>(c);
+    if (capacity_ != 0 && n_ + 1 < capacity_)
+      out_[n_++] = static_cast<C>(c);
+    else
+      cut_ = true;
   }
+  // Characters that still fit.
+  UINTN room() const { return capacity_ != 0 ? capacity_ - 1 - n_ : 0; }
+  bool cut() const { return cut_; }
   UINTN finish() {
     if (capacity_ != 0) out_[n_] = 0;
     return n_;
@@ -22,6 +29,7 @@ class Sink {
   C* out_;
   UINTN capacity_;
   UINTN n_ = 0;
+  bool cut_ = false;
 };
 
 struct Conversion {
@@ -57,8 +65,14 @@ void emitString(Sink<C>& sink, const Conversion& conv, const T* s) {
     emitText(sink, conv, 13, [&](UINTN i) { return UINT32(UINT8(null[i])); });
     return;
   }
+  // The text is read no further than the output can take (one character
+  // more tells that it was cut), or than its field width where that is
+  // larger: a long text costs what fits, not its whole length.
+  UINTN limit = sink.room() + 1;
+  if (conv.width > limit) limit = conv.width;
+  if (conv.precision < limit) limit = conv.precision;
   UINTN len = 0;
-  while (len < conv.precision && s[len]) ++len;
+  while (len < limit && s[len]) ++len;
   emitText(sink, conv, len, [&](UINTN i) { return UINT32(s[i]) & (sizeof(T) == 1 ? 0xFFu : 0xFFFFu); });
 }
 
@@ -106,8 +120,15 @@ void emitGuid(Sink<C>& sink, const EFI_GUID* g) {
 }
 
 template <typename C>
-UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args) {
+UINTN format(C* out, UINTN capacity, const C* fmt, VaList* args, bool* cut) {
   Sink<C> sink(out, capacity);
+  struct Report {
+    Sink<C>& sink;
+    bool* cut;
+    ~Report() {
+      if (cut) *cut = sink.cut();
+    }
+  } report{sink, cut};
   if (!fmt) return sink.finish();
   for (const C* p = fmt; *p; ++p) {
     if (*p != '%') {
@@ -217,12 +238,12 @@ const CHAR8* statusText(EFI_STATUS status) {
   return entry ? entry->text : nullptr;
 }
 
-UINTN formatV(CHAR16* out, UINTN capacity, const CHAR16* format, VaList* args) {
-  return tvl::rt::format(out, capacity, format, args);
+UINTN formatV(CHAR16* out, UINTN capacity, const CHAR16* format, VaList* args, bool* cut) {
+  return tvl::rt::format(out, capacity, format, args, cut);
 }
 
-UINTN formatV(CHAR8* out, UINTN capacity, const CHAR8* format, VaList* args) {
-  return tvl::rt::format(out, capacity, format, args);
+UINTN formatV(CHAR8* out, UINTN capacity, const CHAR8* format, VaList* args, bool* cut) {
+  return tvl::rt::format(out, capacity, format, args, cut);
 }
 
 }  // namespace tvl::rt

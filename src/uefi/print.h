@@ -9,10 +9,12 @@
 namespace tvl::rt {
 
 // Writes at most `capacity` characters including the terminator; longer
-// output is cut silently. Returns the characters written, terminator
-// excluded. A zero capacity writes nothing.
-UINTN formatV(CHAR16* out, UINTN capacity, const CHAR16* format, VaList* args);
-UINTN formatV(CHAR8* out, UINTN capacity, const CHAR8* format, VaList* args);
+// output is cut, and `*cut` (when given) tells whether it was. Texts given
+// for %a and %s are read only as far as the output can take them. Returns
+// the characters written, terminator excluded. A zero capacity writes
+// nothing.
+UINTN formatV(CHAR16* out, UINTN capacity, const CHAR16* format, VaList* args, bool* cut = nullptr);
+UINTN formatV(CHAR8* out, UINTN capacity, const CHAR8* format, VaList* args, bool* cut = nullptr);
 
 // The display text of a status ("Success", "Invalid Parameter", ...), or
 // null for a code with no name.

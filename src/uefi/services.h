@@ -27,6 +27,12 @@
 #define INTERNAL_SSD_SETUP_FORMSET_GUID \
   { 0x8a29bfb9, 0x3893, 0x4c2a, { 0x81, 0xed, 0x2e, 0xff, 0x0c, 0xa8, 0xf2, 0x85 } }
 
+// Vendor GUID of the UEFI variables that belong to the converter itself:
+// the restore trigger "VKR_RESTORE_OP_IN_PROGRESS" that a restore job sets
+// while it applies a saved configuration.
+#define TOLVANE_VARIABLE_GUID \
+  { 0x3e5b7c1a, 0x94d2, 0x4f68, { 0xb1, 0x0e, 0x6a, 0x27, 0xc9, 0x58, 0xd3, 0x4f } }
+
 // The GUIDs above as objects, for calls that take their address.
 inline constexpr EFI_GUID gTolvaneProtocolGuid = TOLVANE_PROTOCOL_GUID;
 inline constexpr EFI_GUID gDebugLogProtocolGuid = DEBUG_LOG_PROTOCOL_GUID;
@@ -37,6 +43,7 @@ inline constexpr EFI_GUID gPassword2ProtocolGuid = PASSWORD2_PROTOCOL_GUID;
 inline constexpr EFI_GUID gLegacyPasswordProtocolGuid = LEGACY_PASSWORD_PROTOCOL_GUID;
 inline constexpr EFI_GUID gInternalBIOSSetup = INTERNAL_BIOS_SETUP_FORMSET_GUID;
 inline constexpr EFI_GUID gInternalSSDSetup = INTERNAL_SSD_SETUP_FORMSET_GUID;
+inline constexpr EFI_GUID gTolvaneVariableGuid = TOLVANE_VARIABLE_GUID;
 
 // ---------------------------------------------------------------- Log service
 // Trace levels used by the driver.

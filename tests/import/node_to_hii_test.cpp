@@ -1,0 +1,298 @@
+// Whole imports: each type's rule with its error codes, the rules that pass
+// items over, the overall status, ordered lists with their enable
+// checkboxes, the restore trigger, and how a call ends when memory runs
+// out.
+#include <gtest/gtest.h>
+
+#include "host/sample/sample_devices.h"
+#include "import/import.h"
+#include "import/import_fixture.h"
+
+namespace {
+
+namespace sample = tvl::host::sample;
+using tvl::host::ifr::True;
+using tvl::host::ifr::Width;
+using namespace tvl::test;
+
+constexpr char16_t kDevice[] = u"System.Import.1";
+constexpr char16_t kBios[] = u"BIOS.InternalSetup.1-1";
+
+sample::FormDescription valuesForm() {
+  using namespace sample;
+  Condition hidden = suppressIf(True());
+  return {1, u"Values", u"Values", {
+      subtitle(u"Values", u"ValuesSubtitle"),
+      string(0x101, u"Label", u"Label", 1, 8).at(1, 0x00).valueText(u"abc"),
+      password(0x102, u"Secret", u"Secret", 1, 8).at(1, 0x10),
+      numeric(0x103, u"Count", u"Count").at(1, 0x20).range(0, 9, 1).value(3),
+      checkbox(0x104, u"Flag", u"Flag").at(1, 0x21).value(0),
+      oneOf(0x105, u"Mode", u"Mode").at(1, 0x22).optionIf(hidden, u"Dup A", u"Dup", 1).option(u"Dup B", u"Dup", 2)
+          .optionIf(hidden, u"Cond", u"Cond[SuppressIf:Flag=1]", 5).optionIf(hidden, u"Gone", u"Gone", 6)
+          .option(u"Other", u"Other", 3).value(3),
+      numeric(0x106, u"Locked", u"Locked").at(1, 0x23).range(0, 9, 1).readOnly(),
+      checkbox(0x107, u"Hidden", u"Hidden").at(1, 0x24).when(hidden),
+      orderedList(0x108, u"Order", u"Order", Width::U8, 3).at(1, 0x30).option(u"One", u"One", 1)
+          .option(u"Two", u"Two", 2).option(u"Three", u"Three", 3).values({3, 1, 2}),
+      orderedList(0x109, u"Wide", u"Wide", Width::U32, 2).at(1, 0x40).option(u"P", u"P", 1).option(u"Q", u"Q", 2)
+          .values({1, 2}),
+      string(0x10A, u"Chap", u"iscsiinitiatorchappwd", 0, 8).at(1, 0x50).valueText(u"x"),
+  }};
+}
+
+class NodeToHiiTest : public ImportTest {
+ protected:
+  void buildValues() { build({device(kDevice, {valuesForm()})}); }
+  // Sets the Value of the entry at each position of an ordered list.
+  void order(XML_NODE* list, const std::vector<const char*>& names) {
+    for (const XML_NODE* entry : children(list, "ValueStruct"))
+      setText(const_cast<XML_NODE*>(child(entry, "Value")), names.at(std::stoul(attribute(entry, "Index"))));
+  }
+};
+
+std::string zeros(size_t n) { return std::string(n, '0'); }
+
+// Every rule's outcome for one pending value: the record (none when the
+// item is passed over) and the request segment it adds.
+TEST_F(NodeToHiiTest, EachTypeValidatesAndEncodesItsValue) {
+  buildValues();
+  const char* kNone = nullptr;
+  using Edit = void (*)(ImportTest&, XML_NODE*);
+  const struct {
+    const char* item;
+    const char* value;  // null: <Value/>
+    const char* record;
+    std::string segment;
+    Edit edit = nullptr;
+  } cases[] = {
+      // Text: the escaped bytes, last character first; empty means "00"
+      // without the Min check.
+      {"Label", "AB", "Label:abc>AB:Success:0", "&OFFSET=0000&WIDTH=0010&VALUE=" + zeros(24) + "00420041"},
+      {"Label", "a&amp;b", "Label:abc>a&amp;b:Success:0",
+       "&OFFSET=0000&WIDTH=0010&VALUE=0000" "0062003b0070006d006100260061"},
+      {"Label", "", "Label:abc>:Success:0", "&OFFSET=0000&WIDTH=0010&VALUE=" + zeros(32)},
+      {"Label", kNone, "Label:abc>:Success:0", "&OFFSET=0000&WIDTH=0010&VALUE=" + zeros(32)},
+      {"Label", "123456789", "Label:abc>123456789:Failure:201", ""},
+      {"Secret", "abc", "Secret:>abc:Success:0", "&OFFSET=0010&WIDTH=0010&VALUE=" + zeros(20) + "006300620061"},
+      {"Secret", "123456789", "Secret:>:Failure:602", ""},  // no values in the report
+      // Integer.
+      {"Count", "7", "Count:3>7:Success:0", "&OFFSET=0020&WIDTH=0001&VALUE=07"},
+      {"Count", "", "Count:3>:Success:0", "&OFFSET=0020&WIDTH=0001&VALUE=00"},
+      {"Count", kNone, "", ""},
+      {"Count", "10", "Count:3>10:Failure:301", ""},
+      {"Count", "1a", "Count:3>1a:Failure:303", ""},
+      {"Count", "3", "", ""},  // unchanged on a device other than the BIOS
+      // Checkbox.
+      {"Flag", "true", "Flag:false>true:Success:0", "&OFFSET=0021&WIDTH=0001&VALUE=01"},
+      {"Flag", "TRUE", "Flag:false>TRUE:Failure:401", ""},
+      {"Flag", "", "Flag:false>:Failure:401", ""},
+      {"Flag", kNone, "", ""},
+      // One-of: a suppressed option is taken only with a condition token.
+      {"Mode", "Dup", "Mode:Other>Dup:Success:0", "&OFFSET=0022&WIDTH=0001&VALUE=02"},
+      {"Mode", "Cond", "Mode:Other>Cond:Success:0", "&OFFSET=0022&WIDTH=0001&VALUE=05"},
+      {"Mode", "Gone", "Mode:Other>Gone:Failure:101", ""},
+      {"Mode", "Nope", "Mode:Other>Nope:Failure:101", ""},
+      // The import leaves read-only and suppressed statements to the save
+      // path; CHAP secrets in any letter case are never judged unchanged.
+      {"Locked", "5", "Locked:0>5:Success:0", "&OFFSET=0023&WIDTH=0001&VALUE=05"},
+      {"Hidden", "true", "Hidden:false>true:Success:0", "&OFFSET=0024&WIDTH=0001&VALUE=01"},
+      {"iscsiinitiatorchappwd", "x", "iscsiinitiatorchappwd:x>x:Success:0",
+       "&OFFSET=0050&WIDTH=0010&VALUE=" + zeros(28) + "0078"},
+      // Items that cannot be matched: not writable, unknown, without a
+      // name, of a partition the device does not have.
+      {"ValuesSubtitle", "5", "", ""},
+      {"Count", "5", "", "", [](ImportTest& t, XML_NODE* i) { t.setText(i->children, "Unknown"); }},
+      {"Count", "5", "", "", [](ImportTest& t, XML_NODE* i) { t.setText(i->children, nullptr); }},
+      {"Count", "5", "", "", [](ImportTest& t, XML_NODE* i) {
+         t.setAttribute(const_cast<XML_NODE*>(child(i, "BiosMapping")), "Type", "Partition");
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.item) + " = " + (c.value ? c.value : "<null>"));
+    auto docs = exportDevice(kDevice);
+    XML_NODE* pending = pend(docs->current, c.item, c.value);
+    if (c.edit) c.edit(*this, pending);
+    ImportOutcome out = import(kDevice, docs->current);
+    EXPECT_EQ(out.records, std::vector<std::string>(*c.record ? 1 : 0, c.record));
+    EXPECT_EQ(out.request.empty() ? "" : out.request.substr(out.request.find("&OFFSET=")), c.segment);
+    EXPECT_EQ(out.request.rfind("GUID=", 0), c.segment.empty() ? std::string::npos : 0);
+    EXPECT_EQ(text(child(pending, "CommitIndex")), "0");
+    bool failed = std::string(c.record).find("Failure") != std::string::npos;
+    EXPECT_EQ(statusName(out.status), statusName(failed ? EFI_DEVICE_ERROR : EFI_SUCCESS));
+  }
+}
+
+// The overall status whatever the order of the outcomes; an empty
+// document succeeds only into an existing results document.
+TEST_F(NodeToHiiTest, OverallStatusFollowsTheOutcomes) {
+  buildValues();
+  const struct {
+    std::vector<std::pair<const char*, const char*>> items;  // (item, value), committed 1, 2, ...
+    bool giveRoot;
+    EFI_STATUS status;
+  } cases[] = {
+      {{}, true, EFI_SUCCESS},
+      {{}, false, EFI_DEVICE_ERROR},
+      {{{"Count", "3"}}, false, EFI_SUCCESS},  // passed over
+      {{{"Count", "5"}}, false, EFI_SUCCESS},
+      {{{"Count", "50"}}, false, EFI_DEVICE_ERROR},
+      {{{"Count", "50"}, {"Flag", "true"}}, false, EFI_ABORTED},
+      {{{"Flag", "true"}, {"Count", "50"}}, false, EFI_ABORTED},
+      {{{"Count", "50"}, {"Flag", "no"}}, true, EFI_DEVICE_ERROR},
+  };
+  for (const auto& c : cases) {
+    auto docs = exportDevice(kDevice);
+    for (size_t i = 0; i < c.items.size(); ++i) pend(docs->current, c.items[i].first, c.items[i].second, std::to_string(i + 1).c_str());
+    std::shared_ptr<XML_NODE> root = c.giveRoot ? parse("<ConfigResults/>") : nullptr;
+    ImportOutcome out = import(kDevice, docs->current, root.get());
+    EXPECT_EQ(statusName(out.status), statusName(c.status)) << c.items.size();
+  }
+}
+
+// With mFailureMode 1 the first failure ends the call: later items keep
+// their indexes.
+TEST_F(NodeToHiiTest, FailureModeOneStopsAtTheFirstFailure) {
+  buildValues();
+  auto docs = exportDevice(kDevice);
+  pend(docs->current, "Count", "50", "1");
+  XML_NODE* later = pend(docs->current, "Flag", "true", "2");
+  global<UINT16>("mFailureMode") = 1;
+  ImportOutcome out = import(kDevice, docs->current);
+  global<UINT16>("mFailureMode") = 2;
+  EXPECT_EQ(out.status, EFI_DEVICE_ERROR);
+  EXPECT_EQ(out.records, std::vector<std::string>{"Count:3>50:Failure:301"});
+  EXPECT_EQ(text(child(later, "CommitIndex")), "2");
+  EXPECT_EQ(global<HII_FORMSET_RECORD**>("mFormSetBuffer"), nullptr);
+}
+
+// Ordered lists: the new order in storage order (last byte first, not
+// padded); unchanged lists, lists of 32-bit entries and lists without a
+// statement record give nothing; a missing position fails with 503.
+TEST_F(NodeToHiiTest, OrderedListsWriteTheNewOrder) {
+  buildValues();
+  const struct {
+    const char* item;
+    std::vector<const char*> names;  // empty: keep
+    bool dropIndex;
+    const char* record;
+    const char* segment;
+  } cases[] = {
+      {"Order", {"One", "Two", "Three"}, false, "Order:Three|One|Two>One|Two|Three:Success:0",
+       "&OFFSET=0030&WIDTH=0003&VALUE=030201"},
+      {"Order", {}, false, "", ""},
+      {"Order", {"Two", "Three", "One"}, true, "Order:Three|One|Two>Two|Three|:Failure:503", ""},
+      {"Wide", {"Q", "P"}, false, "", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.item);
+    auto docs = exportDevice(kDevice);
+    XML_NODE* list = commit(docs->current, c.item);
+    if (!c.names.empty()) order(list, c.names);
+    if (c.dropIndex) {
+      auto* last = const_cast<XML_NODE*>(children(list, "ValueStruct").back());
+      const_cast<XML_ATTRIBUTE*>(last->attributes)->name[0] = 'X';
+    }
+    ImportOutcome out = import(kDevice, docs->current);
+    EXPECT_EQ(out.records, std::vector<std::string>(*c.record ? 1 : 0, c.record));
+    EXPECT_EQ(out.request.empty() ? "" : out.request.substr(out.request.find("&OFFSET=")), c.segment);
+  }
+
+  // A form set in "en-US" alone names no statement: nothing is read.
+  build({device(u"System.Plain.1", {valuesForm()}, {"en-US"})});
+  auto docs = exportDevice(u"System.Plain.1");
+  order(commit(docs->current, "Order"), {"One", "Two", "Three"});
+  ImportOutcome out = import(u"System.Plain.1", docs->current);
+  EXPECT_EQ(out.status, EFI_SUCCESS);
+  EXPECT_TRUE(out.records.empty() && out.request.empty());
+}
+
+// The BIOS boot sequence: an entry whose "Enabled" changes asks for its
+// checkbox ("1", not padded, reported under the list's name) before the
+// order itself.
+TEST_F(NodeToHiiTest, BootSequenceEntriesSwitchTheirCheckboxes) {
+  build();
+  auto docs = exportDevice(kBios);
+  XML_NODE* list = commit(docs->current, "BootSeq");
+  auto* optical = const_cast<XML_NODE*>(children(list, "ValueStruct")[2]);
+  ASSERT_EQ(attribute(optical, "Enabled"), "false");
+  setAttribute(optical, "Enabled", "true");
+  order(list, {"HardDisk.List.1-1", "NIC.Integrated.1-1-1", "Optical.SATAEmbedded.J-1", "Disk.USBFront.1-1"});
+  ImportOutcome out = import(kBios, docs->current);
+  EXPECT_EQ(out.status, EFI_SUCCESS);
+  const std::string record = "BootSeq:NIC.Integrated.1-1-1|HardDisk.List.1-1|Optical.SATAEmbedded.J-1|Disk.USBFront.1-1>"
+                             "HardDisk.List.1-1|NIC.Integrated.1-1-1|Optical.SATAEmbedded.J-1|Disk.USBFront.1-1:Success:0";
+  EXPECT_EQ(out.records, std::vector<std::string>(2, record));
+  EXPECT_NE(out.request.find("&OFFSET=000a&WIDTH=0001&VALUE=1GUID="), std::string::npos) << out.request;
+  EXPECT_EQ(out.request.substr(out.request.rfind("&OFFSET=")), "&OFFSET=0004&WIDTH=0004&VALUE=04030201");
+}
+
+// The XML service keeps <Value/> (no contents) apart from <Value></Value>
+// (empty contents): the first passes the item over, the second reads as 0
+// or as a text that is neither "true" nor "false".
+TEST_F(NodeToHiiTest, AbsentAndEmptyValuesOfParsedDocuments) {
+  buildValues();
+  auto item = [](const char* type, const char* name, const char* index, const char* value) {
+    return std::string("<ConfigItem Type=\"") + type + "\"><Name>" + name + "</Name><CommitIndex>" + index +
+           "</CommitIndex><ValueStruct>" + value + "</ValueStruct></ConfigItem>";
+  };
+  auto pending = parse("<ConfigData><ConfigDataEntry><FormSet><Form>" + item("Integer", "Count", "1", "<Value/>") +
+                       item("Integer", "Locked", "2", "<Value></Value>") + item("Checkbox", "Flag", "3", "<Value></Value>") +
+                       item("Checkbox", "Hidden", "4", "<Value/>") + "</Form></FormSet></ConfigDataEntry></ConfigData>");
+  ImportOutcome out = import(kDevice, pending.get());
+  EXPECT_EQ(out.records, (std::vector<std::string>{"Locked:0>:Success:0", "Flag:false>:Failure:401"}));
+  EXPECT_EQ(out.status, EFI_ABORTED);
+}
+
+// Password items: SysPassword and SetupPassword belong to the password
+// entry and keep their indexes; the BIOS device's other password items are
+// visited and passed over, so their indexes are consumed.
+TEST_F(NodeToHiiTest, BiosPasswordItemsArePassedOver) {
+  build();
+  auto docs = exportDevice(kBios);
+  XML_NODE* setup = pend(docs->current, "SetupPassword", "secret", "1");
+  XML_NODE* copy = pend(docs->current, "OldSetupPassword", "secret", "1");
+  ImportOutcome out = import(kBios, docs->current);
+  EXPECT_EQ(out.status, EFI_SUCCESS);
+  EXPECT_TRUE(out.records.empty() && out.request.empty());
+  EXPECT_EQ(text(child(setup, "CommitIndex")), "1");
+  EXPECT_EQ(text(child(copy, "CommitIndex")), "0");
+}
+
+// Memory running out for an item's block name ends the call with the
+// results so far (passing the item over would leave no trace of it); for
+// the wide copy of the block name it ends the call without results, and a
+// results root the call made is freed (the leak check at the end sees it).
+TEST_F(NodeToHiiTest, OutOfMemoryForAnItemEndsTheCall) {
+  buildValues();
+  struct Trigger {
+    tvl::host::Platform* platform;
+    size_t attempt;
+    static VOID EFIAPI sink(VOID* context, UINTN, const CHAR8*, const CHAR16* line) {
+      auto* t = static_cast<Trigger*>(context);
+      if (narrow(line).find("trying to be set = Count") != std::string::npos) t->platform->failAllocation(t->attempt);
+    }
+  };
+  const struct {
+    size_t attempt;  // after the item's first trace: 1 the block name, 2 its wide copy
+    std::vector<std::string> records;
+  } cases[] = {{1, {"Flag:false>true:Success:0"}}, {2, {}}};
+  for (const auto& c : cases) {
+    auto docs = exportDevice(kDevice);
+    pend(docs->current, "Flag", "true", "1");
+    XML_NODE* count = pend(docs->current, "Count", "5", "2");
+    XML_NODE* later = pend(docs->current, "Label", "x", "3");
+    Trigger trigger{&platform(), c.attempt};
+    DEBUG_LOG_PROTOCOL* log = this->log().protocol();
+    ASSERT_EQ(log->RegisterSink(log, &Trigger::sink, &trigger), EFI_SUCCESS);
+    ImportOutcome out = import(kDevice, docs->current);
+    log->UnregisterSink(log, &Trigger::sink, &trigger);
+    platform().clearAllocationFaults();
+    EXPECT_EQ(out.status, EFI_OUT_OF_RESOURCES);
+    EXPECT_EQ(out.records, c.records);
+    EXPECT_NE(out.request.find("&OFFSET=0021&WIDTH=0001&VALUE=01"), std::string::npos);  // the caller's now
+    EXPECT_EQ(text(child(count, "CommitIndex")), "0");
+    EXPECT_EQ(text(child(later, "CommitIndex")), "3");
+  }
+}
+
+}  // namespace
