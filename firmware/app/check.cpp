@@ -1,44 +1,27 @@
-// tolvane_check: a UEFI application that the firmware's shell runs after the
-// service images and the driver have been loaded. It checks what they
-// installed, exercises the XML service, the log service, the forms
-// processor (on the firmware's own HII database) and both password services
-// (on the firmware's own variable store), prints what it finds,
-// ends with one verdict line and shuts the machine down.
+// tolvane_check: the test application that the firmware's shell runs after
+// the service images and the driver have been loaded. It checks what they
+// installed, exercises the XML service, the log service and the forms
+// processor on the firmware's own HII database and both password services
+// on the firmware's own variable store, then exports every device that owns
+// forms (exports.h). One line per check, a final
+// "N passed, N failed" line, and the machine shuts down.
 #include "export/records/records.h"
+#include "firmware/app/exports.h"
+#include "firmware/app/report.h"
+#include "uefi/media.h"
 #include "uefi/print.h"
 #include "uefi/runtime.h"
 #include "uefi/services.h"
 
+using tvl::check::Report;
+using tvl::check::say;
 using tvl::rt::bs;
 using tvl::rt::Pool;
 
 namespace {
 
-
 constexpr UINTN kLineCharacters = 256;
 constexpr CHAR8 kFunctionName[] = "TolvaneCheck";
-
-// ---------------------------------------------------------------- output
-
-void EFIAPI say(const CHAR16* format, ...) {
-  CHAR16 line[kLineCharacters];
-  tvl::rt::VaList args;
-  __builtin_ms_va_start(args, format);
-  tvl::rt::formatV(line, kLineCharacters, format, &args);
-  __builtin_ms_va_end(args);
-  EFI_SIMPLE_TEXT_OUTPUT_PROTOCOL* out = tvl::rt::gImage.systemTable->ConOut;
-  if (out) out->OutputString(out, line);
-}
-
-// The first failure decides the verdict; every later check still runs so
-// that one run shows everything that is wrong.
-struct Verdict {
-  const CHAR8* failure = nullptr;
-  void fail(const CHAR8* reason) {
-    if (!failure) failure = reason;
-    say(u"  FAILED: %a\r\n", reason);
-  }
-};
 
 template <typename T>
 T* locate(const EFI_GUID& guid) {
@@ -52,29 +35,27 @@ T* locate(const EFI_GUID& guid) {
 struct ServiceEntry {
   const CHAR16* name;
   EFI_GUID guid;
-  const CHAR8* missing;
 };
 
 constexpr ServiceEntry kServices[] = {
-    {u"log service", DEBUG_LOG_PROTOCOL_GUID, "log service not installed"},
-    {u"XML service", XML_PROTOCOL_GUID, "XML service not installed"},
-    {u"forms processor", HII_FORMS_PROCESSOR2_PROTOCOL_GUID, "forms processor not installed"},
-    {u"device location service", DEVICE_LOCATION_PROTOCOL_GUID, "device location service not installed"},
-    {u"password service (newer)", PASSWORD2_PROTOCOL_GUID, "newer password service not installed"},
-    {u"password service (older)", LEGACY_PASSWORD_PROTOCOL_GUID, "older password service not installed"},
-    {u"HII database (firmware)", EFI_HII_DATABASE_PROTOCOL_GUID, "firmware has no HII database"},
-    {u"HII string (firmware)", EFI_HII_STRING_PROTOCOL_GUID, "firmware has no HII string protocol"},
+    {u"log service", DEBUG_LOG_PROTOCOL_GUID},
+    {u"XML service", XML_PROTOCOL_GUID},
+    {u"forms processor", HII_FORMS_PROCESSOR2_PROTOCOL_GUID},
+    {u"device location service", DEVICE_LOCATION_PROTOCOL_GUID},
+    {u"password service (newer)", PASSWORD2_PROTOCOL_GUID},
+    {u"password service (older)", LEGACY_PASSWORD_PROTOCOL_GUID},
+    {u"HII database (firmware)", EFI_HII_DATABASE_PROTOCOL_GUID},
+    {u"HII string (firmware)", EFI_HII_STRING_PROTOCOL_GUID},
 };
 
-void checkServices(Verdict& verdict) {
+void checkServices(Report& report) {
   say(u"Services:\r\n");
   for (const ServiceEntry& s : kServices) {
     UINTN count = 0;
     Pool<EFI_HANDLE> handles;
     EFI_STATUS status = bs()->LocateHandleBuffer(ByProtocol, &s.guid, nullptr, &count, handles.receive());
     if (EFI_ERROR(status)) count = 0;
-    say(u"  %-26s %g  %s\r\n", s.name, &s.guid, count ? u"installed" : u"missing");
-    if (!count) verdict.fail(s.missing);
+    report.check(count > 0, u"%s installed (%g)", s.name, &s.guid);
   }
 }
 
@@ -97,26 +78,24 @@ VOID* slotAt(const TOLVANE_PROTOCOL* record, UINTN index) {
 
 // Slots that hold the driver's unsupported operation (the pointer in the
 // third slot, which never has an operation) are called with null
-// arguments and must answer EFI_UNSUPPORTED.
-void checkSlots(TOLVANE_PROTOCOL* converter, Verdict& verdict) {
+// arguments and must answer EFI_UNSUPPORTED; reserved slots must hold it.
+void checkSlots(TOLVANE_PROTOCOL* converter, Report& report) {
   VOID* unsupported = slotAt(converter, 2);
   say(u"Operation slots:\r\n");
   for (UINTN i = 0; i < kSlotCount; ++i) {
     VOID* slot = slotAt(converter, i);
     if (!slot) {
-      say(u"  %d %-24s empty\r\n", int(i + 1), kSlotNames[i]);
-      verdict.fail("empty converter slot");
+      report.check(false, u"slot %d %s is empty", int(i + 1), kSlotNames[i]);
       continue;
     }
     if (slot != unsupported) {
-      say(u"  %d %-24s implemented\r\n", int(i + 1), kSlotNames[i]);
-      if (kReservedSlot[i]) verdict.fail("a reserved converter slot is not the unsupported operation");
+      report.check(!kReservedSlot[i], u"slot %d %s implemented%s", int(i + 1), kSlotNames[i],
+                   kReservedSlot[i] ? u", but it is reserved" : u"");
       continue;
     }
     auto call = reinterpret_cast<TOLVANE_UNSUPPORTED>(reinterpret_cast<void (*)()>(slot));
     EFI_STATUS status = call(nullptr, nullptr, nullptr, nullptr, nullptr);
-    say(u"  %d %-24s unsupported, answers %r\r\n", int(i + 1), kSlotNames[i], status);
-    if (status != EFI_UNSUPPORTED) verdict.fail("an unsupported slot does not answer EFI_UNSUPPORTED");
+    report.check(status == EFI_UNSUPPORTED, u"slot %d %s unsupported, answers %r", int(i + 1), kSlotNames[i], status);
   }
 }
 
@@ -139,54 +118,50 @@ class Tree {
   XML_NODE* root_ = nullptr;
 };
 
-EFI_STATUS parse(XML_PROTOCOL* xml, const CHAR8* text, Tree& tree) {
+EFI_STATUS parse(XML_PROTOCOL* xml, const CHAR8* text, Tree& tree, Report& report) {
   XML_PARSE_ERROR error = {};
   EFI_STATUS status = xml->XML_ParseText(xml, text, tvl::rt::length(text), tree.receive(), &error);
-  if (EFI_ERROR(status))
-    say(u"  parse %r at line %d column %d: %a\r\n", status, int(error.Line), int(error.Column), error.Message);
+  report.check(status == EFI_SUCCESS, u"XML_ParseText %a: %r (line %d column %d %a)", text, status, int(error.Line),
+               int(error.Column), error.Message);
   return status;
 }
 
 // Serialises `root` and compares the text with `expected`.
-void expectText(XML_PROTOCOL* xml, XML_NODE* root, const CHAR8* expected, const CHAR8* failure, Verdict& verdict) {
+void expectText(XML_PROTOCOL* xml, XML_NODE* root, const CHAR8* expected, Report& report) {
   Pool<CHAR8> text;
   EFI_STATUS status = xml->XML_NodeToXML(xml, root, text.receive());
-  say(u"  %r: %a\r\n", status, text ? text.get() : "");
-  if (EFI_ERROR(status) || !tvl::rt::equal<CHAR8>(text.get(), expected)) verdict.fail(failure);
+  report.check(status == EFI_SUCCESS && tvl::rt::equal<CHAR8>(text.get(), expected), u"XML_NodeToXML %r: %a", status,
+               text ? text.get() : "");
 }
 
-void checkXml(XML_PROTOCOL* xml, Verdict& verdict) {
+void checkXml(XML_PROTOCOL* xml, Report& report) {
   say(u"XML service:\r\n");
   {
     Tree node(xml);
     EFI_STATUS status = xml->XML_CreateNode(xml, "TolvaneCheck", node.receive());
-    say(u"  CreateNode %r\r\n", status);
-    if (EFI_ERROR(status)) return verdict.fail("XML CreateNode failed");
-    expectText(xml, node.get(), "<TolvaneCheck/>", "XML serialisation of a new node differs", verdict);
+    if (report.check(status == EFI_SUCCESS, u"XML_CreateNode: %r", status))
+      expectText(xml, node.get(), "<TolvaneCheck/>", report);
   }
   constexpr CHAR8 kDocument[] = "<a x=\"1 &amp; 2\"><b>t&lt;u</b><c/></a>";
   Tree tree(xml);
-  if (EFI_ERROR(parse(xml, kDocument, tree))) return verdict.fail("XML ParseText failed");
-  expectText(xml, tree.get(), kDocument, "XML parse and serialise round trip differs", verdict);
+  if (!EFI_ERROR(parse(xml, kDocument, tree, report))) expectText(xml, tree.get(), kDocument, report);
 }
 
-// The one operation the driver implements so far: two documents made by the
-// XML service, combined into one text by the driver.
-void checkCombined(TOLVANE_PROTOCOL* converter, XML_PROTOCOL* xml, Verdict& verdict) {
-  if (slotAt(converter, 8) == slotAt(converter, 2)) return;
+// Two documents made by the XML service, combined into one text by the
+// driver.
+void checkCombined(TOLVANE_PROTOCOL* converter, XML_PROTOCOL* xml, Report& report) {
   say(u"NodesToCombinedXMLChar:\r\n");
   Tree first(xml);
   Tree second(xml);
-  if (EFI_ERROR(parse(xml, "<ConfigData><ConfigDataEntry n=\"1\"/></ConfigData>", first)) ||
-      EFI_ERROR(parse(xml, "<ConfigData><ConfigDataEntry n=\"2\"/></ConfigData>", second)))
-    return verdict.fail("XML ParseText failed");
+  if (EFI_ERROR(parse(xml, "<ConfigData><ConfigDataEntry n=\"1\"/></ConfigData>", first, report)) ||
+      EFI_ERROR(parse(xml, "<ConfigData><ConfigDataEntry n=\"2\"/></ConfigData>", second, report)))
+    return;
   Pool<CHAR8> text;
   EFI_STATUS status = converter->NodesToCombinedXMLChar(converter, first.get(), second.get(), text.receive());
-  say(u"  %r: %a\r\n", status, text ? text.get() : "");
-  if (EFI_ERROR(status) ||
-      !tvl::rt::equal<CHAR8>(text.get(),
-                             "<ConfigData><ConfigDataEntry n=\"1\"/><ConfigDataEntry n=\"2\"/></ConfigData>"))
-    verdict.fail("combined document differs");
+  report.check(status == EFI_SUCCESS &&
+                   tvl::rt::equal<CHAR8>(text.get(),
+                                         "<ConfigData><ConfigDataEntry n=\"1\"/><ConfigDataEntry n=\"2\"/></ConfigData>"),
+               u"NodesToCombinedXMLChar %r: %a", status, text ? text.get() : "");
 }
 
 // ---------------------------------------------------------------- log
@@ -212,27 +187,27 @@ VOID EFIAPI captureLine(VOID* context, UINTN level, const CHAR8* functionName, c
 // A line through a sink first (so the formatting across the image boundary
 // is compared), then one to the console, where the log service writes while
 // no sink is registered.
-void checkLog(DEBUG_LOG_PROTOCOL* log, Verdict& verdict) {
+void checkLog(DEBUG_LOG_PROTOCOL* log, Report& report) {
   say(u"Log service:\r\n");
   UINTN mask = 0;
-  if (EFI_ERROR(log->GetLevelMask(log, &mask))) return verdict.fail("log GetLevelMask failed");
+  EFI_STATUS status = log->GetLevelMask(log, &mask);
+  if (!report.check(status == EFI_SUCCESS, u"GetLevelMask: %r", status)) return;
   log->SetLevelMask(log, ~UINTN(0));
   CapturedLine captured = {};
-  EFI_STATUS status = log->RegisterSink(log, captureLine, &captured);
-  if (EFI_ERROR(status)) {
+  status = log->RegisterSink(log, captureLine, &captured);
+  if (!report.check(status == EFI_SUCCESS, u"RegisterSink: %r", status)) {
     log->SetLevelMask(log, mask);
-    return verdict.fail("log RegisterSink failed");
+    return;
   }
   log->Print(log, TVL_LEVEL_PROGRESS, kFunctionName, u"%a %d 0x%x %X %s %r", "sink", -42, 0xBEEFu, 0xBEEFu, u"line",
              EFI_NOT_FOUND);
   log->UnregisterSink(log, captureLine, &captured);
   log->SetLevelMask(log, mask);
-  say(u"  sink received %d line(s): %s\r\n", int(captured.calls), captured.line);
-  if (captured.calls != 1 || captured.level != TVL_LEVEL_PROGRESS || !captured.functionMatches ||
-      !tvl::rt::equal<CHAR16>(captured.line, u"sink -42 0xbeef BEEF line Not Found"))
-    verdict.fail("log line through a sink differs");
+  report.check(captured.calls == 1 && captured.level == TVL_LEVEL_PROGRESS && captured.functionMatches &&
+                   tvl::rt::equal<CHAR16>(captured.line, u"sink -42 0xbeef BEEF line Not Found"),
+               u"sink received %d line(s): %s", int(captured.calls), captured.line);
   status = log->Print(log, TVL_LEVEL_FAILURE, kFunctionName, u"printed to the console by the log service (%d)\n", 1);
-  if (EFI_ERROR(status)) verdict.fail("log Print to the console failed");
+  report.check(status == EFI_SUCCESS, u"Print to the console: %r", status);
 }
 
 // ---------------------------------------------------------------- forms
@@ -289,7 +264,7 @@ void processOne(HII_FORMS_PROCESSOR2_PROTOCOL* forms, EFI_HII_STRING_PROTOCOL* s
 }
 
 void checkForms(HII_FORMS_PROCESSOR2_PROTOCOL* forms, EFI_HII_DATABASE_PROTOCOL* database,
-                EFI_HII_STRING_PROTOCOL* strings, Verdict& verdict) {
+                EFI_HII_STRING_PROTOCOL* strings, Report& report) {
   say(u"Forms processor on the firmware's HII database:\r\n");
   UINT32 revision = 0;
   forms->GetRevision(forms, &revision);
@@ -302,18 +277,15 @@ void checkForms(HII_FORMS_PROCESSOR2_PROTOCOL* forms, EFI_HII_DATABASE_PROTOCOL*
                                                          database, EFI_HII_PACKAGE_FORMS, nullptr, bytes,
                                                          reinterpret_cast<EFI_HII_HANDLE*>(handles));
                                                    });
-  if (EFI_ERROR(status)) {
-    say(u"  ListPackageLists %r\r\n", status);
-    return verdict.fail("ListPackageLists failed");
-  }
+  if (!report.check(status == EFI_SUCCESS, u"ListPackageLists of forms: %r", status)) return;
   FormTotals totals = {};
   totals.handles = size / sizeof(EFI_HII_HANDLE);
   auto* handles = reinterpret_cast<EFI_HII_HANDLE*>(buffer.get());
   for (UINTN i = 0; i < totals.handles; ++i) processOne(forms, strings, handles[i], totals);
-  say(u"  %d of %d HII handle(s) parsed: %d form set(s), %d form(s), %d statement(s)\r\n", int(totals.parsed),
-      int(totals.handles), int(totals.formSets), int(totals.forms), int(totals.statements));
-  if (totals.handles == 0) verdict.fail("the firmware lists no package list with forms");
-  if (totals.parsed == 0) verdict.fail("no form package list of the firmware parsed");
+  report.check(totals.handles > 0 && totals.parsed == totals.handles,
+               u"ProcessForms: %d of %d HII handle(s) parsed: %d form set(s), %d form(s), %d statement(s)",
+               int(totals.parsed), int(totals.handles), int(totals.formSets), int(totals.forms),
+               int(totals.statements));
 }
 
 // ---------------------------------------------------------------- passwords
@@ -329,7 +301,7 @@ UINT64 secondsOfDay() {
 // The system password set through the newer service, checked, refused with
 // a wrong old password by the older one and cleared with the right one;
 // the firmware's variable store keeps the record in between.
-void checkPasswords(PASSWORD2_PROTOCOL* newer, LEGACY_PASSWORD_PROTOCOL* older, Verdict& verdict) {
+void checkPasswords(PASSWORD2_PROTOCOL* newer, LEGACY_PASSWORD_PROTOCOL* older, Report& report) {
   say(u"Password services:\r\n");
   VOID* rng = nullptr;
   say(u"  salt source: %s\r\n", EFI_ERROR(bs()->LocateProtocol(&gEfiRngProtocolGuid, nullptr, &rng))
@@ -338,52 +310,57 @@ void checkPasswords(PASSWORD2_PROTOCOL* newer, LEGACY_PASSWORD_PROTOCOL* older, 
   const UINT16 which = PASSWORD_WHICH_SYSTEM;
   UINT64 started = secondsOfDay();
   EFI_STATUS status = newer->ChangePassword(newer, PASSWORD_METHOD_PLAIN, which, u"", u"check-pw", nullptr);
-  say(u"  newer service, method 2: %r (about %ld s)\r\n", status, secondsOfDay() - started);
-  if (EFI_ERROR(status)) return verdict.fail("the newer password service does not set a password");
+  if (!report.check(status == EFI_SUCCESS, u"newer service sets a password, method 2: %r (about %ld s)", status,
+                    secondsOfDay() - started))
+    return;
   UINTN size = 0;
   UINT32 attributes = 0;
   status = tvl::rt::rts()->GetVariable(PASSWORD_SYSTEM_VARIABLE, &gPasswordStoreGuid, &attributes, &size, nullptr);
-  say(u"  stored record: %r, %d bytes, attributes 0x%x\r\n", status, int(size), attributes);
-  if (status != EFI_BUFFER_TOO_SMALL || size != 128) verdict.fail("no password record in the variable store");
+  report.check(status == EFI_BUFFER_TOO_SMALL && size == 128, u"stored record: %r, %d bytes, attributes 0x%x", status,
+               int(size), attributes);
   UINT16 bits = 0;
   UINT8 type = 0;
   status = older->GetProperties(older, which, &bits, &type, nullptr, nullptr, nullptr);
-  say(u"  older service sees status 0x%x, type %d: %r\r\n", bits, type, status);
-  if (EFI_ERROR(status) || bits != EFI_VORK_PASSWORD_INSTALLED) verdict.fail("the older service does not see it");
+  report.check(!EFI_ERROR(status) && bits == EFI_VORK_PASSWORD_INSTALLED,
+               u"older service sees it: status 0x%x, type %d: %r", bits, type, status);
   status = older->ChangePassword(older, PASSWORD_METHOD_CHECKED, which, u"wrong", u"other");
-  say(u"  older service, wrong old password: %r\r\n", status);
-  if (status != EFI_ACCESS_DENIED) verdict.fail("a wrong old password is not refused");
+  report.check(status == EFI_ACCESS_DENIED, u"older service refuses a wrong old password: %r", status);
   status = older->ChangePassword(older, PASSWORD_METHOD_CHECKED, which, u"check-pw", u"");
-  say(u"  older service, clear with the right one: %r\r\n", status);
-  if (EFI_ERROR(status)) verdict.fail("the older password service does not clear");
+  report.check(status == EFI_SUCCESS, u"older service clears it with the right one: %r", status);
   status = newer->GetProperties(newer, which, &bits, &type, nullptr, nullptr, nullptr);
-  if (EFI_ERROR(status) || bits != 0) verdict.fail("the password is still installed after the clear");
+  report.check(!EFI_ERROR(status) && bits == 0, u"no password installed after the clear: status 0x%x: %r", bits,
+               status);
 }
 
 // ---------------------------------------------------------------- run
 
-void runChecks(Verdict& verdict) {
-  checkServices(verdict);
+void runChecks(Report& report) {
+  checkServices(report);
 
-  auto* converter = locate<TOLVANE_PROTOCOL>(gTolvaneProtocolGuid);
-  if (!converter) return verdict.fail("converter protocol not installed");
-  say(u"Converter protocol revision 0x%x\r\n", converter->Revision);
-  if (converter->Revision != TOLVANE_PROTOCOL_REVISION) verdict.fail("unexpected converter revision");
-  checkSlots(converter, verdict);
+  tvl::check::Services s = {};
+  s.converter = locate<TOLVANE_PROTOCOL>(gTolvaneProtocolGuid);
+  if (!report.check(s.converter != nullptr, u"converter protocol installed")) return;
+  report.check(s.converter->Revision == TOLVANE_PROTOCOL_REVISION, u"converter revision 0x%x", s.converter->Revision);
+  checkSlots(s.converter, report);
 
-  auto* xml = locate<XML_PROTOCOL>(gXmlProtocolGuid);
-  if (xml) {
-    checkXml(xml, verdict);
-    checkCombined(converter, xml, verdict);
+  s.xml = locate<XML_PROTOCOL>(gXmlProtocolGuid);
+  s.log = locate<DEBUG_LOG_PROTOCOL>(gDebugLogProtocolGuid);
+  s.forms = locate<HII_FORMS_PROCESSOR2_PROTOCOL>(gHiiFormsProcessor2ProtocolGuid);
+  s.location = locate<DEVICE_LOCATION_PROTOCOL>(gDeviceLocationProtocolGuid);
+  s.database = locate<EFI_HII_DATABASE_PROTOCOL>(gEfiHiiDatabaseProtocolGuid);
+  s.strings = locate<EFI_HII_STRING_PROTOCOL>(gEfiHiiStringProtocolGuid);
+  s.pathText = locate<EFI_DEVICE_PATH_TO_TEXT_PROTOCOL>(gEfiDevicePathToTextProtocolGuid);
+  if (s.xml) {
+    checkXml(s.xml, report);
+    checkCombined(s.converter, s.xml, report);
   }
-  auto* log = locate<DEBUG_LOG_PROTOCOL>(gDebugLogProtocolGuid);
-  if (log) checkLog(log, verdict);
-  auto* forms = locate<HII_FORMS_PROCESSOR2_PROTOCOL>(gHiiFormsProcessor2ProtocolGuid);
-  auto* database = locate<EFI_HII_DATABASE_PROTOCOL>(gEfiHiiDatabaseProtocolGuid);
-  if (forms && database) checkForms(forms, database, locate<EFI_HII_STRING_PROTOCOL>(gEfiHiiStringProtocolGuid), verdict);
+  if (s.log) checkLog(s.log, report);
+  if (s.forms && s.database) checkForms(s.forms, s.database, s.strings, report);
   auto* newer = locate<PASSWORD2_PROTOCOL>(gPassword2ProtocolGuid);
   auto* older = locate<LEGACY_PASSWORD_PROTOCOL>(gLegacyPasswordProtocolGuid);
-  if (newer && older) checkPasswords(newer, older, verdict);
+  if (newer && older) checkPasswords(newer, older, report);
+  // The service checks above said what is missing.
+  if (s.xml && s.forms && s.location && s.database && s.strings) tvl::check::runExports(s, report);
 }
 
 }  // namespace
@@ -391,12 +368,9 @@ void runChecks(Verdict& verdict) {
 extern "C" EFI_STATUS EFIAPI EfiMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
   tvl::rt::initialize(imageHandle, systemTable);
   say(u"\r\nTolvane check in %s (revision 0x%x)\r\n", systemTable->FirmwareVendor, systemTable->FirmwareRevision);
-  Verdict verdict;
-  runChecks(verdict);
-  if (verdict.failure)
-    say(u"TOLVANE-CHECK: FAIL %a\r\n", verdict.failure);
-  else
-    say(u"TOLVANE-CHECK: PASS\r\n");
+  Report report;
+  runChecks(report);
+  report.verdict();
   tvl::rt::rts()->ResetSystem(EfiResetShutdown, EFI_SUCCESS, 0, nullptr);
-  return verdict.failure ? EFI_ABORTED : EFI_SUCCESS;
+  return report.failed() ? EFI_ABORTED : EFI_SUCCESS;
 }

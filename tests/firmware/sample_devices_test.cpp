@@ -1,0 +1,307 @@
+// The sample-device image on the host: it publishes the same devices as the
+// host's sample platform (same documents), its configuration access answers
+// every request exactly as the host's devices do, and it gives everything
+// back on unload and on every failed allocation of its entry.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "host/hii/config_string.h"
+#include "host/sample/sample_devices.h"
+#include "host/sample/sample_platform.h"
+#include "host/status.h"
+#include "tests/firmware/firmware_support.h"
+#include "tests/support/fixture.h"
+
+namespace {
+
+namespace hii = tvl::host::hii;
+using tvl::host::Platform;
+using tvl::host::sample::DeviceDescription;
+using tvl::host::sample::SamplePlatform;
+using tvl::host::sample::sampleDevices;
+using tvl::test::firmware::combinedDocument;
+using tvl::test::firmware::devicesWithPath;
+
+constexpr char kImage[] = "sample_devices";
+
+std::u16string hexNumber(uint64_t value) {
+  static const char16_t kDigits[] = u"0123456789abcdef";
+  std::u16string out;
+  do {
+    out.insert(out.begin(), kDigits[value & 0xF]);
+    value >>= 4;
+  } while (value);
+  return out;
+}
+
+std::u16string upper(std::u16string text) {
+  for (char16_t& c : text) c = c >= u'a' && c <= u'f' ? char16_t(c - u'a' + u'A') : c;
+  return text;
+}
+
+// ---------------------------------------------------------------- same devices
+
+class SampleImageTest : public tvl::test::PlatformTest {
+ protected:
+  void TearDown() override {
+    sample_.reset();
+    PlatformTest::TearDown();
+  }
+  // The services and the HII database, with the host's sample devices or
+  // none.
+  void build(std::vector<DeviceDescription> devices) {
+    sample_ = std::make_unique<SamplePlatform>(platform(), std::move(devices));
+  }
+  std::vector<EFI_HANDLE> published() { return platform().handlesWith(gEfiHiiConfigAccessProtocolGuid); }
+  // Pool allocations and page runs outstanding. A reload replaces the
+  // location service's entries with new ones, so growth is counted rather
+  // than allocations made since a baseline.
+  size_t held() { return platform().outstandingAllocations().size(); }
+
+  std::unique_ptr<SamplePlatform> sample_;
+};
+
+// Host devices and the image's devices side by side on one platform: each
+// description has two handles with its path, and both export the same bytes.
+TEST_F(SampleImageTest, PublishesTheDevicesOfTheHostsSamplePlatform) {
+  build(sampleDevices());
+  EFI_HANDLE driver = nullptr, image = nullptr;
+  ASSERT_EQ(sample_->loadDriver(&driver), EFI_SUCCESS);
+  ASSERT_EQ(platform().loadImage(kImage, &image), EFI_SUCCESS);
+  for (const DeviceDescription& d : sampleDevices()) {
+    SCOPED_TRACE(hii::toAscii(d.fqdd));
+    const std::vector<EFI_HANDLE> handles = devicesWithPath(platform(), d.devicePath);
+    ASSERT_EQ(handles.size(), 2u);
+    const std::string host = combinedDocument(platform(), handles[0]);
+    EXPECT_EQ(host.rfind("<ConfigData", 0), 0u) << host;
+    EXPECT_EQ(combinedDocument(platform(), handles[1]), host);
+  }
+  EXPECT_EQ(platform().unloadImage(image), EFI_SUCCESS);
+  skipLeakCheck();  // the driver's protocol record stays installed
+}
+
+TEST_F(SampleImageTest, UnloadRemovesWhatTheEntryPublished) {
+  build({});
+  EFI_HANDLE image = load(kImage);
+  const std::vector<DeviceDescription> devices = sampleDevices();
+  EXPECT_EQ(published().size(), devices.size());
+  EXPECT_EQ(sample_->hii().handles().size(), devices.size());
+  DEVICE_LOCATION_PROTOCOL* location = sample_->location();
+  for (const DeviceDescription& d : devices) {
+    EFI_DEVICE_PATH_PROTOCOL* path = nullptr;
+    ASSERT_EQ(location->LocationTextToDevicePath(location, d.fqdd.c_str(), &path), EFI_SUCCESS);
+    EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<uint8_t*>(path), reinterpret_cast<uint8_t*>(path) + d.devicePath.size()),
+              d.devicePath);
+    bs()->FreePool(path);
+  }
+  ASSERT_EQ(platform().unloadImage(image), EFI_SUCCESS);
+  EXPECT_TRUE(published().empty());
+  EXPECT_TRUE(sample_->hii().handles().empty());
+
+  // The location entries stay with the service; a second load replaces
+  // them, and its unload leaves nothing more behind.
+  const size_t before = held();
+  image = load(kImage);
+  EXPECT_EQ(published().size(), devices.size());
+  ASSERT_EQ(platform().unloadImage(image), EFI_SUCCESS);
+  EXPECT_EQ(held(), before);
+  skipLeakCheck();
+}
+
+TEST_F(SampleImageTest, AFailedEntryUndoesEveryDeviceItPublished) {
+  build({});
+  EFI_HANDLE image = load(kImage);
+  ASSERT_EQ(platform().unloadImage(image), EFI_SUCCESS);
+  // The sweep counts outstanding allocations after each failure.
+  skipLeakCheck();
+  const size_t attempts = sweepAllocationFailures(
+      [&] { return loadStatus(kImage, &image); },
+      [&](EFI_STATUS status, size_t k) {
+        EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << "attempt " << k;
+        EXPECT_TRUE(published().empty()) << "attempt " << k;
+        EXPECT_TRUE(sample_->hii().handles().empty()) << "attempt " << k;
+      },
+      [&] {
+        if (!published().empty()) {
+          EXPECT_EQ(platform().unloadImage(image), EFI_SUCCESS);
+        }
+      });
+  EXPECT_GT(attempts, sampleDevices().size());
+}
+
+// ---------------------------------------------------------------- same answers
+
+// One call of the configuration access and what came back.
+struct Call {
+  enum Kind { Extract, Route, ExtractWithoutProgress, ShrinkVariable };
+  Call(Kind k, std::u16string t, bool null = false) : kind(k), text(std::move(t)), nullText(null) {}
+  Kind kind;
+  std::u16string text;
+  bool nullText = false;
+  // ShrinkVariable: the EFI variable store cut to its first byte behind the
+  // device's back.
+  std::u16string variable;
+  EFI_GUID guid{};
+  UINT32 attributes = 0;
+};
+
+struct Answer {
+  std::string status;
+  long progress = -2;  // -1: Progress null
+  std::string results;
+  bool operator==(const Answer& o) const {
+    return status == o.status && progress == o.progress && results == o.results;
+  }
+};
+
+// Requests and configurations on one store of a device: whole and partial
+// reads, every kind of syntax error and refusal, writes that apply and
+// writes refused as a whole, each followed by a read of the store.
+std::vector<Call> callsOnStore(const DeviceDescription& device, const tvl::host::sample::VarStoreDescription& store) {
+  const std::string& name = store.name;
+  const EFI_GUID& guid = store.guid;
+  const uint64_t size = store.size;
+  const std::u16string h = hii::configHdr(guid, hii::toUtf16(name), device.devicePath);
+  const std::u16string wrongName = hii::configHdr(guid, hii::toUtf16(name + "x"), device.devicePath);
+  const std::u16string guidAndName = h.substr(0, h.find(u"&PATH="));
+  const std::u16string otherPath = guidAndName + u"&PATH=01041400" + h.substr(5, 32) + u"7fff0400";
+  const std::u16string n = hexNumber(size), last = hexNumber(size - 1);
+  std::vector<Call> calls = {
+      {Call::Extract, u"", true},
+      {Call::Extract, h},
+      {Call::Extract, upper(h)},
+      {Call::Extract, h + u"&OFFSET=0&WIDTH=1"},
+      {Call::Extract, h + u"&OFFSET=0&WIDTH=" + n + u"&OFFSET=" + last + u"&WIDTH=1"},
+      {Call::Extract, h + u"&OFFSET=" + last + u"&WIDTH=2"},
+      {Call::Extract, h + u"&OFFSET=" + n + u"&WIDTH=1"},
+      {Call::Extract, h + u"&OFFSET=0&WIDTH=1&OFFSET=ffffffffffffffff&WIDTH=2"},
+      {Call::Extract, h + u"&OFFSET=1z&WIDTH=1"},
+      {Call::Extract, h + u"&OFFSET=0&WIDTH=1&VALUE=00"},
+      {Call::Extract, h + u"&OFFSET=0&WIDTH=0"},
+      {Call::Extract, h + u"&OFFSET=0&WIDTH=1000001"},
+      {Call::Extract, h + u"&OFFSET=00000000000000000000001&WIDTH=1"},
+      {Call::Extract, h + u"&OFFSET=10000000000000000&WIDTH=1"},
+      {Call::Extract, h + u"&OFFSET=0&WIDTH=1&LABEL=1"},
+      {Call::Extract, h + u"&OFFSET=0&WIDTH=1&"},
+      {Call::Extract, h + u"&WIDTH=1"},
+      {Call::Extract, wrongName + u"&OFFSET=0&WIDTH=1"},
+      {Call::Extract, otherPath},
+      {Call::Extract, guidAndName + u"&PATH=7fff04"},
+      {Call::Extract, guidAndName + u"&PATH=7fff0300"},
+      {Call::Extract, guidAndName + u"1&PATH=7fff0400"},
+      {Call::Extract, u"GUID=0123&NAME=0041&PATH=7fff0400"},
+      {Call::Extract, u"NAME=0041"},
+      {Call::ExtractWithoutProgress, h},
+      {Call::Route, h + u"&OFFSET=0&WIDTH=1&VALUE=5a"},
+      {Call::Extract, h},
+      {Call::Route, h + u"&OFFSET=" + last + u"&WIDTH=1&VALUE=7"},
+      {Call::Route, h + u"&OFFSET=0&WIDTH=1&VALUE=123"},
+      {Call::Route, h + u"&OFFSET=0&WIDTH=1"},
+      {Call::Route, h + u"&OFFSET=0&WIDTH=1&VALUE="},
+      {Call::Route, h + u"&OFFSET=0&WIDTH=1&VALUE=01&OFFSET=" + n + u"&WIDTH=1&VALUE=02"},
+      {Call::Route, otherPath + u"&OFFSET=0&WIDTH=1&VALUE=01"},
+      {Call::Route, u"", true},
+      {Call::Extract, h},
+  };
+  // Default fields that no longer fit a shorter variable are left out.
+  if (store.efiVariable) {
+    Call shrink{Call::ShrinkVariable, u""};
+    shrink.variable = hii::toUtf16(name);
+    shrink.guid = guid;
+    shrink.attributes = store.attributes;
+    calls.push_back(shrink);
+    calls.push_back({Call::Extract, h});
+    calls.push_back({Call::Extract, u"", true});
+    calls.push_back({Call::Route, h + u"&OFFSET=1&WIDTH=1&VALUE=01"});
+  }
+  return calls;
+}
+
+struct Table {
+  std::vector<std::pair<std::string, Call>> calls;  // device FQDD and call
+};
+
+Table everyStoreOfEveryDevice() {
+  Table table;
+  for (const DeviceDescription& d : sampleDevices())
+    for (const auto& formSet : d.formSets)
+      for (const auto& store : formSet.varStores)
+        for (Call& call : callsOnStore(d, store))
+          table.calls.emplace_back(hii::toAscii(d.fqdd), std::move(call));
+  return table;
+}
+
+Answer callOnce(Platform& platform, EFI_HII_CONFIG_ACCESS_PROTOCOL* access, const Call& call) {
+  const CHAR16* text = call.nullText ? nullptr : call.text.c_str();
+  EFI_STRING progress = nullptr, results = nullptr;
+  EFI_STATUS status;
+  switch (call.kind) {
+    case Call::ShrinkVariable: {
+      std::vector<uint8_t> bytes;
+      EXPECT_EQ(platform.getVariable(call.variable, call.guid, &bytes), EFI_SUCCESS);
+      bytes.resize(1);
+      status = platform.setVariable(call.variable, call.guid, call.attributes, bytes);
+      break;
+    }
+    case Call::Route:
+      status = access->RouteConfig(access, text, &progress);
+      break;
+    case Call::ExtractWithoutProgress:
+      status = access->ExtractConfig(access, text, nullptr, &results);
+      break;
+    default:
+      status = access->ExtractConfig(access, text, &progress, &results);
+  }
+  Answer answer{tvl::host::statusName(status), progress ? long(progress - text) : -1,
+                results ? hii::toAscii(results) : "(no results)"};
+  if (results) platform.bootServices()->FreePool(results);
+  return answer;
+}
+
+// The answers of a fresh platform whose devices are the host's or the
+// image's.
+std::vector<Answer> answers(const Table& table, bool fromImage) {
+  Platform platform;
+  SamplePlatform sample(platform, fromImage ? std::vector<DeviceDescription>{} : sampleDevices());
+  EFI_HANDLE image = nullptr;
+  if (fromImage) {
+    EXPECT_EQ(platform.loadImage(kImage, &image), EFI_SUCCESS);
+  }
+  const std::vector<DeviceDescription> devices = sampleDevices();
+  std::vector<Answer> out;
+  for (const auto& [fqdd, call] : table.calls) {
+    std::vector<uint8_t> path;
+    for (const DeviceDescription& d : devices)
+      if (hii::toAscii(d.fqdd) == fqdd) path = d.devicePath;
+    const std::vector<EFI_HANDLE> handles = devicesWithPath(platform, path);
+    EXPECT_EQ(handles.size(), 1u);
+    if (handles.size() != 1) return out;
+    auto* access = static_cast<EFI_HII_CONFIG_ACCESS_PROTOCOL*>(
+        platform.handleProtocol(handles[0], gEfiHiiConfigAccessProtocolGuid));
+    out.push_back(callOnce(platform, access, call));
+  }
+  return out;
+}
+
+TEST(SampleImageConfigAccess, AnswersEveryRequestAsTheHostDevices) {
+  const Table table = everyStoreOfEveryDevice();
+  const std::vector<Answer> host = answers(table, false), image = answers(table, true);
+  ASSERT_EQ(host.size(), table.calls.size());
+  ASSERT_EQ(image.size(), table.calls.size());
+  size_t succeeded = 0, refused = 0;
+  for (size_t i = 0; i < table.calls.size(); ++i) {
+    const Call& call = table.calls[i].second;
+    SCOPED_TRACE(table.calls[i].first + (call.kind == Call::Route ? " route " : " extract/shrink ") +
+                 (call.nullText ? "(null)" : hii::toAscii(call.text)));
+    EXPECT_EQ(image[i].status, host[i].status);
+    EXPECT_EQ(image[i].progress, host[i].progress);
+    EXPECT_EQ(image[i].results, host[i].results);
+    ++(host[i].status == "EFI_SUCCESS" ? succeeded : refused);
+  }
+  // The table reaches both kinds of answer on every store.
+  EXPECT_GT(succeeded, table.calls.size() / 4);
+  EXPECT_GT(refused, table.calls.size() / 2);
+}
+
+}  // namespace
