@@ -1,5 +1,6 @@
 #include "host/devices/device.h"
 
+#include <algorithm>
 #include <map>
 
 #include <cstring>
@@ -20,6 +21,7 @@ struct Storage {
   bool variable = false;
   uint32_t attributes = 0;
   std::vector<uint8_t> bytes;  // buffer storage only
+  bool refusesWideZero = false;
 };
 
 std::u16string_view viewOf(const CHAR16* text) {
@@ -187,6 +189,14 @@ struct Device::Impl {
     RETURN_IF_ERROR(read(*storage, bytes));
     hii::ConfigString parsed;
     RETURN_IF_ERROR(parseBody(text, hii::ConfigKind::Response, bytes, parsed, progress));
+    if (storage->refusesWideZero) {
+      for (const auto& block : parsed.blocks) {
+        if (block.width > 1 && std::all_of(block.value.begin(), block.value.end(), [](uint8_t b) { return b == 0; })) {
+          progress = block.begin;
+          return EFI_INVALID_PARAMETER;
+        }
+      }
+    }
     if (filter) {
       progress = 0;
       RETURN_IF_ERROR(filter(std::u16string(text)));
@@ -312,6 +322,12 @@ void Device::addVariableStorage(const EFI_GUID& guid, const std::u16string& name
   s.attributes = attributes;
   if (impl_->write(s, initial) != EFI_SUCCESS) throw std::runtime_error("cannot write the storage's variable");
   impl_->storages.push_back(std::move(s));
+}
+
+void Device::refuseWideZeroWrites(const EFI_GUID& guid, const std::u16string& name) {
+  Storage* s = impl_->find(guid, name);
+  if (!s) throw std::out_of_range("no such storage on this device");
+  s->refusesWideZero = true;
 }
 
 std::vector<uint8_t> Device::storage(const EFI_GUID& guid, const std::u16string& name) const {

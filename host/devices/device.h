@@ -21,7 +21,11 @@
 // - a <ConfigHdr> with OFFSET/WIDTH blocks: those fields, the header and
 //   each block echoed as written, followed by &VALUE=.
 // RouteConfig(Configuration): a <ConfigHdr> and OFFSET/WIDTH/VALUE blocks,
-// applied only when the whole string is valid.
+// applied only when the whole string is valid. A storage marked by
+// refuseWideZeroWrites refuses a block of more than one byte whose value is
+// all zeros (its driver keeps bytes of its own in the higher bytes of such
+// fields): EFI_INVALID_PARAMETER with Progress at that block, nothing
+// written. A one-byte block of zero is accepted.
 // Statuses: EFI_INVALID_PARAMETER for null arguments, syntax errors and
 // fields outside the storage (Progress at the most recent '&' before the
 // fault); EFI_NOT_FOUND when GUID, NAME or PATH names no storage of this
@@ -64,6 +68,9 @@ class Device {
   // Declares an EFI variable store and writes `initial` into the variable.
   void addVariableStorage(const EFI_GUID& guid, const std::u16string& name, std::vector<uint8_t> initial,
                           uint32_t attributes = EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS);
+  // From now on RouteConfig refuses blocks wider than one byte that write
+  // zero into this storage (throws std::out_of_range for an unknown one).
+  void refuseWideZeroWrites(const EFI_GUID& guid, const std::u16string& name);
   // Current bytes of a storage (throws std::out_of_range for an unknown one).
   std::vector<uint8_t> storage(const EFI_GUID& guid, const std::u16string& name) const;
   void setStorage(const EFI_GUID& guid, const std::u16string& name, const std::vector<uint8_t>& bytes);

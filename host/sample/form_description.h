@@ -151,6 +151,8 @@ struct VarStoreDescription {
   UINT16 size = 0;
   bool efiVariable = false;  // an EFI variable rather than a buffer the device holds
   UINT32 attributes = 0;     // EFI variable attributes
+  // Its driver refuses writes of zero over fields wider than one byte.
+  bool refusesWideZero = false;
 };
 
 struct FormSetDescription {

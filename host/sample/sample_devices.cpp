@@ -17,6 +17,7 @@ const EFI_GUID kSetupMenuFormSetGuid = {0x6d0555c7, 0xfc60, 0x459c, {0xa3, 0x26,
 const EFI_GUID kBootManagerFormSetGuid = {0x1cdada2b, 0xa8cc, 0x4baa, {0x92, 0x62, 0x0f, 0xb5, 0x76, 0xc2, 0x72, 0xea}};
 const EFI_GUID kBiosSetupStoreGuid = {0x5c3a0f2e, 0x1d4b, 0x4a7e, {0x9b, 0x61, 0x2e, 0x84, 0x0d, 0x3f, 0x71, 0xa5}};
 const EFI_GUID kBiosSecurityStoreGuid = {0x7e21b9d4, 0x6a0c, 0x4f13, {0xa8, 0x2d, 0x51, 0xc6, 0x93, 0x0b, 0x4e, 0x17}};
+const EFI_GUID kBiosThermalStoreGuid = {0x4a9c6e13, 0x8f27, 0x4d5b, {0xb0, 0x3e, 0x72, 0x1d, 0xc8, 0x56, 0x09, 0xaf}};
 const EFI_GUID kNicConfigStoreGuid = {0x2b6f4d81, 0x93ae, 0x4c05, {0xb7, 0x1e, 0x6d, 0x08, 0xf2, 0x5a, 0xc3, 0x94}};
 const EFI_GUID kNicFormSetGuid = {0xa4d81c37, 0x5e92, 0x4b6a, {0x8f, 0x03, 0x7c, 0x1d, 0x26, 0xe9, 0xb8, 0x50}};
 const EFI_GUID kDiskConfigStoreGuid = {0x9bc50816, 0x207f, 0x4c5c, {0xbc, 0x2c, 0x54, 0x3d, 0xfa, 0xe7, 0x35, 0x11}};
@@ -48,6 +49,7 @@ const EFI_GUID kRaidPackageListGuid = {0x26d9b0cd, 0x8438, 0x46ac, {0xa2, 0xab, 
 
 constexpr UINT16 kSetup = 1;     // BiosSetup buffer store
 constexpr UINT16 kSecurity = 2;  // BiosSecurity EFI variable store
+constexpr UINT16 kThermal = 3;   // BiosThermal buffer store, refuses zero writes wider than a byte
 constexpr UINT16 kStore = 1;     // the only store of a form set that has one
 constexpr UINT16 kMfg = EFI_HII_DEFAULT_CLASS_MANUFACTURING;
 constexpr UINT8 kDef = EFI_IFR_OPTION_DEFAULT;
@@ -380,6 +382,13 @@ FormDescription miscellaneousForm() {
                   .option(u"Auto", u"OnConRedirAuto[SuppressIf:SerialPortAddress=Serial1Com2Serial2Com1]", 4)
                   .optionIf(suppressIf(ifr::True()), u"On with Console Redirection", u"OnConRedir", 5)
                   .value(1),
+              // The low byte is the offset in percent; the high byte selects
+              // the fan table and belongs to the firmware, whose driver
+              // therefore refuses to write zero over the whole field.
+              numeric(bios::kFanSpeedOffset, u"Fan Speed Offset", u"FanSpeedOffset", Width::U16)
+                  .at(kThermal, 0x00)
+                  .range(0, 0xFFFF, 1)
+                  .value(0x0214),
           }};
 }
 
@@ -418,6 +427,7 @@ FormSetDescription biosSettingsFormSet() {
   fs.varStores = {
       {kSetup, kBiosSetupStoreGuid, "BiosSetup", 0x140, false, 0},
       {kSecurity, kBiosSecurityStoreGuid, "BiosSecurity", 0x04, true, kNvBs},
+      {kThermal, kBiosThermalStoreGuid, "BiosThermal", 0x04, false, 0, true},
   };
   fs.forms = {mainForm(),         bootForm(),   processorForm(),          memoryForm(),
               securityForm(),     integratedDevicesForm(), miscellaneousForm(), bootSequenceSwitchForm(),

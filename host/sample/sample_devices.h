@@ -72,6 +72,7 @@ enum : UINT16 {
   kRtcDriftComp,
   kSerialPortAddress,
   kSerialComm,
+  kFanSpeedOffset,
 };
 }  // namespace bios
 
@@ -149,6 +150,7 @@ extern const EFI_GUID kSetupMenuFormSetGuid;    // BIOS device: setup main menu
 extern const EFI_GUID kBootManagerFormSetGuid;  // BIOS device: boot manager
 extern const EFI_GUID kBiosSetupStoreGuid;      // buffer store "BiosSetup"
 extern const EFI_GUID kBiosSecurityStoreGuid;   // EFI variable store "BiosSecurity"
+extern const EFI_GUID kBiosThermalStoreGuid;    // buffer store "BiosThermal", refuses wide zero writes
 extern const EFI_GUID kNicConfigStoreGuid;      // buffer store "NicConfig"
 extern const EFI_GUID kNicFormSetGuid;
 extern const EFI_GUID kDiskConfigStoreGuid;     // buffer store "DiskConfig"

@@ -143,6 +143,7 @@ void SamplePlatform::addDevice(DeviceDescription description) {
         device->addVariableStorage(store.guid, storeName, bytes, store.attributes);
       else
         device->addBufferStorage(store.guid, storeName, bytes);
+      if (store.refusesWideZero) device->refuseWideZeroWrites(store.guid, storeName);
     }
   }
   device->addPackageList(buildPackageList(description));

@@ -474,9 +474,9 @@ TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
 
   Outcome reset = cli.run({"reset"});
   ASSERT_EQ(reset.exitCode, 0) << reset.err;
-  EXPECT_EQ(reset.out, "restored the defaults of 9 stores of 5 devices in " + file + "\n");
+  EXPECT_EQ(reset.out, "restored the defaults of 10 stores of 5 devices in " + file + "\n");
   const std::string defaults = readAll(file);
-  ASSERT_EQ(sample::parseState(defaults).stores.size(), 9u);
+  ASSERT_EQ(sample::parseState(defaults).stores.size(), 10u);
 
   // A stored BIOS boot mode shows, with the conditions that depend on it.
   cli.write("platform.state", withBootMode(defaults, 1));

@@ -86,7 +86,7 @@ TEST_F(SampleStateTest, EveryStoreOfEveryDeviceSurvivesTheRoundTrip) {
   // Both kinds of store, on every device.
   size_t variables = 0;
   for (const auto& s : defaults) variables += s.variable;
-  ASSERT_EQ(defaults.size(), 9u);
+  ASSERT_EQ(defaults.size(), 10u);
   EXPECT_EQ(variables, 2u);
 
   changeEveryStore();
