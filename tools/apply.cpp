@@ -143,8 +143,10 @@ bool ApplyJob::saveable() const {
   // An import that ended early (out of memory, say) holds a request for
   // part of the items only; one that judged every item holds the accepted
   // ones whatever the others did.
-  const EFI_STATUS imported = calls_.empty() ? EFI_SUCCESS : calls_.back().status;
-  return imported == EFI_SUCCESS || imported == EFI_DEVICE_ERROR || imported == EFI_ABORTED;
+  for (const Call& call : calls_)
+    if (std::string(call.operation) == "NodeToHii")
+      return call.status == EFI_SUCCESS || call.status == EFI_DEVICE_ERROR || call.status == EFI_ABORTED;
+  return false;
 }
 
 void ApplyJob::saveValues() {
@@ -257,9 +259,8 @@ int applySample(const std::string& file, const Options& options, const ApplySett
   host::sample::PersistentStores stores = loadState(sample);
   Tree pending(sample.xml());
   parseDocument(sample, file, pending);
-  std::string fqdd = options.value("--device");
-  if (fqdd.empty()) fqdd = documentFqdd(pending.root, file);
-  else documentFqdd(pending.root, file);
+  const std::string named = documentFqdd(pending.root, file);
+  const std::string fqdd = options.has("--device") ? options.value("--device") : named;
   if (fqdd.empty()) badInput(file + ": its ConfigDataEntry names no FQDD; name the device with --device FQDD");
   SampleDevice* device = selectDevices(sample, fqdd).front();
   TraceRoute traces(sample.log(), settings.mask, settings.tracing ? &std::cerr : nullptr);
@@ -288,8 +289,8 @@ std::string storeLines(host::offline::OfflineList& list) {
     if (store.size == 0) continue;
     std::vector<uint8_t> bytes = list.device->storage(store.guid, store.name);
     bytes.resize(store.size, 0);
-    text += utf8(list.device->configHdr(store.guid, store.name) + host::hii::blockConfig(0, bytes.data(), bytes.size())) +
-            "\n";
+    const std::u16string header = list.device->configHdr(store.guid, store.name);
+    text += utf8(header + host::hii::blockConfig(0, bytes.data(), bytes.size())) + "\n";
   }
   return text;
 }

@@ -126,7 +126,6 @@ int runDiff(const std::vector<std::string>& args, std::ostream& out) {
   const bool pending = options.has("--pending");
 
   host::Platform platform(poolMode());
-  int code = kExitOk;
   {
     SamplePlatform services(platform, {});
     Tree before(services.xml()), after(services.xml());
@@ -195,7 +194,7 @@ int runDiff(const std::vector<std::string>& args, std::ostream& out) {
     }
   }
   checkPool(platform);
-  return code;
+  return kExitOk;
 }
 
 }  // namespace tvl::cli
