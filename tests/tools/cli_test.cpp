@@ -555,7 +555,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
     EXPECT_NE(r.err.find(c.says), std::string::npos) << name << ": " << r.err;
   }
   EXPECT_NE(cli.run({"--help"}).out.find("--checked-pool  serve the platform's pool"), std::string::npos);
-  for (const char* command : {"info", "devices", "forms", "export-hii", "export", "reset"}) {
+  for (const char* command : {"info", "devices", "forms", "export-hii", "export", "apply", "set", "diff", "reset"}) {
     Outcome r = cli.run({command, "--help"});
     EXPECT_EQ(r.exitCode, 0) << command;
     EXPECT_EQ(r.out.rfind(std::string("usage: tolvane ") + command, 0), 0u) << r.out;
