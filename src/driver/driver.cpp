@@ -4,6 +4,7 @@
 #include "driver/trace.h"
 #include "export/export.h"
 #include "import/import.h"
+#include "import/save.h"
 #include "uefi/runtime.h"
 
 using tvl::trace;
@@ -116,7 +117,7 @@ void fillRecord(TOLVANE_PROTOCOL& record) {
   record.NodeToHii = tvlNodeToHii;
   record.Slot3 = &UnsupportedOperation;
   record.Slot4 = &UnsupportedOperation;
-  record.NodeSaveToHii = unsupported<TOLVANE_NODE_SAVE_TO_HII>();
+  record.NodeSaveToHii = tvlNodeSaveToHii;
   record.Slot6 = &UnsupportedOperation;
   record.SetBIOSPassword = unsupported<TOLVANE_SET_BIOS_PASSWORD>();
   record.Slot8 = &UnsupportedOperation;
