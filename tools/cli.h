@@ -2,7 +2,8 @@
 // parsing and text helpers.
 //
 // Exit codes: 0 success; 1 the emulated platform or an operation failed;
-// 2 the command line or an input file is wrong.
+// 2 the command line or an input file is wrong; 3 (apply, set) an item or an
+// operation of the converter failed.
 #pragma once
 
 #include <ostream>
@@ -28,6 +29,9 @@ namespace tvl::cli {
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitBadInput = 2;
+// `apply` and `set`: an item failed, or NodeToHii or NodeSaveToHii answered
+// with an error.
+constexpr int kExitItemsFailed = 3;
 
 // An error that ends the command with `code`; the message is printed as
 // "tolvane <command>: <message>".
@@ -61,6 +65,11 @@ class Options {
   std::vector<std::pair<std::string, std::string>> given_;
 };
 
+// Takes the operands (the arguments that are neither an option of
+// `description` nor an option's value) out of `args`, in order.
+std::vector<std::string> takeOperands(const std::vector<OptionDescription>& description,
+                                      std::vector<std::string>& args);
+
 // ---- the pool of the platforms the commands build: lean unless the
 // global option --checked-pool chose the checked one.
 host::PoolMode poolMode();
@@ -77,6 +86,9 @@ int runForms(const std::vector<std::string>& args, std::ostream& out);
 int runExportHii(const std::vector<std::string>& args, std::ostream& out);
 int runExport(const std::vector<std::string>& args, std::ostream& out);
 int runReset(const std::vector<std::string>& args, std::ostream& out);
+int runApply(const std::vector<std::string>& args, std::ostream& out);
+int runSet(const std::vector<std::string>& args, std::ostream& out);
+int runDiff(const std::vector<std::string>& args, std::ostream& out);
 
 // ---- state
 // The state file that keeps the sample platform's stores between runs:
