@@ -74,12 +74,6 @@ class ApplyCliTest : public tvl::test::PlatformTest {
     PlatformTest::TearDown();
   }
 
-  // Whether NodeSaveToHii writes in this build (its slot is not the one
-  // that answers EFI_UNSUPPORTED).
-  bool saveImplemented() {
-    auto* record = static_cast<TOLVANE_PROTOCOL*>(platform().handleProtocol(driver_, gTolvaneProtocolGuid));
-    return reinterpret_cast<void*>(record->NodeSaveToHii) != platform().imageSymbol(driver_, "UnsupportedOperation");
-  }
   std::string message(UINT64 code) {
     auto* table = static_cast<const ERROR_MESSAGE_ROW*>(platform().imageSymbol(driver_, "ErrorMessageTable"));
     for (; table && table->Code; ++table)
@@ -117,17 +111,9 @@ TEST_F(ApplyCliTest, AnEditedExportAppliedShowsInTheNextExport) {
   EXPECT_EQ(valueOf(currentOf(cli, kBios), "ProcPwrLimit"), old) << "a dry run writes nothing";
 
   Outcome applied = cli.run({"apply", cli.path("p.xml"), "-o", cli.path("results.xml")});
-  if (saveImplemented()) {
-    EXPECT_EQ(applied.exitCode, 0) << applied.out << applied.err;
-    EXPECT_EQ(elementAfter(readAll(cli.path("results.xml")), "ProcPwrLimit", "Status"), "Success");
-    EXPECT_EQ(valueOf(currentOf(cli, kBios), "ProcPwrLimit"), wanted);
-  } else {
-    // Until the save path exists its slot answers EFI_UNSUPPORTED, which
-    // must not pass for success.
-    EXPECT_EQ(applied.exitCode, 3);
-    EXPECT_NE(applied.err.find("tolvane apply: NodeSaveToHii failed: EFI_UNSUPPORTED"), std::string::npos)
-        << applied.err;
-  }
+  EXPECT_EQ(applied.exitCode, 0) << applied.out << applied.err;
+  EXPECT_EQ(elementAfter(readAll(cli.path("results.xml")), "ProcPwrLimit", "Status"), "Success");
+  EXPECT_EQ(valueOf(currentOf(cli, kBios), "ProcPwrLimit"), wanted);
 
   const std::string now = currentOf(cli, kBios);
   cli.write("now.xml", now);
@@ -420,7 +406,6 @@ TEST_F(ApplyCliTest, OfflineStoresHoldExactlyTheRequestsValues) {
   }
   EXPECT_EQ(segments, 2u);
 
-  if (!saveImplemented()) GTEST_SKIP() << "NodeSaveToHii answers EFI_UNSUPPORTED in this build: nothing is written";
   Outcome real = run({"apply", cli.path("p.xml"), "--config-out", cli.path("after.cfg")});
   EXPECT_EQ(real.exitCode, 0) << real.out << real.err;
   EXPECT_EQ(storesOf(readAll(cli.path("after.cfg"))), expected);
