@@ -143,6 +143,12 @@ std::unique_ptr<Parse> FormsTest::process(const std::vector<EFI_HII_HANDLE>& han
   return parse;
 }
 
+std::unique_ptr<Parse> FormsTest::processForm(const OneForm& f, const std::vector<UINT8>& setup) {
+  devices::Device& device = addDevice();
+  device.addBufferStorage(kStoreGuid, u"Setup", setup);
+  return process({device.addPackageList(ifr::packageList(kListGuid, f.fs, f.strings))});
+}
+
 HII_FORMS_PROCESSOR_ERROR FormsTest::lastError() {
   HII_FORMS_PROCESSOR_ERROR error{};
   EXPECT_EQ(forms_->GetLastError(forms_, &error), EFI_SUCCESS);

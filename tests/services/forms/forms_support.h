@@ -70,6 +70,16 @@ struct Sample {
   ifr::Bytes list() const;
 };
 
+// A form set with one form (id 1) over the buffer store "Setup" (id 1) of
+// `storeSize` bytes; every text is the one en-US string `s`.
+struct OneForm {
+  explicit OneForm(UINT16 storeSize) : form((fs.varStore(1, kStoreGuid, "Setup", storeSize), fs.form(1, s))) {}
+  ifr::Strings strings{{"en-US"}};
+  UINT16 s = strings.add(u"x");
+  ifr::FormSetBuilder fs{kFormSetGuid, s, s};
+  ifr::FormBuilder& form;
+};
+
 class FormsTest : public PlatformTest {
  protected:
   void SetUp() override;
@@ -84,6 +94,9 @@ class FormsTest : public PlatformTest {
   EFI_HII_HANDLE registerSample(const Sample& sample, devices::Device** device = nullptr);
 
   std::unique_ptr<Parse> process(const std::vector<EFI_HII_HANDLE>& handles, const EFI_GUID* filter = nullptr);
+  // Registers `f` on a new device whose "Setup" store holds `setup`, and
+  // processes it.
+  std::unique_ptr<Parse> processForm(const OneForm& f, const std::vector<UINT8>& setup);
   HII_FORMS_PROCESSOR_ERROR lastError();
 
   HII_FORMS_PROCESSOR2_PROTOCOL* forms_ = nullptr;
