@@ -15,6 +15,7 @@
 #include "host/ifr/ifr_builder.h"
 #include "host/ifr/strings.h"
 #include "support/fixture.h"
+#include "tests/host/hii/hii_bytes.h"
 #include "uefi/services.h"
 
 namespace tvl::test::forms {
@@ -49,10 +50,10 @@ std::u16string text16(const CHAR16* s);  // empty for null
 UINT64 number(const HII_VALUE& v);       // the number at the width of its type
 
 // Raw IFR bytes for what the builder does not write.
-ifr::Bytes cat(std::initializer_list<ifr::Bytes> parts);
+using tvl::test::hii::cat;
+using tvl::test::hii::u16le;
 ifr::Bytes op(UINT8 opcode, bool scope, const ifr::Bytes& body);  // header with the length computed
 ifr::Bytes guidBytes(const EFI_GUID& g);
-ifr::Bytes le16(UINT16 v);
 
 // A form set with every kind of statement (dates, times, references of
 // every length, a reset button, a form map, an image suppressed while
