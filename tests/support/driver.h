@@ -66,8 +66,8 @@ class DriverTest : public PlatformTest {
 
   // The installed converter protocol, or null.
   TOLVANE_PROTOCOL* converter() { return locate<TOLVANE_PROTOCOL>(TOLVANE_PROTOCOL_GUID); }
-  // Whether `address` is an outstanding pool allocation, and its size.
-  bool isAllocated(const void* address, size_t* size = nullptr);
+  // Whether `address` is an outstanding pool allocation.
+  bool isAllocated(const void* address);
 
  private:
   EFI_HANDLE driver_ = nullptr;

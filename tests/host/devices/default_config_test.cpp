@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "host/hii/package_list.h"
 #include "host/ifr/ifr_builder.h"
 #include "host/ifr/ifr_dump.h"
@@ -92,18 +94,14 @@ TEST(DefaultConfigTest, StandardDefaultsTakeEvaluatedExpressionsAndNeedNoDeclare
 }
 
 TEST(DefaultConfigTest, DeclaredStoresAreListedOnceWithTheirLargestSize) {
+  using Store = std::tuple<EFI_GUID, std::u16string, uint16_t, bool, uint32_t>;  // attributes: EFI variables only
   size_t at = 0;
-  const std::vector<StoreDeclaration> stores = declaredStores({packageList(true, &at)});
-  ASSERT_EQ(stores.size(), 2u);  // the name/value store is not listed
-  EXPECT_EQ(stores[0].guid, kStore);
-  EXPECT_EQ(stores[0].name, u"Setup");
-  EXPECT_EQ(stores[0].size, 12u);
-  EXPECT_FALSE(stores[0].efiVariable);
-  EXPECT_EQ(stores[1].guid, kOther);
-  EXPECT_EQ(stores[1].name, u"Flags");
-  EXPECT_EQ(stores[1].size, 2u);
-  EXPECT_TRUE(stores[1].efiVariable);
-  EXPECT_EQ(stores[1].attributes, UINT32(EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS));
+  std::vector<Store> stores;
+  for (const StoreDeclaration& s : declaredStores({packageList(true, &at)}))
+    stores.emplace_back(s.guid, s.name, s.size, s.efiVariable, s.attributes);
+  const uint32_t attributes = EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS;
+  // The name/value store is not listed.
+  EXPECT_EQ(stores, (std::vector<Store>{{kStore, u"Setup", 12, false, 0}, {kOther, u"Flags", 2, true, attributes}}));
 }
 
 }  // namespace

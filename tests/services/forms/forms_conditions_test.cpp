@@ -64,11 +64,9 @@ TEST_F(FormsConditionsTest, ConditionsSetTheMarksOfStatementsAndOptions) {
       {"suppressif in the question's scope", inScope(kSuppress, ifr::ideqval(1, 1)), 1, 0, 0, -1},
       {"grayoutif in the question's scope", inScope(kGray, ifr::ideqval(3, 9)), 0, 1, 0, 1},
   };
-  ifr::Strings strings({"en-US"});
-  UINT16 s = strings.add(u"x");
-  ifr::FormSetBuilder fs(kFormSetGuid, s, s);
-  fs.varStore(1, kStoreGuid, "Setup", 8);
-  FormBuilder& form = fs.form(1, s);
+  OneForm f(8);
+  const UINT16 s = f.s;
+  FormBuilder& form = f.form;
   form.checkbox(ifr::Checkbox(1, s, s).store(1, 0))
       .oneOf(ifr::OneOf(2, s, s).store(1, 1).option(s, 3).option(s, 4))
       .numeric(Numeric(3, s, s).store(1, 2))
@@ -84,9 +82,7 @@ TEST_F(FormsConditionsTest, ConditionsSetTheMarksOfStatementsAndOptions) {
                  .grayOutIf(ifr::True(), [s](ifr::OneOf& q) { q.option(s, 4); }));
   form.suppressIf(ifr::True(), [s](FormBuilder& g) { g.oneOf(ifr::OneOf(0x55, s, s).store(1, 5).option(s, 0)); });
   form.numeric(Numeric(0x60, s, s).store(1, 6));
-  devices::Device& device = addDevice();
-  device.addBufferStorage(kStoreGuid, u"Setup", {1, 3, 9, 3, 0, 0, 5, 0});
-  auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+  auto parse = processForm(f, {1, 3, 9, 3, 0, 0, 5, 0});
   ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
 
   for (UINT16 i = 0; i < std::size(rows); ++i) {

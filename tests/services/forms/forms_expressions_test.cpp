@@ -57,19 +57,14 @@ TEST_F(FormsExpressionsTest, OperatorsComputeFromCurrentValues) {
       {"dup, multiply", ifr::postfix(EFI_IFR_MULTIPLY_OP, {ifr::dup(q1)}), kU64, 81},
       {"nested", ifr::equal(ifr::subtract(q2, ifr::multiply(q1, ifr::uint16(0x205))), ifr::uint8(7)), kBool, 1},
   };
-  ifr::Strings strings({"en-US"});
-  UINT16 s = strings.add(u"x");
-  ifr::FormSetBuilder fs(kFormSetGuid, s, s);
-  fs.varStore(1, kStoreGuid, "Setup", 8);
-  ifr::FormBuilder& form = fs.form(1, s);
-  form.numeric(ifr::Numeric(1, s, s).store(1, 0))
+  OneForm f(8);
+  const UINT16 s = f.s;
+  f.form.numeric(ifr::Numeric(1, s, s).store(1, 0))
       .numeric(ifr::Numeric(2, s, s, ifr::Width::U16).store(1, 1))
       .checkbox(ifr::Checkbox(3, s, s).store(1, 3));
   for (UINT16 i = 0; i < std::size(rows); ++i)
-    form.numeric(ifr::Numeric(UINT16(0x40 + i), s, s).store(1, 4).defaultExpression(rows[i].expr));
-  devices::Device& device = addDevice();
-  device.addBufferStorage(kStoreGuid, u"Setup", {9, 0x34, 0x12, 1, 0, 0, 0, 0});
-  auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+    f.form.numeric(ifr::Numeric(UINT16(0x40 + i), s, s).store(1, 4).defaultExpression(rows[i].expr));
+  auto parse = processForm(f, {9, 0x34, 0x12, 1, 0, 0, 0, 0});
   ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
 
   for (UINT16 i = 0; i < std::size(rows); ++i) {

@@ -168,27 +168,22 @@ TEST_F(FormsRecordsTest, OptionFlagsMarkOptionsOnly) {
       {"DEFAULTs without flags", false, {0, 0, 0}, {{kManufacturing, 1}, {kStandard, 3}}, {0, 0, 0}},
       {"ordered list with flags", true, {kStd | kMfg, kStd, 0}, {}, {1, 1, 0}},
   };
-  ifr::Strings strings({"en-US"});
-  UINT16 s = strings.add(u"x");
-  ifr::FormSetBuilder fs(kFormSetGuid, s, s);
-  fs.varStore(1, kStoreGuid, "Setup", 32);
-  ifr::FormBuilder& form = fs.form(1, s);
+  OneForm f(32);
+  const UINT16 s = f.s;
   for (UINT16 i = 0; i < std::size(rows); ++i) {
     const UINT16 id = UINT16(0x50 + i), offset = UINT16(4 * i);
     if (rows[i].orderedList) {
       ifr::OrderedList list(id, s, s, Width::U8, 3);
       for (UINT8 k = 0; k < 3; ++k) list.option(s, k + 1u, rows[i].flags[k]);
-      form.orderedList(list.store(1, offset));
+      f.form.orderedList(list.store(1, offset));
       continue;
     }
     ifr::OneOf oneOf(id, s, s, Width::U16);
     for (UINT8 k = 0; k < 3; ++k) oneOf.option(s, k + 1u, rows[i].flags[k]);
     for (const DefaultOp& d : rows[i].defaults) oneOf.defaultValue(d.value, d.defaultId);
-    form.oneOf(oneOf.store(1, offset));
+    f.form.oneOf(oneOf.store(1, offset));
   }
-  devices::Device& device = addDevice();
-  device.addBufferStorage(kStoreGuid, u"Setup", std::vector<UINT8>(32));
-  auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+  auto parse = processForm(f, std::vector<UINT8>(32));
   ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
 
   for (UINT16 i = 0; i < std::size(rows); ++i) {
@@ -222,22 +217,17 @@ TEST_F(FormsRecordsTest, DefaultsFromFlagsRecordsAndExpressions) {
       {"expression on another question", [](ifr::Checkbox& c) { c.defaultExpression(ifr::ideqval(0x40, 7)); }, 1,
        0, 1},
   };
-  ifr::Strings strings({"en-US"});
-  UINT16 s = strings.add(u"x");
-  ifr::FormSetBuilder fs(kFormSetGuid, s, s);
-  fs.varStore(1, kStoreGuid, "Setup", 8);
-  ifr::FormBuilder& form = fs.form(1, s);
+  OneForm f(8);
+  const UINT16 s = f.s;
   for (UINT16 i = 0; i < std::size(boxes); ++i) {
     ifr::Checkbox box(UINT16(0x30 + i), s, s);
     boxes[i].build(box.store(1, 0));
-    form.checkbox(box);
+    f.form.checkbox(box);
   }
-  form.numeric(ifr::Numeric(0x40, s, s).store(1, 1))
+  f.form.numeric(ifr::Numeric(0x40, s, s).store(1, 1))
       .numeric(ifr::Numeric(0x20, s, s, Width::U16).store(1, 2).defaultExpression(ifr::uint16(0x1234)))
       .numeric(ifr::Numeric(0x21, s, s).store(1, 4).defaultExpression(ifr::questionRef(0x20), 1));
-  devices::Device& device = addDevice();
-  device.addBufferStorage(kStoreGuid, u"Setup", {0, 7, 0x22, 0x11, 9, 0, 0, 0});
-  auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+  auto parse = processForm(f, {0, 7, 0x22, 0x11, 9, 0, 0, 0});
   ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
 
   for (UINT16 i = 0; i < std::size(boxes); ++i) {

@@ -28,12 +28,6 @@ UINT64 number(const HII_VALUE& v) {
   return hiiValueNumber(v, hiiNumberWidth(v.Type));
 }
 
-ifr::Bytes cat(std::initializer_list<ifr::Bytes> parts) {
-  ifr::Bytes out;
-  for (const ifr::Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
-
 ifr::Bytes op(UINT8 opcode, bool scope, const ifr::Bytes& body) {
   ifr::Bytes out{opcode, UINT8((body.size() + 2) | (scope ? 0x80 : 0))};
   out.insert(out.end(), body.begin(), body.end());
@@ -44,8 +38,6 @@ ifr::Bytes guidBytes(const EFI_GUID& g) {
   const UINT8* p = reinterpret_cast<const UINT8*>(&g);
   return ifr::Bytes(p, p + sizeof(g));
 }
-
-ifr::Bytes le16(UINT16 v) { return {UINT8(v), UINT8(v >> 8)}; }
 
 // ---------------------------------------------------------------- sample
 std::vector<UINT8> Sample::setupBytes() const {
@@ -66,7 +58,7 @@ ifr::Bytes Sample::list() const {
   fs.defaultStore(0x0005, custom);
   fs.nameValueVarStore(3, kOtherFormSetGuid);
   auto dateTime = [this](UINT8 opcode, UINT16 id, UINT16 offset) {
-    return op(opcode, false, cat({le16(prompt), le16(help), le16(id), le16(1), le16(offset), {0, 0}}));
+    return op(opcode, false, cat({u16le(prompt), u16le(help), u16le(id), u16le(1), u16le(offset), {0, 0}}));
   };
   ifr::FormBuilder& form = fs.form(1, formTitle);
   form.subtitle(subtitle)
@@ -88,7 +80,7 @@ ifr::Bytes Sample::list() const {
       .checkbox(ifr::Checkbox(0x19, prompt, help).locked().defaultExpression(ifr::ideqvallist(0x10, {1, 2})))
       .raw(dateTime(EFI_IFR_DATE_OP, 0x1A, 56))
       .raw(dateTime(EFI_IFR_TIME_OP, 0x1B, 60))
-      .raw(op(EFI_IFR_RESET_BUTTON_OP, false, cat({le16(prompt), le16(help), le16(1)})))
+      .raw(op(EFI_IFR_RESET_BUTTON_OP, false, cat({u16le(prompt), u16le(help), u16le(1)})))
       .numeric(ifr::Numeric(0x1C, prompt, help).storeNamed(3, text))
       .ref(ifr::Ref(0x1D, prompt, help).toQuestion(2, 0x1A))
       .ref(ifr::Ref(0x1E, prompt, help).toFormSet(kOtherFormSetGuid, 3, 4))
@@ -97,8 +89,8 @@ ifr::Bytes Sample::list() const {
       .label(1)
       .locked();
   fs.form(2, form2Title).text(text, help);
-  fs.raw(cat({op(EFI_IFR_FORM_MAP_OP, true, cat({le16(8), le16(form2Title), guidBytes(kStoreGuid)})),
-              op(EFI_IFR_TEXT_OP, false, cat({le16(text), le16(help), le16(0)})), {EFI_IFR_END_OP, 2}}));
+  fs.raw(cat({op(EFI_IFR_FORM_MAP_OP, true, cat({u16le(8), u16le(form2Title), guidBytes(kStoreGuid)})),
+              op(EFI_IFR_TEXT_OP, false, cat({u16le(text), u16le(help), u16le(0)})), {EFI_IFR_END_OP, 2}}));
   return ifr::packageList(kListGuid, fs, strings);
 }
 
@@ -141,6 +133,12 @@ std::unique_ptr<Parse> FormsTest::process(const std::vector<EFI_HII_HANDLE>& han
   std::vector<EFI_HII_HANDLE> copy = handles;
   parse->status = forms_->ProcessForms(forms_, copy.data(), copy.size(), filter, &parse->count, &parse->sets);
   return parse;
+}
+
+std::unique_ptr<Parse> FormsTest::processForm(const OneForm& f, const std::vector<UINT8>& setup) {
+  devices::Device& device = addDevice();
+  device.addBufferStorage(kStoreGuid, u"Setup", setup);
+  return process({device.addPackageList(ifr::packageList(kListGuid, f.fs, f.strings))});
 }
 
 HII_FORMS_PROCESSOR_ERROR FormsTest::lastError() {

@@ -15,6 +15,7 @@
 #include "host/ifr/ifr_builder.h"
 #include "host/ifr/strings.h"
 #include "support/fixture.h"
+#include "tests/host/hii/hii_bytes.h"
 #include "uefi/services.h"
 
 namespace tvl::test::forms {
@@ -49,10 +50,10 @@ std::u16string text16(const CHAR16* s);  // empty for null
 UINT64 number(const HII_VALUE& v);       // the number at the width of its type
 
 // Raw IFR bytes for what the builder does not write.
-ifr::Bytes cat(std::initializer_list<ifr::Bytes> parts);
+using tvl::test::hii::cat;
+using tvl::test::hii::u16le;
 ifr::Bytes op(UINT8 opcode, bool scope, const ifr::Bytes& body);  // header with the length computed
 ifr::Bytes guidBytes(const EFI_GUID& g);
-ifr::Bytes le16(UINT16 v);
 
 // A form set with every kind of statement (dates, times, references of
 // every length, a reset button, a form map, an image suppressed while
@@ -70,6 +71,16 @@ struct Sample {
   ifr::Bytes list() const;
 };
 
+// A form set with one form (id 1) over the buffer store "Setup" (id 1) of
+// `storeSize` bytes; every text is the one en-US string `s`.
+struct OneForm {
+  explicit OneForm(UINT16 storeSize) : form((fs.varStore(1, kStoreGuid, "Setup", storeSize), fs.form(1, s))) {}
+  ifr::Strings strings{{"en-US"}};
+  UINT16 s = strings.add(u"x");
+  ifr::FormSetBuilder fs{kFormSetGuid, s, s};
+  ifr::FormBuilder& form;
+};
+
 class FormsTest : public PlatformTest {
  protected:
   void SetUp() override;
@@ -84,6 +95,9 @@ class FormsTest : public PlatformTest {
   EFI_HII_HANDLE registerSample(const Sample& sample, devices::Device** device = nullptr);
 
   std::unique_ptr<Parse> process(const std::vector<EFI_HII_HANDLE>& handles, const EFI_GUID* filter = nullptr);
+  // Registers `f` on a new device whose "Setup" store holds `setup`, and
+  // processes it.
+  std::unique_ptr<Parse> processForm(const OneForm& f, const std::vector<UINT8>& setup);
   HII_FORMS_PROCESSOR_ERROR lastError();
 
   HII_FORMS_PROCESSOR2_PROTOCOL* forms_ = nullptr;

@@ -23,19 +23,11 @@ TEST_F(FormsValuesTest, RouteConfigThenProcessFormsShowsTheNewValue) {
     EXPECT_EQ(parse->set()->Forms[0]->Statements[10]->SuppressedMark, imageSuppressed) << "the condition follows";
   };
   expectValues({2, 0x12345678, 0x12340000}, 0);
-  // One ExtractConfig per buffer store, asking for the whole store.
+  // One ExtractConfig per buffer store, asking for the whole store. The answer carries the default
+  // configurations after the current bytes (the device tests check them; here the manufacturing one would give
+  // one-of 3 and numeric 200): none of them is a current value.
   ASSERT_EQ(device->extractConfigCalls().size(), 1u);
   EXPECT_EQ(device->extractConfigCalls()[0].text, device->configHdr(kStoreGuid, u"Setup"));
-  // The answer held the default configurations after the current bytes, as configuration routing gives them
-  // (here the manufacturing one: one-of 3, checkbox off, numeric 200); none of them is a current value.
-  EFI_STRING at = nullptr, answer = nullptr;
-  ASSERT_EQ(device->configAccess()->ExtractConfig(device->configAccess(), device->extractConfigCalls()[0].text.c_str(),
-                                                  &at, &answer),
-            EFI_SUCCESS);
-  EXPECT_NE(std::u16string(answer).find(u"&ALTCFG=0001&OFFSET=0002&WIDTH=0002&VALUE=0003&OFFSET=0004&WIDTH=0001"
-                                        u"&VALUE=00&OFFSET=0008&WIDTH=0004&VALUE=000000c8&"),
-            std::u16string::npos);
-  bs()->FreePool(answer);
 
   const UINT8 oneOf[] = {3, 0}, numeric[] = {1, 0, 0xFE, 0xCA};
   std::u16string config =
