@@ -4,6 +4,7 @@
 #include "driver/trace.h"
 #include "export/export.h"
 #include "import/import.h"
+#include "password/password.h"
 #include "uefi/runtime.h"
 
 using tvl::trace;
@@ -118,7 +119,7 @@ void fillRecord(TOLVANE_PROTOCOL& record) {
   record.Slot4 = &UnsupportedOperation;
   record.NodeSaveToHii = unsupported<TOLVANE_NODE_SAVE_TO_HII>();
   record.Slot6 = &UnsupportedOperation;
-  record.SetBIOSPassword = unsupported<TOLVANE_SET_BIOS_PASSWORD>();
+  record.SetBIOSPassword = tvlSetBIOSPassword;
   record.Slot8 = &UnsupportedOperation;
   record.NodesToCombinedXMLChar = tvlNodesToCombinedXMLChar;
 }
