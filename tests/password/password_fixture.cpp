@@ -141,10 +141,10 @@ void PasswordTest::start(Service service) {
       break;
     }
     case Service::Newer:
-      load("password2_service");
+      serviceImage_ = load("password2_service");
       break;
     case Service::Older:
-      load("legacy_password_service");
+      serviceImage_ = load("legacy_password_service");
       break;
     case Service::None:
       break;

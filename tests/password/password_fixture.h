@@ -59,6 +59,8 @@ class PasswordTest : public DriverTest {
   FakePasswordService& fake() { return *fake_; }
   // The bound service (stand-in or image).
   PASSWORD_SERVICE_PROTOCOL* service() const { return bound_; }
+  // The loaded service image (Newer, Older), for its exported functions.
+  EFI_HANDLE serviceImage() const { return serviceImage_; }
   // Marks passwords disabled in the store the service images read.
   void markDisabled(UINT8 whichBits);
   // Runs SetBIOSPassword through the protocol slot.
@@ -74,6 +76,7 @@ class PasswordTest : public DriverTest {
  private:
   std::unique_ptr<FakePasswordService> fake_;
   PASSWORD_SERVICE_PROTOCOL* bound_ = nullptr;
+  EFI_HANDLE serviceImage_ = nullptr;
 };
 
 }  // namespace tvl::test
