@@ -2,7 +2,8 @@
 // parsing and text helpers.
 //
 // Exit codes: 0 success; 1 the emulated platform or an operation failed;
-// 2 the command line or an input file is wrong.
+// 2 the command line or an input file is wrong; 3 (password) the password
+// service refused the change.
 #pragma once
 
 #include <ostream>
@@ -28,6 +29,8 @@ namespace tvl::cli {
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitBadInput = 2;
+// `password`: a "Failure" record in the results.
+constexpr int kExitItemsFailed = 3;
 
 // An error that ends the command with `code`; the message is printed as
 // "tolvane <command>: <message>".
@@ -77,6 +80,11 @@ int runForms(const std::vector<std::string>& args, std::ostream& out);
 int runExportHii(const std::vector<std::string>& args, std::ostream& out);
 int runExport(const std::vector<std::string>& args, std::ostream& out);
 int runReset(const std::vector<std::string>& args, std::ostream& out);
+int runPassword(const std::vector<std::string>& args, std::ostream& out);
+
+// The message of a results document's error code (hexadecimal text, as the
+// records write it) from the loaded driver's table; empty when unknown.
+std::string errorCodeMessage(host::Platform& platform, EFI_HANDLE driver, const std::string& code);
 
 // ---- state
 // The state file that keeps the sample platform's stores between runs:

@@ -98,6 +98,30 @@ constexpr Command kCommands[] = {
     {"export-hii", tvl::cli::runExportHii, "tolvane export-hii [--device FQDD] -o FILE",
      "Writes the package lists of the sample devices (or of the one named by\n"
      "--device) to FILE as ExportPackageLists returns them, for `forms --hii`.\n"},
+    {"password", tvl::cli::runPassword,
+     "tolvane password {setup|system} [--clear] [--service new|legacy]\n"
+     "       tolvane password --service new|legacy",
+     "Sets, changes or clears the setup or the system password of the sample BIOS\n"
+     "device as a configuration job does: the passwords become the Base64 values\n"
+     "of a pending document's SetupPassword / OldSetupPassword (SysPassword /\n"
+     "OldSysPassword) items, which the converter's SetBIOSPassword applies through\n"
+     "the bound password service. The outcome is printed per item.\n"
+     "\n"
+     "Passwords are never taken from the command line. On a terminal the command\n"
+     "asks for them without echo (the new one twice); otherwise it reads them from\n"
+     "standard input, one per line: the old password first when the older service\n"
+     "is bound and a password is installed (only that service checks it), then the\n"
+     "new one unless --clear is given. A password has at most 32 bytes; the older\n"
+     "service stores it lower-cased.\n"
+     "\n"
+     "--service new|legacy chooses which password service the sample platform\n"
+     "loads (the newer or the older one); the choice is kept in the state file,\n"
+     "as are the passwords. Alone it only changes the service.\n"
+     "\n"
+     "Exit 3 when the service refused the change (a wrong old password is\n"
+     "reported with error code 603 and its message), 1 when SetBIOSPassword\n"
+     "refused the request before asking the service (the reason is printed),\n"
+     "2 for wrong arguments or input.\n"},
     {"reset", tvl::cli::runReset, "tolvane reset",
      "Restores the defaults: writes the stores of a freshly built sample\n"
      "platform to the state file, whatever it held before (also when it\n"
@@ -127,7 +151,8 @@ void printUsage(std::ostream& out) {
          "                  then fails the command (exit 1) with a report. Slower; the\n"
          "                  default is a lean allocator that keeps counts only.\n"
          "\n`tolvane <command> --help` describes a command.\n"
-         "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input.\n\n"
+         "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input,\n"
+         "3 the device refused a setting.\n\n"
       << kStateHelp;
 }
 
