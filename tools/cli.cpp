@@ -54,6 +54,23 @@ Options::Options(const std::vector<OptionDescription>& description, const std::v
   }
 }
 
+std::vector<std::string> takeOperands(const std::vector<OptionDescription>& description,
+                                      std::vector<std::string>& args) {
+  std::vector<std::string> operands, rest;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    if (arg.size() < 2 || arg[0] != '-') {
+      operands.push_back(arg);
+      continue;
+    }
+    rest.push_back(arg);
+    for (const auto& d : description)
+      if (arg == d.name && d.takesValue && i + 1 < args.size()) rest.push_back(args[++i]);
+  }
+  args = std::move(rest);
+  return operands;
+}
+
 bool Options::has(const std::string& name) const {
   for (const auto& g : given_)
     if (g.first == name) return true;

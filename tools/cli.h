@@ -2,8 +2,9 @@
 // parsing and text helpers.
 //
 // Exit codes: 0 success; 1 the emulated platform or an operation failed;
-// 2 the command line or an input file is wrong; 3 (password) the password
-// service refused the change.
+// 2 the command line or an input file is wrong; 3 (apply, set, password) an
+// item or an operation of the converter failed, or the password service
+// refused a change.
 #pragma once
 
 #include <ostream>
@@ -29,7 +30,8 @@ namespace tvl::cli {
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitBadInput = 2;
-// `password`: a "Failure" record in the results.
+// `apply` and `set`: an item failed, or NodeToHii, NodeSaveToHii or
+// SetBIOSPassword answered with an error; `password`: a "Failure" record.
 constexpr int kExitItemsFailed = 3;
 
 // An error that ends the command with `code`; the message is printed as
@@ -64,6 +66,11 @@ class Options {
   std::vector<std::pair<std::string, std::string>> given_;
 };
 
+// Takes the operands (the arguments that are neither an option of
+// `description` nor an option's value) out of `args`, in order.
+std::vector<std::string> takeOperands(const std::vector<OptionDescription>& description,
+                                      std::vector<std::string>& args);
+
 // ---- the pool of the platforms the commands build: lean unless the
 // global option --checked-pool chose the checked one.
 host::PoolMode poolMode();
@@ -85,6 +92,9 @@ int runPassword(const std::vector<std::string>& args, std::ostream& out);
 // The message of a results document's error code (hexadecimal text, as the
 // records write it) from the loaded driver's table; empty when unknown.
 std::string errorCodeMessage(host::Platform& platform, EFI_HANDLE driver, const std::string& code);
+int runApply(const std::vector<std::string>& args, std::ostream& out);
+int runSet(const std::vector<std::string>& args, std::ostream& out);
+int runDiff(const std::vector<std::string>& args, std::ostream& out);
 
 // ---- state
 // The state file that keeps the sample platform's stores between runs:

@@ -13,6 +13,7 @@
 #include "host/sample/sample_platform.h"
 #include "host/sample/sample_state.h"
 #include "tools/cli.h"
+#include "tools/converter.h"
 
 namespace tvl::cli {
 namespace {
@@ -20,129 +21,6 @@ namespace {
 using host::sample::SampleDevice;
 using host::sample::SamplePlatform;
 using host::sample::statusText;
-
-struct LevelName {
-  const char* name;
-  UINTN mask;
-};
-
-constexpr LevelName kLevelNames[] = {
-    {"failure", TVL_LEVEL_FAILURE}, {"progress", TVL_LEVEL_PROGRESS}, {"finding", TVL_LEVEL_FINDING},
-    {"toolbox", TVL_LEVEL_TOOLBOX}, {"all", ~UINTN(0)},
-};
-
-std::string lowerAscii(std::string text) {
-  for (char& c : text)
-    if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
-  return text;
-}
-
-bool parseHexMask(const std::string& text, UINTN* mask) {
-  std::string digits = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0 ? text.substr(2) : text;
-  if (digits.empty() || digits.size() > 16) return false;
-  UINTN value = 0;
-  for (char c : digits) {
-    int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-    if (d < 0) return false;
-    value = (value << 4) | UINTN(d);
-  }
-  *mask = value;
-  return true;
-}
-
-// "--trace" takes a hexadecimal mask ("0x80800000", "80") or level names
-// separated by commas ("failure,progress").
-UINTN parseTraceLevels(const std::string& text) {
-  UINTN mask = 0;
-  if (parseHexMask(text, &mask)) return mask;
-  size_t start = 0;
-  for (;;) {
-    size_t comma = text.find(',', start);
-    std::string word = lowerAscii(text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
-    const LevelName* found = nullptr;
-    for (const LevelName& l : kLevelNames)
-      if (word == l.name) found = &l;
-    if (!found) {
-      std::string names;
-      for (const LevelName& l : kLevelNames) names += (names.empty() ? "" : ", ") + std::string(l.name);
-      badInput("--trace: '" + (word.empty() ? text : word) + "' is neither a hexadecimal mask nor a level (" + names +
-               ")");
-    }
-    mask |= found->mask;
-    if (comma == std::string::npos) return mask;
-    start = comma + 1;
-  }
-}
-
-// Receives the log service's lines while the command runs; --trace sends
-// them to standard error as "function: text". Without --trace the mask is 0
-// so nothing reaches the platform console, whose echo would otherwise mix
-// the driver's lines into a document written to standard output.
-class TraceRoute {
- public:
-  TraceRoute(DEBUG_LOG_PROTOCOL* log, UINTN mask, std::ostream* to) : log_(log), to_(to) {
-    if (!log_) failure("the sample platform has no log service");
-    EFI_STATUS status = log_->SetLevelMask(log_, to_ ? mask : 0);
-    if (status == EFI_SUCCESS) status = log_->RegisterSink(log_, &TraceRoute::sink, this);
-    if (status != EFI_SUCCESS) failure("the log service refuses a trace sink: " + statusText(status));
-  }
-  ~TraceRoute() { log_->UnregisterSink(log_, &TraceRoute::sink, this); }
-  TraceRoute(const TraceRoute&) = delete;
-  TraceRoute& operator=(const TraceRoute&) = delete;
-
- private:
-  static VOID EFIAPI sink(VOID* context, UINTN, const CHAR8* function, const CHAR16* line) {
-    auto* self = static_cast<TraceRoute*>(context);
-    if (!self->to_) return;
-    std::string text = utf8(line ? std::u16string(reinterpret_cast<const char16_t*>(line)) : std::u16string());
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    *self->to_ << (function ? function : "(unnamed)") << ": " << text << "\n";
-  }
-
-  DEBUG_LOG_PROTOCOL* log_;
-  std::ostream* to_;
-};
-
-// A document tree handed out by the driver, freed through the XML service.
-class Tree {
- public:
-  explicit Tree(XML_PROTOCOL* xml) : xml_(xml) {}
-  ~Tree() {
-    if (root) xml_->XML_FreeNode(xml_, root);
-  }
-  Tree(const Tree&) = delete;
-  Tree& operator=(const Tree&) = delete;
-
-  XML_NODE* root = nullptr;
-
- private:
-  XML_PROTOCOL* xml_;
-};
-
-// A pool text handed out by the XML service.
-class PoolText {
- public:
-  explicit PoolText(host::Platform& platform) : platform_(platform) {}
-  ~PoolText() {
-    if (text) platform_.bootServices()->FreePool(text);
-  }
-  PoolText(const PoolText&) = delete;
-  PoolText& operator=(const PoolText&) = delete;
-
-  CHAR8* text = nullptr;
-
- private:
-  host::Platform& platform_;
-};
-
-TOLVANE_PROTOCOL* loadConverter(SamplePlatform& sample) {
-  EFI_HANDLE driver = nullptr;
-  EFI_STATUS entry = sample.loadDriver(&driver);
-  if (entry != EFI_SUCCESS) failure("the driver's entry failed with " + statusText(entry));
-  std::vector<EFI_HANDLE> carriers = sample.platform().handlesWith(gTolvaneProtocolGuid);
-  if (carriers.empty()) failure("the driver's entry succeeded but no converter protocol is installed");
-  return static_cast<TOLVANE_PROTOCOL*>(sample.platform().handleProtocol(carriers.front(), gTolvaneProtocolGuid));
-}
 
 enum class Kind { Combined, Possible, Current };
 
@@ -183,19 +61,6 @@ std::string exportDocument(SamplePlatform& sample, TOLVANE_PROTOCOL* converter, 
     return {};
   }
   return std::string(text.text) + "\n";
-}
-
-void writeDocument(const std::string& file, const std::string& document, std::ostream& out) {
-  if (file.empty()) {
-    out << document;
-    return;
-  }
-  std::ofstream stream(file, std::ios::binary | std::ios::trunc);
-  if (!stream) failure("cannot create " + file + ": " + std::strerror(errno));
-  stream << document;
-  stream.close();
-  if (!stream) failure("cannot write " + file + ": " + std::strerror(errno));
-  out << "wrote " << document.size() << " bytes to " << file << "\n";
 }
 
 // A file name for the document of a device: the FQDD with every character

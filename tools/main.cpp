@@ -98,6 +98,62 @@ constexpr Command kCommands[] = {
     {"export-hii", tvl::cli::runExportHii, "tolvane export-hii [--device FQDD] -o FILE",
      "Writes the package lists of the sample devices (or of the one named by\n"
      "--device) to FILE as ExportPackageLists returns them, for `forms --hii`.\n"},
+    {"apply", tvl::cli::runApply,
+     "tolvane apply PENDING.xml [--device FQDD] [-o RESULTS.xml] [--dry-run] [--trace LEVELS]\n"
+     "       tolvane apply PENDING.xml --hii FILE --fqdd TEXT [--package-list N] [--config FILE]\n"
+     "                     [--config-out FILE] [--request-out FILE] [-o RESULTS.xml] [--dry-run]",
+     "Applies a pending document: a current-values document with new values in\n"
+     "which the items to change carry a CommitIndex of 1 or more (docs/documents.md;\n"
+     "`tolvane diff --pending` makes one from an edited export). The converter's\n"
+     "NodeToHii checks each numbered item against the device's forms and encodes\n"
+     "the accepted values into a configuration request; NodeSaveToHii then routes\n"
+     "the request to the device's RouteConfig, which writes the stores (kept in the\n"
+     "state file). --dry-run stops after NodeToHii: nothing is written.\n"
+     "\n"
+     "The device is the one named by the document's ConfigDataEntry FQDD, or by\n"
+     "--device. A table shows one row per item: its name, old and new value,\n"
+     "Success or Failure, and the error code with its message. Numbered items\n"
+     "that got no row (unchanged on a device other than the BIOS setup, not\n"
+     "writable, or not among the forms of the first form set) are named below it.\n"
+     "-o (--output) writes the ConfigResults document; --request-out writes the\n"
+     "request NodeToHii built, as UTF-8 on one line (empty when it built none).\n"
+     "\n"
+     "--hii FILE applies the document offline to a package list of a file of\n"
+     "exported package lists, as `export --hii` exports it: the stores start from\n"
+     "the forms' defaults or --config FILE and the device's RouteConfig writes and\n"
+     "validates them as a sample device does. --config-out FILE writes the stores\n"
+     "afterwards, one line per store in the form --config reads (the whole store\n"
+     "as one block). So a document can be tried without the machine: the request\n"
+     "and the stores show exactly what it would write.\n"
+     "\n"
+     "On the BIOS setup the pending password items (SetupPassword, SysPassword and\n"
+     "their SHA256 forms, docs/documents.md) are applied first, through\n"
+     "SetBIOSPassword and the platform's password service, into the same results.\n"
+     "\n"
+     "Exit 0 when every item succeeded (or nothing was numbered), 3 when an item\n"
+     "failed or SetBIOSPassword, NodeToHii or NodeSaveToHii returned an error\n"
+     "(named on standard error with its status: after a failed save, items shown\n"
+     "as Success may not have been written), 1 when the platform fails, 2 for wrong\n"
+     "arguments or a document that cannot be read.\n"},
+    {"set", tvl::cli::runSet,
+     "tolvane set --device FQDD NAME=VALUE... [-o RESULTS.xml] [--request-out FILE] [--dry-run]\n"
+     "                   [--trace LEVELS]",
+     "Changes settings by name: exports the device's current values afresh, sets\n"
+     "each NAME's value and numbers the items in the order given, then applies\n"
+     "that document as `apply` does (same table, files and exit codes). VALUE is\n"
+     "what the pending document's Value would hold: an option's name, true or\n"
+     "false, a decimal number, a text; for an ordered list every entry's name in\n"
+     "the new order, separated by commas.\n"},
+    {"diff", tvl::cli::runDiff, "tolvane diff BEFORE.xml AFTER.xml [--pending [-o FILE]]",
+     "Shows the items whose values differ between two current-values documents of\n"
+     "a device (`export --current`, or the current entry of a combined document):\n"
+     "\"NAME: OLD -> NEW\", and items found in one document only. Items pair by\n"
+     "name (and partition).\n"
+     "\n"
+     "--pending writes the pending document that turns BEFORE into AFTER: AFTER\n"
+     "with the changed items numbered 1, 2, ... in document order and every other\n"
+     "CommitIndex 0, to FILE or to standard output (the listing then goes to\n"
+     "standard error). `tolvane apply FILE` applies it.\n"},
     {"password", tvl::cli::runPassword,
      "tolvane password {setup|system} [--clear] [--service new|legacy]\n"
      "       tolvane password --service new|legacy",
@@ -152,7 +208,8 @@ void printUsage(std::ostream& out) {
          "                  default is a lean allocator that keeps counts only.\n"
          "\n`tolvane <command> --help` describes a command.\n"
          "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input,\n"
-         "3 the device refused a setting.\n\n"
+         "3 (apply, set, password) an item, the converter's import or save, or a password change\n"
+         "failed.\n\n"
       << kStateHelp;
 }
 

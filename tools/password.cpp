@@ -10,6 +10,7 @@
 #include "host/sample/sample_platform.h"
 #include "host/sample/sample_state.h"
 #include "tools/cli.h"
+#include "tools/converter.h"
 
 namespace tvl::cli {
 namespace {
@@ -155,14 +156,6 @@ class RefusalLog {
   std::string reason_;
 };
 
-TOLVANE_PROTOCOL* loadConverter(SamplePlatform& sample, EFI_HANDLE* driver) {
-  EFI_STATUS entry = sample.loadDriver(driver);
-  if (entry != EFI_SUCCESS) failure("the driver's entry failed with " + statusText(entry));
-  std::vector<EFI_HANDLE> carriers = sample.platform().handlesWith(gTolvaneProtocolGuid);
-  if (carriers.empty()) failure("the driver's entry succeeded but no converter protocol is installed");
-  return static_cast<TOLVANE_PROTOCOL*>(sample.platform().handleProtocol(carriers.front(), gTolvaneProtocolGuid));
-}
-
 struct ResultRecord {
   std::string name, status, code;
 };
@@ -249,23 +242,23 @@ int runPassword(const std::vector<std::string>& args, std::ostream& out) {
   EFI_HANDLE driver = nullptr;
   TOLVANE_PROTOCOL* converter = loadConverter(sample, &driver);
   XML_PROTOCOL* xml = sample.xml();
-  XML_NODE* pending = nullptr;
+  Tree pending(xml), results(xml);
   XML_PARSE_ERROR parseError{};
-  EFI_STATUS parsed = xml->XML_ParseText(xml, document.text().data(), document.text().size(), &pending, &parseError);
+  EFI_STATUS parsed =
+      xml->XML_ParseText(xml, document.text().data(), document.text().size(), &pending.root, &parseError);
   document.wipe();
   if (parsed != EFI_SUCCESS) failure("the pending document cannot be parsed: " + statusText(parsed));
 
-  XML_NODE* results = nullptr;
   EFI_STATUS status;
   std::string reason;
   {
     RefusalLog refusals(sample.log());
-    status = converter->SetBIOSPassword(converter, pending, &results);
+    status = converter->SetBIOSPassword(converter, pending.root, &results.root);
     reason = refusals.reason();
   }
-  std::vector<ResultRecord> records = resultRecords(results);
-  xml->XML_FreeNode(xml, pending);
-  if (results) xml->XML_FreeNode(xml, results);
+  std::vector<ResultRecord> records = resultRecords(results.root);
+  pending.reset();
+  results.reset();
   stores.commit();
   checkPool(sample.platform());
 

@@ -5,6 +5,7 @@
 #include "export/export.h"
 #include "import/import.h"
 #include "password/password.h"
+#include "import/save.h"
 #include "uefi/runtime.h"
 
 using tvl::trace;
@@ -117,7 +118,7 @@ void fillRecord(TOLVANE_PROTOCOL& record) {
   record.NodeToHii = tvlNodeToHii;
   record.Slot3 = &UnsupportedOperation;
   record.Slot4 = &UnsupportedOperation;
-  record.NodeSaveToHii = unsupported<TOLVANE_NODE_SAVE_TO_HII>();
+  record.NodeSaveToHii = tvlNodeSaveToHii;
   record.Slot6 = &UnsupportedOperation;
   record.SetBIOSPassword = tvlSetBIOSPassword;
   record.Slot8 = &UnsupportedOperation;

@@ -52,39 +52,67 @@ CodeText codeText(UINT64 code) {
   return out;
 }
 
-}  // namespace tvl::imp
 
 namespace {
 
 constexpr CHAR8 kFunction[] = "addErrorNode";
 
 XML_NODE* nextNamed(XML_NODE* node, const CHAR8* name) {
-  while (node && !tvl::imp::named(node, name)) node = node->next;
+  while (node && !named(node, name)) node = node->next;
   return node;
 }
 
 // Replaces a node's contents; when the copy cannot be made the node is
 // left without contents.
 void setContents(XML_NODE* node, const CHAR8* text) {
-  tvl::rt::release(node->contents);
-  node->contents = tvl::rt::duplicate(text).release();
+  rt::release(node->contents);
+  node->contents = rt::duplicate(text).release();
 }
 
 }  // namespace
 
-extern "C" VOID addErrorNode(const CHAR8* Name, UINT64 ErrorCode, XML_NODE** ResultsRoot) {
-  tvl::trace(TVL_LEVEL_PROGRESS, kFunction, u"Marking failure, ErrorCode = %lx\n", ErrorCode);
-  if (!ResultsRoot || !*ResultsRoot || !Name) return;
-  XML_NODE* name = nullptr;
-  if (EFI_ERROR(findNodeByNameAndContents("Name", Name, *ResultsRoot, &name))) return;
-  XML_NODE* detail = nextNamed(name->next, "Detail");
+EFI_STATUS RecordIndex::build(XML_NODE* root) {
+  bool refused = false;
+  RETURN_IF_ERROR(walkDocument(root, [&](XML_NODE* node) {
+    UINT64 found = 0;
+    if (named(node, "Name") && node->contents && !names_.find(node->contents, &found) &&
+        !names_.put(node->contents, UINT64(UINTN(node)))) {
+      refused = true;
+      return Step::Stop;
+    }
+    return Step::Enter;
+  }));
+  return refused ? EFI_OUT_OF_RESOURCES : EFI_SUCCESS;
+}
+
+XML_NODE* RecordIndex::find(const CHAR8* name) const {
+  UINT64 node = 0;
+  return names_.find(name, &node) ? reinterpret_cast<XML_NODE*>(UINTN(node)) : nullptr;
+}
+
+void markErrorRecord(const CHAR8* name, UINT64 errorCode, XML_NODE** resultsRoot, const RecordIndex* index) {
+  trace(TVL_LEVEL_PROGRESS, kFunction, u"Marking failure, ErrorCode = %lx\n", errorCode);
+  if (!resultsRoot || !*resultsRoot || !name) return;
+  XML_NODE* nameNode = nullptr;
+  if (index)
+    nameNode = index->find(name);
+  else if (EFI_ERROR(findNodeByNameAndContents("Name", name, *resultsRoot, &nameNode)))
+    nameNode = nullptr;
+  if (!nameNode) return;
+  XML_NODE* detail = nextNamed(nameNode->next, "Detail");
   XML_NODE* status = detail ? nextNamed(detail, "Status") : nullptr;
   if (!status) return;
   if (status->contents) setContents(status, "Failure");
   if (XML_NODE* code = nextNamed(status, "ErrorCode")) {
     // Formatted into a fixed buffer, then copied at its exact length.
-    tvl::imp::CodeText text = tvl::imp::codeText(ErrorCode);
+    CodeText text = codeText(errorCode);
     setContents(code, text.text);
   }
-  tvl::trace(TVL_LEVEL_PROGRESS, kFunction, u"Marked failure, ErrorCode = %lx\n", ErrorCode);
+  trace(TVL_LEVEL_PROGRESS, kFunction, u"Marked failure, ErrorCode = %lx\n", errorCode);
+}
+
+}  // namespace tvl::imp
+
+extern "C" VOID addErrorNode(const CHAR8* Name, UINT64 ErrorCode, XML_NODE** ResultsRoot) {
+  tvl::imp::markErrorRecord(Name, ErrorCode, ResultsRoot, nullptr);
 }

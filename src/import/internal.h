@@ -3,6 +3,7 @@
 // hexadecimal text of error codes.
 #pragma once
 
+#include "import/collections.h"
 #include "import/import.h"
 #include "uefi/runtime.h"
 
@@ -44,6 +45,21 @@ struct RequestText {
 // and nothing is freed.
 EFI_STATUS appendRequestSegment(RequestText& request, const CHAR16* configHdr, const CHAR16* blockName,
                                 const CHAR16* value, bool exact);
+
+// The records addErrorNode marks, by name: the first element named "Name"
+// with that text in document order from the root, as its own search finds
+// it. Built once for all the marks of a save.
+class RecordIndex {
+ public:
+  EFI_STATUS build(XML_NODE* root);
+  XML_NODE* find(const CHAR8* name) const;
+
+ private:
+  HashMap<ByText<CHAR8>> names_;
+};
+
+// addErrorNode through an index (null: its own search from the root).
+void markErrorRecord(const CHAR8* name, UINT64 errorCode, XML_NODE** resultsRoot, const RecordIndex* index);
 
 // Undoes the XML escapes of a text in place (the text only shrinks).
 void unescapeInPlace(CHAR8* text);

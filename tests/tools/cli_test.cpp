@@ -23,85 +23,17 @@
 #include "host/sample/sample_state.h"
 #include "tests/host/offline/dump_shapes.h"
 #include "tests/support/fixture.h"
+#include "tests/tools/cli_runner.h"
 
 namespace sample = tvl::host::sample;
 namespace shapes = tvl::test::shapes;
 using tvl::host::hii::toAscii;
 
+using tvl::test::Cli;
+using tvl::test::Outcome;
+using tvl::test::readAll;
+
 namespace {
-
-struct Outcome {
-  int exitCode = -1;
-  std::string out, err;
-};
-
-std::string readAll(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-}
-
-// Runs the built program in a temporary directory of its own, with a state
-// file there (never the user's own).
-class Cli {
- public:
-  Cli() {
-    char pattern[] = "/tmp/tolvane-cli-XXXXXX";
-    if (!mkdtemp(pattern)) throw std::runtime_error("cannot make a temporary directory");
-    dir_ = pattern;
-  }
-  ~Cli() { std::system(("rm -rf '" + dir_ + "'").c_str()); }
-  Cli(const Cli&) = delete;
-  Cli& operator=(const Cli&) = delete;
-
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
-
-  // Runs with the checked pool unless `lean` (the checked pool fails a
-  // command that frees memory wrongly), on the test's own state file.
-  Outcome run(const std::vector<std::string>& args, bool lean = false) const {
-    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, lean);
-  }
-  // With `environment` ("NAME=value ...", as the shell takes it) instead.
-  Outcome runWith(const std::string& environment, const std::vector<std::string>& args, bool lean = false,
-                  const std::string& input = "") const {
-    std::string command = "env -u TOLVANE_STATE -u XDG_STATE_HOME " + environment + " '" TOLVANE_CLI "'";
-    if (!lean) command += " --checked-pool";
-    for (const auto& a : args) command += " '" + a + "'";
-    if (!input.empty()) command += " <'" + input + "'";
-    command += " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
-    int status = std::system(command.c_str());
-    Outcome r;
-    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = readAll(path("stdout"));
-    r.err = readAll(path("stderr"));
-    return r;
-  }
-
-  // With `input` as standard input (a file, not a terminal).
-  Outcome runInput(const std::vector<std::string>& args, const std::string& input) const {
-    write("stdin", input);
-    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, false, path("stdin"));
-  }
-
-  // Every sample device's package lists, as export-hii writes them.
-  std::vector<UINT8> exportAll() const {
-    Outcome r = run({"export-hii", "-o", path("all.hii")});
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    std::string bytes = readAll(path("all.hii"));
-    return std::vector<UINT8>(bytes.begin(), bytes.end());
-  }
-
-  void write(const std::string& name, const std::vector<UINT8>& bytes) const {
-    std::ofstream(path(name), std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                                     std::streamsize(bytes.size()));
-  }
-  void write(const std::string& name, const std::string& text) const {
-    std::ofstream(path(name), std::ios::binary) << text;
-  }
-
-
- private:
-  std::string dir_;
-};
 
 // The lines after the line that contains `header`, up to the next line
 // indented no deeper than it.
@@ -679,7 +611,7 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
     EXPECT_NE(r.err.find(c.says), std::string::npos) << name << ": " << r.err;
   }
   EXPECT_NE(cli.run({"--help"}).out.find("--checked-pool  serve the platform's pool"), std::string::npos);
-  for (const char* command : {"info", "devices", "forms", "export-hii", "export", "reset"}) {
+  for (const char* command : {"info", "devices", "forms", "export-hii", "export", "apply", "set", "diff", "reset"}) {
     Outcome r = cli.run({command, "--help"});
     EXPECT_EQ(r.exitCode, 0) << command;
     EXPECT_EQ(r.out.rfind(std::string("usage: tolvane ") + command, 0), 0u) << r.out;

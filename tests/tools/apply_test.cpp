@@ -1,0 +1,492 @@
+// `tolvane apply`, `set` and `diff` run as a program: the edit, diff and
+// apply round trip on the sample BIOS setup, the table and exit code of
+// each outcome, refusals, and the offline apply whose stores must hold
+// exactly what its request says.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <memory>
+
+#include "host/hii/config_string.h"
+#include "host/sample/sample_platform.h"
+#include "import/import.h"
+#include "tests/support/fixture.h"
+#include "tests/tools/cli_runner.h"
+
+namespace sample = tvl::host::sample;
+namespace hii = tvl::host::hii;
+using tvl::test::Cli;
+using tvl::test::Outcome;
+using tvl::test::readAll;
+
+namespace {
+
+const std::string kBios = "BIOS.InternalSetup.1-1";
+const std::string kNic = "NIC.Integrated.1-1-1";
+
+// Where the ConfigItem named `name` lies in a one-line document: from its
+// Name element to its end tag.
+std::pair<size_t, size_t> itemSpan(const std::string& doc, const std::string& name) {
+  size_t at = doc.find("<Name>" + name + "</Name>");
+  if (at == std::string::npos) return {std::string::npos, std::string::npos};
+  return {at, doc.find("</ConfigItem>", at)};
+}
+
+// The first Value of the item, or of the record, named `name`.
+std::string elementAfter(const std::string& doc, const std::string& name, const std::string& element) {
+  const size_t at = doc.find("<Name>" + name + "</Name>");
+  if (at == std::string::npos) return "(no " + name + ")";
+  const size_t open = doc.find("<" + element + ">", at);
+  if (open == std::string::npos) return "(no " + element + ")";
+  const size_t start = open + element.size() + 2;
+  return doc.substr(start, doc.find("</" + element + ">", start) - start);
+}
+std::string valueOf(const std::string& doc, const std::string& name) { return elementAfter(doc, name, "Value"); }
+
+std::string withValue(std::string doc, const std::string& name, const std::string& value) {
+  const size_t open = doc.find("<Value>", itemSpan(doc, name).first) + 7;
+  return doc.replace(open, doc.find("</Value>", open) - open, value);
+}
+
+// The table's row of an item.
+std::string rowOf(const std::string& out, const std::string& name) {
+  const size_t at = ("\n" + out).find("\n" + name + " ");
+  return at == std::string::npos ? "" : out.substr(at, out.find('\n', at) - at);
+}
+
+// A power limit other than `old` within the item's range (35 to 500 by 5).
+std::string otherPowerLimit(const std::string& old) { return old == "200" ? "205" : "200"; }
+
+// What the driver of this build answers, looked up in this process on a
+// sample platform of the test's own.
+class ApplyCliTest : public tvl::test::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    sample_ = std::make_unique<sample::SamplePlatform>(platform());
+    ASSERT_EQ(sample_->loadDriver(&driver_), EFI_SUCCESS);
+    skipLeakCheck();  // the installed record stays with the loaded driver
+  }
+  void TearDown() override {
+    sample_.reset();
+    PlatformTest::TearDown();
+  }
+
+  // Whether NodeSaveToHii writes in this build (its slot is not the one
+  // that answers EFI_UNSUPPORTED).
+  bool saveImplemented() {
+    auto* record = static_cast<TOLVANE_PROTOCOL*>(platform().handleProtocol(driver_, gTolvaneProtocolGuid));
+    return reinterpret_cast<void*>(record->NodeSaveToHii) != platform().imageSymbol(driver_, "UnsupportedOperation");
+  }
+  std::string message(UINT64 code) {
+    auto* table = static_cast<const ERROR_MESSAGE_ROW*>(platform().imageSymbol(driver_, "ErrorMessageTable"));
+    for (; table && table->Code; ++table)
+      if (table->Code == code) return table->Message;
+    return "(no message for the code)";
+  }
+
+  std::unique_ptr<sample::SamplePlatform> sample_;
+  EFI_HANDLE driver_ = nullptr;
+};
+
+std::string currentOf(const Cli& cli, const std::string& device) {
+  Outcome r = cli.run({"export", "--device", device, "--current"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  return r.out;
+}
+
+// Export, edit, diff --pending, apply, export again; then a value out of
+// range, which must fail with exit 3 and its code in the results.
+TEST_F(ApplyCliTest, AnEditedExportAppliedShowsInTheNextExport) {
+  Cli cli;
+  const std::string before = currentOf(cli, kBios);
+  const std::string old = valueOf(before, "ProcPwrLimit"), wanted = otherPowerLimit(old);
+  cli.write("before.xml", before);
+  cli.write("after.xml", withValue(before, "ProcPwrLimit", wanted));
+  Outcome diff = cli.run({"diff", cli.path("before.xml"), cli.path("after.xml"), "--pending", "-o", cli.path("p.xml")});
+  ASSERT_EQ(diff.exitCode, 0) << diff.err;
+  EXPECT_NE(diff.out.find("ProcPwrLimit: " + old + " -> " + wanted + "\n"), std::string::npos) << diff.out;
+
+  Outcome dry = cli.run({"apply", cli.path("p.xml"), "--dry-run"});
+  EXPECT_EQ(dry.exitCode, 0) << dry.err;
+  EXPECT_NE(rowOf(dry.out, "ProcPwrLimit").find("  " + old + "  "), std::string::npos) << dry.out;
+  EXPECT_NE(rowOf(dry.out, "ProcPwrLimit").find("  " + wanted + "  "), std::string::npos) << dry.out;
+  EXPECT_NE(rowOf(dry.out, "ProcPwrLimit").find("Success"), std::string::npos) << dry.out;
+  EXPECT_EQ(valueOf(currentOf(cli, kBios), "ProcPwrLimit"), old) << "a dry run writes nothing";
+
+  Outcome applied = cli.run({"apply", cli.path("p.xml"), "-o", cli.path("results.xml")});
+  if (saveImplemented()) {
+    EXPECT_EQ(applied.exitCode, 0) << applied.out << applied.err;
+    EXPECT_EQ(elementAfter(readAll(cli.path("results.xml")), "ProcPwrLimit", "Status"), "Success");
+    EXPECT_EQ(valueOf(currentOf(cli, kBios), "ProcPwrLimit"), wanted);
+  } else {
+    // Until the save path exists its slot answers EFI_UNSUPPORTED, which
+    // must not pass for success.
+    EXPECT_EQ(applied.exitCode, 3);
+    EXPECT_NE(applied.err.find("tolvane apply: NodeSaveToHii failed: EFI_UNSUPPORTED"), std::string::npos)
+        << applied.err;
+  }
+
+  const std::string now = currentOf(cli, kBios);
+  cli.write("now.xml", now);
+  cli.write("bad.xml", withValue(now, "ProcPwrLimit", "9999"));
+  ASSERT_EQ(cli.run({"diff", cli.path("now.xml"), cli.path("bad.xml"), "--pending", "-o", cli.path("p.xml")}).exitCode,
+            0);
+  Outcome bad = cli.run({"apply", cli.path("p.xml"), "-o", cli.path("results.xml")});
+  EXPECT_EQ(bad.exitCode, 3) << bad.out;
+  const std::string results = readAll(cli.path("results.xml"));
+  EXPECT_EQ(elementAfter(results, "ProcPwrLimit", "Status"), "Failure") << results;
+  EXPECT_EQ(elementAfter(results, "ProcPwrLimit", "ErrorCode"), "301") << results;
+  EXPECT_NE(rowOf(bad.out, "ProcPwrLimit").find("Failure  301 " + message(0x301)), std::string::npos) << bad.out;
+  EXPECT_NE(bad.err.find("NodeToHii failed: EFI_DEVICE_ERROR"), std::string::npos) << bad.err;
+  EXPECT_EQ(valueOf(currentOf(cli, kBios), "ProcPwrLimit"), valueOf(now, "ProcPwrLimit"));
+}
+
+// One row per item in the order given, each with its status and code; the
+// exit code is 0 only when every item succeeded.
+TEST_F(ApplyCliTest, SetTablesEveryItemWithItsCode) {
+  Cli cli;
+  const std::string current = currentOf(cli, kBios);
+  const std::string limit = otherPowerLimit(valueOf(current, "ProcPwrLimit"));
+  struct Item {
+    std::string assignment, name;
+    UINT64 code;  // 0: Success
+  };
+  const struct Case {
+    std::vector<Item> items;
+    const char* importStatus;  // null: EFI_SUCCESS
+  } cases[] = {
+      {{{"ProcPwrLimit=" + limit, "ProcPwrLimit", 0}}, nullptr},
+      {{{"ProcPwrLimit=9999", "ProcPwrLimit", 0x301}}, "EFI_DEVICE_ERROR"},
+      {{{"ProcPwrLimit=12x", "ProcPwrLimit", 0x303}}, "EFI_DEVICE_ERROR"},
+      {{{"MemOpMode=NoSuchMode", "MemOpMode", 0x101}}, "EFI_DEVICE_ERROR"},
+      {{{"BootSeqRetry=yes", "BootSeqRetry", 0x401}}, "EFI_DEVICE_ERROR"},
+      {{{"MemOpMode=NoSuchMode", "MemOpMode", 0x101}, {"ProcPwrLimit=" + limit, "ProcPwrLimit", 0}}, "EFI_ABORTED"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = {"set", "--device", kBios, "--dry-run", "-o", cli.path("results.xml")};
+    for (const Item& item : c.items) args.push_back(item.assignment);
+    Outcome r = cli.run(args);
+    const std::string what = c.items.front().assignment + ": " + r.out + r.err;
+    EXPECT_EQ(r.exitCode, c.importStatus ? 3 : 0) << what;
+    EXPECT_EQ(r.err.find("NodeToHii failed: " + std::string(c.importStatus ? c.importStatus : "")) !=
+                  std::string::npos,
+              c.importStatus != nullptr)
+        << what;
+    const std::string results = readAll(cli.path("results.xml"));
+    size_t previous = 0;
+    for (const Item& item : c.items) {
+      const std::string row = rowOf(r.out, item.name);
+      EXPECT_NE(row.find(item.code ? "Failure" : "Success"), std::string::npos) << what;
+      if (item.code) {
+        char code[16];
+        std::snprintf(code, sizeof code, "%llx", static_cast<unsigned long long>(item.code));
+        EXPECT_NE(row.find(std::string(code) + " " + message(item.code)), std::string::npos) << what;
+        EXPECT_EQ(elementAfter(results, item.name, "ErrorCode"), code) << what;
+      }
+      const size_t at = r.out.find(row);
+      EXPECT_GT(at, previous) << "rows in the order given: " << what;
+      previous = at;
+    }
+  }
+  EXPECT_EQ(readAll(cli.path("platform.state")), "") << "dry runs leave the state file alone";
+}
+
+// An ordered list set by names in a new order encodes as a request that a
+// list with the old order does not.
+TEST(ApplyCli, SetTakesAnOrderedListByNames) {
+  Cli cli;
+  const std::string current = currentOf(cli, kBios);
+  const auto span = itemSpan(current, "UefiBootSeq");
+  std::vector<std::string> names;
+  for (size_t at = current.find("<Value>", span.first); at < span.second; at = current.find("<Value>", at + 1))
+    names.push_back(current.substr(at + 7, current.find("</Value>", at) - at - 7));
+  ASSERT_GE(names.size(), 2u);
+  auto joined = [](const std::vector<std::string>& list) {
+    std::string text;
+    for (const auto& n : list) text += (text.empty() ? "" : ",") + n;
+    return text;
+  };
+  std::vector<std::string> swapped = names;
+  std::swap(swapped[0], swapped[1]);
+  std::string requests[2];
+  for (int i = 0; i < 2; ++i) {
+    Outcome r = cli.run({"set", "--device", kBios, "--dry-run", "--request-out", cli.path("request.txt"),
+                         "UefiBootSeq=" + joined(i ? swapped : names)});
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    requests[i] = readAll(cli.path("request.txt"));
+    EXPECT_EQ(requests[i].rfind("GUID=", 0), 0u) << requests[i];
+  }
+  EXPECT_NE(requests[0], requests[1]);
+  Outcome wrong = cli.run({"set", "--device", kBios, "UefiBootSeq=" + names[0]});
+  EXPECT_EQ(wrong.exitCode, 2);
+  EXPECT_NE(wrong.err.find("UefiBootSeq is an ordered list of " + std::to_string(names.size()) + " entries"),
+            std::string::npos)
+      << wrong.err;
+}
+
+// Documents with nothing to do exit 0 and say so; a numbered item that
+// the import passes over is named.
+TEST(ApplyCli, NothingToApplyIsSaidAndExitsZero) {
+  Cli cli;
+  cli.write("current.xml", currentOf(cli, kBios));
+  Outcome none = cli.run({"apply", cli.path("current.xml"), "-o", cli.path("results.xml")});
+  EXPECT_EQ(none.exitCode, 0) << none.err;
+  EXPECT_NE(none.out.find("nothing to apply"), std::string::npos) << none.out;
+  EXPECT_EQ(readAll(cli.path("results.xml")), "<ConfigResults/>\n");
+
+  // An unchanged value of a device other than the BIOS setup.
+  const std::string nic = currentOf(cli, kNic);
+  const size_t enumeration = nic.find("<ConfigItem Type=\"Enumeration\">");
+  ASSERT_NE(enumeration, std::string::npos);
+  const size_t nameAt = nic.find("<Name>", enumeration) + 6;
+  const std::string item = nic.substr(nameAt, nic.find("</Name>", nameAt) - nameAt);
+  Outcome same = cli.run({"set", "--device", kNic, item + "=" + valueOf(nic, item)});
+  EXPECT_EQ(same.exitCode, 0) << same.err;
+  EXPECT_NE(same.out.find("passed over without a result"), std::string::npos) << same.out;
+  EXPECT_NE(same.out.find(" " + item + "\n"), std::string::npos) << same.out;
+  EXPECT_NE(same.out.find("NodeSaveToHii not called"), std::string::npos) << same.out;
+}
+
+TEST(ApplyCli, WrongArgumentsAndDocumentsAreRefused) {
+  Cli cli;
+  ASSERT_EQ(cli.run({"export", "--device", kBios, "--possible", "-o", cli.path("possible.xml")}).exitCode, 0);
+  cli.write("broken.xml", std::string("<ConfigData>\n<ConfigDataEntry FQDD=\"x\">\n</ConfigData>"));
+  cli.write("other.xml", std::string("<Something/>"));
+  cli.write("nofqdd.xml", std::string("<ConfigData><ConfigDataEntry Type=\"CurrentValues\"/></ConfigData>"));
+  const std::string possible = cli.path("possible.xml");
+  const struct Case {
+    std::vector<std::string> args;
+    const char* says;
+  } cases[] = {
+      {{"apply"}, "name the pending document"},
+      {{"apply", possible, possible}, "one pending document at a time"},
+      {{"apply", cli.path("missing.xml")}, "cannot read"},
+      {{"apply", cli.path("broken.xml")}, "broken.xml: line 3, column"},
+      {{"apply", cli.path("other.xml")}, "no ConfigDataEntry"},
+      {{"apply", cli.path("nofqdd.xml")}, "names no FQDD; name the device with --device FQDD"},
+      {{"apply", possible}, "holds the possible values"},
+      {{"apply", possible, "--device", "NIC.Integrated.9-9-9"}, "possible values"},
+      {{"apply", cli.path("nofqdd.xml"), "--device", "NIC.Integrated.9-9-9"}, "no device with FQDD"},
+      {{"apply", possible, "--config-out", "x"}, "--config-out goes with --hii FILE"},
+      {{"apply", possible, "--hii", "f", "--device", kBios}, "cannot be combined with --hii"},
+      {{"apply", possible, "--hii", cli.path("missing.hii")}, "--hii FILE needs --fqdd TEXT"},
+      {{"set", "ProcPwrLimit=200"}, "name the device with --device FQDD"},
+      {{"set", "--device", kBios}, "give at least one NAME=VALUE"},
+      {{"set", "--device", kBios, "ProcPwrLimit"}, "'ProcPwrLimit' is not NAME=VALUE"},
+      {{"set", "--device", kBios, "=5"}, "'=5' is not NAME=VALUE"},
+      {{"set", "--device", kBios, "NoSuchItem=1"}, "no item NoSuchItem in the current values"},
+      {{"set", "--device", kBios, "EmbSata=AhciMode"}, "EmbSata holds no value that can be set"},
+      {{"diff", possible}, "give two documents"},
+      {{"diff", possible, possible, "-o", "x"}, "-o goes with --pending"},
+      {{"diff", possible, possible}, "holds possible values"},
+  };
+  for (const Case& c : cases) {
+    Outcome r = cli.run(c.args);
+    EXPECT_EQ(r.exitCode, 2) << c.says << ": " << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << c.says << ": " << r.err;
+  }
+  EXPECT_EQ(readAll(cli.path("platform.state")), "");
+}
+
+// The listing names exactly the changed items; the pending document
+// numbers them 1, 2, ... in document order and every other item 0, and
+// applying it reports them in that order.
+TEST(ApplyCli, DiffNumbersTheChangedItemsInDocumentOrder) {
+  Cli cli;
+  const std::string before = currentOf(cli, kBios);
+  cli.write("before.xml", before);
+  std::string after = withValue(before, "MemTest", valueOf(before, "MemTest") == "true" ? "false" : "true");
+  after = withValue(after, "ProcPwrLimit", otherPowerLimit(valueOf(before, "ProcPwrLimit")));
+  {  // the boot sequence's first entry switched
+    const auto span = itemSpan(after, "UefiBootSeq");
+    const size_t enabled = after.find("Enabled=\"", span.first) + 9;
+    after.replace(enabled, after[enabled] == 't' ? 4 : 5, after[enabled] == 't' ? "false" : "true");
+  }
+  {  // AssetTag left out
+    const auto span = itemSpan(after, "AssetTag");
+    const size_t open = after.rfind("<ConfigItem", span.first);
+    after.erase(open, span.second + 13 - open);
+  }
+  cli.write("after.xml", after);
+  const std::vector<std::string> changed = {"UefiBootSeq", "ProcPwrLimit", "MemTest"};  // in document order
+
+  Outcome listing = cli.run({"diff", cli.path("before.xml"), cli.path("after.xml")});
+  ASSERT_EQ(listing.exitCode, 0) << listing.err;
+  for (const std::string& name : changed)
+    EXPECT_NE(("\n" + listing.out).find("\n" + name + ": "), std::string::npos) << listing.out;
+  EXPECT_NE(listing.out.find("only in " + cli.path("before.xml") + ": AssetTag = "), std::string::npos);
+  EXPECT_NE(listing.out.find("3 changed, 1 only in"), std::string::npos) << listing.out;
+  // The current entry of a combined document compares the same.
+  ASSERT_EQ(cli.run({"export", "--device", kBios, "-o", cli.path("combined.xml")}).exitCode, 0);
+  EXPECT_EQ(cli.run({"diff", cli.path("combined.xml"), cli.path("after.xml")}).out,
+            [&] {
+              std::string expected = listing.out;
+              for (size_t at; (at = expected.find(cli.path("before.xml"))) != std::string::npos;)
+                expected.replace(at, cli.path("before.xml").size(), cli.path("combined.xml"));
+              return expected;
+            }());
+
+  Outcome pending = cli.run({"diff", cli.path("combined.xml"), cli.path("after.xml"), "--pending"});
+  ASSERT_EQ(pending.exitCode, 0) << pending.err;
+  EXPECT_EQ(pending.out.find("PossibleValues"), std::string::npos);
+  size_t numbered = 0;
+  for (size_t at = pending.out.find("<CommitIndex>"); at != std::string::npos;
+       at = pending.out.find("<CommitIndex>", at + 1)) {
+    const std::string index = pending.out.substr(at + 13, pending.out.find('<', at + 13) - at - 13);
+    if (index == "0") continue;
+    ASSERT_LT(numbered, changed.size());
+    EXPECT_EQ(index, std::to_string(numbered + 1));
+    EXPECT_NE(pending.out.rfind("<Name>" + changed[numbered] + "</Name>", at), std::string::npos);
+    EXPECT_GT(pending.out.rfind("<Name>" + changed[numbered] + "</Name>", at), pending.out.rfind("<ConfigItem", at));
+    ++numbered;
+  }
+  EXPECT_EQ(numbered, changed.size());
+  cli.write("pending.xml", pending.out);
+  Outcome applied = cli.run({"apply", cli.path("pending.xml"), "--dry-run"});
+  size_t previous = 0;
+  for (const std::string& name : changed) {
+    const size_t at = applied.out.find("\n" + name + " ");
+    EXPECT_NE(at, std::string::npos) << applied.out;
+    EXPECT_GT(at, previous) << applied.out;
+    previous = at;
+  }
+}
+
+// ---------------------------------------------------------------- offline
+// Each line of a --config-out file: the store's header and its bytes.
+std::map<std::string, std::vector<uint8_t>> storesOf(const std::string& text) {
+  std::map<std::string, std::vector<uint8_t>> stores;
+  size_t start = 0;
+  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+    const std::u16string line = hii::toUtf16(text.substr(start, end - start));
+    hii::ConfigString config;
+    EXPECT_EQ(hii::parseConfigString(line, hii::ConfigKind::Response, config), EFI_SUCCESS) << text;
+    EXPECT_EQ(config.blocks.size(), 1u);
+    if (config.blocks.size() != 1) continue;
+    EXPECT_EQ(config.blocks[0].offset, 0u);
+    stores[hii::toAscii(line.substr(0, config.header.end))] = config.blocks[0].value;
+  }
+  return stores;
+}
+
+// The stores a real apply leaves are the stores before it with exactly the
+// blocks of the request that a dry run wrote.
+TEST_F(ApplyCliTest, OfflineStoresHoldExactlyTheRequestsValues) {
+  Cli cli;
+  ASSERT_EQ(cli.run({"export-hii", "--device", kBios, "-o", cli.path("bios.hii")}).exitCode, 0);
+  const std::vector<std::string> offline = {"--hii", cli.path("bios.hii"), "--fqdd", kBios};
+  auto run = [&](std::vector<std::string> args) {
+    args.insert(args.end(), offline.begin(), offline.end());
+    return cli.run(args);
+  };
+  Outcome current = run({"export", "--current"});
+  ASSERT_EQ(current.exitCode, 0) << current.err;
+  std::string edited = withValue(current.out, "ProcPwrLimit", otherPowerLimit(valueOf(current.out, "ProcPwrLimit")));
+  edited = withValue(edited, "MemTest", valueOf(current.out, "MemTest") == "true" ? "false" : "true");
+  cli.write("current.xml", current.out);
+  cli.write("edited.xml", edited);
+  ASSERT_EQ(cli.run({"diff", cli.path("current.xml"), cli.path("edited.xml"), "--pending", "-o", cli.path("p.xml")})
+                .exitCode,
+            0);
+
+  Outcome dry = run({"apply", cli.path("p.xml"), "--dry-run", "--request-out", cli.path("request.txt"),
+                     "--config-out", cli.path("before.cfg")});
+  ASSERT_EQ(dry.exitCode, 0) << dry.out << dry.err;
+  const std::string request = readAll(cli.path("request.txt"));
+  ASSERT_EQ(request.back(), '\n');
+  ASSERT_EQ(std::count(request.begin(), request.end(), '\n'), 1);
+  // --config-out writes what --config reads: the stores go round unchanged.
+  Outcome again = run({"apply", cli.path("p.xml"), "--dry-run", "--config", cli.path("before.cfg"), "--config-out",
+                       cli.path("again.cfg")});
+  EXPECT_EQ(again.exitCode, 0) << again.err;
+  EXPECT_EQ(readAll(cli.path("again.cfg")), readAll(cli.path("before.cfg")));
+
+  std::map<std::string, std::vector<uint8_t>> expected = storesOf(readAll(cli.path("before.cfg")));
+  ASSERT_FALSE(expected.empty());
+  const std::u16string text = hii::toUtf16(request.substr(0, request.size() - 1));
+  size_t segments = 0;
+  for (size_t at = text.find(u"GUID="); at != std::u16string::npos; ++segments) {
+    const size_t next = text.find(u"GUID=", at + 1);
+    hii::ConfigString config;
+    ASSERT_EQ(hii::parseConfigString(text.substr(at, next - at), hii::ConfigKind::Response, config), EFI_SUCCESS);
+    auto store = expected.find(hii::toAscii(text.substr(at, config.header.end)));
+    ASSERT_NE(store, expected.end()) << "the request names a store the device does not have";
+    for (const hii::ConfigBlock& block : config.blocks)
+      std::copy(block.value.begin(), block.value.end(), store->second.begin() + long(block.offset));
+    at = next;
+  }
+  EXPECT_EQ(segments, 2u);
+
+  if (!saveImplemented()) GTEST_SKIP() << "NodeSaveToHii answers EFI_UNSUPPORTED in this build: nothing is written";
+  Outcome real = run({"apply", cli.path("p.xml"), "--config-out", cli.path("after.cfg")});
+  EXPECT_EQ(real.exitCode, 0) << real.out << real.err;
+  EXPECT_EQ(storesOf(readAll(cli.path("after.cfg"))), expected);
+  EXPECT_NE(storesOf(readAll(cli.path("after.cfg"))), storesOf(readAll(cli.path("before.cfg"))));
+}
+
+}  // namespace
+
+namespace {
+
+// The pending document with the password item `name` numbered `index` and
+// holding `base64` (marked as Base64), whatever its Value looked like.
+std::string withPassword(std::string doc, const std::string& name, const std::string& index, const std::string& base64) {
+  const auto [from, to] = itemSpan(doc, name);
+  if (from == std::string::npos) return doc;
+  std::string item = doc.substr(from, to - from);
+  const size_t commit = item.find("<CommitIndex>");
+  item.replace(commit, item.find("</CommitIndex>") - commit, "<CommitIndex>" + index);
+  const size_t value = item.find("<Value");
+  const size_t selfClosed = item.find("/>", value), closed = item.find("</Value>", value);
+  const size_t end = closed != std::string::npos && (selfClosed == std::string::npos || closed < selfClosed)
+                         ? closed + 8
+                         : selfClosed + 2;
+  item.replace(value, end - value, "<Value Encoding=\"Base64\">" + base64 + "</Value>");
+  return doc.replace(from, to - from, item);
+}
+
+// Password items of a BIOS document go through SetBIOSPassword before the
+// import, into the same results, and a refused change fails the apply.
+TEST_F(ApplyCliTest, PasswordItemsGoFirstThroughSetBIOSPassword) {
+  Cli cli;
+  const std::string before = currentOf(cli, kBios);
+  const std::string wanted = otherPowerLimit(valueOf(before, "ProcPwrLimit"));
+  cli.write("before.xml", before);
+  cli.write("after.xml", withValue(before, "ProcPwrLimit", wanted));
+  ASSERT_EQ(cli.run({"diff", cli.path("before.xml"), cli.path("after.xml"), "--pending", "-o", cli.path("p.xml")})
+                .exitCode,
+            0);
+  const std::string pending = readAll(cli.path("p.xml"));
+  cli.write("set.xml", withPassword(pending, "SetupPassword", "1", "QWJj"));  // "Abc"
+
+  Outcome applied = cli.run({"apply", cli.path("set.xml"), "-o", cli.path("results.xml")});
+  EXPECT_EQ(applied.exitCode, 0) << applied.out << applied.err;
+  const std::string results = readAll(cli.path("results.xml"));
+  EXPECT_EQ(elementAfter(results, "SetupPassword", "Status"), "Success") << results;
+  EXPECT_EQ(elementAfter(results, "ProcPwrLimit", "Status"), "Success") << results;
+  EXPECT_LT(results.find("<Name>SetupPassword</Name>"), results.find("<Name>ProcPwrLimit</Name>")) << results;
+  EXPECT_EQ(results.find("QWJj"), std::string::npos) << "no password value in the results";
+  // Set indeed: the newer service clears it now, and refuses a second clear.
+  EXPECT_EQ(cli.runInput({"password", "setup", "--clear"}, "").exitCode, 0);
+  EXPECT_EQ(cli.runInput({"password", "setup", "--clear"}, "").exitCode, 1);
+
+  // The older service checks the old password the document gives.
+  ASSERT_EQ(cli.run({"password", "--service", "legacy"}).exitCode, 0);
+  ASSERT_EQ(cli.runInput({"password", "setup"}, "Abc\n").exitCode, 0);
+  cli.write("wrong.xml", withPassword(withPassword(pending, "SetupPassword", "1", "WHl6"),  // "Xyz"
+                                      "OldSetupPassword", "0", "YmFk"));                     // "bad"
+  Outcome wrong = cli.run({"apply", cli.path("wrong.xml")});
+  EXPECT_EQ(wrong.exitCode, 3) << wrong.out << wrong.err;
+  EXPECT_NE(rowOf(wrong.out, "SetupPassword").find("Failure  603 " + message(0x603)), std::string::npos) << wrong.out;
+  EXPECT_NE(wrong.err.find("tolvane apply: SetBIOSPassword failed: EFI_ABORTED"), std::string::npos) << wrong.err;
+  cli.write("right.xml", withPassword(withPassword(pending, "SetupPassword", "1", "WHl6"), "OldSetupPassword", "0",
+                                      "QUJD"));  // "ABC": the older service compares lower-cased
+  Outcome right = cli.run({"apply", cli.path("right.xml")});
+  EXPECT_EQ(right.exitCode, 0) << right.out << right.err;
+  EXPECT_NE(rowOf(right.out, "SetupPassword").find("Success"), std::string::npos) << right.out;
+}
+
+}  // namespace
