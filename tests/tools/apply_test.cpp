@@ -439,11 +439,9 @@ std::string withPassword(std::string doc, const std::string& name, const std::st
   std::string item = doc.substr(from, to - from);
   const size_t commit = item.find("<CommitIndex>");
   item.replace(commit, item.find("</CommitIndex>") - commit, "<CommitIndex>" + index);
-  const size_t value = item.find("<Value");
-  const size_t selfClosed = item.find("/>", value), closed = item.find("</Value>", value);
-  const size_t end = closed != std::string::npos && (selfClosed == std::string::npos || closed < selfClosed)
-                         ? closed + 8
-                         : selfClosed + 2;
+  // The export writes an empty password value as <Value/>.
+  const size_t empty = item.find("<Value/>"), value = empty != std::string::npos ? empty : item.find("<Value>");
+  const size_t end = empty != std::string::npos ? empty + 8 : item.find("</Value>", value) + 8;
   item.replace(value, end - value, "<Value Encoding=\"Base64\">" + base64 + "</Value>");
   return doc.replace(from, to - from, item);
 }
