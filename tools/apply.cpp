@@ -3,6 +3,7 @@
 // numbered item) and NodeSaveToHii (routes the request to the device's
 // RouteConfig), on the sample platform or offline, reported as a table with
 // one row per item.
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 
@@ -51,6 +52,30 @@ std::vector<NumberedItem> numberedItems(XML_NODE* root) {
     if (node) node = node->next;
   }
   return items;
+}
+
+// Whether one of the password items that SetBIOSPassword applies has a
+// pending change: a CommitIndex other than 0 (one without contents counts,
+// as it does for SetBIOSPassword).
+bool hasPendingPassword(XML_NODE* root) {
+  static const char* const kPasswordItems[] = {"SetupPassword", "SysPassword", "SHA256SetupPassword",
+                                               "SHA256SystemPassword"};
+  for (XML_NODE* node = root; node;) {
+    if (node->name && std::string(node->name) == "ConfigItem") {
+      const std::string name = contents(node->children);
+      for (const char* item : kPasswordItems) {
+        const XML_NODE* index = child(node, "CommitIndex");
+        if (name == item && index && (!index->contents || std::strtoull(index->contents, nullptr, 10) != 0))
+          return true;
+      }
+    } else if (node->children) {
+      node = node->children;
+      continue;
+    }
+    while (node && !node->next) node = node->parent;
+    if (node) node = node->next;
+  }
+  return false;
 }
 
 // The table of a results document: one row per Operation.
@@ -149,6 +174,11 @@ bool ApplyJob::saveable() const {
   return false;
 }
 
+void ApplyJob::setPasswords() {
+  EFI_STATUS status = converter_->SetBIOSPassword(converter_, pending_, &results_);
+  calls_.push_back({"SetBIOSPassword", status});
+}
+
 void ApplyJob::saveValues() {
   EFI_STATUS status = converter_->NodeSaveToHii(converter_, device_, request_, &results_);
   calls_.push_back({"NodeSaveToHii", status});
@@ -176,6 +206,7 @@ int ApplyJob::run(const ApplySettings& settings, const std::string& command, std
   }
   // Items that another operation applies go before the import, one step
   // each, on the same pending tree and results document.
+  if (hasPendingPassword(pending_)) setPasswords();
   importValues();
   const bool save = !settings.dryRun && saveable();
   if (save) saveValues();

@@ -39,6 +39,10 @@ class ApplyJob {
   int run(const ApplySettings& settings, const std::string& command, std::ostream& out);
 
   // ---- the steps
+  // SetBIOSPassword: the password items of a BIOS document, applied before
+  // the import into the same results. Only made when one of them is
+  // pending, so that documents without passwords need no password service.
+  void setPasswords();
   // NodeToHii: checks the numbered items, records each in the results and
   // builds the request.
   void importValues();

@@ -2,8 +2,9 @@
 // parsing and text helpers.
 //
 // Exit codes: 0 success; 1 the emulated platform or an operation failed;
-// 2 the command line or an input file is wrong; 3 (apply, set) an item or an
-// operation of the converter failed.
+// 2 the command line or an input file is wrong; 3 (apply, set, password) an
+// item or an operation of the converter failed, or the password service
+// refused a change.
 #pragma once
 
 #include <ostream>
@@ -29,8 +30,8 @@ namespace tvl::cli {
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitBadInput = 2;
-// `apply` and `set`: an item failed, or NodeToHii or NodeSaveToHii answered
-// with an error.
+// `apply` and `set`: an item failed, or NodeToHii, NodeSaveToHii or
+// SetBIOSPassword answered with an error; `password`: a "Failure" record.
 constexpr int kExitItemsFailed = 3;
 
 // An error that ends the command with `code`; the message is printed as
@@ -86,6 +87,11 @@ int runForms(const std::vector<std::string>& args, std::ostream& out);
 int runExportHii(const std::vector<std::string>& args, std::ostream& out);
 int runExport(const std::vector<std::string>& args, std::ostream& out);
 int runReset(const std::vector<std::string>& args, std::ostream& out);
+int runPassword(const std::vector<std::string>& args, std::ostream& out);
+
+// The message of a results document's error code (hexadecimal text, as the
+// records write it) from the loaded driver's table; empty when unknown.
+std::string errorCodeMessage(host::Platform& platform, EFI_HANDLE driver, const std::string& code);
 int runApply(const std::vector<std::string>& args, std::ostream& out);
 int runSet(const std::vector<std::string>& args, std::ostream& out);
 int runDiff(const std::vector<std::string>& args, std::ostream& out);

@@ -126,11 +126,15 @@ constexpr Command kCommands[] = {
      "as one block). So a document can be tried without the machine: the request\n"
      "and the stores show exactly what it would write.\n"
      "\n"
+     "On the BIOS setup the pending password items (SetupPassword, SysPassword and\n"
+     "their SHA256 forms, docs/documents.md) are applied first, through\n"
+     "SetBIOSPassword and the platform's password service, into the same results.\n"
+     "\n"
      "Exit 0 when every item succeeded (or nothing was numbered), 3 when an item\n"
-     "failed or NodeToHii or NodeSaveToHii returned an error (named on standard\n"
-     "error with its status: after a failed save, items shown as Success may not\n"
-     "have been written), 1 when the platform fails, 2 for wrong arguments or a\n"
-     "document that cannot be read.\n"},
+     "failed or SetBIOSPassword, NodeToHii or NodeSaveToHii returned an error\n"
+     "(named on standard error with its status: after a failed save, items shown\n"
+     "as Success may not have been written), 1 when the platform fails, 2 for wrong\n"
+     "arguments or a document that cannot be read.\n"},
     {"set", tvl::cli::runSet,
      "tolvane set --device FQDD NAME=VALUE... [-o RESULTS.xml] [--request-out FILE] [--dry-run]\n"
      "                   [--trace LEVELS]",
@@ -150,6 +154,30 @@ constexpr Command kCommands[] = {
      "with the changed items numbered 1, 2, ... in document order and every other\n"
      "CommitIndex 0, to FILE or to standard output (the listing then goes to\n"
      "standard error). `tolvane apply FILE` applies it.\n"},
+    {"password", tvl::cli::runPassword,
+     "tolvane password {setup|system} [--clear] [--service new|legacy]\n"
+     "       tolvane password --service new|legacy",
+     "Sets, changes or clears the setup or the system password of the sample BIOS\n"
+     "device as a configuration job does: the passwords become the Base64 values\n"
+     "of a pending document's SetupPassword / OldSetupPassword (SysPassword /\n"
+     "OldSysPassword) items, which the converter's SetBIOSPassword applies through\n"
+     "the bound password service. The outcome is printed per item.\n"
+     "\n"
+     "Passwords are never taken from the command line. On a terminal the command\n"
+     "asks for them without echo (the new one twice); otherwise it reads them from\n"
+     "standard input, one per line: the old password first when the older service\n"
+     "is bound and a password is installed (only that service checks it), then the\n"
+     "new one unless --clear is given. A password has at most 32 bytes; the older\n"
+     "service stores it lower-cased.\n"
+     "\n"
+     "--service new|legacy chooses which password service the sample platform\n"
+     "loads (the newer or the older one); the choice is kept in the state file,\n"
+     "as are the passwords. Alone it only changes the service.\n"
+     "\n"
+     "Exit 3 when the service refused the change (a wrong old password is\n"
+     "reported with error code 603 and its message), 1 when SetBIOSPassword\n"
+     "refused the request before asking the service (the reason is printed),\n"
+     "2 for wrong arguments or input.\n"},
     {"reset", tvl::cli::runReset, "tolvane reset",
      "Restores the defaults: writes the stores of a freshly built sample\n"
      "platform to the state file, whatever it held before (also when it\n"
@@ -180,7 +208,8 @@ void printUsage(std::ostream& out) {
          "                  default is a lean allocator that keeps counts only.\n"
          "\n`tolvane <command> --help` describes a command.\n"
          "Exit codes: 0 success, 1 the platform or an operation failed, 2 wrong arguments or input,\n"
-         "3 (apply, set) an item or the converter's import or save failed.\n\n"
+         "3 (apply, set, password) an item, the converter's import or save, or a password change\n"
+         "failed.\n\n"
       << kStateHelp;
 }
 

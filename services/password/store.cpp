@@ -106,10 +106,11 @@ void derive(const PASSWORD_RECORD& r, const VOID* secret, UINTN size, UINT8 out[
 // bits (such a password cannot have been hashed that way).
 bool hashWithSaltText(const PASSWORD_RECORD& r, const CHAR16* password, UINT8 out[kSha256Size]) {
   Sha256 hash;
+  Wiped<UINT8> byte;  // one character of the password at a time
   for (const CHAR16* c = password; *c; ++c) {
     if (*c > 0xFF) return false;
-    UINT8 byte = UINT8(*c);
-    hash.update(&byte, 1);
+    byte.value = UINT8(*c);
+    hash.update(&byte.value, 1);
   }
   hash.update(r.SaltText, r.SaltTextLength);
   hash.finish(out);

@@ -4,6 +4,7 @@
 #include "driver/trace.h"
 #include "export/export.h"
 #include "import/import.h"
+#include "password/password.h"
 #include "import/save.h"
 #include "uefi/runtime.h"
 
@@ -119,7 +120,7 @@ void fillRecord(TOLVANE_PROTOCOL& record) {
   record.Slot4 = &UnsupportedOperation;
   record.NodeSaveToHii = tvlNodeSaveToHii;
   record.Slot6 = &UnsupportedOperation;
-  record.SetBIOSPassword = unsupported<TOLVANE_SET_BIOS_PASSWORD>();
+  record.SetBIOSPassword = tvlSetBIOSPassword;
   record.Slot8 = &UnsupportedOperation;
   record.NodesToCombinedXMLChar = tvlNodesToCombinedXMLChar;
 }

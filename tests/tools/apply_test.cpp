@@ -413,3 +413,63 @@ TEST_F(ApplyCliTest, OfflineStoresHoldExactlyTheRequestsValues) {
 }
 
 }  // namespace
+
+namespace {
+
+// The pending document with the password item `name` numbered `index` and
+// holding `base64` (marked as Base64), whatever its Value looked like.
+std::string withPassword(std::string doc, const std::string& name, const std::string& index, const std::string& base64) {
+  const auto [from, to] = itemSpan(doc, name);
+  if (from == std::string::npos) return doc;
+  std::string item = doc.substr(from, to - from);
+  const size_t commit = item.find("<CommitIndex>");
+  item.replace(commit, item.find("</CommitIndex>") - commit, "<CommitIndex>" + index);
+  // The export writes an empty password value as <Value/>.
+  const size_t empty = item.find("<Value/>"), value = empty != std::string::npos ? empty : item.find("<Value>");
+  const size_t end = empty != std::string::npos ? empty + 8 : item.find("</Value>", value) + 8;
+  item.replace(value, end - value, "<Value Encoding=\"Base64\">" + base64 + "</Value>");
+  return doc.replace(from, to - from, item);
+}
+
+// Password items of a BIOS document go through SetBIOSPassword before the
+// import, into the same results, and a refused change fails the apply.
+TEST_F(ApplyCliTest, PasswordItemsGoFirstThroughSetBIOSPassword) {
+  Cli cli;
+  const std::string before = currentOf(cli, kBios);
+  const std::string wanted = otherPowerLimit(valueOf(before, "ProcPwrLimit"));
+  cli.write("before.xml", before);
+  cli.write("after.xml", withValue(before, "ProcPwrLimit", wanted));
+  ASSERT_EQ(cli.run({"diff", cli.path("before.xml"), cli.path("after.xml"), "--pending", "-o", cli.path("p.xml")})
+                .exitCode,
+            0);
+  const std::string pending = readAll(cli.path("p.xml"));
+  cli.write("set.xml", withPassword(pending, "SetupPassword", "1", "QWJj"));  // "Abc"
+
+  Outcome applied = cli.run({"apply", cli.path("set.xml"), "-o", cli.path("results.xml")});
+  EXPECT_EQ(applied.exitCode, 0) << applied.out << applied.err;
+  const std::string results = readAll(cli.path("results.xml"));
+  EXPECT_EQ(elementAfter(results, "SetupPassword", "Status"), "Success") << results;
+  EXPECT_EQ(elementAfter(results, "ProcPwrLimit", "Status"), "Success") << results;
+  EXPECT_LT(results.find("<Name>SetupPassword</Name>"), results.find("<Name>ProcPwrLimit</Name>")) << results;
+  EXPECT_EQ(results.find("QWJj"), std::string::npos) << "no password value in the results";
+  // Set indeed: the newer service clears it now, and refuses a second clear.
+  EXPECT_EQ(cli.runInput({"password", "setup", "--clear"}, "").exitCode, 0);
+  EXPECT_EQ(cli.runInput({"password", "setup", "--clear"}, "").exitCode, 1);
+
+  // The older service checks the old password the document gives.
+  ASSERT_EQ(cli.run({"password", "--service", "legacy"}).exitCode, 0);
+  ASSERT_EQ(cli.runInput({"password", "setup"}, "Abc\n").exitCode, 0);
+  cli.write("wrong.xml", withPassword(withPassword(pending, "SetupPassword", "1", "WHl6"),  // "Xyz"
+                                      "OldSetupPassword", "0", "YmFk"));                     // "bad"
+  Outcome wrong = cli.run({"apply", cli.path("wrong.xml")});
+  EXPECT_EQ(wrong.exitCode, 3) << wrong.out << wrong.err;
+  EXPECT_NE(rowOf(wrong.out, "SetupPassword").find("Failure  603 " + message(0x603)), std::string::npos) << wrong.out;
+  EXPECT_NE(wrong.err.find("tolvane apply: SetBIOSPassword failed: EFI_ABORTED"), std::string::npos) << wrong.err;
+  cli.write("right.xml", withPassword(withPassword(pending, "SetupPassword", "1", "WHl6"), "OldSetupPassword", "0",
+                                      "QUJD"));  // "ABC": the older service compares lower-cased
+  Outcome right = cli.run({"apply", cli.path("right.xml")});
+  EXPECT_EQ(right.exitCode, 0) << right.out << right.err;
+  EXPECT_NE(rowOf(right.out, "SetupPassword").find("Success"), std::string::npos) << right.out;
+}
+
+}  // namespace

@@ -51,10 +51,13 @@ class Cli {
     return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, lean);
   }
   // With `environment` ("NAME=value ...", as the shell takes it) instead.
-  Outcome runWith(const std::string& environment, const std::vector<std::string>& args, bool lean = false) const {
+  // `input`, when given, is the file standard input reads.
+  Outcome runWith(const std::string& environment, const std::vector<std::string>& args, bool lean = false,
+                  const std::string& input = "") const {
     std::string command = "env -u TOLVANE_STATE -u XDG_STATE_HOME " + environment + " '" TOLVANE_CLI "'";
     if (!lean) command += " --checked-pool";
     for (const auto& a : args) command += " '" + a + "'";
+    if (!input.empty()) command += " <'" + input + "'";
     command += " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
     int status = std::system(command.c_str());
     Outcome r;
@@ -70,6 +73,12 @@ class Cli {
     EXPECT_EQ(r.exitCode, 0) << r.err;
     std::string bytes = readAll(path("all.hii"));
     return std::vector<UINT8>(bytes.begin(), bytes.end());
+  }
+
+  // With `input` as standard input (a file, not a terminal).
+  Outcome runInput(const std::vector<std::string>& args, const std::string& input) const {
+    write("stdin", input);
+    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, false, path("stdin"));
   }
 
   void write(const std::string& name, const std::vector<UINT8>& bytes) const {

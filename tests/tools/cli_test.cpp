@@ -14,6 +14,7 @@
 #include <functional>
 #include <iterator>
 #include <sstream>
+#include <tuple>
 
 #include "host/hii/config_string.h"
 #include "host/ifr/ifr_dump.h"
@@ -461,6 +462,64 @@ TEST(CliTest, InfoShowsThePasswordServiceTheStateFileChooses) {
         << r.out;
     std::string legacy = block(r.out, "  gLegacyPasswordProtocol ");
     EXPECT_EQ(legacy.find("not bound") == std::string::npos, c.legacyBound) << legacy;
+  }
+}
+
+// Each run is a process of its own, so every step also shows that the
+// service choice and the stored password persist in the state file.
+TEST(CliTest, PasswordSetsChangesAndClearsThroughEitherService) {
+  struct Step {
+    const char* what;
+    std::vector<std::string> args;
+    std::string input;  // standard input, one password per line
+    int exitCode;
+    std::string out;  // a line the output holds
+    std::string err;  // a text standard error holds
+  } older[] = {
+      {"choose the older service", {"password", "--service", "legacy"}, "", 0, "loads the older password service", ""},
+      {"set: no old password asked, none installed", {"password", "setup"}, "Abc\n", 0,
+       "SetupPassword: Success\nOldSetupPassword: Success\nthe setup password is set\n", ""},
+      {"change with a wrong old password", {"password", "setup"}, "nope\nXyz\n", 3, "SetupPassword: Failure 603\n",
+       "tolvane password: the setup password was not set: 603 Password: Old password is incorrect.\n"},
+      {"change with the old one, in any letter case", {"password", "setup"}, "ABC\nXyz\n", 0,
+       "the setup password is set\n", ""},
+      {"the old password is now the new one", {"password", "setup"}, "abc\nQrs\n", 3, "SetupPassword: Failure 603\n",
+       "603"},
+      {"clear", {"password", "setup", "--clear"}, "xyz\n", 0, "the setup password is cleared\n", ""},
+      {"clear with none installed: refused before the service", {"password", "setup", "--clear"}, "", 1, "",
+       "Attempted to clear password, while none is set"},
+      {"the system password, on its own", {"password", "system"}, "Sys\n", 0,
+       "SysPassword: Success\nOldSysPassword: Success\n", ""},
+  }, newer[] = {
+      {"choose the newer service", {"password", "--service", "new"}, "", 0, "loads the newer password service", ""},
+      {"set", {"password", "setup"}, "Abc\n", 0, "the setup password is set\n", ""},
+      {"set over it: no old password asked", {"password", "setup"}, "Def\n", 0, "the setup password is set\n", ""},
+      {"clear", {"password", "setup", "--clear"}, "", 0, "the setup password is cleared\n", ""},
+      {"never from an argument", {"password", "setup", "hunter2"}, "", 2, "", "unexpected argument 'hunter2'"},
+      {"standard input ends early", {"password", "setup"}, "", 2, "", "standard input ended before the new password"},
+      {"longer than 32 bytes", {"password", "setup"}, std::string(33, 'x') + "\n", 2, "", "longer than 32 bytes"},
+      {"empty without --clear", {"password", "setup"}, "\n", 2, "", "use --clear"},
+      {"unknown password", {"password", "admin"}, "", 2, "", "'admin' is neither setup nor system"},
+      {"unknown service", {"password", "--service", "old"}, "", 2, "", "--service takes new or legacy"},
+  };
+  for (const auto& [steps, count, service] :
+       {std::tuple(older, std::size(older), "legacy"), std::tuple(newer, std::size(newer), "new")}) {
+    Cli cli;
+    for (size_t i = 0; i < count; ++i) {
+      const Step& step = steps[i];
+      SCOPED_TRACE(step.what);
+      Outcome r = cli.runInput(step.args, step.input);
+      EXPECT_EQ(r.exitCode, step.exitCode) << r.out << r.err;
+      EXPECT_NE(r.out.find(step.out), std::string::npos) << r.out;
+      EXPECT_NE(r.err.find(step.err), std::string::npos) << r.err;
+      // A platform without a state file loads the newer service.
+      const std::string state = readAll(cli.path("platform.state"));
+      if (!state.empty() || std::string(service) != "new") {
+        EXPECT_NE(state.find(std::string("\npasswords ") + service + "\n"), std::string::npos) << state;
+      }
+    }
+    // The last step of each left the setup password cleared.
+    EXPECT_EQ(readAll(cli.path("platform.state")).find("password-variable SetupPassword"), std::string::npos);
   }
 }
 

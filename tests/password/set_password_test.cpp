@@ -1,0 +1,498 @@
+// SetBIOSPassword and the password request entry behind the protocol slot,
+// against a stand-in service that shows exactly what each ChangePassword
+// call carried: both forms on both services, every refusal with its trace
+// and status, the records, the order of the four attempts, how their
+// statuses combine and which commit indexes they consume.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "password/password.h"
+#include "password_fixture.h"
+
+namespace {
+
+using tvl::test::base64;
+using tvl::test::document;
+using tvl::test::Item;
+using tvl::test::records;
+using tvl::test::Service;
+using Strings = std::vector<std::string>;
+
+constexpr UINT16 kInstalled = EFI_VORK_PASSWORD_INSTALLED;
+constexpr UINT16 kDisabled = EFI_VORK_PASSWORD_DISABLED;
+constexpr const char* kHash = "9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08";
+const std::string k32 = "abcdefghijklmnopqrstuvwxyz012345";
+
+Item password(const std::string& name, const std::string& value, bool marked = true, const char* index = "1") {
+  return Item{name, index, value, marked};
+}
+Item plain(const std::string& name, const std::string& secret) { return password(name, base64(secret)); }
+Item text(const std::string& name, const std::string& value) { return password(name, value, false); }
+
+std::string line(const std::string& text) { return "Tolvane-SetBiosPassword: " + text + "\n"; }
+
+class SetPasswordTest : public tvl::test::PasswordTest {};
+
+// A test name from a row's description.
+template <typename Case>
+std::string rowName(const ::testing::TestParamInfo<Case>& info) {
+  std::string name;
+  for (char c : std::string(info.param.name)) name += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+  return name;
+}
+
+// ---------------------------------------------------------------- SetBIOSPassword
+
+struct FormCase {
+  const char* name;
+  Service service;
+  UINT16 bits;  // PasswordStatus of both passwords
+  std::vector<Item> items;
+  const char* item;
+  const char* second;
+  UINT8 type;
+  EFI_STATUS changeStatus;
+  EFI_STATUS status;
+  Strings changes;
+  Strings records;
+  std::string trace;  // a line SetBIOSPassword must have written
+  UINTN level;
+  EFI_STATUS propertiesStatus = EFI_SUCCESS;
+  bool noRoot = false;
+};
+
+std::vector<FormCase> formCases() {
+  const std::string S = "SetupPassword", O = "OldSetupPassword", H = "SHA256SetupPassword",
+                    HS = "SHA256SetupPasswordSalt";
+  const FormCase cases[] = {
+      // The plain form.
+      {"newer: passed as decoded", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2,
+       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:Abc"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
+       line("ChangePassword (Setup) Success"), TVL_LEVEL_FAILURE},
+      {"older: lower-cased; old item present but not read", Service::FakeOlder, 0,
+       {plain(S, "Abc"), text(O, "not base64 at all")}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
+       EFI_SUCCESS, {"3/2 old= new=u:abc"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
+       line("Attempting to set new password"), TVL_LEVEL_PROGRESS},
+      {"older: old and new lower-cased", Service::FakeOlder, kInstalled, {plain(S, "NewPw"), plain(O, "OldPw")},
+       "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"3/2 old=oldpw new=u:newpw"},
+       {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, line("ChangePassword (Setup) Success"),
+       TVL_LEVEL_FAILURE},
+      {"the name picks the password, the type only the form", Service::FakeNewer, 0, {plain("SysPassword", "Sys1")},
+       "SysPassword", "OldSysPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"2/1 old= new=u:Sys1"},
+       {"SysPassword:Success:0", "OldSysPassword:Success:0"}, line("ChangePassword (Sys) Success"),
+       TVL_LEVEL_FAILURE},
+      {"older: equal but for letter case", Service::FakeOlder, kInstalled, {plain(S, "ABC"), plain(O, "abc")},
+       "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS, EFI_DEVICE_ERROR, {}, {},
+       line("PASSWORDS MATCH; SKIP SET Device Error"), TVL_LEVEL_FAILURE},
+      {"older: old item missing", Service::FakeOlder, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2,
+       EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, line("Invalid XML; Missing OldSetupPassword Invalid Parameter"),
+       TVL_LEVEL_FAILURE},
+      {"older: installed, old empty", Service::FakeOlder, kInstalled, {plain(S, "Abc"), password(O, "")},
+       "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
+       line("Password is INSTALLED, but NULL was provided Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"older: installed, old not marked", Service::FakeOlder, kInstalled,
+       {plain(S, "Abc"), password(O, base64("x"), false)}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
+       EFI_INVALID_PARAMETER, {}, {}, line("Missing Encoding=\"Base64\" Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"older: old decodes to 33 bytes", Service::FakeOlder, kInstalled, {plain(S, "Abc"), plain(O, k32 + "6")},
+       "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
+       line("OldDecodedPasswordSize is too large Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"new not marked", Service::FakeNewer, 0, {password(S, base64("Abc"), false)}, "SetupPassword",
+       "OldSetupPassword", 2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
+       line("Missing Encoding for new password =\"Base64\" Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"new decodes to 33 bytes", Service::FakeNewer, 0, {plain(S, k32 + "6")}, "SetupPassword", "OldSetupPassword",
+       2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, line("NewDecodedPasswordSize is too large Invalid Parameter"),
+       TVL_LEVEL_FAILURE},
+      {"new of 32 bytes", Service::FakeNewer, 0, {plain(S, k32)}, "SetupPassword", "OldSetupPassword", 2,
+       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:" + k32}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
+       line("ChangePassword (Setup) Success"), TVL_LEVEL_FAILURE},
+      {"a zero byte ends the password", Service::FakeNewer, 0, {plain(S, std::string("A\0BC", 4))}, "SetupPassword",
+       "OldSetupPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:A"},
+       {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, "", 0},
+      {"bytes above 0x7f keep their value", Service::FakeNewer, 0, {plain(S, "\xe9t\xc9")}, "SetupPassword",
+       "OldSetupPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:\\u00e9t\\u00c9"},
+       {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, "", 0},
+      {"clear with none installed", Service::FakeNewer, 0, {password(S, "")}, "SetupPassword", "OldSetupPassword", 2,
+       EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
+       line("Attempted to clear password, while none is set Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"clear", Service::FakeNewer, kInstalled, {password(S, "")}, "SetupPassword", "OldSetupPassword", 2,
+       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
+       line("Attempting to clear existing password"), TVL_LEVEL_PROGRESS},
+      {"older: clear", Service::FakeOlder, kInstalled, {password(S, ""), plain(O, "Old")}, "SetupPassword",
+       "OldSetupPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"3/2 old=old new=u:"},
+       {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, line("Attempting to clear existing password"),
+       TVL_LEVEL_PROGRESS},
+      {"disabled", Service::FakeNewer, kInstalled | kDisabled, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword",
+       2, EFI_SUCCESS, EFI_DEVICE_ERROR, {}, {}, line("EFI_VORK_PASSWORD_DISABLED Device Error"), TVL_LEVEL_FAILURE},
+      {"GetProperties fails", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2,
+       EFI_SUCCESS, EFI_VOLUME_CORRUPTED, {}, {}, line("GetProperties Volume Corrupt"), TVL_LEVEL_FAILURE,
+       EFI_VOLUME_CORRUPTED},
+      {"item missing", Service::FakeNewer, 0, {plain(O, "Abc")}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
+       EFI_INVALID_PARAMETER, {}, {}, line("Invalid XML; Missing SetupPassword Invalid Parameter"),
+       TVL_LEVEL_FAILURE},
+      {"item without Value", Service::FakeNewer, 0, {Item{S, "1", std::nullopt, true}}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
+       EFI_INVALID_PARAMETER, {}, {}, line("Invalid XML; Missing Value Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"wrong old password", Service::FakeOlder, kInstalled, {plain(S, "New"), plain(O, "Bad")}, "SetupPassword",
+       "OldSetupPassword", 2, EFI_ACCESS_DENIED, EFI_ACCESS_DENIED, {"3/2 old=bad new=u:new"},
+       {"SetupPassword:Failure:603"}, line("Old password was incorrect; Password was not set Access Denied"),
+       TVL_LEVEL_FAILURE},
+      {"another service failure", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2,
+       EFI_WRITE_PROTECTED, EFI_WRITE_PROTECTED, {"2/2 old= new=u:Abc"},
+       {"SetupPassword:Failure:605", "OldSetupPassword:Failure:605"}, line("Generic failure Write Protected"),
+       TVL_LEVEL_FAILURE},
+      {"unknown name", Service::FakeNewer, 0, {plain("AdminPassword", "Abc")}, "AdminPassword", "OldAdminPassword",
+       2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, line("Invalid TYPE Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"unknown type code: a recorded failure", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword",
+       "OldSetupPassword", 7, EFI_SUCCESS, EFI_DEVICE_ERROR, {},
+       {"SetupPassword:Failure:605", "OldSetupPassword:Failure:605"}, line("Generic failure Device Error"),
+       TVL_LEVEL_FAILURE},
+      // The common start.
+      {"no service", Service::None, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
+       EFI_INVALID_PARAMETER, {}, {}, "Tolvane: Invalid starting parameter: Invalid Parameter\n", TVL_LEVEL_FAILURE},
+      {"no root", Service::FakeNewer, 0, {}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
+       EFI_INVALID_PARAMETER, {}, {}, "Tolvane: Invalid starting parameter: Invalid Parameter\n", TVL_LEVEL_FAILURE,
+       EFI_SUCCESS, true},
+      {"no name", Service::FakeNewer, 0, {plain(S, "Abc")}, nullptr, "OldSetupPassword", 2, EFI_SUCCESS,
+       EFI_INVALID_PARAMETER, {}, {}, "Tolvane: Invalid starting parameter: Invalid Parameter\n", TVL_LEVEL_FAILURE},
+      {"older: no second name", Service::FakeOlder, 0, {plain(S, "Abc"), plain(O, "")}, "SetupPassword", nullptr, 2,
+       EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
+       "Tolvane: Invalid starting parameter OldPassswordName: Invalid Parameter\n", TVL_LEVEL_FAILURE},
+      {"newer: no second name, one record", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword", nullptr, 2,
+       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:Abc"}, {"SetupPassword:Success:0"}, "", 0},
+      // The hash form: texts passed on as they are, 8-bit.
+      {"hash and salt", Service::FakeNewer, 0, {password(H, kHash), text(HS, "NaCl")}, "SHA256SetupPassword",
+       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_SUCCESS, {"1/2 old= hash=a:" + std::string(kHash) + " salt=a:NaCl"},
+       {"SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0"},
+       line("ChangePassword SHA (Setup) Success"), TVL_LEVEL_PROGRESS},
+      {"hash with an empty salt", Service::FakeNewer, 0, {text(H, kHash), text(HS, "")}, "SHA256SetupPassword",
+       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_SUCCESS, {"1/2 old= hash=a:" + std::string(kHash) + " salt=null"},
+       {"SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0"}, "", 0},
+      {"hash clear, installed or not", Service::FakeNewer, 0, {text(H, ""), text(HS, "NaCl")}, "SHA256SetupPassword",
+       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_SUCCESS, {"1/2 old= hash=a: salt=null"},
+       {"SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0"},
+       line("clearing the current setup password "), TVL_LEVEL_PROGRESS},
+      {"system hash", Service::FakeNewer, 0, {text("SHA256SystemPassword", "ab"), text("SHA256SystemPasswordSalt", "s")},
+       "SHA256SystemPassword", "SHA256SystemPasswordSalt", 4, EFI_SUCCESS, EFI_SUCCESS,
+       {"1/1 old= hash=a:ab salt=a:s"}, {"SHA256SystemPassword:Success:0", "SHA256SystemPasswordSalt:Success:0"},
+       line("ChangePassword SHA (Sys) Success"), TVL_LEVEL_PROGRESS},
+      {"hash of 65 characters", Service::FakeNewer, 0, {text(H, std::string(kHash) + "0"), text(HS, "")},
+       "SHA256SetupPassword", "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
+       line("NewDecodedPasswordSize is too large Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"salt of 33 characters", Service::FakeNewer, 0, {text(H, kHash), text(HS, k32 + "6")}, "SHA256SetupPassword",
+       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
+       line("Salt is too large Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"salt item missing", Service::FakeNewer, 0, {text(H, kHash)}, "SHA256SetupPassword", "SHA256SetupPasswordSalt",
+       3, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
+       line("Invalid XML; Missing SHA256SetupPasswordSalt Invalid Parameter"), TVL_LEVEL_FAILURE},
+      {"hash disabled", Service::FakeNewer, kDisabled, {text(H, kHash), text(HS, "")}, "SHA256SetupPassword",
+       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_DEVICE_ERROR, {}, {},
+       line("EFI_VORK_PASSWORD_DISABLED Device Error"), TVL_LEVEL_FAILURE},
+      {"hash unknown name", Service::FakeNewer, 0, {text("SHA256SetupPass", kHash), text(HS, "")}, "SHA256SetupPass",
+       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, line("Invalid TYPE Invalid Parameter"),
+       TVL_LEVEL_FAILURE},
+  };
+  return std::vector<FormCase>(std::begin(cases), std::end(cases));
+}
+
+void PrintTo(const FormCase& c, std::ostream* os) { *os << c.name; }
+
+class FormTest : public SetPasswordTest, public ::testing::WithParamInterface<FormCase> {};
+
+TEST_P(FormTest, BothFormsOnBothServices) {
+  const FormCase& c = GetParam();
+  {
+    start(c.service);
+    if (HasFatalFailure()) return;
+    if (c.service == Service::FakeNewer || c.service == Service::FakeOlder) {
+      fake().bits[1] = fake().bits[2] = c.bits;
+      fake().changeStatus[1] = fake().changeStatus[2] = c.changeStatus;
+      fake().propertiesStatus = c.propertiesStatus;
+    }
+    auto root = parse(document(c.items));
+    XML_NODE* results = nullptr;
+    log().clear();
+    EFI_STATUS status = DRIVER_FN(SetBIOSPassword)(c.item, c.second, c.noRoot ? nullptr : root.get(), c.type, &results);
+    EXPECT_EQ(tvl::test::statusName(status), tvl::test::statusName(c.status)) << log().dump();
+    if (c.service == Service::FakeNewer || c.service == Service::FakeOlder) {
+      EXPECT_EQ(fake().changes(), c.changes);
+    }
+    EXPECT_EQ(records(results), c.records);
+    if (!c.trace.empty()) {
+      const tvl::test::LogRecord* r = log().find("SetBIOSPassword", c.trace);
+      ASSERT_NE(r, nullptr) << log().dump();
+      EXPECT_EQ(r->level, c.level);
+    }
+    // Entry first; the exit only after an attempt.
+    ASSERT_FALSE(log().records().empty());
+    EXPECT_EQ(log().records().front().text, line("Entering ..."));
+    EXPECT_EQ(log().records().front().level, TVL_LEVEL_FAILURE);
+    bool exited = log().findContaining("Tolvane-SetBiosPassword: Exiting with") != nullptr;
+    EXPECT_EQ(exited, !c.records.empty());
+    if (results) xml()->XML_FreeNode(xml(), results);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, FormTest, ::testing::ValuesIn(formCases()), rowName<FormCase>);
+
+// With only the older service, a hash request reaches no service at all.
+TEST_F(SetPasswordTest, HashFormWithTheOlderServiceCallsNothing) {
+  start(Service::FakeOlder);
+  auto root = parse(document({text("SHA256SystemPassword", kHash), text("SHA256SystemPasswordSalt", "x")}));
+  XML_NODE* results = nullptr;
+  EXPECT_EQ(DRIVER_FN(SetBIOSPassword)("SHA256SystemPassword", "SHA256SystemPasswordSalt", root.get(), 4, &results),
+            EFI_INVALID_PARAMETER);
+  EXPECT_TRUE(fake().calls.empty());
+  EXPECT_EQ(results, nullptr);
+  EXPECT_NE(log().find("SetBIOSPassword", "Tolvane: Invalid starting parameter: Invalid Parameter\n"), nullptr);
+}
+
+// ---------------------------------------------------------------- tvlSetBIOSPassword
+
+struct EntryCase {
+  const char* name;
+  Service service;
+  std::vector<Item> items;
+  EFI_STATUS setupStatus;   // the service's answers to changes of the setup
+  EFI_STATUS systemStatus;  // and of the system password
+  EFI_STATUS status;
+  Strings changes;
+  Strings records;
+  std::vector<std::pair<std::string, std::string>> indexes;  // afterwards
+  std::string trace;  // a line of tvlSetBIOSPassword
+};
+
+std::vector<EntryCase> entryCases() {
+  auto sys = [](const char* index) { return password("SysPassword", base64("Sys"), true, index); };
+  auto setup = [](const char* index) { return password("SetupPassword", base64("Set"), true, index); };
+  auto hash = [](const std::string& name, const char* index) { return password(name, "ab", false, index); };
+  const std::string ok = "Tolvane-tvlSetBIOSPassword: Exiting with SUCCESS\n";
+  const EntryCase cases[] = {
+      {"no service", Service::None, {setup("1")}, EFI_SUCCESS, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, {},
+       "Tolvane: Invalid parameter: Invalid Parameter\n"},
+      {"nothing pending", Service::FakeNewer, {setup("0"), sys("0")}, EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS, {}, {},
+       {{"SetupPassword", "0"}, {"SysPassword", "0"}}, ok},
+      {"setup first, whatever the document order", Service::FakeNewer, {sys("2"), setup("1")}, EFI_SUCCESS,
+       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:Set", "2/1 old= new=u:Sys"},
+       {"SetupPassword:Success:0", "OldSetupPassword:Success:0", "SysPassword:Success:0", "OldSysPassword:Success:0"},
+       {{"SetupPassword", "0"}, {"SysPassword", "0"}}, "Tolvane: SetBIOSPassword(Sys): Success\n"},
+      {"only the non-zero index", Service::FakeNewer, {setup("0"), sys("1")}, EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS,
+       {"2/1 old= new=u:Sys"}, {"SysPassword:Success:0", "OldSysPassword:Success:0"},
+       {{"SetupPassword", "0"}, {"SysPassword", "0"}}, ok},
+      {"four attempts in order", Service::FakeNewer,
+       {hash("SHA256SystemPassword", "1"), hash("SHA256SystemPasswordSalt", "1"), hash("SHA256SetupPassword", "1"),
+        hash("SHA256SetupPasswordSalt", "1"), sys("1"), setup("1")},
+       EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS,
+       {"2/2 old= new=u:Set", "2/1 old= new=u:Sys", "1/2 old= hash=a:ab salt=a:ab", "1/1 old= hash=a:ab salt=a:ab"},
+       {"SetupPassword:Success:0", "OldSetupPassword:Success:0", "SysPassword:Success:0", "OldSysPassword:Success:0",
+        "SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0", "SHA256SystemPassword:Success:0",
+        "SHA256SystemPasswordSalt:Success:0"},
+       {{"SHA256SetupPasswordSalt", "0"}, {"SHA256SystemPasswordSalt", "0"}},
+       "Tolvane: SetBIOSPassword(SHA System ): Success\n"},
+      {"a refused setup change, then a system change: success", Service::FakeNewer,
+       {password("SetupPassword", base64("Set"), false), sys("1")}, EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS,
+       {"2/1 old= new=u:Sys"}, {"SysPassword:Success:0", "OldSysPassword:Success:0"}, {{"SetupPassword", "0"}},
+       "Tolvane: SetBIOSPassword(Setup): Invalid Parameter\n"},
+      {"a wrong old setup password, then a system change: success", Service::FakeOlder,
+       {setup("1"), plain("OldSetupPassword", "x"), sys("1"), plain("OldSysPassword", "y")}, EFI_ACCESS_DENIED,
+       EFI_SUCCESS, EFI_SUCCESS, {"3/2 old= new=u:set", "3/1 old= new=u:sys"},
+       {"SetupPassword:Failure:603", "SysPassword:Success:0", "OldSysPassword:Success:0"}, {}, ok},
+      {"a failing last attempt: aborted", Service::FakeNewer, {setup("1"), sys("1")}, EFI_SUCCESS, EFI_DEVICE_ERROR,
+       EFI_ABORTED, {"2/2 old= new=u:Set", "2/1 old= new=u:Sys"},
+       {"SetupPassword:Success:0", "OldSetupPassword:Success:0", "SysPassword:Failure:605", "OldSysPassword:Failure:605"},
+       {}, "Tolvane: One errored!: Device Error\n"},
+      {"a last refusal before the service: aborted", Service::FakeNewer,
+       {setup("1"), password("SysPassword", "", true)}, EFI_SUCCESS, EFI_SUCCESS, EFI_ABORTED,
+       {"2/2 old= new=u:Set"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, {},
+       "Tolvane: One errored!: Invalid Parameter\n"},
+      {"a write-protected last attempt counts as success", Service::FakeNewer, {sys("1")}, EFI_SUCCESS,
+       EFI_WRITE_PROTECTED, EFI_SUCCESS, {"2/1 old= new=u:Sys"},
+       {"SysPassword:Failure:605", "OldSysPassword:Failure:605"}, {},
+       "Tolvane-tvlSetBIOSPassword: ONE PASSWORD SET == SUCCESS\n"},
+      {"an index without contents is pending and stays", Service::FakeNewer, {setup("")}, EFI_SUCCESS, EFI_SUCCESS,
+       EFI_SUCCESS, {"2/2 old= new=u:Set"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
+       {{"SetupPassword", "(none)"}}, ok},
+      {"an item without an index is skipped", Service::FakeNewer, {setup(nullptr)}, EFI_SUCCESS, EFI_SUCCESS,
+       EFI_SUCCESS, {}, {}, {}, ok},
+      {"a salt keeps its mark without its hash", Service::FakeNewer,
+       {hash("SHA256SetupPassword", "0"), hash("SHA256SetupPasswordSalt", "3")}, EFI_SUCCESS, EFI_SUCCESS,
+       EFI_SUCCESS, {}, {}, {{"SHA256SetupPasswordSalt", "3"}}, ok},
+      {"a salt without a mark", Service::FakeNewer,
+       {hash("SHA256SetupPassword", "1"), hash("SHA256SetupPasswordSalt", "0")}, EFI_SUCCESS, EFI_SUCCESS,
+       EFI_SUCCESS, {"1/2 old= hash=a:ab salt=a:ab"},
+       {"SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0"}, {{"SHA256SetupPassword", "0"}},
+       "Tolvane: CheckAndClearCommitIndex failed\n"},
+      {"older: a hash is refused, its mark consumed", Service::FakeOlder,
+       {hash("SHA256SetupPassword", "1"), hash("SHA256SetupPasswordSalt", "1")}, EFI_SUCCESS, EFI_SUCCESS, EFI_ABORTED,
+       {}, {}, {{"SHA256SetupPassword", "0"}, {"SHA256SetupPasswordSalt", "0"}},
+       "Tolvane: SetBIOSPassword(SHA Setup): Invalid Parameter\n"},
+  };
+  return std::vector<EntryCase>(std::begin(cases), std::end(cases));
+}
+
+void PrintTo(const EntryCase& c, std::ostream* os) { *os << c.name; }
+
+class EntryTest : public SetPasswordTest, public ::testing::WithParamInterface<EntryCase> {};
+
+TEST_P(EntryTest, AppliesThePendingItemsInItsOrder) {
+  const EntryCase& c = GetParam();
+  const std::string ok = "Tolvane-tvlSetBIOSPassword: Exiting with SUCCESS\n";
+  {
+    start(c.service);
+    if (HasFatalFailure()) return;
+    if (c.service == Service::None) {
+      auto root = parse(document(c.items));
+      XML_NODE* results = nullptr;
+      EXPECT_EQ(apply(root.get(), &results), c.status);
+      EXPECT_NE(log().find("tvlSetBIOSPassword", c.trace), nullptr) << log().dump();
+      return;
+    }
+    fake().changeStatus[PASSWORD_WHICH_SETUP] = c.setupStatus;
+    fake().changeStatus[PASSWORD_WHICH_SYSTEM] = c.systemStatus;
+    auto root = parse(document(c.items));
+    XML_NODE* results = nullptr;
+    log().clear();
+    TOLVANE_PROTOCOL* self = converter();
+    EXPECT_EQ(tvl::test::statusName(self->SetBIOSPassword(self, root.get(), &results)), tvl::test::statusName(c.status))
+        << log().dump();
+    EXPECT_EQ(fake().changes(), c.changes);
+    EXPECT_EQ(records(results), c.records);
+    for (const auto& [item, index] : c.indexes) EXPECT_EQ(commitIndex(root.get(), item), index) << item;
+    const tvl::test::LogRecord* r = log().find("tvlSetBIOSPassword", c.trace);
+    ASSERT_NE(r, nullptr) << log().dump();
+    const bool combined = c.trace == ok || c.trace.rfind("Tolvane: One", 0) == 0 || c.trace.find("ONE PASSWORD") != std::string::npos;
+    EXPECT_EQ(r->level, combined ? TVL_LEVEL_FAILURE : TVL_LEVEL_PROGRESS);
+    EXPECT_EQ(log().records().front().text, "Tolvane-tvlSetBIOSPassword: Entering...\n");
+    if (results) xml()->XML_FreeNode(xml(), results);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, EntryTest, ::testing::ValuesIn(entryCases()), rowName<EntryCase>);
+
+// A second call with the same document attempts nothing, except an item
+// whose CommitIndex has no contents: that one is applied every time.
+TEST_F(SetPasswordTest, SecondCallOfTheSameDocument) {
+  struct Case {
+    const char* name;
+    const char* index;
+    size_t secondChanges;
+  } cases[] = {{"consumed", "1", 0}, {"never consumed", "", 1}};
+  start(Service::FakeNewer);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fake().calls.clear();
+    auto root = parse(document({password("SysPassword", base64("Sys"), true, c.index)}));
+    TOLVANE_PROTOCOL* self = converter();
+    XML_NODE* results = nullptr;
+    ASSERT_EQ(self->SetBIOSPassword(self, root.get(), &results), EFI_SUCCESS);
+    ASSERT_EQ(fake().changes().size(), 1u);
+    fake().calls.clear();
+    XML_NODE* first = results;
+    ASSERT_EQ(self->SetBIOSPassword(self, root.get(), &results), EFI_SUCCESS);
+    EXPECT_EQ(fake().changes().size(), c.secondChanges);
+    EXPECT_EQ(results, first) << "the records of both calls share one root";
+    EXPECT_EQ(records(results).size(), 2 + 2 * c.secondChanges);
+    xml()->XML_FreeNode(xml(), results);
+  }
+}
+
+TEST_F(SetPasswordTest, EntryRefusesMissingArgumentsBeforeReadingAnything) {
+  struct Case {
+    const char* name;
+    bool self, root, results;
+  } cases[] = {
+      {"no This", false, true, true},
+      {"no root", true, false, true},
+      {"no results", true, true, false},
+  };
+  start(Service::FakeNewer);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    log().clear();
+    auto root = parse(document({password("SysPassword", base64("Sys"))}));
+    XML_NODE* sentinel = reinterpret_cast<XML_NODE*>(0x1234);
+    XML_NODE* results = sentinel;
+    TOLVANE_PROTOCOL* self = converter();
+    EXPECT_EQ(self->SetBIOSPassword(c.self ? self : nullptr, c.root ? root.get() : nullptr, c.results ? &results : nullptr),
+              EFI_INVALID_PARAMETER);
+    EXPECT_EQ(results, sentinel);
+    EXPECT_EQ(commitIndex(root.get(), "SysPassword"), "1");
+    EXPECT_NE(log().find("tvlSetBIOSPassword", "Tolvane: Invalid parameter: Invalid Parameter\n"), nullptr);
+    EXPECT_TRUE(fake().calls.empty());
+  }
+}
+
+// ---------------------------------------------------------------- running out of memory
+
+// Each allocation of tvlSetBIOSPassword failing in turn: the CommitIndex
+// text (the item is skipped and keeps its mark), a password buffer
+// (EFI_OUT_OF_RESOURCES from the attempt, so EFI_ABORTED, nothing changed
+// and nothing recorded), or a record (the change stands, the status is
+// success, only that record is missing). Never a leak.
+struct SweepCase {
+  const char* name;
+  Service service;
+  std::vector<Item> items;
+  Strings changes;
+  Strings records;
+};
+
+void PrintTo(const SweepCase& c, std::ostream* os) { *os << c.name; }
+
+class SweepTest : public SetPasswordTest, public ::testing::WithParamInterface<SweepCase> {};
+
+TEST_P(SweepTest, EachAllocationFailingInTurn) {
+  const SweepCase& c = GetParam();
+  {
+    start(c.service);
+    fake().bits[PASSWORD_WHICH_SETUP] = kInstalled;
+    std::shared_ptr<XML_NODE> root = parse(document(c.items));
+    XML_NODE* results = nullptr;
+    TOLVANE_PROTOCOL* self = converter();
+    size_t outOfMemory = 0;
+    size_t attempts = sweepAllocationFailures(
+        [&] { return self->SetBIOSPassword(self, root.get(), &results); },
+        [&](EFI_STATUS status, size_t k) {
+          SCOPED_TRACE("allocation " + std::to_string(k));
+          const std::string index = commitIndex(root.get(), "SetupPassword");
+          if (status == EFI_ABORTED) {
+            ++outOfMemory;
+            EXPECT_TRUE(fake().changes().empty());
+            EXPECT_EQ(results, nullptr);
+            EXPECT_EQ(index, "0");
+            EXPECT_NE(log().find("SetBIOSPassword",
+                                 line("Out of resources for the password Out of Resources")),
+                      nullptr);
+          } else if (fake().changes().empty()) {
+            EXPECT_EQ(status, EFI_SUCCESS);
+            EXPECT_EQ(index, "1") << "an item whose mark cannot be consumed is skipped";
+          } else {
+            EXPECT_EQ(status, EFI_SUCCESS);
+            EXPECT_EQ(fake().changes(), c.changes);
+            for (const std::string& r : records(results))
+              EXPECT_NE(std::find(c.records.begin(), c.records.end(), r), c.records.end()) << r;
+          }
+        },
+        [&] {
+          if (results) xml()->XML_FreeNode(xml(), results);
+          results = nullptr;
+          root = parse(document(c.items));
+          fake().calls.clear();
+          log().clear();
+        });
+    EXPECT_GE(attempts, 4u);
+    EXPECT_EQ(outOfMemory, c.service == Service::FakeOlder ? 4u : 2u) << "two buffers per password";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, SweepTest,
+                         ::testing::Values(SweepCase{"newer", Service::FakeNewer, {plain("SetupPassword", "Abc")},
+                                                     {"2/2 old= new=u:Abc"},
+                                                     {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}},
+                                           SweepCase{"older with an old password", Service::FakeOlder,
+                                                     {plain("SetupPassword", "Abc"), plain("OldSetupPassword", "Old")},
+                                                     {"3/2 old=old new=u:abc"},
+                                                     {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}}),
+                         rowName<SweepCase>);
+
+}  // namespace
