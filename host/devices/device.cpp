@@ -363,6 +363,10 @@ void Device::setEvaluatedDefaults(std::vector<EvaluatedDefault> evaluated) {
 
 const std::vector<Device::Call>& Device::extractConfigCalls() const { return impl_->extracts; }
 const std::vector<Device::Call>& Device::routeConfigCalls() const { return impl_->routes; }
+void Device::clearCalls() {
+  impl_->extracts.clear();
+  impl_->routes.clear();
+}
 
 void Device::setRouteConfigFilter(std::function<EFI_STATUS(const std::u16string&)> filter) {
   impl_->filter = std::move(filter);

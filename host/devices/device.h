@@ -96,6 +96,9 @@ class Device {
   };
   const std::vector<Call>& extractConfigCalls() const;
   const std::vector<Call>& routeConfigCalls() const;
+  // Forgets the calls seen so far (a long-running caller keeps the logs
+  // from growing).
+  void clearCalls();
   // Consulted for every RouteConfig whose string is valid, before anything
   // is written; a status other than EFI_SUCCESS is returned unchanged with
   // Progress at the start of the string and nothing written.

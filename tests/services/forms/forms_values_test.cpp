@@ -63,5 +63,37 @@ TEST_F(FormsValuesTest, ValuesStayZeroWhenTheDriverCannotGiveThem) {
   EXPECT_EQ(platform().uninstallProtocol(driver, markerGuid, &marker), EFI_SUCCESS);
 }
 
+// Fields of an 8-byte store: one that ends at the store's end is read, one
+// that runs past it or starts at its end is left zero (nothing beyond the
+// store's bytes is read).
+TEST_F(FormsValuesTest, FieldsPastTheEndOfTheirStoreStayZero) {
+  struct Field {
+    UINT16 question;
+    UINT16 offset;
+    ifr::Width width;
+    UINT64 value;
+  };
+  const Field fields[] = {
+      {0x30, 0, ifr::Width::U64, 0x0807060504030201},  // the whole store
+      {0x31, 4, ifr::Width::U32, 0x08070605},          // ends at the end
+      {0x32, 7, ifr::Width::U8, 0x08},                 // the last byte
+      {0x33, 6, ifr::Width::U32, 0},                   // two bytes past the end
+      {0x34, 5, ifr::Width::U64, 0},
+      {0x35, 8, ifr::Width::U16, 0},                   // starts at the end
+  };
+  ifr::Strings strings({"en-US"});
+  const UINT16 prompt = strings.add(u"Field");
+  ifr::FormSetBuilder fs(kFormSetGuid, prompt, prompt);
+  fs.varStore(1, kStoreGuid, "Setup", 8);
+  ifr::FormBuilder& form = fs.form(1, prompt);
+  for (const Field& f : fields)
+    form.numeric(ifr::Numeric(f.question, prompt, prompt, f.width).store(1, f.offset).range(0, ~0ull));
+  devices::Device& device = addDevice();
+  device.addBufferStorage(kStoreGuid, u"Setup", {1, 2, 3, 4, 5, 6, 7, 8});
+  auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+  for (const Field& f : fields) EXPECT_EQ(number(findQuestion(parse->set(), f.question)->HiiValue), f.value) << f.question;
+}
+
 }  // namespace
 }  // namespace tvl::test::forms
