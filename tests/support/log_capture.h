@@ -47,6 +47,8 @@ class LogCapture {
   size_t count(const std::string& function, const std::string& text) const;
   // The first record with exactly this function and text, or null.
   const LogRecord* find(const std::string& function, const std::string& text) const;
+  // The first record whose text contains `fragment`, or null.
+  const LogRecord* findContaining(const std::string& fragment) const;
   // Every record as "level function: text", for failure messages.
   std::string dump() const;
 
