@@ -167,7 +167,7 @@ TEST_F(ApplyCliTest, SetTablesEveryItemWithItsCode) {
       const std::string row = rowOf(r.out, item.name);
       EXPECT_NE(row.find(item.code ? "Failure" : "Success"), std::string::npos) << what;
       if (item.code) {
-        char code[16];
+        char code[24];
         std::snprintf(code, sizeof code, "%llx", static_cast<unsigned long long>(item.code));
         EXPECT_NE(row.find(std::string(code) + " " + message(item.code)), std::string::npos) << what;
         EXPECT_EQ(elementAfter(results, item.name, "ErrorCode"), code) << what;
