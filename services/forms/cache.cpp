@@ -31,6 +31,9 @@ constexpr UINTN kRegistrations = sizeof(kWatchedPackages) * (sizeof(kWatchedChan
 ParsedPackageList* gCached[kMaxCached];
 EFI_HII_DATABASE_PROTOCOL* gWatched;
 EFI_HANDLE gRegistrations[kRegistrations];
+// Signalled when an HII database protocol is installed.
+EFI_EVENT gDatabaseEvent;
+VOID* gDatabaseRegistration;
 
 void destroyParsed(ParsedPackageList* p) {
   if (!p) return;
@@ -59,6 +62,13 @@ EFI_STATUS EFIAPI onPackageChange(UINT8, const EFI_GUID*, const EFI_HII_PACKAGE_
                                   EFI_HII_DATABASE_NOTIFY_TYPE) {
   dropHandle(handle);
   return EFI_SUCCESS;
+}
+
+// Forgets the registrations without calling the database they were made
+// with, which may be gone.
+void forgetRegistrations() {
+  for (UINTN i = 0; i < kRegistrations; ++i) gRegistrations[i] = nullptr;
+  gWatched = nullptr;
 }
 
 void unregisterAll() {
@@ -96,7 +106,27 @@ ParsedPackageList* ownerOf(const HII_FORMSET_RECORD* formSet) {
   return nullptr;
 }
 
+// A database installed (again): HII handles of another instance may have
+// the same values, so nothing kept can be trusted; the next call registers
+// with whichever database it finds.
+void EFIAPI onDatabaseInstalled(EFI_EVENT, VOID*) {
+  dropAll();
+  forgetRegistrations();
+}
+
 }  // namespace
+
+EFI_STATUS watchDatabaseInstalls() {
+  EFI_GUID guid = EFI_HII_DATABASE_PROTOCOL_GUID;
+  RETURN_IF_ERROR(rt::bs()->CreateEvent(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, onDatabaseInstalled, nullptr,
+                                        &gDatabaseEvent));
+  EFI_STATUS status = rt::bs()->RegisterProtocolNotify(&guid, gDatabaseEvent, &gDatabaseRegistration);
+  if (EFI_ERROR(status)) {
+    rt::bs()->CloseEvent(gDatabaseEvent);
+    gDatabaseEvent = nullptr;
+  }
+  return status;
+}
 
 ParsedOwner::~ParsedOwner() { destroyParsed(p_); }
 
@@ -111,9 +141,11 @@ bool ParsedOwner::create() {
 
 bool watchDatabase(EFI_HII_DATABASE_PROTOCOL* db) {
   if (db == gWatched) return true;
+  // Without word of database installs a kept parse could outlive its database.
+  if (!gDatabaseEvent) return false;
   // Another database instance: what was kept came from the old one.
   dropAll();
-  unregisterAll();
+  forgetRegistrations();
   // A database that cannot tell of changes gets nothing cached.
   if (!db->RegisterPackageNotify || !db->UnregisterPackageNotify) return false;
   UINTN n = 0;
@@ -203,6 +235,8 @@ EFI_STATUS closeCache() {
   if (anyLent()) return EFI_ACCESS_DENIED;
   dropAll();
   unregisterAll();
+  if (gDatabaseEvent) rt::bs()->CloseEvent(gDatabaseEvent);
+  gDatabaseEvent = nullptr;
   return EFI_SUCCESS;
 }
 

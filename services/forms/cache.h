@@ -55,6 +55,10 @@ class ParsedOwner {
   ParsedPackageList* p_ = nullptr;
 };
 
+// At load: follows installs of the HII database protocol, after which
+// nothing kept is used. Without it nothing is cached.
+EFI_STATUS watchDatabaseInstalls();
+
 // Registers for the database's package notifications once per database
 // instance (the service may load before the database). False when they
 // cannot be registered: nothing is cached then.

@@ -318,6 +318,8 @@ extern "C" EFI_STATUS EFIAPI EfiMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* s
   EFI_HANDLE handle = imageHandle;
   RETURN_IF_ERROR(tvl::rt::bs()->InstallProtocolInterface(&handle, &guid, EFI_NATIVE_INTERFACE,
                                                           &tvl::forms::gProtocol));
+  // A service that cannot follow database installs works without its cache.
+  tvl::forms::watchDatabaseInstalls();
   EFI_GUID loadedImageGuid = EFI_LOADED_IMAGE_PROTOCOL_GUID;
   VOID* loadedImage = nullptr;
   if (tvl::rt::bs()->HandleProtocol(imageHandle, &loadedImageGuid, &loadedImage) == EFI_SUCCESS && loadedImage)
