@@ -197,17 +197,42 @@ EFI_STATUS applyConditions(ParsedForms& parsed) {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS evaluateDefaults(const PackageList& list, ParsedForms& parsed, const QuestionIndex& questions) {
+// A default given by an expression gets its expression record once, from
+// the first entry that names it; the checkbox defaults the IFR gives are
+// kept so that every evaluation starts from them.
+EFI_STATUS prepareDefaults(ParsedForms& parsed) {
   for (UINTN i = 0; i < parsed.defaultExpressions.size(); ++i) {
-    const DefaultExpressionEntry& d = parsed.defaultExpressions[i];
-    if (!parsed.formSets[d.formSet].kept || d.record->ValueExpression) continue;
-    ExprValue v{};
-    RETURN_IF_ERROR(evaluateExpression(list, d.exprStart, d.exprEnd, questions, d.formSet, v));
+    DefaultExpressionEntry& d = parsed.defaultExpressions[i];
+    if (d.statement) {
+      d.checkboxDefault = d.statement->CheckboxDefault;
+      d.checkboxDefaultMfg = d.statement->CheckboxDefaultMfg;
+    }
+    if (d.record->ValueExpression) continue;
     rt::Pool<HII_EXPRESSION_RECORD> record = rt::Pool<HII_EXPRESSION_RECORD>::zeroed();
     if (!record) return EFI_OUT_OF_RESOURCES;
     record->Kind = EFI_IFR_VALUE_OP;
-    setResult(record->Result, v);
     d.record->ValueExpression = record.release();
+    d.evaluated = true;
+  }
+  return EFI_SUCCESS;
+}
+
+EFI_STATUS evaluateDefaults(const PackageList& list, ParsedForms& parsed, const QuestionIndex& questions) {
+  for (UINTN i = 0; i < parsed.defaultExpressions.size(); ++i) {
+    const DefaultExpressionEntry& d = parsed.defaultExpressions[i];
+    if (parsed.formSets[d.formSet].kept && d.statement) {
+      d.statement->CheckboxDefault = d.checkboxDefault;
+      d.statement->CheckboxDefaultMfg = d.checkboxDefaultMfg;
+    }
+  }
+  for (UINTN i = 0; i < parsed.defaultExpressions.size(); ++i) {
+    const DefaultExpressionEntry& d = parsed.defaultExpressions[i];
+    if (!parsed.formSets[d.formSet].kept || !d.evaluated) continue;
+    ExprValue v{};
+    RETURN_IF_ERROR(evaluateExpression(list, d.exprStart, d.exprEnd, questions, d.formSet, v));
+    HII_EXPRESSION_RECORD* record = d.record->ValueExpression;
+    rt::setMem(&record->Result, sizeof(record->Result), 0);
+    setResult(record->Result, v);
     // A checkbox default given by an expression counts like a constant one.
     HII_STATEMENT_RECORD* s = d.statement;
     if (s && s->Operand == EFI_IFR_CHECKBOX_OP && (isNumber(v) || v.type == EFI_IFR_TYPE_BOOLEAN)) {
@@ -219,18 +244,56 @@ EFI_STATUS evaluateDefaults(const PackageList& list, ParsedForms& parsed, const 
   return EFI_SUCCESS;
 }
 
+// Clears what the last evaluation left in a statement and its options:
+// the value read from storage, the marks, the read-only condition's result.
+void resetStatement(HII_STATEMENT_RECORD* s) {
+  switch (s->Operand) {
+    case EFI_IFR_ONE_OF_OP:
+    case EFI_IFR_NUMERIC_OP:
+    case EFI_IFR_CHECKBOX_OP:
+    case EFI_IFR_DATE_OP:
+    case EFI_IFR_TIME_OP:
+      rt::setMem(s->HiiValue.Value, sizeof(s->HiiValue.Value), 0);
+      break;
+    default:
+      break;
+  }
+  if (s->HiiValue.Buffer) rt::setMem(s->HiiValue.Buffer, UINTN(s->HiiValue.BufferLen) + sizeof(CHAR16), 0);
+  s->SuppressedMark = 0;
+  s->DisabledMark = 0;
+  s->ReadOnlyMark = 0;
+  if (s->ReadOnlyCondition) s->ReadOnlyCondition->Result.Value[0] = 0;
+  for (UINT64 i = 0; i < s->OptionCount; ++i) s->Options[i]->OptionSuppressed = 0;
+}
+
 }  // namespace
 
-EFI_STATUS completeFormSets(const PackageList& list, ParsedForms& parsed, const Vector<const CHAR8*>& languages,
-                            const EFI_GUID* filter) {
+EFI_STATUS prepareFormSets(const PackageList&, ParsedForms& parsed, const Vector<const CHAR8*>& languages) {
   for (UINTN i = 0; i < parsed.formSets.size(); ++i) {
     FormSetEntry& f = parsed.formSets[i];
-    f.kept = !filter || f.record->Guid == *filter;
-    if (f.kept) RETURN_IF_ERROR(copyLanguages(f.record, languages));
+    f.kept = true;
+    RETURN_IF_ERROR(copyLanguages(f.record, languages));
   }
   for (UINTN i = 0; i < parsed.statements.size(); ++i) {
     const StatementEntry& e = parsed.statements[i];
-    if (parsed.formSets[e.formSet].kept) RETURN_IF_ERROR(prepareStatement(parsed.formSets[e.formSet].record, e.record));
+    RETURN_IF_ERROR(prepareStatement(parsed.formSets[e.formSet].record, e.record));
+  }
+  // With every condition still false this only makes the read-only
+  // condition records, which depend on the IFR alone.
+  for (UINTN i = 0; i < parsed.conditions.size(); ++i) parsed.conditions[i].value = false;
+  RETURN_IF_ERROR(applyConditions(parsed));
+  return prepareDefaults(parsed);
+}
+
+EFI_STATUS refreshFormSets(const PackageList& list, ParsedForms& parsed, const QuestionIndex& questions,
+                           const EFI_GUID* filter) {
+  for (UINTN i = 0; i < parsed.formSets.size(); ++i) {
+    FormSetEntry& f = parsed.formSets[i];
+    f.kept = !filter || f.record->Guid == *filter;
+  }
+  for (UINTN i = 0; i < parsed.statements.size(); ++i) {
+    const StatementEntry& e = parsed.statements[i];
+    if (parsed.formSets[e.formSet].kept) resetStatement(e.record);
   }
   for (UINTN i = 0; i < parsed.formSets.size(); ++i) {
     const FormSetEntry& f = parsed.formSets[i];
@@ -238,8 +301,6 @@ EFI_STATUS completeFormSets(const PackageList& list, ParsedForms& parsed, const 
     for (UINT64 v = 0; v < f.record->VarStoreBufferCount; ++v)
       RETURN_IF_ERROR(loadStore(list, parsed, UINT32(i), f.record->VarStoreBuffer[v]));
   }
-  QuestionIndex questions;
-  RETURN_IF_ERROR(questions.build(parsed));
   for (UINTN i = 0; i < parsed.conditions.size(); ++i) {
     ConditionEntry& c = parsed.conditions[i];
     if (!parsed.formSets[c.formSet].kept) continue;
@@ -248,8 +309,7 @@ EFI_STATUS completeFormSets(const PackageList& list, ParsedForms& parsed, const 
     c.value = isTrue(v);
   }
   RETURN_IF_ERROR(applyConditions(parsed));
-  RETURN_IF_ERROR(evaluateDefaults(list, parsed, questions));
-  return EFI_SUCCESS;
+  return evaluateDefaults(list, parsed, questions);
 }
 
 }  // namespace tvl::forms

@@ -61,6 +61,9 @@ struct DefaultExpressionEntry {
   UINT32 formSet;
   UINT32 exprStart;
   UINT32 exprEnd;
+  bool evaluated;  // the first entry of its default record: it gives the record's ValueExpression
+  UINT8 checkboxDefault;     // the question's checkbox defaults as the IFR gives them,
+  UINT8 checkboxDefaultMfg;  // before any default expression has changed them
 };
 
 struct ParsedForms {

@@ -261,7 +261,7 @@ class Parser {
       case kHolderFrame:
         if (pos == f.exprStart)
           return reportFailure(kCorrupt, f.offset, "opcode 0x%02x holds no expression", UINT32(f.opcode));
-        if (f.target) RETURN_IF_ERROR(out_.defaultExpressions.push({f.target, owningQuestion(), formSet_, f.exprStart, pos}));
+        if (f.target) RETURN_IF_ERROR(out_.defaultExpressions.push({f.target, owningQuestion(), formSet_, f.exprStart, pos, false, 0, 0}));
         break;
       case kFormFrame:
         form_ = nullptr;

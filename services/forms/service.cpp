@@ -10,7 +10,8 @@
 // past the limits, a forms package without a form set) gives
 // EFI_VOLUME_CORRUPTED; no form set at all, or none with the GUID asked
 // for, gives EFI_NOT_FOUND; the database's own failures are passed on. A
-// failed call returns no records and keeps no memory; GetLastError tells
+// failed call returns no records and keeps no memory beyond the parses the
+// cache keeps (services/forms/cache.h); GetLastError tells
 // its status, the index of the handle being parsed, the byte offset in
 // that package list and a message. The filter compares the form set's own
 // GUID.
@@ -31,6 +32,7 @@
 // Every grayoutif that governs a statement also makes its ReadOnlyCondition,
 // whose boolean Result is true when any of them is. An expression whose
 // value is not a boolean TRUE (undefined included) does not hold.
+#include "services/forms/cache.h"
 #include "services/forms/complete.h"
 #include "services/forms/config.h"
 #include "services/forms/parsed.h"
@@ -62,13 +64,16 @@ class FormSetList {
   FormSetList() = default;
   FormSetList(const FormSetList&) = delete;
   FormSetList& operator=(const FormSetList&) = delete;
-  ~FormSetList() { destroyFormSets(items_, count_); }
+  ~FormSetList() { releaseFormSets(items_, count_); }
 
+  // A form set of a parse that is not cached: the list owns it from now on.
   EFI_STATUS take(FormSetEntry& entry) {
     RETURN_IF_ERROR(appendRecord(items_, count_, entry.record));
     entry.record = nullptr;
     return EFI_SUCCESS;
   }
+  // A form set of a cached parse: the list holds the loan.
+  EFI_STATUS lend(HII_FORMSET_RECORD* record) { return appendRecord(items_, count_, record); }
   UINT64 count() const { return count_; }
   HII_FORMSET_RECORD** release() {
     HII_FORMSET_RECORD** items = items_;
@@ -122,13 +127,14 @@ void findDriver(EFI_HII_DATABASE_PROTOCOL* db, PackageList& list) {
     list.configAccess = static_cast<EFI_HII_CONFIG_ACCESS_PROTOCOL*>(interface);
 }
 
-EFI_STATUS processPackageList(EFI_HII_DATABASE_PROTOCOL* db, EFI_HII_HANDLE handle, UINTN index,
-                              const EFI_GUID* filter, FormSetList& result) {
-  rt::Pool<UINT8> buffer;
+// Exports the package list of `handle` and parses it into `p`, with what
+// follows from the IFR alone.
+EFI_STATUS loadPackageList(EFI_HII_DATABASE_PROTOCOL* db, EFI_HII_HANDLE handle, const PackageList& driver,
+                           ParsedPackageList& p) {
   UINTN size = 0;
   UINTN allocated = 0;
   EFI_STATUS status =
-      rt::callWithSizedBuffer(kInitialExportSize, buffer, size, [db, handle, &allocated](UINT8* b, UINTN* s) {
+      rt::callWithSizedBuffer(kInitialExportSize, p.bytes, size, [db, handle, &allocated](UINT8* b, UINTN* s) {
         allocated = *s;
         return db->ExportPackageLists(db, handle, s, reinterpret_cast<EFI_HII_PACKAGE_LIST_HEADER*>(b));
       });
@@ -137,21 +143,17 @@ EFI_STATUS processPackageList(EFI_HII_DATABASE_PROTOCOL* db, EFI_HII_HANDLE hand
     return reportFailure(EFI_VOLUME_CORRUPTED, 0, "ExportPackageLists reported %d bytes for a %d-byte buffer",
                          UINT32(size), UINT32(allocated));
 
-  PackageList list;
-  list.index = index;
-  list.hiiHandle = handle;
-  list.data = buffer.get();
-  ByteCursor header(buffer.get(), size);
+  PackageList& list = p.list;
+  list = driver;
+  list.data = p.bytes.get();
+  ByteCursor header(p.bytes.get(), size);
   UINT32 packageLength = 0;
   if (!header.seek(sizeof(EFI_GUID)) || !header.readU32(packageLength) ||
       packageLength < sizeof(EFI_HII_PACKAGE_LIST_HEADER) || packageLength > size)
     return reportFailure(EFI_VOLUME_CORRUPTED, sizeof(EFI_GUID),
                          "package list length %d does not fit the %d bytes exported", packageLength, UINT32(size));
   list.size = packageLength;
-  findDriver(db, list);
 
-  ParsedForms parsed;
-  Vector<const CHAR8*> languages;
   for (UINTN pos = sizeof(EFI_HII_PACKAGE_LIST_HEADER); pos < list.size;) {
     if (list.size - pos < HII_PACKAGE_HEADER_SIZE)
       return reportFailure(EFI_VOLUME_CORRUPTED, pos, "package header runs past the end of the package list");
@@ -161,14 +163,57 @@ EFI_STATUS processPackageList(EFI_HII_DATABASE_PROTOCOL* db, EFI_HII_HANDLE hand
       return reportFailure(EFI_VOLUME_CORRUPTED, pos, "package of type 0x%02x has length %d, which does not fit",
                            UINT32(type), len);
     if (type == EFI_HII_PACKAGE_END) break;
-    if (type == EFI_HII_PACKAGE_STRINGS) RETURN_IF_ERROR(addLanguage(list, pos, len, languages));
+    if (type == EFI_HII_PACKAGE_STRINGS) RETURN_IF_ERROR(addLanguage(list, pos, len, p.languages));
     if (type == EFI_HII_PACKAGE_FORMS)
-      RETURN_IF_ERROR(parseFormsPackage(list, pos, pos + HII_PACKAGE_HEADER_SIZE, pos + len, parsed));
+      RETURN_IF_ERROR(parseFormsPackage(list, pos, pos + HII_PACKAGE_HEADER_SIZE, pos + len, p.parsed));
     pos += len;
   }
-  RETURN_IF_ERROR(completeFormSets(list, parsed, languages, filter));
-  for (UINTN i = 0; i < parsed.formSets.size(); ++i)
-    if (parsed.formSets[i].kept) RETURN_IF_ERROR(result.take(parsed.formSets[i]));
+  RETURN_IF_ERROR(prepareFormSets(list, p.parsed, p.languages));
+  return p.questions.build(p.parsed);
+}
+
+// A cached parse in use by the running call; given back when the call is
+// done with it unless its form sets went to the caller.
+class Loan {
+ public:
+  explicit Loan(ParsedPackageList* p) : p_(p && p->cached ? p : nullptr) {}
+  Loan(const Loan&) = delete;
+  Loan& operator=(const Loan&) = delete;
+  ~Loan() {
+    if (p_) giveBack(p_);
+  }
+  void handedOut() { p_ = nullptr; }
+
+ private:
+  ParsedPackageList* p_;
+};
+
+EFI_STATUS processPackageList(EFI_HII_DATABASE_PROTOCOL* db, bool caching, EFI_HII_HANDLE handle, UINTN index,
+                              const EFI_GUID* filter, FormSetList& result) {
+  PackageList driver;
+  driver.hiiHandle = handle;
+  findDriver(db, driver);
+  ParsedOwner fresh;
+  ParsedPackageList* p = caching ? takeParsed(handle, driver) : nullptr;
+  if (!p) {
+    if (!fresh.create()) return EFI_OUT_OF_RESOURCES;
+    RETURN_IF_ERROR(loadPackageList(db, handle, driver, *fresh.get()));
+    p = caching && cacheParsed(fresh.get()) ? fresh.release() : fresh.get();
+  }
+  Loan loan(p);
+  p->list.index = index;
+  RETURN_IF_ERROR(refreshFormSets(p->list, p->parsed, p->questions, filter));
+  ParsedForms& parsed = p->parsed;
+  for (UINTN i = 0; i < parsed.formSets.size(); ++i) {
+    if (!parsed.formSets[i].kept) continue;
+    if (!p->cached) {
+      RETURN_IF_ERROR(result.take(parsed.formSets[i]));
+      continue;
+    }
+    RETURN_IF_ERROR(result.lend(parsed.formSets[i].record));
+    // From now on the form set list gives the parse back, also on failure.
+    loan.handedOut();
+  }
   return EFI_SUCCESS;
 }
 
@@ -189,10 +234,11 @@ EFI_STATUS processForms(HII_FORMS_PROCESSOR2_PROTOCOL* This, EFI_HII_HANDLE* han
     return reportFailure(EFI_ERROR(status) ? status : EFI_NOT_FOUND, 0, "no HII database: %r", status);
   auto* db = static_cast<EFI_HII_DATABASE_PROTOCOL*>(interface);
 
+  bool caching = watchDatabase(db);
   FormSetList result;
   for (UINTN i = 0; i < handleCount; ++i) {
     gPackageListIndex = i;
-    RETURN_IF_ERROR(processPackageList(db, handles[i], i, filter, result));
+    RETURN_IF_ERROR(processPackageList(db, caching, handles[i], i, filter, result));
   }
   if (result.count() == 0)
     return reportFailure(EFI_NOT_FOUND, 0, filter ? "no form set has the GUID asked for" : "no form set found");
@@ -227,15 +273,19 @@ EFI_STATUS EFIAPI DestroyFormSets(HII_FORMS_PROCESSOR2_PROTOCOL* This, UINTN For
                                   HII_FORMSET_RECORD** FormSetBuffer) {
   if (!This) return EFI_INVALID_PARAMETER;
   if (!FormSetBuffer) return FormSetBufferCount ? EFI_INVALID_PARAMETER : EFI_SUCCESS;
-  destroyFormSets(FormSetBuffer, FormSetBufferCount);
+  releaseFormSets(FormSetBuffer, FormSetBufferCount);
   return EFI_SUCCESS;
 }
 
 HII_FORMS_PROCESSOR2_PROTOCOL gProtocol = {GetRevision, ProcessForms, GetLastError, DestroyFormSets};
 
+// Refused while a caller still holds form sets of a kept parse: they would
+// outlive the code that frees them.
 EFI_STATUS EFIAPI Unload(EFI_HANDLE imageHandle) {
+  if (anyLent()) return EFI_ACCESS_DENIED;
   EFI_GUID guid = HII_FORMS_PROCESSOR2_PROTOCOL_GUID;
-  return rt::bs()->UninstallProtocolInterface(imageHandle, &guid, &gProtocol);
+  RETURN_IF_ERROR(rt::bs()->UninstallProtocolInterface(imageHandle, &guid, &gProtocol));
+  return closeCache();
 }
 
 }  // namespace
@@ -255,12 +305,21 @@ EFI_STATUS EFIAPI reportFailure(EFI_STATUS status, UINTN offset, const CHAR8* fo
 
 }  // namespace tvl::forms
 
+// Frees the parses kept between calls (those a caller holds once given
+// back). The emulated platform's tests call it before they count the pool.
+extern "C" EFI_STATUS EFIAPI FormsProcessorReleaseCache() {
+  tvl::forms::releaseParsedPackageLists();
+  return EFI_SUCCESS;
+}
+
 extern "C" EFI_STATUS EFIAPI EfiMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
   tvl::rt::initialize(imageHandle, systemTable);
   EFI_GUID guid = HII_FORMS_PROCESSOR2_PROTOCOL_GUID;
   EFI_HANDLE handle = imageHandle;
   RETURN_IF_ERROR(tvl::rt::bs()->InstallProtocolInterface(&handle, &guid, EFI_NATIVE_INTERFACE,
                                                           &tvl::forms::gProtocol));
+  // A service that cannot follow database installs works without its cache.
+  tvl::forms::watchDatabaseInstalls();
   EFI_GUID loadedImageGuid = EFI_LOADED_IMAGE_PROTOCOL_GUID;
   VOID* loadedImage = nullptr;
   if (tvl::rt::bs()->HandleProtocol(imageHandle, &loadedImageGuid, &loadedImage) == EFI_SUCCESS && loadedImage)

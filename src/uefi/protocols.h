@@ -106,6 +106,12 @@ static_assert(sizeof(EFI_HII_PACKAGE_LIST_HEADER) == 20, "package list header");
 #define EFI_HII_PACKAGE_ANIMATIONS 0x0A
 #define EFI_HII_PACKAGE_END 0xDF
 
+// Notification types of RegisterPackageNotify.
+#define EFI_HII_DATABASE_NOTIFY_NEW_PACK 0x00000001
+#define EFI_HII_DATABASE_NOTIFY_REMOVE_PACK 0x00000002
+#define EFI_HII_DATABASE_NOTIFY_EXPORT_PACK 0x00000004
+#define EFI_HII_DATABASE_NOTIFY_ADD_PACK 0x00000008
+
 typedef EFI_STATUS(EFIAPI* EFI_HII_DATABASE_NOTIFY)(UINT8 PackageType, const EFI_GUID* PackageGuid,
                                                     const EFI_HII_PACKAGE_HEADER* Package, EFI_HII_HANDLE Handle,
                                                     EFI_HII_DATABASE_NOTIFY_TYPE NotifyType);

@@ -57,7 +57,10 @@ class SampleImageTest : public tvl::test::PlatformTest {
   // Pool allocations and page runs outstanding. A reload replaces the
   // location service's entries with new ones, so growth is counted rather
   // than allocations made since a baseline.
-  size_t held() { return platform().outstandingAllocations().size(); }
+  size_t held() {
+    tvl::test::releaseServiceCaches(platform());
+    return platform().outstandingAllocations().size();
+  }
 
   std::unique_ptr<SamplePlatform> sample_;
 };

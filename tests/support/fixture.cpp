@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "host/status.h"
+#include "uefi/protocols.h"
 
 namespace tvl::test {
 
@@ -21,16 +22,24 @@ std::string leakedSince(const host::Platform& platform, uint64_t sequence) {
 
 std::string statusName(EFI_STATUS status) { return host::statusName(status); }
 
+void releaseServiceCaches(host::Platform& platform) {
+  using Release = EFI_STATUS(EFIAPI*)();
+  for (EFI_HANDLE image : platform.handlesWith(gEfiLoadedImageProtocolGuid))
+    if (auto release = platform.imageFunction<Release>(image, "FormsProcessorReleaseCache")) release();
+}
+
 size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI_STATUS()>& op,
                                const std::function<void(EFI_STATUS, size_t)>& check,
                                const std::function<void()>& cleanup, FaultMode mode) {
   platform.clearAllocationFaults();
+  releaseServiceCaches(platform);
   size_t before = held(platform);
   uint64_t sequence = platform.nextAllocationSequence();
   size_t start = platform.allocationAttempts();
   op();
   size_t attempts = platform.allocationAttempts() - start;
   if (cleanup) cleanup();
+  releaseServiceCaches(platform);
   if (held(platform) != before) {
     ADD_FAILURE() << "the run without faults leaves " << held(platform) - before
                   << " allocation(s) outstanding after cleanup:\n"
@@ -51,9 +60,11 @@ size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI
     check(status, k);
     if (::testing::Test::HasFatalFailure()) {
       if (cleanup) cleanup();
+      releaseServiceCaches(platform);
       return attempts;
     }
     if (cleanup) cleanup();
+    releaseServiceCaches(platform);
     size_t after = held(platform);
     if (after != before) {
       ADD_FAILURE() << "allocation attempt " << k << " of " << attempts << " failing (" << statusName(status)
@@ -113,6 +124,7 @@ void PlatformTest::markBaseline() {
 }
 
 void PlatformTest::expectNoLeaks() {
+  releaseServiceCaches(*platform_);
   size_t leaked = 0;
   for (const host::AllocationInfo& a : platform_->outstandingAllocations())
     if (a.sequence >= baselineSequence_) ++leaked;

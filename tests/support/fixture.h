@@ -16,6 +16,12 @@ namespace tvl::test {
 // Readable name of a status ("EFI_NOT_FOUND"), or its hexadecimal value.
 std::string statusName(EFI_STATUS status);
 
+// Has every loaded image that keeps memory between calls on purpose (the
+// forms processor's parsed package lists) free it, so that counting the
+// pool sees only what an operation left behind. The sweep and the leak
+// check below call it before they count.
+void releaseServiceCaches(host::Platform& platform);
+
 // Which fault a sweep injects at attempt k.
 enum class FaultMode {
   Single,  // only the k-th attempt fails

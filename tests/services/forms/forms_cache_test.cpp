@@ -1,0 +1,204 @@
+// Parses kept between calls: a kept parse answers as a fresh one would, in
+// every state the device and the database can be in; a change of the
+// handle's forms or strings makes the next call parse again, a change
+// elsewhere does not. Whether a call parsed is seen through the database's
+// export notifications, which every parse causes.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <sstream>
+
+#include "forms_support.h"
+
+namespace tvl::test::forms {
+namespace {
+
+std::map<EFI_HII_HANDLE, int> gExports;
+
+EFI_STATUS EFIAPI countExport(UINT8, const EFI_GUID*, const EFI_HII_PACKAGE_HEADER*, EFI_HII_HANDLE handle,
+                              EFI_HII_DATABASE_NOTIFY_TYPE) {
+  ++gExports[handle];
+  return EFI_SUCCESS;
+}
+
+// What a caller can read of the records, as text.
+std::string dump(const Parse& parse) {
+  std::ostringstream out;
+  out << "status " << parse.status << " count " << parse.count << "\n";
+  for (UINTN i = 0; parse.status == EFI_SUCCESS && i < parse.count; ++i) {
+    const HII_FORMSET_RECORD* set = parse.set(i);
+    out << "set " << set->Guid.Data1 << " languages";
+    for (UINT64 l = 0; l < set->NumberOfLanguages; ++l) out << " " << set->Languages[l];
+    for (UINT64 v = 0; v < set->VarStoreBufferCount; ++v)
+      out << "\n store " << text16(set->VarStoreBuffer[v]->ConfigHdr).size();
+    for (UINT64 f = 0; f < set->FormCount; ++f) {
+      const HII_FORM_RECORD* form = set->Forms[f];
+      out << "\n form " << form->FormId;
+      for (UINT64 s = 0; s < form->StatementCount; ++s) {
+        const HII_STATEMENT_RECORD* st = form->Statements[s];
+        out << "\n  " << int(st->Operand) << " q" << st->QuestionId << " p" << st->Prompt << " = "
+            << number(st->HiiValue) << " marks " << int(st->SuppressedMark) << int(st->DisabledMark)
+            << int(st->ReadOnlyMark) << " ro "
+            << (st->ReadOnlyCondition ? int(st->ReadOnlyCondition->Result.Value[0]) : -1) << " cb "
+            << int(st->CheckboxDefault) << int(st->CheckboxDefaultMfg) << " block " << text16(st->BlockName).size();
+        if (st->HiiValue.Buffer)
+          for (UINT16 b = 0; b < st->HiiValue.BufferLen; ++b) out << " " << int(st->HiiValue.Buffer[b]);
+        for (UINT64 o = 0; o < st->OptionCount; ++o)
+          out << " opt " << number(st->Options[o]->Value) << "/" << int(st->Options[o]->OptionSuppressed);
+        for (UINT64 d = 0; d < st->DefaultCount; ++d)
+          out << " def " << st->Defaults[d]->DefaultId << "/"
+              << (st->Defaults[d]->ValueExpression ? number(st->Defaults[d]->ValueExpression->Result) : 999);
+      }
+    }
+    out << "\n";
+  }
+  return out.str();
+}
+
+class FormsCacheTest : public FormsTest {
+ protected:
+  void SetUp() override {
+    FormsTest::SetUp();
+    gExports.clear();
+    db_ = database().database();
+    ASSERT_EQ(db_->RegisterPackageNotify(db_, EFI_HII_PACKAGE_FORMS, nullptr, countExport,
+                                         EFI_HII_DATABASE_NOTIFY_EXPORT_PACK, &exportNotify_),
+              EFI_SUCCESS);
+    handle_ = registerSample(sample_, &device_);
+    other_ = registerSample(sample_);
+  }
+  void TearDown() override {
+    db_->UnregisterPackageNotify(db_, exportNotify_);
+    FormsTest::TearDown();
+  }
+
+  // The records of the handle as a call gives them, and as a call gives
+  // them once nothing is kept.
+  std::string kept() { return dump(*process({handle_})); }
+  std::string fresh() {
+    releaseServiceCaches(platform());
+    return dump(*process({handle_}));
+  }
+  void update(EFI_HII_HANDLE handle, const ifr::Bytes& list) {
+    ASSERT_EQ(db_->UpdatePackageList(db_, handle, reinterpret_cast<const EFI_HII_PACKAGE_LIST_HEADER*>(list.data())),
+              EFI_SUCCESS);
+  }
+
+  EFI_HII_DATABASE_PROTOCOL* db_ = nullptr;
+  EFI_HANDLE exportNotify_ = nullptr;
+  Sample sample_;
+  devices::Device* device_ = nullptr;
+  EFI_HII_HANDLE handle_ = nullptr;
+  EFI_HII_HANDLE other_ = nullptr;
+};
+
+// A form set over the sample's "Setup" store with one numeric question
+// and languages of its own.
+ifr::Bytes otherForms() {
+  OneForm f(64);
+  f.form.numeric(ifr::Numeric(0x77, f.s, f.s).store(1, 0));
+  return ifr::packageList(kListGuid, f.fs, f.strings);
+}
+
+ifr::Bytes otherStrings() {
+  ifr::Strings strings{{"de-DE", "x-UEFI"}};
+  strings.add(u"Einrichtung");
+  return ifr::packageList(kListGuid, std::vector<ifr::Bytes>{}, strings);
+}
+
+TEST_F(FormsCacheTest, KeptParseAnswersAsAFreshOneAndParsesAgainOnlyWhenTheHandlesPackagesChange) {
+  struct Row {
+    const char* what;
+    std::function<void()> change;
+    bool parsesAgain;
+    bool changesRecords;
+  };
+  const UINT8 oneOf3[] = {3, 0};
+  const Row rows[] = {
+      {"nothing changes", [] {}, false, false},
+      {"RouteConfig writes a value the image's suppressif reads",
+       [&] {
+         std::u16string config = device_->configHdr(kStoreGuid, u"Setup") + hii::blockConfig(2, oneOf3, 2);
+         EFI_STRING progress = nullptr;
+         ASSERT_EQ(device_->configAccess()->RouteConfig(device_->configAccess(), config.c_str(), &progress),
+                   EFI_SUCCESS);
+       },
+       false, true},
+      {"another caller exports the list",
+       [&] {
+         std::vector<uint8_t> out;
+         database().exportPackageLists(handle_, out);
+       },
+       false, false},
+      {"the other device's forms are updated", [&] { update(other_, otherForms()); }, false, false},
+      {"a new package list is added", [&] { addDevice().addPackageList(sample_.list()); }, false, false},
+      {"the handle's forms are updated (remove and add)", [&] { update(handle_, otherForms()); }, true, true},
+      {"the handle's strings alone are updated", [&] { update(handle_, otherStrings()); }, true, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    releaseServiceCaches(platform());
+    const std::string before = kept();
+    row.change();
+    int exports = gExports[handle_];
+    std::string after = kept();
+    EXPECT_EQ(gExports[handle_] - exports, row.parsesAgain ? 1 : 0);
+    EXPECT_EQ(after, fresh());
+    exports = gExports[handle_];
+    EXPECT_EQ(kept(), after);
+    EXPECT_EQ(gExports[handle_], exports) << "the next call uses the parse again";
+    EXPECT_EQ(after != before, row.changesRecords);
+  }
+}
+
+TEST_F(FormsCacheTest, RemovedListIsNotAnsweredFromTheKeptParse) {
+  ASSERT_EQ(process({handle_})->status, EFI_SUCCESS);
+  ASSERT_EQ(db_->RemovePackageList(db_, handle_), EFI_SUCCESS);
+  EXPECT_EQ(process({handle_})->status, EFI_NOT_FOUND);
+}
+
+// A caller that still holds the form sets keeps them unchanged: a second
+// call parses on its own, and a change of the list frees the held parse
+// only when it is given back (the leak check sees the rest).
+TEST_F(FormsCacheTest, HeldFormSetsAreNeitherReusedNorFreedUnderTheCaller) {
+  auto held = process({handle_});
+  ASSERT_EQ(held->status, EFI_SUCCESS);
+  const std::string text = dump(*held);
+  int exports = gExports[handle_];
+  auto second = process({handle_, handle_});
+  ASSERT_EQ(second->status, EFI_SUCCESS);
+  EXPECT_EQ(gExports[handle_] - exports, 2);
+  update(handle_, otherForms());
+  EXPECT_EQ(dump(*held), text);
+  EXPECT_EQ(forms_->DestroyFormSets(forms_, held->count, held->sets), EFI_SUCCESS);
+  held->sets = nullptr;
+  exports = gExports[handle_];
+  EXPECT_EQ(process({handle_})->status, EFI_SUCCESS);
+  EXPECT_EQ(gExports[handle_] - exports, 1);
+}
+
+// The service loads before the database (as on the sample platform): it
+// registers for the notifications when it first finds the database.
+class FormsCacheLateDatabaseTest : public FormsTest {
+ protected:
+  void installDatabase() override {}
+};
+
+TEST_F(FormsCacheLateDatabaseTest, RegistersWhenTheDatabaseAppears) {
+  EXPECT_EQ(process({reinterpret_cast<EFI_HII_HANDLE>(0x1000)})->status, EFI_NOT_FOUND);
+  FormsTest::installDatabase();
+  Sample sample;
+  EFI_HII_HANDLE handle = registerSample(sample);
+  ASSERT_EQ(process({handle})->status, EFI_SUCCESS);
+  EFI_HII_DATABASE_PROTOCOL* db = database().database();
+  const ifr::Bytes list = otherForms();
+  ASSERT_EQ(db->UpdatePackageList(db, handle, reinterpret_cast<const EFI_HII_PACKAGE_LIST_HEADER*>(list.data())),
+            EFI_SUCCESS);
+  auto parse = process({handle});
+  ASSERT_EQ(parse->status, EFI_SUCCESS);
+  EXPECT_NE(findQuestion(parse->set(), 0x77), nullptr) << "the update was seen";
+}
+
+}  // namespace
+}  // namespace tvl::test::forms
