@@ -84,6 +84,15 @@ EFI_STATUS BootDrive::read(const CHAR16* path, rt::Pool<UINT8>& data, UINTN& siz
   return EFI_SUCCESS;
 }
 
+EFI_STATUS BootDrive::startImage(const CHAR16* path, EFI_HANDLE* image) {
+  rt::Pool<UINT8> bytes;
+  UINTN size = 0;
+  *image = nullptr;
+  RETURN_IF_ERROR(read(path, bytes, size));
+  RETURN_IF_ERROR(rt::bs()->LoadImage(FALSE, rt::gImage.imageHandle, nullptr, bytes.get(), size, image));
+  return rt::bs()->StartImage(*image, nullptr, nullptr);
+}
+
 bool Text::reserve(UINTN more) {
   if (failed_) return false;
   if (capacity_ - length_ > more) return true;

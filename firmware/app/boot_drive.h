@@ -20,6 +20,8 @@ class BootDrive {
   EFI_STATUS write(const CHAR16* path, const VOID* data, UINTN size);
   // The whole file `path` as a new pool buffer.
   EFI_STATUS read(const CHAR16* path, rt::Pool<UINT8>& data, UINTN& size);
+  // Loads and starts the image in the file `path`; its handle in `*image`.
+  EFI_STATUS startImage(const CHAR16* path, EFI_HANDLE* image);
 
  private:
   EFI_FILE_PROTOCOL* root_ = nullptr;

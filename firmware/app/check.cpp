@@ -1,18 +1,22 @@
 // tolvane_check: the test application that the firmware's shell runs after
 // the service images and the driver have been loaded. It checks what they
 // installed, exercises the XML service, the log service and the forms
-// processor on the firmware's own HII database and both password services
-// on the firmware's own variable store, then exports every device that owns
-// forms (exports.h). One line per check, a final
+// processor on the firmware's own HII database, exports every device that
+// owns forms (exports.h), applies the pending documents on the boot drive
+// (applies.h), and then exercises both password services on the
+// firmware's own variable store. On the runner's second boot it checks
+// what the first one left instead. One line per check, a final
 // "N passed, N failed" line, and the machine shuts down.
 #include "export/records/records.h"
-#include "firmware/app/exports.h"
+#include "firmware/app/applies.h"
+#include "firmware/app/boot_drive.h"
 #include "firmware/app/report.h"
 #include "uefi/media.h"
 #include "uefi/print.h"
 #include "uefi/runtime.h"
 #include "uefi/services.h"
 
+using tvl::check::BootDrive;
 using tvl::check::Report;
 using tvl::check::say;
 using tvl::rt::bs;
@@ -42,7 +46,6 @@ constexpr ServiceEntry kServices[] = {
     {u"XML service", XML_PROTOCOL_GUID},
     {u"forms processor", HII_FORMS_PROCESSOR2_PROTOCOL_GUID},
     {u"device location service", DEVICE_LOCATION_PROTOCOL_GUID},
-    {u"password service (newer)", PASSWORD2_PROTOCOL_GUID},
     {u"password service (older)", LEGACY_PASSWORD_PROTOCOL_GUID},
     {u"HII database (firmware)", EFI_HII_DATABASE_PROTOCOL_GUID},
     {u"HII string (firmware)", EFI_HII_STRING_PROTOCOL_GUID},
@@ -290,6 +293,19 @@ void checkForms(HII_FORMS_PROCESSOR2_PROTOCOL* forms, EFI_HII_DATABASE_PROTOCOL*
 
 // ---------------------------------------------------------------- passwords
 
+// The driver binds the newer password service when it finds one at its
+// entry, so the shell loads only the older one, which checks old passwords;
+// the newer one is loaded here once the applies are done.
+PASSWORD2_PROTOCOL* loadNewerService(Report& report) {
+  BootDrive drive;
+  EFI_HANDLE image = nullptr;
+  EFI_STATUS status = drive.open();
+  if (!EFI_ERROR(status)) status = drive.startImage(u"\\password2_service.efi", &image);
+  PASSWORD2_PROTOCOL* newer = locate<PASSWORD2_PROTOCOL>(gPassword2ProtocolGuid);
+  report.check(status == EFI_SUCCESS && newer, u"password service (newer) loaded after the applies: %r", status);
+  return newer;
+}
+
 // Seconds since midnight by the firmware's clock (its resolution is often a
 // whole second).
 UINT64 secondsOfDay() {
@@ -355,12 +371,19 @@ void runChecks(Report& report) {
     checkCombined(s.converter, s.xml, report);
   }
   if (s.log) checkLog(s.log, report);
+  if (tvl::check::isSecondBoot()) {
+    if (s.xml && s.location && s.database) tvl::check::runSecondBoot(s, report);
+    return;
+  }
   if (s.forms && s.database) checkForms(s.forms, s.database, s.strings, report);
-  auto* newer = locate<PASSWORD2_PROTOCOL>(gPassword2ProtocolGuid);
-  auto* older = locate<LEGACY_PASSWORD_PROTOCOL>(gLegacyPasswordProtocolGuid);
-  if (newer && older) checkPasswords(newer, older, report);
   // The service checks above said what is missing.
-  if (s.xml && s.forms && s.location && s.database && s.strings) tvl::check::runExports(s, report);
+  if (s.xml && s.forms && s.location && s.database && s.strings) {
+    tvl::check::runExports(s, report);
+    tvl::check::runApplies(s, report);
+  }
+  auto* older = locate<LEGACY_PASSWORD_PROTOCOL>(gLegacyPasswordProtocolGuid);
+  auto* newer = older ? loadNewerService(report) : nullptr;
+  if (newer && older) checkPasswords(newer, older, report);
 }
 
 }  // namespace

@@ -232,13 +232,8 @@ void dumpDatabase(Run& run) {
 // Loads the sample-device image from the boot drive; its entry publishes the
 // devices with their package lists, stores and locations.
 EFI_HANDLE loadSampleDevices(Run& run) {
-  Pool<UINT8> image;
-  UINTN size = 0;
-  EFI_STATUS status = run.drive.read(kSampleImageFile, image, size);
   EFI_HANDLE handle = nullptr;
-  if (!EFI_ERROR(status))
-    status = bs()->LoadImage(FALSE, rt::gImage.imageHandle, nullptr, image.get(), size, &handle);
-  if (!EFI_ERROR(status)) status = bs()->StartImage(handle, nullptr, nullptr);
+  EFI_STATUS status = run.drive.startImage(kSampleImageFile, &handle);
   run.report.check(status == EFI_SUCCESS, u"sample devices loaded from %s: %r", kSampleImageFile, status);
   return status == EFI_SUCCESS ? handle : nullptr;
 }

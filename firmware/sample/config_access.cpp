@@ -422,6 +422,25 @@ void decodeValue(const Block& b, UINT8* field) {
   }
 }
 
+// A store whose driver keeps bytes of its own in the higher bytes of its
+// fields refuses a block wider than one byte whose value is all zeros:
+// EFI_INVALID_PARAMETER with Progress at that block, nothing written.
+EFI_STATUS refuseWideZero(const CHAR16* text, UINTN length, const Header& h, UINTN& progress) {
+  UINTN refusedAt = length;
+  forEachBlock(text, length, h, Kind::Response, progress, [&](const Block& b) {
+    if (b.width <= 1 || refusedAt != length) return EFI_SUCCESS;
+    // The digits that make the field's bytes: the last 2 * WIDTH.
+    const UINTN used = b.valueDigits < 2 * b.width ? b.valueDigits : UINTN(2 * b.width);
+    bool zero = true;
+    for (UINTN i = b.valueDigits - used; i < b.valueDigits && zero; ++i) zero = hexValue(b.value[i]) == 0;
+    if (zero) refusedAt = b.begin;
+    return EFI_SUCCESS;
+  });
+  if (refusedAt == length) return EFI_SUCCESS;
+  progress = refusedAt;
+  return EFI_INVALID_PARAMETER;
+}
+
 EFI_STATUS routeConfig(PublishedDevice* device, const CHAR16* text, UINTN length, UINTN& progress) {
   Header h;
   PublishedStore* store = nullptr;
@@ -429,6 +448,7 @@ EFI_STATUS routeConfig(PublishedDevice* device, const CHAR16* text, UINTN length
   Bytes bytes;
   RETURN_IF_ERROR(readStore(*store, bytes));
   RETURN_IF_ERROR(checkBlocks(text, length, h, Kind::Response, bytes.size, progress));
+  if (store->data->refusesWideZero) RETURN_IF_ERROR(refuseWideZero(text, length, h, progress));
   Pool<UINT8> updated = Pool<UINT8>::bytes(bytes.size ? bytes.size : 1);
   if (!updated) return EFI_OUT_OF_RESOURCES;
   rt::copyMem(updated.get(), bytes.data, bytes.size);

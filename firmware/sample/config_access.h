@@ -12,7 +12,9 @@
 // - a <ConfigHdr> with OFFSET/WIDTH blocks: the header and each block as
 //   written, each block followed by &VALUE=.
 // RouteConfig(Configuration): a <ConfigHdr> and OFFSET/WIDTH/VALUE blocks,
-// applied only when the whole string is valid.
+// applied only when the whole string is valid; a store marked
+// refusesWideZero refuses a block wider than one byte whose value is all
+// zeros (EFI_INVALID_PARAMETER, Progress at that block).
 // Statuses: EFI_INVALID_PARAMETER for null arguments, syntax errors and
 // fields outside the store (Progress at the '&' of the pair at fault, the
 // start of the string for the first pair); EFI_NOT_FOUND when GUID, NAME

@@ -96,7 +96,8 @@ void device(std::ostream& out, size_t d, const DeviceDescription& device, std::v
       stores.push_back("{" + guid(store.guid) + ", " + text(storeName) + ", " + (store.efiVariable ? "TRUE" : "FALSE") +
                        ", " + hex(store.attributes, 8) + ", " + std::to_string(initial.size()) + ", " + name +
                        "Initial, " + std::to_string(defaults.size()) + ", " +
-                       (defaults.empty() ? "nullptr" : name + "Defaults") + "}");
+                       (defaults.empty() ? "nullptr" : name + "Defaults") + ", " +
+                       (store.refusesWideZero ? "TRUE" : "FALSE") + "}");
     }
   }
   if (!stores.empty()) {

@@ -32,6 +32,7 @@ struct SampleStore {
   const UINT8* initial;
   UINTN defaultsCount;  // default configurations, in the order the forms declare their default stores
   const SampleDefaults* defaults;
+  BOOLEAN refusesWideZero;  // its driver refuses zero written over a field wider than one byte
 };
 
 struct SampleDevice {

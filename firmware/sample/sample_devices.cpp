@@ -2,7 +2,9 @@
 // from their reset state, as their drivers would in firmware. For each
 // device it
 //   - gives the buffer stores their reset-state bytes and writes the
-//     reset-state bytes of the EFI variable stores into their variables;
+//     reset-state bytes of the EFI variable stores into their variables,
+//     unless an earlier boot left the variable (the platform's
+//     non-volatile settings);
 //   - installs the device path and the configuration access (config_access.h)
 //     on a new handle;
 //   - registers the device's package list under that handle;
@@ -58,7 +60,14 @@ EFI_STATUS resetStores(PublishedDevice& device) {
     const SampleStore& store = data.stores[i];
     device.stores[i].data = &store;
     if (store.variable) {
+      // A variable that an earlier boot left, of the store's size, holds the
+      // platform's settings and stays; otherwise the reset state is written.
       EFI_GUID guid = store.guid;
+      UINTN size = 0;
+      UINT32 attributes = 0;
+      if (rt::rts()->GetVariable(store.name, &guid, &attributes, &size, nullptr) == EFI_BUFFER_TOO_SMALL &&
+          size == store.size)
+        continue;
       RETURN_IF_ERROR(rt::rts()->SetVariable(store.name, &guid, store.attributes, store.size,
                                              const_cast<UINT8*>(store.initial)));
       continue;

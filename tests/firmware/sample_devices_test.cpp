@@ -207,6 +207,18 @@ std::vector<Call> callsOnStore(const DeviceDescription& device, const tvl::host:
       {Call::Route, u"", true},
       {Call::Extract, h},
   };
+  // Zero over a field wider than one byte, which the thermal store's driver
+  // refuses (however few digits say it); one zero byte, or a wide non-zero
+  // value, it takes.
+  if (size >= 2) {
+    for (const char16_t* blocks :
+         {u"&OFFSET=0&WIDTH=2&VALUE=0000", u"&OFFSET=0&WIDTH=2&VALUE=0", u"&OFFSET=0&WIDTH=2&VALUE=10000",
+          u"&OFFSET=0&WIDTH=1&VALUE=01&OFFSET=0&WIDTH=2&VALUE=00", u"&OFFSET=0&WIDTH=1&VALUE=00",
+          u"&OFFSET=0&WIDTH=2&VALUE=0100"}) {
+      calls.push_back({Call::Route, h + blocks});
+      calls.push_back({Call::Extract, h});
+    }
+  }
   // Default fields that no longer fit a shorter variable are left out.
   if (store.efiVariable) {
     Call shrink{Call::ShrinkVariable, u""};
