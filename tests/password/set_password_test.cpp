@@ -45,20 +45,22 @@ std::string rowName(const ::testing::TestParamInfo<Case>& info) {
 
 // ---------------------------------------------------------------- SetBIOSPassword
 
+// One call of SetBIOSPassword. Most rows name the setup password in the
+// plain form (type 2); the hash rows name their items and type.
 struct FormCase {
   const char* name;
   Service service;
   UINT16 bits;  // PasswordStatus of both passwords
   std::vector<Item> items;
-  const char* item;
-  const char* second;
-  UINT8 type;
-  EFI_STATUS changeStatus;
   EFI_STATUS status;
   Strings changes;
   Strings records;
-  std::string trace;  // a line SetBIOSPassword must have written
-  UINTN level;
+  std::string trace;  // a line SetBIOSPassword must have written ("": none checked)
+  UINTN level = TVL_LEVEL_FAILURE;
+  EFI_STATUS changeStatus = EFI_SUCCESS;
+  const char* item = "SetupPassword";
+  const char* second = "OldSetupPassword";
+  UINT8 type = 2;
   EFI_STATUS propertiesStatus = EFI_SUCCESS;
   bool noRoot = false;
 };
@@ -66,131 +68,105 @@ struct FormCase {
 std::vector<FormCase> formCases() {
   const std::string S = "SetupPassword", O = "OldSetupPassword", H = "SHA256SetupPassword",
                     HS = "SHA256SetupPasswordSalt";
+  const Service N = Service::FakeNewer, F = Service::FakeOlder;
+  const EFI_STATUS bad = EFI_INVALID_PARAMETER;
+  const UINTN progress = TVL_LEVEL_PROGRESS, failure = TVL_LEVEL_FAILURE;
+  const Strings ok = {"SetupPassword:Success:0", "OldSetupPassword:Success:0"};
+  const Strings hashOk = {"SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0"};
+  const std::string start = "Tolvane: Invalid starting parameter: Invalid Parameter\n";
+  const auto sha = [](FormCase c) {  // the setup password's hash form
+    c.item = "SHA256SetupPassword", c.second = "SHA256SetupPasswordSalt", c.type = 3;
+    return c;
+  };
   const FormCase cases[] = {
       // The plain form.
-      {"newer: passed as decoded", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2,
-       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:Abc"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
-       line("ChangePassword (Setup) Success"), TVL_LEVEL_FAILURE},
-      {"older: lower-cased; old item present but not read", Service::FakeOlder, 0,
-       {plain(S, "Abc"), text(O, "not base64 at all")}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
-       EFI_SUCCESS, {"3/2 old= new=u:abc"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
-       line("Attempting to set new password"), TVL_LEVEL_PROGRESS},
-      {"older: old and new lower-cased", Service::FakeOlder, kInstalled, {plain(S, "NewPw"), plain(O, "OldPw")},
-       "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"3/2 old=oldpw new=u:newpw"},
-       {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, line("ChangePassword (Setup) Success"),
-       TVL_LEVEL_FAILURE},
-      {"the name picks the password, the type only the form", Service::FakeNewer, 0, {plain("SysPassword", "Sys1")},
-       "SysPassword", "OldSysPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"2/1 old= new=u:Sys1"},
-       {"SysPassword:Success:0", "OldSysPassword:Success:0"}, line("ChangePassword (Sys) Success"),
-       TVL_LEVEL_FAILURE},
-      {"older: equal but for letter case", Service::FakeOlder, kInstalled, {plain(S, "ABC"), plain(O, "abc")},
-       "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS, EFI_DEVICE_ERROR, {}, {},
-       line("PASSWORDS MATCH; SKIP SET Device Error"), TVL_LEVEL_FAILURE},
-      {"older: old item missing", Service::FakeOlder, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2,
-       EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, line("Invalid XML; Missing OldSetupPassword Invalid Parameter"),
-       TVL_LEVEL_FAILURE},
-      {"older: installed, old empty", Service::FakeOlder, kInstalled, {plain(S, "Abc"), password(O, "")},
-       "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
-       line("Password is INSTALLED, but NULL was provided Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"older: installed, old not marked", Service::FakeOlder, kInstalled,
-       {plain(S, "Abc"), password(O, base64("x"), false)}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
-       EFI_INVALID_PARAMETER, {}, {}, line("Missing Encoding=\"Base64\" Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"older: old decodes to 33 bytes", Service::FakeOlder, kInstalled, {plain(S, "Abc"), plain(O, k32 + "6")},
-       "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
-       line("OldDecodedPasswordSize is too large Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"new not marked", Service::FakeNewer, 0, {password(S, base64("Abc"), false)}, "SetupPassword",
-       "OldSetupPassword", 2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
-       line("Missing Encoding for new password =\"Base64\" Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"new decodes to 33 bytes", Service::FakeNewer, 0, {plain(S, k32 + "6")}, "SetupPassword", "OldSetupPassword",
-       2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, line("NewDecodedPasswordSize is too large Invalid Parameter"),
-       TVL_LEVEL_FAILURE},
-      {"new of 32 bytes", Service::FakeNewer, 0, {plain(S, k32)}, "SetupPassword", "OldSetupPassword", 2,
-       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:" + k32}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
-       line("ChangePassword (Setup) Success"), TVL_LEVEL_FAILURE},
-      {"a zero byte ends the password", Service::FakeNewer, 0, {plain(S, std::string("A\0BC", 4))}, "SetupPassword",
-       "OldSetupPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:A"},
-       {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, "", 0},
-      {"bytes above 0x7f keep their value", Service::FakeNewer, 0, {plain(S, "\xe9t\xc9")}, "SetupPassword",
-       "OldSetupPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:\\u00e9t\\u00c9"},
-       {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, "", 0},
-      {"clear with none installed", Service::FakeNewer, 0, {password(S, "")}, "SetupPassword", "OldSetupPassword", 2,
-       EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
-       line("Attempted to clear password, while none is set Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"clear", Service::FakeNewer, kInstalled, {password(S, "")}, "SetupPassword", "OldSetupPassword", 2,
-       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
-       line("Attempting to clear existing password"), TVL_LEVEL_PROGRESS},
-      {"older: clear", Service::FakeOlder, kInstalled, {password(S, ""), plain(O, "Old")}, "SetupPassword",
-       "OldSetupPassword", 2, EFI_SUCCESS, EFI_SUCCESS, {"3/2 old=old new=u:"},
-       {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, line("Attempting to clear existing password"),
-       TVL_LEVEL_PROGRESS},
-      {"disabled", Service::FakeNewer, kInstalled | kDisabled, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword",
-       2, EFI_SUCCESS, EFI_DEVICE_ERROR, {}, {}, line("EFI_VORK_PASSWORD_DISABLED Device Error"), TVL_LEVEL_FAILURE},
-      {"GetProperties fails", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2,
-       EFI_SUCCESS, EFI_VOLUME_CORRUPTED, {}, {}, line("GetProperties Volume Corrupt"), TVL_LEVEL_FAILURE,
+      {"newer: passed as decoded", N, 0, {plain(S, "Abc")}, EFI_SUCCESS, {"2/2 old= new=u:Abc"}, ok,
+       line("ChangePassword (Setup) Success")},
+      {"older: lower-cased; old item present but not read", F, 0, {plain(S, "Abc"), text(O, "not base64 at all")},
+       EFI_SUCCESS, {"3/2 old= new=u:abc"}, ok, line("Attempting to set new password"), progress},
+      {"older: old and new lower-cased", F, kInstalled, {plain(S, "NewPw"), plain(O, "OldPw")}, EFI_SUCCESS,
+       {"3/2 old=oldpw new=u:newpw"}, ok, line("ChangePassword (Setup) Success")},
+      {"the name picks the password, the type only the form", N, 0, {plain("SysPassword", "Sys1")}, EFI_SUCCESS,
+       {"2/1 old= new=u:Sys1"}, {"SysPassword:Success:0", "OldSysPassword:Success:0"},
+       line("ChangePassword (Sys) Success"), failure, EFI_SUCCESS, "SysPassword", "OldSysPassword"},
+      {"older: equal but for letter case", F, kInstalled, {plain(S, "ABC"), plain(O, "abc")}, EFI_DEVICE_ERROR, {},
+       {}, line("PASSWORDS MATCH; SKIP SET Device Error")},
+      {"older: old item missing", F, 0, {plain(S, "Abc")}, bad, {}, {},
+       line("Invalid XML; Missing OldSetupPassword Invalid Parameter")},
+      {"older: installed, old empty", F, kInstalled, {plain(S, "Abc"), password(O, "")}, bad, {}, {},
+       line("Password is INSTALLED, but NULL was provided Invalid Parameter")},
+      {"older: installed, old not marked", F, kInstalled, {plain(S, "Abc"), password(O, base64("x"), false)}, bad, {},
+       {}, line("Missing Encoding=\"Base64\" Invalid Parameter")},
+      {"older: old decodes to 33 bytes", F, kInstalled, {plain(S, "Abc"), plain(O, k32 + "6")}, bad, {}, {},
+       line("OldDecodedPasswordSize is too large Invalid Parameter")},
+      {"new not marked", N, 0, {password(S, base64("Abc"), false)}, bad, {}, {},
+       line("Missing Encoding for new password =\"Base64\" Invalid Parameter")},
+      {"new decodes to 33 bytes", N, 0, {plain(S, k32 + "6")}, bad, {}, {},
+       line("NewDecodedPasswordSize is too large Invalid Parameter")},
+      {"new of 32 bytes", N, 0, {plain(S, k32)}, EFI_SUCCESS, {"2/2 old= new=u:" + k32}, ok,
+       line("ChangePassword (Setup) Success")},
+      {"a zero byte ends the password", N, 0, {plain(S, std::string("A\0BC", 4))}, EFI_SUCCESS, {"2/2 old= new=u:A"},
+       ok, ""},
+      {"bytes above 0x7f keep their value", N, 0, {plain(S, "\xe9t\xc9")}, EFI_SUCCESS,
+       {"2/2 old= new=u:\\u00e9t\\u00c9"}, ok, ""},
+      {"clear with none installed", N, 0, {password(S, "")}, bad, {}, {},
+       line("Attempted to clear password, while none is set Invalid Parameter")},
+      {"clear", N, kInstalled, {password(S, "")}, EFI_SUCCESS, {"2/2 old= new=u:"}, ok,
+       line("Attempting to clear existing password"), progress},
+      {"older: clear", F, kInstalled, {password(S, ""), plain(O, "Old")}, EFI_SUCCESS, {"3/2 old=old new=u:"}, ok,
+       line("Attempting to clear existing password"), progress},
+      {"disabled", N, kInstalled | kDisabled, {plain(S, "Abc")}, EFI_DEVICE_ERROR, {}, {},
+       line("EFI_VORK_PASSWORD_DISABLED Device Error")},
+      {"GetProperties fails", N, 0, {plain(S, "Abc")}, EFI_VOLUME_CORRUPTED, {}, {},
+       line("GetProperties Volume Corrupt"), failure, EFI_SUCCESS, "SetupPassword", "OldSetupPassword", 2,
        EFI_VOLUME_CORRUPTED},
-      {"item missing", Service::FakeNewer, 0, {plain(O, "Abc")}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
-       EFI_INVALID_PARAMETER, {}, {}, line("Invalid XML; Missing SetupPassword Invalid Parameter"),
-       TVL_LEVEL_FAILURE},
-      {"item without Value", Service::FakeNewer, 0, {Item{S, "1", std::nullopt, true}}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
-       EFI_INVALID_PARAMETER, {}, {}, line("Invalid XML; Missing Value Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"wrong old password", Service::FakeOlder, kInstalled, {plain(S, "New"), plain(O, "Bad")}, "SetupPassword",
-       "OldSetupPassword", 2, EFI_ACCESS_DENIED, EFI_ACCESS_DENIED, {"3/2 old=bad new=u:new"},
-       {"SetupPassword:Failure:603"}, line("Old password was incorrect; Password was not set Access Denied"),
-       TVL_LEVEL_FAILURE},
-      {"another service failure", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2,
-       EFI_WRITE_PROTECTED, EFI_WRITE_PROTECTED, {"2/2 old= new=u:Abc"},
-       {"SetupPassword:Failure:605", "OldSetupPassword:Failure:605"}, line("Generic failure Write Protected"),
-       TVL_LEVEL_FAILURE},
-      {"unknown name", Service::FakeNewer, 0, {plain("AdminPassword", "Abc")}, "AdminPassword", "OldAdminPassword",
-       2, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, line("Invalid TYPE Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"unknown type code: a recorded failure", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword",
-       "OldSetupPassword", 7, EFI_SUCCESS, EFI_DEVICE_ERROR, {},
-       {"SetupPassword:Failure:605", "OldSetupPassword:Failure:605"}, line("Generic failure Device Error"),
-       TVL_LEVEL_FAILURE},
+      {"item missing", N, 0, {plain(O, "Abc")}, bad, {}, {},
+       line("Invalid XML; Missing SetupPassword Invalid Parameter")},
+      {"item without Value", N, 0, {Item{S, "1", std::nullopt, true}}, bad, {}, {},
+       line("Invalid XML; Missing Value Invalid Parameter")},
+      {"wrong old password", F, kInstalled, {plain(S, "New"), plain(O, "Bad")}, EFI_ACCESS_DENIED,
+       {"3/2 old=bad new=u:new"}, {"SetupPassword:Failure:603"},
+       line("Old password was incorrect; Password was not set Access Denied"), failure, EFI_ACCESS_DENIED},
+      {"another service failure", N, 0, {plain(S, "Abc")}, EFI_WRITE_PROTECTED, {"2/2 old= new=u:Abc"},
+       {"SetupPassword:Failure:605", "OldSetupPassword:Failure:605"}, line("Generic failure Write Protected"), failure,
+       EFI_WRITE_PROTECTED},
+      {"unknown name", N, 0, {plain("AdminPassword", "Abc")}, bad, {}, {}, line("Invalid TYPE Invalid Parameter"),
+       failure, EFI_SUCCESS, "AdminPassword", "OldAdminPassword"},
+      {"unknown type code: a recorded failure", N, 0, {plain(S, "Abc")}, EFI_DEVICE_ERROR, {},
+       {"SetupPassword:Failure:605", "OldSetupPassword:Failure:605"}, line("Generic failure Device Error"), failure,
+       EFI_SUCCESS, "SetupPassword", "OldSetupPassword", 7},
       // The common start.
-      {"no service", Service::None, 0, {plain(S, "Abc")}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
-       EFI_INVALID_PARAMETER, {}, {}, "Tolvane: Invalid starting parameter: Invalid Parameter\n", TVL_LEVEL_FAILURE},
-      {"no root", Service::FakeNewer, 0, {}, "SetupPassword", "OldSetupPassword", 2, EFI_SUCCESS,
-       EFI_INVALID_PARAMETER, {}, {}, "Tolvane: Invalid starting parameter: Invalid Parameter\n", TVL_LEVEL_FAILURE,
+      {"no service", Service::None, 0, {plain(S, "Abc")}, bad, {}, {}, start},
+      {"no root", N, 0, {}, bad, {}, {}, start, failure, EFI_SUCCESS, "SetupPassword", "OldSetupPassword", 2,
        EFI_SUCCESS, true},
-      {"no name", Service::FakeNewer, 0, {plain(S, "Abc")}, nullptr, "OldSetupPassword", 2, EFI_SUCCESS,
-       EFI_INVALID_PARAMETER, {}, {}, "Tolvane: Invalid starting parameter: Invalid Parameter\n", TVL_LEVEL_FAILURE},
-      {"older: no second name", Service::FakeOlder, 0, {plain(S, "Abc"), plain(O, "")}, "SetupPassword", nullptr, 2,
-       EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
-       "Tolvane: Invalid starting parameter OldPassswordName: Invalid Parameter\n", TVL_LEVEL_FAILURE},
-      {"newer: no second name, one record", Service::FakeNewer, 0, {plain(S, "Abc")}, "SetupPassword", nullptr, 2,
-       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:Abc"}, {"SetupPassword:Success:0"}, "", 0},
+      {"no name", N, 0, {plain(S, "Abc")}, bad, {}, {}, start, failure, EFI_SUCCESS, nullptr},
+      {"older: no second name", F, 0, {plain(S, "Abc"), plain(O, "")}, bad, {}, {},
+       "Tolvane: Invalid starting parameter OldPassswordName: Invalid Parameter\n", failure, EFI_SUCCESS,
+       "SetupPassword", nullptr},
+      {"newer: no second name, one record", N, 0, {plain(S, "Abc")}, EFI_SUCCESS, {"2/2 old= new=u:Abc"},
+       {"SetupPassword:Success:0"}, "", failure, EFI_SUCCESS, "SetupPassword", nullptr},
       // The hash form: texts passed on as they are, 8-bit.
-      {"hash and salt", Service::FakeNewer, 0, {password(H, kHash), text(HS, "NaCl")}, "SHA256SetupPassword",
-       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_SUCCESS, {"1/2 old= hash=a:" + std::string(kHash) + " salt=a:NaCl"},
-       {"SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0"},
-       line("ChangePassword SHA (Setup) Success"), TVL_LEVEL_PROGRESS},
-      {"hash with an empty salt", Service::FakeNewer, 0, {text(H, kHash), text(HS, "")}, "SHA256SetupPassword",
-       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_SUCCESS, {"1/2 old= hash=a:" + std::string(kHash) + " salt=null"},
-       {"SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0"}, "", 0},
-      {"hash clear, installed or not", Service::FakeNewer, 0, {text(H, ""), text(HS, "NaCl")}, "SHA256SetupPassword",
-       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_SUCCESS, {"1/2 old= hash=a: salt=null"},
-       {"SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0"},
-       line("clearing the current setup password "), TVL_LEVEL_PROGRESS},
-      {"system hash", Service::FakeNewer, 0, {text("SHA256SystemPassword", "ab"), text("SHA256SystemPasswordSalt", "s")},
-       "SHA256SystemPassword", "SHA256SystemPasswordSalt", 4, EFI_SUCCESS, EFI_SUCCESS,
+      sha({"hash and salt", N, 0, {password(H, kHash), text(HS, "NaCl")}, EFI_SUCCESS,
+           {"1/2 old= hash=a:" + std::string(kHash) + " salt=a:NaCl"}, hashOk,
+           line("ChangePassword SHA (Setup) Success"), progress}),
+      sha({"hash with an empty salt", N, 0, {text(H, kHash), text(HS, "")}, EFI_SUCCESS,
+           {"1/2 old= hash=a:" + std::string(kHash) + " salt=null"}, hashOk, ""}),
+      sha({"hash clear, installed or not", N, 0, {text(H, ""), text(HS, "NaCl")}, EFI_SUCCESS,
+           {"1/2 old= hash=a: salt=null"}, hashOk, line("clearing the current setup password "), progress}),
+      {"system hash", N, 0, {text("SHA256SystemPassword", "ab"), text("SHA256SystemPasswordSalt", "s")}, EFI_SUCCESS,
        {"1/1 old= hash=a:ab salt=a:s"}, {"SHA256SystemPassword:Success:0", "SHA256SystemPasswordSalt:Success:0"},
-       line("ChangePassword SHA (Sys) Success"), TVL_LEVEL_PROGRESS},
-      {"hash of 65 characters", Service::FakeNewer, 0, {text(H, std::string(kHash) + "0"), text(HS, "")},
-       "SHA256SetupPassword", "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
-       line("NewDecodedPasswordSize is too large Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"salt of 33 characters", Service::FakeNewer, 0, {text(H, kHash), text(HS, k32 + "6")}, "SHA256SetupPassword",
-       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
-       line("Salt is too large Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"salt item missing", Service::FakeNewer, 0, {text(H, kHash)}, "SHA256SetupPassword", "SHA256SetupPasswordSalt",
-       3, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {},
-       line("Invalid XML; Missing SHA256SetupPasswordSalt Invalid Parameter"), TVL_LEVEL_FAILURE},
-      {"hash disabled", Service::FakeNewer, kDisabled, {text(H, kHash), text(HS, "")}, "SHA256SetupPassword",
-       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_DEVICE_ERROR, {}, {},
-       line("EFI_VORK_PASSWORD_DISABLED Device Error"), TVL_LEVEL_FAILURE},
-      {"hash unknown name", Service::FakeNewer, 0, {text("SHA256SetupPass", kHash), text(HS, "")}, "SHA256SetupPass",
-       "SHA256SetupPasswordSalt", 3, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, line("Invalid TYPE Invalid Parameter"),
-       TVL_LEVEL_FAILURE},
+       line("ChangePassword SHA (Sys) Success"), progress, EFI_SUCCESS, "SHA256SystemPassword",
+       "SHA256SystemPasswordSalt", 4},
+      sha({"hash of 65 characters", N, 0, {text(H, std::string(kHash) + "0"), text(HS, "")}, bad, {}, {},
+           line("NewDecodedPasswordSize is too large Invalid Parameter")}),
+      sha({"salt of 33 characters", N, 0, {text(H, kHash), text(HS, k32 + "6")}, bad, {}, {},
+           line("Salt is too large Invalid Parameter")}),
+      sha({"salt item missing", N, 0, {text(H, kHash)}, bad, {}, {},
+           line("Invalid XML; Missing SHA256SetupPasswordSalt Invalid Parameter")}),
+      sha({"hash disabled", N, kDisabled, {text(H, kHash), text(HS, "")}, EFI_DEVICE_ERROR, {}, {},
+           line("EFI_VORK_PASSWORD_DISABLED Device Error")}),
+      {"hash unknown name", N, 0, {text("SHA256SetupPass", kHash), text(HS, "")}, bad, {}, {},
+       line("Invalid TYPE Invalid Parameter"), failure, EFI_SUCCESS, "SHA256SetupPass", "SHA256SetupPasswordSalt", 3},
   };
   return std::vector<FormCase>(std::begin(cases), std::end(cases));
 }
@@ -253,13 +229,13 @@ struct EntryCase {
   const char* name;
   Service service;
   std::vector<Item> items;
-  EFI_STATUS setupStatus;   // the service's answers to changes of the setup
-  EFI_STATUS systemStatus;  // and of the system password
   EFI_STATUS status;
   Strings changes;
   Strings records;
   std::vector<std::pair<std::string, std::string>> indexes;  // afterwards
-  std::string trace;  // a line of tvlSetBIOSPassword
+  std::string trace;                                         // a line of tvlSetBIOSPassword
+  EFI_STATUS setupStatus = EFI_SUCCESS;   // the service's answers to changes of the setup
+  EFI_STATUS systemStatus = EFI_SUCCESS;  // and of the system password
 };
 
 std::vector<EntryCase> entryCases() {
@@ -267,64 +243,57 @@ std::vector<EntryCase> entryCases() {
   auto setup = [](const char* index) { return password("SetupPassword", base64("Set"), true, index); };
   auto hash = [](const std::string& name, const char* index) { return password(name, "ab", false, index); };
   const std::string ok = "Tolvane-tvlSetBIOSPassword: Exiting with SUCCESS\n";
+  const Service N = Service::FakeNewer;
+  const Strings setupOk = {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
+                sysOk = {"SysPassword:Success:0", "OldSysPassword:Success:0"};
   const EntryCase cases[] = {
-      {"no service", Service::None, {setup("1")}, EFI_SUCCESS, EFI_SUCCESS, EFI_INVALID_PARAMETER, {}, {}, {},
+      {"no service", Service::None, {setup("1")}, EFI_INVALID_PARAMETER, {}, {}, {},
        "Tolvane: Invalid parameter: Invalid Parameter\n"},
-      {"nothing pending", Service::FakeNewer, {setup("0"), sys("0")}, EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS, {}, {},
+      {"nothing pending", N, {setup("0"), sys("0")}, EFI_SUCCESS, {}, {},
        {{"SetupPassword", "0"}, {"SysPassword", "0"}}, ok},
-      {"setup first, whatever the document order", Service::FakeNewer, {sys("2"), setup("1")}, EFI_SUCCESS,
-       EFI_SUCCESS, EFI_SUCCESS, {"2/2 old= new=u:Set", "2/1 old= new=u:Sys"},
-       {"SetupPassword:Success:0", "OldSetupPassword:Success:0", "SysPassword:Success:0", "OldSysPassword:Success:0"},
+      {"setup first, whatever the document order", N, {sys("2"), setup("1")}, EFI_SUCCESS,
+       {"2/2 old= new=u:Set", "2/1 old= new=u:Sys"}, {setupOk[0], setupOk[1], sysOk[0], sysOk[1]},
        {{"SetupPassword", "0"}, {"SysPassword", "0"}}, "Tolvane: SetBIOSPassword(Sys): Success\n"},
-      {"only the non-zero index", Service::FakeNewer, {setup("0"), sys("1")}, EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS,
-       {"2/1 old= new=u:Sys"}, {"SysPassword:Success:0", "OldSysPassword:Success:0"},
+      {"only the non-zero index", N, {setup("0"), sys("1")}, EFI_SUCCESS, {"2/1 old= new=u:Sys"}, sysOk,
        {{"SetupPassword", "0"}, {"SysPassword", "0"}}, ok},
-      {"four attempts in order", Service::FakeNewer,
+      {"four attempts in order", N,
        {hash("SHA256SystemPassword", "1"), hash("SHA256SystemPasswordSalt", "1"), hash("SHA256SetupPassword", "1"),
         hash("SHA256SetupPasswordSalt", "1"), sys("1"), setup("1")},
-       EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS,
+       EFI_SUCCESS,
        {"2/2 old= new=u:Set", "2/1 old= new=u:Sys", "1/2 old= hash=a:ab salt=a:ab", "1/1 old= hash=a:ab salt=a:ab"},
-       {"SetupPassword:Success:0", "OldSetupPassword:Success:0", "SysPassword:Success:0", "OldSysPassword:Success:0",
-        "SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0", "SHA256SystemPassword:Success:0",
-        "SHA256SystemPasswordSalt:Success:0"},
+       {setupOk[0], setupOk[1], sysOk[0], sysOk[1], "SHA256SetupPassword:Success:0",
+        "SHA256SetupPasswordSalt:Success:0", "SHA256SystemPassword:Success:0", "SHA256SystemPasswordSalt:Success:0"},
        {{"SHA256SetupPasswordSalt", "0"}, {"SHA256SystemPasswordSalt", "0"}},
        "Tolvane: SetBIOSPassword(SHA System ): Success\n"},
-      {"a refused setup change, then a system change: success", Service::FakeNewer,
-       {password("SetupPassword", base64("Set"), false), sys("1")}, EFI_SUCCESS, EFI_SUCCESS, EFI_SUCCESS,
-       {"2/1 old= new=u:Sys"}, {"SysPassword:Success:0", "OldSysPassword:Success:0"}, {{"SetupPassword", "0"}},
-       "Tolvane: SetBIOSPassword(Setup): Invalid Parameter\n"},
+      {"a refused setup change, then a system change: success", N,
+       {password("SetupPassword", base64("Set"), false), sys("1")}, EFI_SUCCESS, {"2/1 old= new=u:Sys"}, sysOk,
+       {{"SetupPassword", "0"}}, "Tolvane: SetBIOSPassword(Setup): Invalid Parameter\n"},
       {"a wrong old setup password, then a system change: success", Service::FakeOlder,
-       {setup("1"), plain("OldSetupPassword", "x"), sys("1"), plain("OldSysPassword", "y")}, EFI_ACCESS_DENIED,
-       EFI_SUCCESS, EFI_SUCCESS, {"3/2 old= new=u:set", "3/1 old= new=u:sys"},
-       {"SetupPassword:Failure:603", "SysPassword:Success:0", "OldSysPassword:Success:0"}, {}, ok},
-      {"a failing last attempt: aborted", Service::FakeNewer, {setup("1"), sys("1")}, EFI_SUCCESS, EFI_DEVICE_ERROR,
-       EFI_ABORTED, {"2/2 old= new=u:Set", "2/1 old= new=u:Sys"},
-       {"SetupPassword:Success:0", "OldSetupPassword:Success:0", "SysPassword:Failure:605", "OldSysPassword:Failure:605"},
-       {}, "Tolvane: One errored!: Device Error\n"},
-      {"a last refusal before the service: aborted", Service::FakeNewer,
-       {setup("1"), password("SysPassword", "", true)}, EFI_SUCCESS, EFI_SUCCESS, EFI_ABORTED,
-       {"2/2 old= new=u:Set"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"}, {},
-       "Tolvane: One errored!: Invalid Parameter\n"},
-      {"a write-protected last attempt counts as success", Service::FakeNewer, {sys("1")}, EFI_SUCCESS,
-       EFI_WRITE_PROTECTED, EFI_SUCCESS, {"2/1 old= new=u:Sys"},
+       {setup("1"), plain("OldSetupPassword", "x"), sys("1"), plain("OldSysPassword", "y")}, EFI_SUCCESS,
+       {"3/2 old= new=u:set", "3/1 old= new=u:sys"}, {"SetupPassword:Failure:603", sysOk[0], sysOk[1]}, {}, ok,
+       EFI_ACCESS_DENIED},
+      {"a failing last attempt: aborted", N, {setup("1"), sys("1")}, EFI_ABORTED,
+       {"2/2 old= new=u:Set", "2/1 old= new=u:Sys"},
+       {setupOk[0], setupOk[1], "SysPassword:Failure:605", "OldSysPassword:Failure:605"}, {},
+       "Tolvane: One errored!: Device Error\n", EFI_SUCCESS, EFI_DEVICE_ERROR},
+      {"a last refusal before the service: aborted", N, {setup("1"), password("SysPassword", "", true)}, EFI_ABORTED,
+       {"2/2 old= new=u:Set"}, setupOk, {}, "Tolvane: One errored!: Invalid Parameter\n"},
+      {"a write-protected last attempt counts as success", N, {sys("1")}, EFI_SUCCESS, {"2/1 old= new=u:Sys"},
        {"SysPassword:Failure:605", "OldSysPassword:Failure:605"}, {},
-       "Tolvane-tvlSetBIOSPassword: ONE PASSWORD SET == SUCCESS\n"},
-      {"an index without contents is pending and stays", Service::FakeNewer, {setup("")}, EFI_SUCCESS, EFI_SUCCESS,
-       EFI_SUCCESS, {"2/2 old= new=u:Set"}, {"SetupPassword:Success:0", "OldSetupPassword:Success:0"},
+       "Tolvane-tvlSetBIOSPassword: ONE PASSWORD SET == SUCCESS\n", EFI_SUCCESS, EFI_WRITE_PROTECTED},
+      {"an index without contents is pending and stays", N, {setup("")}, EFI_SUCCESS, {"2/2 old= new=u:Set"}, setupOk,
        {{"SetupPassword", "(none)"}}, ok},
-      {"an item without an index is skipped", Service::FakeNewer, {setup(nullptr)}, EFI_SUCCESS, EFI_SUCCESS,
-       EFI_SUCCESS, {}, {}, {}, ok},
-      {"a salt keeps its mark without its hash", Service::FakeNewer,
-       {hash("SHA256SetupPassword", "0"), hash("SHA256SetupPasswordSalt", "3")}, EFI_SUCCESS, EFI_SUCCESS,
-       EFI_SUCCESS, {}, {}, {{"SHA256SetupPasswordSalt", "3"}}, ok},
-      {"a salt without a mark", Service::FakeNewer,
-       {hash("SHA256SetupPassword", "1"), hash("SHA256SetupPasswordSalt", "0")}, EFI_SUCCESS, EFI_SUCCESS,
+      {"an item without an index is skipped", N, {setup(nullptr)}, EFI_SUCCESS, {}, {}, {}, ok},
+      {"a salt keeps its mark without its hash", N,
+       {hash("SHA256SetupPassword", "0"), hash("SHA256SetupPasswordSalt", "3")}, EFI_SUCCESS, {}, {},
+       {{"SHA256SetupPasswordSalt", "3"}}, ok},
+      {"a salt without a mark", N, {hash("SHA256SetupPassword", "1"), hash("SHA256SetupPasswordSalt", "0")},
        EFI_SUCCESS, {"1/2 old= hash=a:ab salt=a:ab"},
        {"SHA256SetupPassword:Success:0", "SHA256SetupPasswordSalt:Success:0"}, {{"SHA256SetupPassword", "0"}},
        "Tolvane: CheckAndClearCommitIndex failed\n"},
       {"older: a hash is refused, its mark consumed", Service::FakeOlder,
-       {hash("SHA256SetupPassword", "1"), hash("SHA256SetupPasswordSalt", "1")}, EFI_SUCCESS, EFI_SUCCESS, EFI_ABORTED,
-       {}, {}, {{"SHA256SetupPassword", "0"}, {"SHA256SetupPasswordSalt", "0"}},
+       {hash("SHA256SetupPassword", "1"), hash("SHA256SetupPasswordSalt", "1")}, EFI_ABORTED, {}, {},
+       {{"SHA256SetupPassword", "0"}, {"SHA256SetupPasswordSalt", "0"}},
        "Tolvane: SetBIOSPassword(SHA Setup): Invalid Parameter\n"},
   };
   return std::vector<EntryCase>(std::begin(cases), std::end(cases));

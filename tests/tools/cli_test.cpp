@@ -229,7 +229,6 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
       {"MacAddr", "text two: \"00:1B:21:3C:4D:5E\""},
       // The legacy sequence is hidden in UEFI boot mode, the UEFI one is not.
       {"BootSeq\"", "marks: suppressed"},
-      {"UefiBootSeq\"", "default 0x0001 \"Manufacturing Defaults\": [3, 4, 1, 2, 5]"},
       {"UefiBootSeq\"", "option \"PXE Device 1: Integrated NIC 1 Port 1 Partition 1 (IPv6)\" keyword "
                         "\"NIC.PxeDevice.1-1[Protocol:IPv6]\" value 2"},
       {"UefiBootSeqEnDis[FQDD:NIC.PxeDevice.1-1][Protocol:IPv6]", "value: 0 (off)"},
@@ -237,11 +236,6 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
       {"SerialComm", "keyword \"OnConRedirCom1\" value 2 suppressed"},
       {"SerialComm", "keyword \"OnConRedirCom2\" value 3\n"},
       {"OsWatchdogTimeout", "default 0x0000 \"Standard Defaults\": 4294967295"},
-      {"RtcDriftComp", "width 8 (u64)"},
-      {"Version\"", "marks: read-only flag"},
-      {"NICConfigLnkSpeed", "option \"Auto Negotiated\" keyword \"AutoNeg\" value 0 default"},
-      {"DhcpVndorID", "length: min 0 max 32 characters"},
-      {"PowerSaveIdleTime", "default 0x0001 \"Manufacturing Defaults\": 60"},
       {"GlobalHotSpare[ReadOnlyIf:DiskStatus=Online]", "marks: read-only condition (false)"},
   };
   for (const auto& c : cases) {
@@ -483,8 +477,6 @@ TEST(CliTest, PasswordSetsChangesAndClearsThroughEitherService) {
        "tolvane password: the setup password was not set: 603 Password: Old password is incorrect.\n"},
       {"change with the old one, in any letter case", {"password", "setup"}, "ABC\nXyz\n", 0,
        "the setup password is set\n", ""},
-      {"the old password is now the new one", {"password", "setup"}, "abc\nQrs\n", 3, "SetupPassword: Failure 603\n",
-       "603"},
       {"clear", {"password", "setup", "--clear"}, "xyz\n", 0, "the setup password is cleared\n", ""},
       {"clear with none installed: refused before the service", {"password", "setup", "--clear"}, "", 1, "",
        "Attempted to clear password, while none is set"},
@@ -556,7 +548,6 @@ TEST(CliTest, StateFileComesFromTheOptionThenTheEnvironment) {
       {"TOLVANE_STATE=" + variable, {"reset", "--state=" + option}, option},
       {"TOLVANE_STATE=" + variable + " XDG_STATE_HOME=" + xdg + " HOME=" + home, {"reset"}, variable},
       {"XDG_STATE_HOME=" + xdg + " HOME=" + home, {"reset"}, xdg + "/tolvane/platform.state"},
-      {"XDG_STATE_HOME=relative HOME=" + home, {"reset"}, home + "/.local/state/tolvane/platform.state"},
       {"HOME=" + home, {"reset"}, home + "/.local/state/tolvane/platform.state"},
   };
   for (const auto& c : cases) {
@@ -587,10 +578,11 @@ TEST(CliTest, StateFileComesFromTheOptionThenTheEnvironment) {
 
 TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
   Cli cli;
+  const std::string bios = "BIOS.InternalSetup.1-1";
   struct Case {
     std::vector<std::string> args;
     int exitCode;
-    const char* says;  // on standard error
+    std::string says;  // on standard error; nothing goes to standard output
   } cases[] = {
       {{}, 2, "usage: tolvane [--checked-pool] [--state FILE] <command>"},
       {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
@@ -606,13 +598,25 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
       {{"export-hii", "-o", "/nonexistent/dir/x.hii"}, 1, "cannot create /nonexistent/dir/x.hii"},
       {{"--lean-pool", "info"}, 2, "unknown global option '--lean-pool'"},
       {{"info", "--checked-pool"}, 2, "unknown option '--checked-pool'"},  // global options go first
+      // The export refuses before it exports anything.
+      {{"export", "--device", bios, "--verbose"}, 2, "unknown option '--verbose'"},
+      {{"export", "--device", bios, "--possible", "--current"}, 2, "--possible or --current, not both"},
+      {{"export", "--device", "NIC.Integrated.9-9-9"}, 2, "no device with FQDD 'NIC.Integrated.9-9-9'"},
+      {{"export"}, 2, "name the device with --device FQDD, or give -o DIR to export every device into DIR; known "
+                      "devices: BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"},
+      {{"export", "--device", bios, "--trace", "verbose"}, 2, "--trace: 'verbose' is neither a hexadecimal mask"},
+      {{"export", "--device", bios, "--trace", "failure,,progress"}, 2, "--trace: 'failure,,progress' is neither"},
+      {{"export", "--device", bios, "--trace", "0x1ffffffffffffffff"}, 2, "is neither a hexadecimal mask"},
+      {{"export", "--device", bios, "-o", cli.path("a.xml"), "--output", cli.path("b.xml")}, 2, "output file once"},
   };
   for (const auto& c : cases) {
     Outcome r = cli.run(c.args, true);
     std::string name = c.args.empty() ? "(none)" : c.args[0];
     EXPECT_EQ(r.exitCode, c.exitCode) << name << ": " << r.err;
     EXPECT_NE(r.err.find(c.says), std::string::npos) << name << ": " << r.err;
+    EXPECT_TRUE(r.out.empty()) << name << ": " << r.out;
   }
+  EXPECT_FALSE(std::ifstream(cli.path("a.xml")).good());
   EXPECT_NE(cli.run({"--help"}).out.find("--checked-pool  serve the platform's pool"), std::string::npos);
   for (const char* command : {"info", "devices", "forms", "export-hii", "export", "apply", "set", "diff", "reset"}) {
     Outcome r = cli.run({command, "--help"});
@@ -622,32 +626,6 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
 }
 
 // ---------------------------------------------------------------- export
-TEST(CliTest, ExportRefusesWrongArgumentsBeforeExporting) {
-  Cli cli;
-  const std::string bios = "BIOS.InternalSetup.1-1";
-  struct Case {
-    std::vector<std::string> args;
-    const char* says;
-  } cases[] = {
-      {{"export", "--device", bios, "--verbose"}, "unknown option '--verbose'"},
-      {{"export", "--device", bios, "--possible", "--current"}, "--possible or --current, not both"},
-      {{"export", "--device", "NIC.Integrated.9-9-9"}, "no device with FQDD 'NIC.Integrated.9-9-9'"},
-      {{"export"}, "name the device with --device FQDD, or give -o DIR to export every device into DIR; known devices: "
-                   "BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"},
-      {{"export", "--device", bios, "--trace", "verbose"}, "--trace: 'verbose' is neither a hexadecimal mask"},
-      {{"export", "--device", bios, "--trace", "failure,,progress"}, "--trace: 'failure,,progress' is neither"},
-      {{"export", "--device", bios, "--trace", "0x1ffffffffffffffff"}, "is neither a hexadecimal mask"},
-      {{"export", "--device", bios, "-o", cli.path("a.xml"), "--output", cli.path("b.xml")}, "output file once"},
-  };
-  for (const auto& c : cases) {
-    Outcome r = cli.run(c.args);
-    EXPECT_EQ(r.exitCode, 2) << c.says << ": " << r.err;
-    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-    EXPECT_TRUE(r.out.empty()) << r.out;
-  }
-  EXPECT_FALSE(std::ifstream(cli.path("a.xml")).good());
-}
-
 // What the driver's own HiiToNode answers for a sample device, called in
 // this process on a sample platform of the test's own.
 class CliExportTest : public tvl::test::PlatformTest {
@@ -678,20 +656,16 @@ TEST_F(CliExportTest, ExportReportsTheOutcomeOfHiiToNode) {
   for (const auto& d : sample::sampleDevices()) {
     const EFI_STATUS expected = exportStatus(d.fqdd);
     Cli cli;
-    for (const char* kind : {"", "--possible", "--current"}) {
-      std::vector<std::string> args = {"export", "--device", toAscii(d.fqdd), "-o", cli.path("doc.xml")};
-      if (*kind) args.push_back(kind);
-      Outcome r = cli.run(args);
-      std::string what = toAscii(d.fqdd) + " " + kind + ": " + r.err;
-      if (expected != EFI_SUCCESS) {
-        EXPECT_EQ(r.exitCode, 1) << what;
-        EXPECT_NE(r.err.find("tolvane export: HiiToNode failed: " + tvl::test::statusName(expected)), std::string::npos)
-            << what;
-        EXPECT_FALSE(std::ifstream(cli.path("doc.xml")).good()) << what;
-      } else {
-        EXPECT_EQ(r.exitCode, 0) << what;
-        EXPECT_EQ(readAll(cli.path("doc.xml")).rfind("<ConfigData ", 0), 0u) << what;
-      }
+    Outcome r = cli.run({"export", "--device", toAscii(d.fqdd), "-o", cli.path("doc.xml")});
+    std::string what = toAscii(d.fqdd) + ": " + r.err;
+    if (expected != EFI_SUCCESS) {
+      EXPECT_EQ(r.exitCode, 1) << what;
+      EXPECT_NE(r.err.find("tolvane export: HiiToNode failed: " + tvl::test::statusName(expected)), std::string::npos)
+          << what;
+      EXPECT_FALSE(std::ifstream(cli.path("doc.xml")).good()) << what;
+    } else {
+      EXPECT_EQ(r.exitCode, 0) << what;
+      EXPECT_EQ(readAll(cli.path("doc.xml")).rfind("<ConfigData ", 0), 0u) << what;
     }
   }
 }
@@ -762,36 +736,32 @@ TEST(CliTest, OfflineExportTakesEveryFormListOfAFirmwareDumpByNumber) {
       EXPECT_FALSE(std::ifstream(out).good());
     }
   }
-  const struct {
-    std::vector<std::string> args;
-    int exitCode;
-    std::string says;
-  } refusals[] = {
-      {{"--package-list", "0"}, 2, "--package-list 0: " + file + " holds package lists 1 to 9"},
-      {{"--package-list", "10"}, 2, "holds package lists 1 to 9"},
-      {{"--package-list", "2x"}, 2, "holds package lists 1 to 9"},
-      {{"--package-list", "2", "--device", "BIOS.InternalSetup.1-1"}, 2, "cannot be combined with --hii"},
-  };
-  for (const auto& c : refusals) {
-    std::vector<std::string> args = {"export", "--hii", file, "--fqdd", "X"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    Outcome r = cli.run(args);
-    EXPECT_EQ(r.exitCode, c.exitCode) << r.err;
-    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-  }
-  Outcome noFqdd = cli.run({"export", "--hii", file, "--package-list", "2"});
-  EXPECT_EQ(noFqdd.exitCode, 2);
-  EXPECT_NE(noFqdd.err.find("--hii FILE needs --fqdd TEXT"), std::string::npos) << noFqdd.err;
   // A configuration line is refused with its file and line.
   cli.write("config.txt", "# none\nGUID=00");
-  Outcome config =
-      cli.run({"export", "--hii", file, "--fqdd", "X", "--package-list", "2", "--config", cli.path("config.txt")});
-  EXPECT_EQ(config.exitCode, 2);
-  EXPECT_NE(config.err.find(cli.path("config.txt") + ": line 2, column 8: GUID needs 32 hex digits"), std::string::npos)
-      << config.err;
-  Outcome fqddAlone = cli.run({"export", "--fqdd", "X"});
-  EXPECT_EQ(fqddAlone.exitCode, 2);
-  EXPECT_NE(fqddAlone.err.find("--fqdd goes with --hii FILE"), std::string::npos) << fqddAlone.err;
+  const std::vector<std::string> offline = {"export", "--hii", file, "--fqdd", "X", "--package-list"};
+  auto with = [&](std::vector<std::string> tail) {
+    std::vector<std::string> args = offline;
+    args.insert(args.end(), tail.begin(), tail.end());
+    return args;
+  };
+  const struct {
+    std::vector<std::string> args;
+    std::string says;
+  } refusals[] = {
+      {with({"0"}), "--package-list 0: " + file + " holds package lists 1 to 9"},
+      {with({"10"}), "holds package lists 1 to 9"},
+      {with({"2x"}), "holds package lists 1 to 9"},
+      {with({"2", "--device", "BIOS.InternalSetup.1-1"}), "cannot be combined with --hii"},
+      {with({"2", "--config", cli.path("config.txt")}),
+       cli.path("config.txt") + ": line 2, column 8: GUID needs 32 hex digits"},
+      {{"export", "--hii", file, "--package-list", "2"}, "--hii FILE needs --fqdd TEXT"},
+      {{"export", "--fqdd", "X"}, "--fqdd goes with --hii FILE"},
+  };
+  for (const auto& c : refusals) {
+    Outcome r = cli.run(c.args);
+    EXPECT_EQ(r.exitCode, 2) << c.says << ": " << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+  }
 }
 
 // What a sample device's ExtractConfig answers for every store (one line,

@@ -34,11 +34,12 @@ class SamplePlatformTest : public tvl::test::PlatformTest {
     PlatformTest::TearDown();
   }
 
-  // ProcessForms over every package list of a device, without a filter.
-  EFI_STATUS process(const sample::SampleDevice& device, UINTN* count, HII_FORMSET_RECORD*** sets) {
+  // ProcessForms over every package list of a device.
+  EFI_STATUS process(const sample::SampleDevice& device, UINTN* count, HII_FORMSET_RECORD*** sets,
+                     const EFI_GUID* filter = nullptr) {
     HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
     std::vector<EFI_HII_HANDLE> handles = device.packageLists();
-    return p->ProcessForms(p, handles.data(), handles.size(), nullptr, count, sets);
+    return p->ProcessForms(p, handles.data(), handles.size(), filter, count, sets);
   }
 
   std::unique_ptr<sample::SamplePlatform> sample_;
@@ -51,10 +52,9 @@ TEST_F(SamplePlatformTest, FormsProcessorSeesEveryFormAndStatementOfEachFormSet)
   for (const auto& device : sample_->devices()) {
     for (const sample::FormSetDescription& description : device.definition.formSets) {
       SCOPED_TRACE(tvl::host::hii::toAscii(device.fqdd() + u" " + description.title));
-      std::vector<EFI_HII_HANDLE> handles = device.packageLists();
       UINTN count = 0;
       HII_FORMSET_RECORD** sets = nullptr;
-      EFI_STATUS status = p->ProcessForms(p, handles.data(), handles.size(), &description.guid, &count, &sets);
+      EFI_STATUS status = process(device, &count, &sets, &description.guid);
       // The one form set built to be unreadable.
       if (description.guid == sample::kDiskDiagnosticsFormSetGuid) {
         EXPECT_EQ(status, EFI_VOLUME_CORRUPTED);
@@ -113,11 +113,10 @@ TEST_F(SamplePlatformTest, EachDeviceYieldsTheFormSetsItsFilterSelects) {
     SCOPED_TRACE(tvl::host::hii::toAscii(c.fqdd) + (c.filter ? " filtered" : " unfiltered"));
     sample::SampleDevice* device = sample_->findDevice(c.fqdd);
     ASSERT_NE(device, nullptr);
-    std::vector<EFI_HII_HANDLE> handles = device->packageLists();
-    ASSERT_EQ(handles.size(), 1u);
+    ASSERT_EQ(device->packageLists().size(), 1u);
     UINTN count = 0;
     HII_FORMSET_RECORD** sets = nullptr;
-    ASSERT_EQ(p->ProcessForms(p, handles.data(), handles.size(), c.filter, &count, &sets), c.status);
+    ASSERT_EQ(process(*device, &count, &sets, c.filter), c.status);
     if (c.status != EFI_SUCCESS) {
       EXPECT_EQ(sets, nullptr);
       continue;
@@ -165,32 +164,15 @@ TEST_F(SamplePlatformTest, StringsExistInTheLanguagesEachDeviceOffers) {
     SCOPED_TRACE(tvl::host::hii::toAscii(c.fqdd) + " " + c.language + (c.help ? " help" : " title"));
     sample::SampleDevice* device = sample_->findDevice(c.fqdd);
     ASSERT_NE(device, nullptr);
-    std::vector<EFI_HII_HANDLE> handles = device->packageLists();
     UINTN count = 0;
     HII_FORMSET_RECORD** sets = nullptr;
-    ASSERT_EQ(p->ProcessForms(p, handles.data(), handles.size(), nullptr, &count, &sets), EFI_SUCCESS);
+    ASSERT_EQ(process(*device, &count, &sets), EFI_SUCCESS);
     std::u16string text;
-    EXPECT_EQ(fetch(handles[0], c.language, c.help ? sets[0]->FormSetHelp : sets[0]->FormSetTitle, &text), c.status);
+    EXPECT_EQ(fetch(device->packageLists()[0], c.language, c.help ? sets[0]->FormSetHelp : sets[0]->FormSetTitle, &text), c.status);
     if (c.text) {
       EXPECT_EQ(text, c.text);
     }
     p->DestroyFormSets(p, count, sets);
-  }
-}
-
-TEST_F(SamplePlatformTest, BiosFilterKeepsTheInternalSetupFormSet) {
-  sample::SampleDevice* bios = sample_->findDevice(u"BIOS.InternalSetup.1-1");
-  ASSERT_NE(bios, nullptr);
-  ASSERT_EQ(sample_->findDevice(u"bios.internalsetup.1-1"), nullptr);
-  const EFI_GUID filters[] = {INTERNAL_BIOS_SETUP_FORMSET_GUID, sample::kNicFormSetGuid};
-  const EFI_STATUS expected[] = {EFI_SUCCESS, EFI_NOT_FOUND};
-  HII_FORMS_PROCESSOR2_PROTOCOL* p = sample_->formsProcessor();
-  for (size_t i = 0; i < 2; ++i) {
-    std::vector<EFI_HII_HANDLE> handles = bios->packageLists();
-    UINTN count = 0;
-    HII_FORMSET_RECORD** sets = nullptr;
-    EXPECT_EQ(p->ProcessForms(p, handles.data(), handles.size(), &filters[i], &count, &sets), expected[i]);
-    if (sets) p->DestroyFormSets(p, count, sets);
   }
 }
 
@@ -226,16 +208,6 @@ TEST_F(SamplePlatformTest, LocationServiceKnowsEachDeviceByItsDevicePath) {
     EXPECT_EQ(std::u16string(description), device.definition.description);
     for (CHAR16* t : {description, fqdd, text}) bs()->FreePool(t);
   }
-}
-
-TEST_F(SamplePlatformTest, DriverLoadsAndInstallsTheConverter) {
-  EFI_HANDLE driver = nullptr;
-  ASSERT_EQ(sample_->loadDriver(&driver), EFI_SUCCESS);
-  const EFI_GUID converter = TOLVANE_PROTOCOL_GUID;
-  auto* record = static_cast<TOLVANE_PROTOCOL*>(platform().handleProtocol(driver, converter));
-  ASSERT_NE(record, nullptr);
-  EXPECT_EQ(record->Revision, TOLVANE_PROTOCOL_REVISION);
-  skipLeakCheck();  // the installed record lives until the driver unloads
 }
 
 // The password services the platform loads, switched in any order: the

@@ -49,21 +49,16 @@ TEST_P(PasswordCryptoTest, HmacSha256) {
   const std::string longKeyData =
       "This is a test using a larger than block-size key and a larger than block-size data. The key needs to be "
       "hashed before being used by the HMAC algorithm.";
-  Bytes key4;
-  for (UINT8 b = 1; b <= 25; ++b) key4.push_back(b);
   struct Case {
     const char* name;
     Bytes key;
     Bytes data;
-    const char* mac;  // test case 5 compares the first 128 bits only
+    const char* mac;
   } cases[] = {
       {"1", Bytes(20, 0x0b), bytesOf(std::string("Hi There")),
        "b0344c61d8db38535ca8afceaf0bf12b881dc200c9833da726e9376c2e32cff7"},
       {"2", bytesOf(std::string("Jefe")), bytesOf(std::string("what do ya want for nothing?")),
        "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843"},
-      {"3", Bytes(20, 0xaa), Bytes(50, 0xdd), "773ea91e36800e46854db8ebd09181a72959098b3ef8c122d9635514ced565fe"},
-      {"4", key4, Bytes(50, 0xcd), "82558a389a443c0ea4cc819899f2083a85f0faa3e578f8077a2e3ff46729665b"},
-      {"5", Bytes(20, 0x0c), bytesOf(std::string("Test With Truncation")), "a3b6167473100ee06e0c796c2955552b"},
       {"6", Bytes(131, 0xaa), bytesOf(std::string("Test Using Larger Than Block-Size Key - Hash Key First")),
        "60e431591ee0b67f0d8a26aacbf5b77f8e0bc6213728c5140546040f0ee37f54"},
       {"7", Bytes(131, 0xaa), bytesOf(longKeyData),
@@ -73,7 +68,7 @@ TEST_P(PasswordCryptoTest, HmacSha256) {
   for (const Case& c : cases) {
     Bytes mac(32);
     hmac(c.key.data(), c.key.size(), c.data.data(), c.data.size(), mac.data());
-    EXPECT_EQ(hexText(mac).substr(0, std::string(c.mac).size()), c.mac) << "RFC 4231 test case " << c.name;
+    EXPECT_EQ(hexText(mac), c.mac) << "RFC 4231 test case " << c.name;
   }
 }
 

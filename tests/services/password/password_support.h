@@ -33,7 +33,6 @@ class PasswordServiceTest : public PlatformTest {
  public:
   // Loads a fresh instance of the image; the leak baseline moves past it.
   PASSWORD_SERVICE_PROTOCOL* start(PasswordImage image);
-  EFI_HANDLE handleOf(PasswordImage image) const { return handles_[int(image)]; }
   template <typename F>
   F function(PasswordImage image, const char* name) {
     return reinterpret_cast<F>(exported(image, name));

@@ -82,8 +82,6 @@ TEST_F(PasswordServiceTest, ChangePasswordByMethodAndService) {
       // looking at the old password.
       {"newer plain set", N, nothing, [](T*, S s) { return setPlain(s, kSys, u"", u"Secret1"); }, EFI_SUCCESS,
        u"Secret1", u"secret1", PASSWORD_TYPE_PLAIN},
-      {"newer plain replace", N, setFirst, [](T*, S s) { return setPlain(s, kSys, u"", u"Second"); }, EFI_SUCCESS,
-       u"Second", u"First", PASSWORD_TYPE_PLAIN},
       {"newer plain ignores the old password", N, setFirst,
        [](T*, S s) { return setPlain(s, kSys, u"wrong", u"Second"); }, EFI_SUCCESS, u"Second", u"First",
        PASSWORD_TYPE_PLAIN},
