@@ -54,6 +54,7 @@ TEST_F(FormsConditionsTest, ConditionsSetTheMarksOfStatementsAndOptions) {
       {"or", in(kSuppress, ifr::Or(ifr::ideqval(1, 0), ifr::ideqval(3, 9))), 1, 0, 0, -1},
       {"eqidid", in(kSuppress, ifr::eqidid(2, 4)), 1, 0, 0, -1},
       {"value list", in(kSuppress, ifr::ideqvallist(3, {1, 9})), 1, 0, 0, -1},
+      {"value list without the value", in(kSuppress, ifr::ideqvallist(3, {1, 2})), 0, 0, 0, -1},
       {"question ref equal", in(kSuppress, ifr::equal(ifr::questionRef(3), ifr::uint8(9))), 1, 0, 0, -1},
       {"not equal, 64-bit", in(kSuppress, ifr::notEqual(ifr::questionRef(3), ifr::number(9))), 0, 0, 0, -1},
       {"question declared later", in(kSuppress, ifr::ideqval(0x60, 5)), 1, 0, 0, -1},

@@ -207,6 +207,8 @@ TEST_F(FormsErrorsTest, BadArguments) {
   EXPECT_NE(std::string(lastError().Message).find("ExportPackageLists"), std::string::npos);
   EXPECT_EQ(forms_->GetLastError(forms_, nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ(forms_->DestroyFormSets(forms_, 0, nullptr), EFI_SUCCESS);
+  EXPECT_EQ(forms_->DestroyFormSets(forms_, 1, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(forms_->DestroyFormSets(nullptr, 0, nullptr), EFI_INVALID_PARAMETER);
 }
 
 TEST_F(FormsErrorsTest, EveryTruncationIsHandled) {

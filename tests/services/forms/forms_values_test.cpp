@@ -4,6 +4,8 @@
 // give them. (DestroyFormSets gives everything back: every test's leak check.)
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "forms_support.h"
 
 namespace tvl::test::forms {
@@ -61,6 +63,20 @@ TEST_F(FormsValuesTest, ValuesStayZeroWhenTheDriverCannotGiveThem) {
   parse.reset();
   EXPECT_EQ(database().removePackageList(bare), EFI_SUCCESS);
   EXPECT_EQ(platform().uninstallProtocol(driver, markerGuid, &marker), EFI_SUCCESS);
+
+  // A GetVariable that fails after writing into the buffer: those bytes are no value.
+  struct FailingVariables {
+    static EFI_STATUS EFIAPI get(const CHAR16*, const EFI_GUID*, UINT32*, UINTN* size, VOID* data) {
+      std::memset(data, 0xEE, *size);
+      return EFI_DEVICE_ERROR;
+    }
+  };
+  const auto getVariable = rt()->GetVariable;
+  rt()->GetVariable = FailingVariables::get;
+  auto failed = process({registerSample(sample)});
+  rt()->GetVariable = getVariable;
+  ASSERT_EQ(failed->status, EFI_SUCCESS) << lastError().Message;
+  EXPECT_EQ(number(findQuestion(failed->set(), kValueQuestions[2])->HiiValue), 0u);
 }
 
 // Fields of an 8-byte store: one that ends at the store's end is read, one

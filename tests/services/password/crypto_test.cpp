@@ -88,6 +88,8 @@ TEST_P(PasswordCryptoTest, Pbkdf2HmacSha256) {
        "078478f62b397f33c8d"},
       // A key shorter than one block is the first bytes of the longer one.
       {"passwd", "salt", 1, 20, "55ac046e56e3089fec1691c22544b605f9418521"},
+      // No iteration is no key: the output is left as it was (zeros here).
+      {"passwd", "salt", 0, 20, "0000000000000000000000000000000000000000"},
   };
   auto pbkdf2 = function<Pbkdf2Fn>(GetParam(), "pbkdf2Sha256");
   for (const Case& c : cases) {

@@ -1,6 +1,7 @@
 // The parser: what it accepts and how it stores it, what it refuses and
 // where it says the fault is, its limits and its behaviour on large and
 // deep documents and on allocation failures.
+#include <algorithm>
 #include <string>
 
 #include "tests/services/xml/xml_support.h"
@@ -48,13 +49,21 @@ TEST_F(XmlParseTest, AcceptedDocumentsBecomeTreesWithEscapedContents) {
 }
 
 TEST_F(XmlParseTest, MalformedAndHostileTextsAreRefusedWithTheirPosition) {
-  struct Case { std::string text; UINTN line, column; const char* message; } cases[] = {
+  // Enough attributes for the set of their names to grow three times.
+  std::string many;
+  for (int i = 0; i < 40; ++i) many += " a" + std::to_string(i) + "=\"\"";
+  struct Case {
+    std::string text; UINTN line, column; const char* message;
+    size_t size = std::string::npos;  // the bytes given, when fewer: the rest must not be read
+  } cases[] = {
       {"<r>\n  <a>\n  </b>\n</r>", 3, 3, "mismatched end tag: expected </a>, found </b>"},
       {"<a>", 1, 4, "end of text inside element <a>"},
       {"<a x=1/>", 1, 6, "not quoted"},
       {"<a x=\"1\" x=\"2\"/>", 1, 10, "duplicate attribute x"},
+      {"<a" + many + " a0=\"\"/>", 1, many.size() + 4, "duplicate attribute a0"},
       {"<a x=\"<\"/>", 1, 7, "'<' is not allowed in an attribute value"},
       {"<a x=\"&bad;\"/>", 1, 7, "undefined entity &bad;"},
+      {"<a>&amp;</a>", 1, 4, "does not start a reference", 7},
       {"<1a/>", 1, 2, "invalid element name"},
       {"<a></a>\ntext", 2, 1, "content after the root element"},
       {"", 1, 1, "no root element"},
@@ -76,15 +85,17 @@ TEST_F(XmlParseTest, MalformedAndHostileTextsAreRefusedWithTheirPosition) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
+    const UINTN size = std::min(c.size, c.text.size());
     XML_NODE* root = kUntouched;
     XML_PARSE_ERROR error{};
-    EXPECT_EQ(parse(c.text, &root, &error), EFI_INVALID_PARAMETER);
+    EXPECT_EQ(xml_->XML_ParseText(xml_, c.text.data(), size, &root, &error), EFI_INVALID_PARAMETER);
     EXPECT_TRUE(error.Line == c.line && error.Column == c.column) << error.Line << ":" << error.Column;
     const std::string message = error.Message;
     EXPECT_EQ(message.rfind("line " + std::to_string(c.line) + ", column " + std::to_string(c.column) + ": ", 0), 0u)
         << message;
     EXPECT_NE(message.find(c.message), std::string::npos) << message;
-    EXPECT_EQ(parse(c.text, &root, nullptr), EFI_INVALID_PARAMETER) << "the error record is optional";
+    EXPECT_EQ(xml_->XML_ParseText(xml_, c.text.data(), size, &root, nullptr), EFI_INVALID_PARAMETER)
+        << "the error record is optional";
     EXPECT_EQ(root, kUntouched);
   }
   std::string text = "<a/>";
