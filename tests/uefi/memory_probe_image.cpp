@@ -1,14 +1,20 @@
-// A small image that exports the runtime's copyMem and the image's own
-// memmove, so that tests run the copies exactly as an image does (a test
-// calling memmove directly would get the host C library's).
+// A small image that exports the runtime's memory functions and the image's
+// own memmove, memset and memcmp, so that tests run them exactly as an image
+// does (a test calling memmove directly would get the host C library's).
 #include "uefi/runtime.h"
 
 extern "C" {
 
 void* memmove(void* dst, const void* src, UINTN n);
+void* memset(void* dst, int value, UINTN n);
+int memcmp(const void* a, const void* b, UINTN n);
 
 void probeCopyMem(VOID* dst, const VOID* src, UINTN n) { tvl::rt::copyMem(dst, src, n); }
 void probeMemmove(VOID* dst, const VOID* src, UINTN n) { memmove(dst, src, n); }
+void probeSetMem(VOID* dst, UINTN n, UINT8 value) { tvl::rt::setMem(dst, n, value); }
+void probeMemset(VOID* dst, UINTN n, UINT8 value) { memset(dst, value, n); }
+INTN probeCompareMem(const VOID* a, const VOID* b, UINTN n) { return tvl::rt::compareMem(a, b, n); }
+INTN probeMemcmp(const VOID* a, const VOID* b, UINTN n) { return memcmp(a, b, n); }
 
 EFI_STATUS EFIAPI EfiMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
   tvl::rt::initialize(imageHandle, systemTable);

@@ -1,7 +1,9 @@
-// Copies between overlapping ranges by the image runtime's copyMem and
-// memmove, in both directions of overlap, run inside a loaded image.
+// The image runtime's memory functions and the image's own memmove, memset
+// and memcmp, run inside a loaded image: copies between overlapping ranges
+// in both directions, fills that stay in their range, and comparisons.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <numeric>
 #include <vector>
 
@@ -10,6 +12,8 @@
 namespace {
 
 using Copy = void (*)(VOID* dst, const VOID* src, UINTN n);
+using Fill = void (*)(VOID* dst, UINTN n, UINT8 value);
+using Compare = INTN (*)(const VOID* a, const VOID* b, UINTN n);
 
 class MemoryTest : public tvl::test::PlatformTest {
  protected:
@@ -17,8 +21,9 @@ class MemoryTest : public tvl::test::PlatformTest {
     PlatformTest::SetUp();
     image_ = load("memory_probe_image");
   }
-  Copy copy(const char* name) {
-    auto fn = platform().imageFunction<Copy>(image_, name);
+  template <typename F>
+  F probe(const char* name) {
+    auto fn = platform().imageFunction<F>(image_, name);
     EXPECT_NE(fn, nullptr) << name;
     return fn;
   }
@@ -35,7 +40,7 @@ TEST_F(MemoryTest, OverlappingCopiesMoveTheSourceBytes) {
       {5, 2, 0},               // nothing to copy
   };
   for (const char* name : {"probeCopyMem", "probeMemmove"}) {
-    Copy fn = copy(name);
+    Copy fn = probe<Copy>(name);
     ASSERT_NE(fn, nullptr);
     for (const auto& c : cases) {
       SCOPED_TRACE(std::string(name) + " dst " + std::to_string(c.dst) + " src " + std::to_string(c.src) + " n " +
@@ -46,6 +51,35 @@ TEST_F(MemoryTest, OverlappingCopiesMoveTheSourceBytes) {
       for (size_t i = 0; i < c.n; ++i) expected[c.dst + i] = buffer[c.src + i];
       fn(buffer.data() + c.dst, buffer.data() + c.src, c.n);
       EXPECT_EQ(buffer, expected);
+    }
+  }
+}
+
+TEST_F(MemoryTest, FillsExactlyTheRange) {
+  for (const char* name : {"probeSetMem", "probeMemset"}) {
+    Fill fn = probe<Fill>(name);
+    ASSERT_NE(fn, nullptr);
+    for (size_t n : {0, 1, 5}) {
+      std::vector<UINT8> buffer(8, 0x11), expected = buffer;
+      std::fill_n(expected.begin() + 1, n, UINT8(0xA5));
+      fn(buffer.data() + 1, n, 0xA5);
+      EXPECT_EQ(buffer, expected) << name << " n " << n;  // the bytes either side untouched
+    }
+  }
+}
+
+TEST_F(MemoryTest, ComparesByTheFirstDifferingByte) {
+  const struct { const char* a; const char* b; size_t n; int sign; } cases[] = {
+      {"abc", "abc", 3, 0}, {"abc", "abd", 2, 0},  // a difference past n does not count
+      {"abc", "abd", 3, -1}, {"b\x01", "a\xFF", 2, 1},  // the first difference decides
+      {"\x80", "\x7F", 1, 1},                           // bytes are unsigned
+  };
+  for (const char* name : {"probeCompareMem", "probeMemcmp"}) {
+    Compare fn = probe<Compare>(name);
+    ASSERT_NE(fn, nullptr);
+    for (const auto& c : cases) {
+      INTN r = fn(c.a, c.b, c.n);
+      EXPECT_EQ((r > 0) - (r < 0), c.sign) << name << " case " << (&c - cases);
     }
   }
 }

@@ -2,9 +2,11 @@
 // string protocols of the emulated platform and a freshly loaded driver.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "driver/globals.h"
 #include "export/export_fixture.h"
 #include "util/device_handles.h"
 #include "util/hii_string.h"
@@ -49,6 +51,28 @@ TEST_F(HiiFetchTest, FetchesNarrowsAndSizesTheBuffer) {
   for (const auto& r : log().from("GetString")) EXPECT_EQ(r.level, 8u);
 }
 
+// A service that fills the whole buffer and leaves out the terminator: the
+// text is read no further than the buffer, its last character giving way to
+// the terminator.
+TEST_F(HiiFetchTest, UnterminatedTextEndsInsideTheBuffer) {
+  struct Unterminated {
+    static EFI_STATUS EFIAPI getString(const EFI_HII_STRING_PROTOCOL*, const CHAR8*, EFI_HII_HANDLE, EFI_STRING_ID,
+                                       EFI_STRING string, UINTN* size, EFI_FONT_INFO**) {
+      std::fill_n(string, *size / sizeof(CHAR16), u'u');
+      return EFI_SUCCESS;
+    }
+  };
+  EFI_HII_STRING_PROTOCOL service{};
+  service.GetString = &Unterminated::getString;
+  EFI_HII_STRING_PROTOCOL*& bound = DRIVER_GLOBAL(HiiStringProtocol);
+  EFI_HII_STRING_PROTOCOL* real = bound;
+  bound = &service;
+  std::string text;
+  EXPECT_EQ(fetch(DRIVER_FN(GetString), "en-US", addStrings({{"en-US", {u"s"}}}), 1, &text), EFI_SUCCESS);
+  bound = real;
+  EXPECT_EQ(text, std::string(255, 'u'));
+}
+
 TEST_F(HiiFetchTest, RefusesAndPassesOnFailures) {
   EFI_HII_HANDLE h = addStrings({{"en-US", {u"one", u""}}, {"x-UEFI", {u"One[k:v]"}}});
   struct Case {
@@ -90,6 +114,7 @@ TEST_F(HiiFetchTest, CutsKeywordTextsBeforeTheBracket) {
   }
   CHAR8* out = nullptr;
   EXPECT_EQ(DRIVER_FN(GetStringBeforeBracket)(nullptr, h, 1, &out), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(DRIVER_FN(GetStringBeforeBracket)("x-UEFI", h, 1, nullptr), EFI_INVALID_PARAMETER);
 }
 
 TEST_F(HiiFetchTest, EveryAllocationFailureIsReportedWithoutLeak) {
@@ -123,6 +148,8 @@ TEST_F(HiiFetchTest, FindsTheListsOfOneDriverInDatabaseOrder) {
     EFI_HII_HANDLE h = addStrings({{"en-US", {u"s"}}}, owned ? device : other);
     if (owned) mine.push_back(h);
   }
+  for (auto [countOut, handlesOut] : {std::pair<UINTN*, EFI_HII_HANDLE**>{nullptr, &handles}, {&count, nullptr}})
+    EXPECT_EQ(DRIVER_FN(HandleToHiiHandleBuffer)(device, countOut, handlesOut), EFI_INVALID_PARAMETER);
   ASSERT_EQ(DRIVER_FN(HandleToHiiHandleBuffer)(device, &count, &handles), EFI_SUCCESS);
   EXPECT_EQ(std::vector<EFI_HII_HANDLE>(handles, handles + count), mine);
   bs()->FreePool(handles);

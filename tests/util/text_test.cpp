@@ -93,8 +93,8 @@ TEST_F(TextTest, BoundedFormatting) {
   DRIVER_FN(formatUnicodeFixed)(fixed.data(), u"%s-%d", std::u16string(150, u'x').c_str(), 5);
   EXPECT_EQ(std::u16string(fixed.data()), std::u16string(127, u'x'));
   EXPECT_EQ(fixed[128], u'#');
-  DRIVER_FN(formatUnicodeFixed)(fixed.data(), u"%a=%x %r", "id", 0x2Au, EFI_NOT_FOUND);
-  EXPECT_EQ(std::u16string(fixed.data()), u"id=2a Not Found");
+  DRIVER_FN(formatUnicodeFixed)(fixed.data(), u"%a=%x %r|%-3d|%03d", "id", 0x2Au, EFI_NOT_FOUND, 1, -2);
+  EXPECT_EQ(std::u16string(fixed.data()), u"id=2a Not Found|1  |-02");  // padding on one side only
 
   // Capacity-bounded, never writing past the capacity.
   for (auto [capacity, expected] : {std::pair<UINTN, std::u16string>{1, u""}, {4, u"7:a"},

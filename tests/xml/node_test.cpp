@@ -99,6 +99,7 @@ TEST_F(NodeTest, CreateNodeClearsLinksAndTraces) {
   EXPECT_EQ(DRIVER_FN(createNode)(nullptr, &untouched), EFI_INVALID_PARAMETER);
   EXPECT_EQ(untouched, node);
   EXPECT_EQ(log().from("createNode").size(), 2u) << "the entry is traced before the arguments are checked";
+  EXPECT_EQ(DRIVER_FN(createNode)("Item", nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ(DRIVER_FN(freeNode)(nullptr), EFI_INVALID_PARAMETER);
 }
 
