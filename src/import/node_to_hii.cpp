@@ -347,12 +347,11 @@ EFI_STATUS importDevice(TOLVANE_PROTOCOL* This, EFI_HANDLE controller, XML_NODE*
   }
   ImportCall call(configRequest, configResults, device.handles[0],
                   mFormSetBuffer && mFormSetBufferCount ? mFormSetBuffer[0] : nullptr);
+  // From here on the call owns both trees: every return frees them.
   call.possible.reset(possible);
   call.current.reset(current);
   call.isBios = device.isBios;
   if (!possible || !current) {
-    call.possible.reset();
-    call.current.reset();
     DestroyGlobalForms();
     return EFI_DEVICE_ERROR;
   }
@@ -361,8 +360,6 @@ EFI_STATUS importDevice(TOLVANE_PROTOCOL* This, EFI_HANDLE controller, XML_NODE*
   getMaxCommitIndex(pendingTree, &maxCommitIndex);
   if (maxCommitIndex == 0) {
     trace(TVL_LEVEL_PROGRESS, kFunction, u"MaxCommitIndex is ZERO: %r\n", EFI_SUCCESS);
-    call.possible.reset();
-    call.current.reset();
     DestroyGlobalForms();
     return call.rootGiven ? EFI_SUCCESS : EFI_DEVICE_ERROR;
   }
@@ -374,8 +371,6 @@ EFI_STATUS importDevice(TOLVANE_PROTOCOL* This, EFI_HANDLE controller, XML_NODE*
     form = nullptr;
   }
   if (!currentHasForms || !form) {
-    call.possible.reset();
-    call.current.reset();
     DestroyGlobalForms();
     return EFI_DEVICE_ERROR;
   }

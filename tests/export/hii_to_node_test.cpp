@@ -144,6 +144,43 @@ TEST_F(HiiToNodeTest, EveryKindOfItemCarriesItsChildrenInOrder) {
   EXPECT_EQ(item(docs->current, "Gone"), nullptr);
 }
 
+// A forms processor whose records carry no value type.
+decltype(HII_FORMS_PROCESSOR2_PROTOCOL::ProcessForms) gProcessForms = nullptr;
+EFI_STATUS EFIAPI processFormsWithoutValueTypes(HII_FORMS_PROCESSOR2_PROTOCOL* self, EFI_HII_HANDLE* handles,
+                                                UINTN handleCount, const EFI_GUID* guid, UINTN* count,
+                                                HII_FORMSET_RECORD*** formSets) {
+  EFI_STATUS status = gProcessForms(self, handles, handleCount, guid, count, formSets);
+  for (UINTN i = 0; !EFI_ERROR(status) && i < *count; ++i)
+    for (UINT64 f = 0; f < (*formSets)[i]->FormCount; ++f)
+      for (UINT64 s = 0; s < (*formSets)[i]->Forms[f]->StatementCount; ++s)
+        (*formSets)[i]->Forms[f]->Statements[s]->HiiValue.Type = EFI_IFR_TYPE_UNDEFINED;
+  return status;
+}
+
+// A checkbox, number or text whose value is of no usable type is turned
+// away after the children every item has: no value part, no Help.
+TEST_F(HiiToNodeTest, ValuesOfNoUsableTypeStopTheirItems) {
+  using namespace sample;
+  build({testDevice(u"BIOS.InternalSetup.1-1",
+                    {{1, u"Odd", u"Odd", {checkbox(0x101, u"Flag", u"Flag").at(kStore, 0).help(u"On.").value(1),
+                                          numeric(0x102, u"Limit", u"Limit").at(kStore, 1).help(u"Up to.").value(3),
+                                          string(0x103, u"Label", u"Label", 0, 8).at(kStore, 2).help(u"Text.")}}})});
+  auto*& forms = global<HII_FORMS_PROCESSOR2_PROTOCOL*>("gHiiFormsProcessor2Protocol");
+  HII_FORMS_PROCESSOR2_PROTOCOL* real = forms;
+  HII_FORMS_PROCESSOR2_PROTOCOL untyped = *real;
+  gProcessForms = real->ProcessForms;
+  untyped.ProcessForms = processFormsWithoutValueTypes;
+  forms = &untyped;
+  auto docs = exportDevice(u"BIOS.InternalSetup.1-1");
+  forms = real;
+  ASSERT_EQ(docs->status, EFI_SUCCESS);
+  for (const char* name : {"Flag", "Limit", "Label"}) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(childNames(item(docs->possible, name)), "Name,RefFormId,DisplayName,BiosMapping,DisplayIndex");
+    EXPECT_EQ(childNames(item(docs->current, name)), "Name,BiosMapping,CommitIndex");
+  }
+}
+
 // The ConfigItem attributes and the values of each kind, both trees.
 TEST_F(HiiToNodeTest, TypesStatesAndValues) {
   build({testDevice(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});
@@ -437,8 +474,9 @@ TEST_F(HiiToNodeTest, KeptFormSetsStayUntilDestroyGlobalForms) {
 }
 
 // Each allocation of an export failed in turn: an error with no documents,
-// or a success (a failure the walk tolerates) whose documents are whole.
-// The cache changes only through a successful kept export.
+// or a success (a failure the walk tolerates) whose documents are whole and
+// whose values all keep their BIOS mappings. The cache changes only through
+// a successful kept export.
 TEST_F(HiiToNodeTest, EveryAllocationFailureEndsCleanly) {
   build({testDevice(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});
   auto& keep = global<UINT8>("mKeepFormSets");
@@ -448,6 +486,17 @@ TEST_F(HiiToNodeTest, EveryAllocationFailureEndsCleanly) {
   EFI_HANDLE handle = sample().devices()[0].handle();
   XML_PROTOCOL* xml = sample().xml();
   log().setLevelMask(0);  // the traces of two thousand runs are not the point here
+  auto unmappedValues = [](XML_NODE* possible, XML_NODE* current) {
+    size_t n = 0;
+    for (const XML_NODE* root : {possible, current})
+      for (const XML_NODE* v : descendants(root, "ValueStruct")) n += child(v, "Value") && !child(v, "BiosMapping");
+    return n;
+  };
+  size_t unmappedWhole = 0;
+  {
+    auto docs = exportDevice(u"BIOS.InternalSetup.1-1");
+    unmappedWhole = unmappedValues(docs->possible, docs->current);
+  }
   for (UINT8 keepFormSets : {0, 1}) {
     SCOPED_TRACE(keepFormSets);
     XML_NODE* possible = nullptr;
@@ -475,6 +524,7 @@ TEST_F(HiiToNodeTest, EveryAllocationFailureEndsCleanly) {
             EXPECT_EQ(xml->XML_ParseText(xml, text.c_str(), text.size(), &back, nullptr), EFI_SUCCESS) << k;
             if (back) xml->XML_FreeNode(xml, back);
           }
+          EXPECT_LE(unmappedValues(possible, current), unmappedWhole) << k;
         },
         [&] {
           for (XML_NODE** root : {&possible, &current}) {

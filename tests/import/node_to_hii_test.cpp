@@ -37,6 +37,8 @@ sample::FormDescription valuesForm() {
       orderedList(0x109, u"Wide", u"Wide", Width::U32, 2).at(1, 0x40).option(u"P", u"P", 1).option(u"Q", u"Q", 2)
           .values({1, 2}),
       string(0x10A, u"Chap", u"iscsiinitiatorchappwd", 0, 8).at(1, 0x50).valueText(u"x"),
+      numeric(0x10B, u"Speed", u"Speed[Partition:1]").at(1, 0x60).range(0, 9, 1).value(1),
+      numeric(0x10C, u"Speed", u"Speed[Partition:2]").at(1, 0x61).range(0, 9, 1).value(2),
   }};
 }
 
@@ -98,6 +100,10 @@ TEST_F(NodeToHiiTest, EachTypeValidatesAndEncodesItsValue) {
       {"Hidden", "true", "Hidden:false>true:Success:0", "&OFFSET=0024&WIDTH=0001&VALUE=01"},
       {"iscsiinitiatorchappwd", "x", "iscsiinitiatorchappwd:x>x:Success:0",
        "&OFFSET=0050&WIDTH=0010&VALUE=" + zeros(28) + "0078"},
+      // Items of one name are told apart by their partition.
+      {"Speed", "5", "Speed:2>5:Success:0", "&OFFSET=0061&WIDTH=0001&VALUE=05", [](ImportTest& t, XML_NODE* i) {
+         t.setText(const_cast<XML_NODE*>(child(i, "Modifier")), "2");
+       }},
       // Items that cannot be matched: not writable, unknown, without a
       // name, of a partition the device does not have.
       {"ValuesSubtitle", "5", "", ""},
@@ -123,13 +129,15 @@ TEST_F(NodeToHiiTest, EachTypeValidatesAndEncodesItsValue) {
 }
 
 // The overall status whatever the order of the outcomes; an empty
-// document succeeds only into an existing results document.
+// document succeeds only into an existing results document. The one-of
+// rule says when its success turns a failure into EFI_ABORTED.
 TEST_F(NodeToHiiTest, OverallStatusFollowsTheOutcomes) {
   buildValues();
   const struct {
     std::vector<std::pair<const char*, const char*>> items;  // (item, value), committed 1, 2, ...
     bool giveRoot;
     EFI_STATUS status;
+    bool abortTraced = false;
   } cases[] = {
       {{}, true, EFI_SUCCESS},
       {{}, false, EFI_DEVICE_ERROR},
@@ -139,13 +147,17 @@ TEST_F(NodeToHiiTest, OverallStatusFollowsTheOutcomes) {
       {{{"Count", "50"}, {"Flag", "true"}}, false, EFI_ABORTED},
       {{{"Flag", "true"}, {"Count", "50"}}, false, EFI_ABORTED},
       {{{"Count", "50"}, {"Flag", "no"}}, true, EFI_DEVICE_ERROR},
+      {{{"Mode", "Dup"}}, false, EFI_SUCCESS},
+      {{{"Count", "50"}, {"Mode", "Dup"}}, false, EFI_ABORTED, true},
   };
   for (const auto& c : cases) {
     auto docs = exportDevice(kDevice);
     for (size_t i = 0; i < c.items.size(); ++i) pend(docs->current, c.items[i].first, c.items[i].second, std::to_string(i + 1).c_str());
     std::shared_ptr<XML_NODE> root = c.giveRoot ? parse("<ConfigResults/>") : nullptr;
+    log().clear();
     ImportOutcome out = import(kDevice, docs->current, root.get());
     EXPECT_EQ(statusName(out.status), statusName(c.status)) << c.items.size();
+    EXPECT_EQ(log().count("tvlNodeToHii", "Overall status Device Error becomes Aborted\n"), c.abortTraced ? 1u : 0u);
   }
 }
 

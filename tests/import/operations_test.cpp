@@ -191,6 +191,7 @@ TEST_F(OperationsTest, StatusRecordsAndTheRestoreTrigger) {
   EXPECT_EQ(childNames(root->children), "DisplayValue,Name,Detail,Status,ErrorCode");
   EXPECT_EQ(operations(root), (std::vector<std::string>{"L:a|b|c>b&amp;|c|a:Success:0", "L:>:Failure:503", "P:>:Failure:7"}));
   sample().xml()->XML_FreeNode(sample().xml(), root);
+  EXPECT_EQ(add("P", nullptr, nullptr, "Failure", EFI_DEVICE_ERROR, nullptr), EFI_INVALID_PARAMETER);
 
   auto one = parse("<ConfigItem><Name>N</Name><ValueStruct><Value>5</Value></ValueStruct></ConfigItem>");
   const struct {

@@ -195,6 +195,15 @@ TEST_F(SaveTest, LookupGivesEachVerdict) {
   EXPECT_EQ(lookup(nullptr, hdr.c_str(), block, &name, &verdict), EFI_INVALID_PARAMETER);
   // A handle without package lists of its own.
   EXPECT_EQ(lookup(driver(), hdr.c_str(), block, &name, &verdict), EFI_NOT_FOUND);
+  // Every allocation failing in turn: a name exactly on success.
+  log().setLevelMask(0);
+  sweepAllocationFailures(
+      [&] { return lookup(dev().handle(), hdr.c_str(), block, &name, &verdict); },
+      [&](EFI_STATUS status, size_t k) { EXPECT_EQ(name != nullptr, status == EFI_SUCCESS) << k; },
+      [&] {
+        if (name) bs()->FreePool(name);
+        name = nullptr;
+      });
 }
 
 TEST_F(SaveTest, TrimmedRequestIsAOneByteZeroWrite) {
@@ -210,6 +219,7 @@ TEST_F(SaveTest, TrimmedRequestIsAOneByteZeroWrite) {
       {hdr + u"&OFFSET=0004&WIDTH= \t02&VALUE=0000", u"&OFFSET=0004&WIDTH=1&VALUE=00"},
       {hdr + u"&OFFSET=0004&WIDTH=0&VALUE=5", u"&OFFSET=0004&WIDTH=1&VALUE=00"},  // a width of 0 checks nothing
       {hdr + u"&OFFSET=0004&WIDTH=0004&VALUE=00000010", nullptr},
+      {hdr + u"&OFFSET=0004&WIDTH=000A&VALUE=" + std::u16string(19, u'0') + u"1", nullptr},
       {hdr + u"&OFFSET=0004&WIDTH=0004&VALUE=000000", nullptr},  // the terminator ends the zeros
       {hdr + u"&OFFSET=0004&WIDTH=0004", nullptr},
       {hdr + u"&OFFSET=0004&VALUE=00", nullptr},

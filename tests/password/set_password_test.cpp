@@ -146,8 +146,8 @@ std::vector<FormCase> formCases() {
       {"newer: no second name, one record", N, 0, {plain(S, "Abc")}, EFI_SUCCESS, {"2/2 old= new=u:Abc"},
        {"SetupPassword:Success:0"}, "", failure, EFI_SUCCESS, "SetupPassword", nullptr},
       // The hash form: texts passed on as they are, 8-bit.
-      sha({"hash and salt", N, 0, {password(H, kHash), text(HS, "NaCl")}, EFI_SUCCESS,
-           {"1/2 old= hash=a:" + std::string(kHash) + " salt=a:NaCl"}, hashOk,
+      sha({"hash of 64 and salt of 32 characters", N, 0, {password(H, kHash), text(HS, k32)}, EFI_SUCCESS,
+           {"1/2 old= hash=a:" + std::string(kHash) + " salt=a:" + k32}, hashOk,
            line("ChangePassword SHA (Setup) Success"), progress}),
       sha({"hash with an empty salt", N, 0, {text(H, kHash), text(HS, "")}, EFI_SUCCESS,
            {"1/2 old= hash=a:" + std::string(kHash) + " salt=null"}, hashOk, ""}),
