@@ -2,6 +2,8 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
+
 
 namespace tvl::host {
 
@@ -13,7 +15,7 @@ constexpr size_t kHugePage = 2 * 1024 * 1024;
 }  // namespace
 
 LeanPool::~LeanPool() {
-  for (const auto& [start, range] : ranges_) munmap(range.mapping, range.mappingLength);
+  for (const Range& range : ranges_) munmap(range.mapping, range.mappingLength);
 }
 
 // Chunks and large blocks are anonymous mappings of their own: fresh zero
@@ -30,7 +32,10 @@ uintptr_t LeanPool::map(size_t bytes, bool large) {
     start = (start + kHugePage - 1) & ~uintptr_t(kHugePage - 1);
     madvise(reinterpret_cast<void*>(start), bytes, MADV_HUGEPAGE);
   }
-  ranges_.emplace(start, Range{start + bytes, large, mapping, bytes + slack});
+  const Range range{start, start + bytes, large, mapping, bytes + slack};
+  ranges_.insert(std::upper_bound(ranges_.begin(), ranges_.end(), start,
+                                  [](uintptr_t a, const Range& r) { return a < r.start; }),
+                 range);
   return start;
 }
 
@@ -74,7 +79,7 @@ uint8_t* LeanPool::takeSpare(size_t size) {
   size_t bestBytes = 0;
   for (size_t i = 0; i < kSpareBlocks; ++i) {
     if (spare_[i] == 0) continue;
-    const size_t bytes = ranges_.at(spare_[i]).end - spare_[i] - 2 * kHeadBytes;
+    const size_t bytes = rangeAt(spare_[i])->end - spare_[i] - 2 * kHeadBytes;
     if (bytes >= size && bytes / 2 <= size && (best == kSpareBlocks || bytes < bestBytes)) {
       best = i;
       bestBytes = bytes;
@@ -87,37 +92,48 @@ uint8_t* LeanPool::takeSpare(size_t size) {
   return base;
 }
 
+std::vector<LeanPool::Range>::iterator LeanPool::rangeOf(uintptr_t address) {
+  auto after = std::upper_bound(ranges_.begin(), ranges_.end(), address,
+                                [](uintptr_t a, const Range& r) { return a < r.start; });
+  if (after == ranges_.begin()) return ranges_.end();
+  auto range = after - 1;
+  return address < range->end ? range : ranges_.end();
+}
+
+LeanPool::Range* LeanPool::rangeAt(uintptr_t start) {
+  auto range = rangeOf(start);
+  return range != ranges_.end() && range->start == start ? &*range : nullptr;
+}
+
 bool EFIAPI LeanPool::releaseSlow(LeanPool* pool, void* block, size_t* size) {
   const auto address = reinterpret_cast<uintptr_t>(block);
   if (address % kAlignment != 0 || address < 2 * kHeadBytes) return false;
-  auto range = pool->ranges_.upper_bound(address);
-  if (range == pool->ranges_.begin()) return false;
-  --range;
+  auto range = pool->rangeOf(address - kHeadBytes);
+  if (range == pool->ranges_.end() || address >= range->end) return false;
   const uintptr_t head = address - kHeadBytes;
-  if (head < range->first || address >= range->second.end) return false;
   // A large block is alone in its range.
-  if (range->second.large && head != range->first + kHeadBytes) return false;
+  if (range->large && head != range->start + kHeadBytes) return false;
   Head h;
   std::memcpy(&h, headAddress(address), sizeof h);
   if (h.signature != kLiveSignature) return false;
-  if (range->second.large) {
+  if (range->large) {
     if (h.sizeClass != kLargeClass) return false;
     uint64_t fullSize;
-    std::memcpy(&fullSize, reinterpret_cast<void*>(range->first), sizeof fullSize);
+    std::memcpy(&fullSize, reinterpret_cast<void*>(range->start), sizeof fullSize);
     *size = size_t(fullSize);
     for (uintptr_t& spare : pool->spare_) {
       if (spare != 0) continue;
-      spare = range->first;
+      spare = range->start;
       h.signature = kFreedSignature;
       std::memcpy(headAddress(address), &h, sizeof h);
       return true;
     }
-    munmap(range->second.mapping, range->second.mappingLength);
+    munmap(range->mapping, range->mappingLength);
     pool->ranges_.erase(range);
     return true;
   }
   if (h.sizeClass >= kClasses || h.size > classBytes(h.sizeClass)) return false;
-  pool->lastChunk_ = Span{range->first, range->second.end};
+  pool->lastChunk_ = Span{range->start, range->end};
   *size = h.size;
   pool->pushFree(block, h);
   return true;

@@ -28,7 +28,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <map>
+#include <vector>
 
 #include "uefi/base.h"
 
@@ -104,6 +104,7 @@ class LeanPool {
     uintptr_t end = 0;
   };
   struct Range {
+    uintptr_t start;
     uintptr_t end;
     bool large;
     void* mapping;  // the host mapping that holds it
@@ -152,8 +153,12 @@ class LeanPool {
   // The chunk of the latest release that needed a look-up: releases tend to
   // come in runs from one chunk.
   Span lastChunk_;
-  // The chunks and the large blocks, by start address.
-  std::map<uintptr_t, Range> ranges_;
+  // The chunks and the large blocks, sorted by start address: a release
+  // outside the latest chunk searches it, and it stays a few dozen entries
+  // long and contiguous, so that costs a handful of cached compares.
+  std::vector<Range> ranges_;
+  std::vector<Range>::iterator rangeOf(uintptr_t address);  // end() when none holds it
+  Range* rangeAt(uintptr_t start);
   // Released large blocks kept for reuse (their starts; 0: none).
   static constexpr size_t kSpareBlocks = 4;
   uintptr_t spare_[kSpareBlocks] = {};

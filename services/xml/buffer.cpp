@@ -24,11 +24,19 @@ bool ByteBuffer::reserve(UINTN needed) {
   return true;
 }
 
-bool ByteBuffer::append(const void* bytes, UINTN n) {
+bool ByteBuffer::grow(const void* bytes, UINTN n) {
   if (n > ~UINTN(0) - size_ || !reserve(size_ + n)) return false;
   tvl::rt::copyMem(data_.get() + size_, bytes, n);
   size_ += n;
   return true;
+}
+
+Pool<CHAR8> ByteBuffer::take() {
+  // Blocks come zero-filled and capacity keeps a byte past the text, so the
+  // terminator is there already.
+  if (!reserve(size_)) return Pool<CHAR8>();
+  size_ = capacity_ = 0;
+  return static_cast<Pool<CHAR8>&&>(data_);
 }
 
 Pool<CHAR8> ByteBuffer::copyFrom(UINTN from) const {

@@ -11,7 +11,14 @@ namespace tvl::xmlsvc {
 // and is reported by the appending call.
 class ByteBuffer {
  public:
-  bool append(const void* bytes, UINTN n);
+  bool append(const void* bytes, UINTN n) {
+    if (n < capacity_ - size_) {
+      tvl::rt::copyMem(data_.get() + size_, bytes, n);
+      size_ += n;
+      return true;
+    }
+    return grow(bytes, n);
+  }
   bool append(const CHAR8* text) { return append(text, tvl::rt::length(text)); }
   bool push(UINT8 b) {
     if (size_ + 1 < capacity_) {
@@ -27,9 +34,13 @@ class ByteBuffer {
   }
   // A new exact-size NUL-terminated copy of bytes [from, size()).
   tvl::rt::Pool<CHAR8> copyFrom(UINTN from) const;
+  // Hands the NUL-terminated bytes over and leaves the buffer empty; null
+  // when an empty buffer cannot get its first block.
+  tvl::rt::Pool<CHAR8> take();
 
  private:
   bool reserve(UINTN needed);
+  bool grow(const void* bytes, UINTN n);
 
   tvl::rt::Pool<CHAR8> data_;
   UINTN size_ = 0;

@@ -53,37 +53,18 @@ const CHAR8* attributeEscape(UINT8 b) {
   }
 }
 
-// Where the writer's bytes go. The tree is written twice: once to count
-// the bytes, then into one allocation of exactly that size, so a large
-// document is neither copied while it grows nor held in a buffer up to
-// twice its size.
-class ByteCounter {
+// The writer's bytes go to one buffer that doubles as it fills: a single
+// walk of the tree. Walking a large tree is bound by the misses of reaching
+// each node and its texts, so a walk that only counted the bytes first cost
+// more than the few copies that doubling makes; the price is a buffer up to
+// twice the document's size, which is handed out as it is.
+class ByteSink {
  public:
-  bool put(const void*, UINTN n) {
-    if (n > ~UINTN(0) - 1 - size_) return false;  // room for the terminator too
-    size_ += n;
-    return true;
-  }
-  UINTN size() const { return size_; }
+  bool put(const void* bytes, UINTN n) { return buffer_.append(bytes, n); }
+  tvl::rt::Pool<CHAR8> take() { return buffer_.take(); }
 
  private:
-  UINTN size_ = 0;
-};
-
-class ByteWriter {
- public:
-  ByteWriter(CHAR8* out, UINTN capacity) : out_(out), capacity_(capacity) {}
-  bool put(const void* bytes, UINTN n) {
-    if (n > capacity_ - size_) return false;
-    tvl::rt::copyMem(out_ + size_, bytes, n);
-    size_ += n;
-    return true;
-  }
-
- private:
-  CHAR8* out_;
-  UINTN capacity_;
-  UINTN size_ = 0;
+  ByteBuffer buffer_;
 };
 
 class Writer {
@@ -110,7 +91,6 @@ class Writer {
     return sink.put(bytes, n) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
   }
 
-  // Both passes share these, so the second one allocates nothing.
   NameSet names_;
   Stack<const XML_NODE*> open_;  // elements whose children are being written
 };
@@ -216,12 +196,10 @@ EFI_STATUS Writer::walk(const XML_NODE* root, Sink& sink) {
 }
 
 EFI_STATUS Writer::run(const XML_NODE* root, CHAR8** text) {
-  ByteCounter counter;
-  RETURN_IF_ERROR(walk(root, counter));
-  tvl::rt::Pool<CHAR8> result = tvl::rt::Pool<CHAR8>::bytes(counter.size() + 1);
+  ByteSink sink;
+  RETURN_IF_ERROR(walk(root, sink));
+  tvl::rt::Pool<CHAR8> result = sink.take();
   if (!result) return EFI_OUT_OF_RESOURCES;
-  ByteWriter writer(result.get(), counter.size());
-  RETURN_IF_ERROR(walk(root, writer));  // the terminator comes from the zero fill
   *text = result.release();
   return EFI_SUCCESS;
 }
