@@ -24,10 +24,21 @@ void release(VOID* buffer) {
   if (buffer) bs()->FreePool(buffer);
 }
 
+namespace {
+constexpr UINTN kFirmwareCopyBytes = 256;
+}  // namespace
+
 void copyMem(VOID* dst, const VOID* src, UINTN n) {
   auto* d = static_cast<UINT8*>(dst);
   auto* s = static_cast<const UINT8*>(src);
   if (d == s || n == 0) return;
+  // Long copies (a growing document, a whole string package) go to the
+  // firmware's CopyMem, which handles overlap too and moves words rather
+  // than bytes; short ones stay here, where a call would cost more.
+  if (n >= kFirmwareCopyBytes && bs()) {
+    bs()->CopyMem(d, const_cast<UINT8*>(s), n);
+    return;
+  }
   if (d < s || d >= s + n) {
     for (UINTN i = 0; i < n; ++i) d[i] = s[i];
   } else {
