@@ -416,8 +416,7 @@ TEST(CliTest, InfoShowsThePasswordServiceTheStateFileChooses) {
   } cases[] = {
       {"new", "PASSWORD2_PROTOCOL, the newer service", false},
       {"legacy", "LEGACY_PASSWORD_PROTOCOL, the older service", true},
-      {"both", "PASSWORD2_PROTOCOL, the newer service", false},
-      {"none", "none bound", false},
+      {"both", "PASSWORD2_PROTOCOL, the newer service", false}, {"none", "none bound", false},
   };
   for (const auto& c : cases) {
     std::string state = defaults;
