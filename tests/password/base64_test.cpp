@@ -39,23 +39,18 @@ TEST_F(Base64Test, DecodesByTheLenientRules) {
     std::string text;
     Bytes bytes;
   } cases[] = {
-      {"one byte", "QQ==", {0x41}},
-      {"two bytes", "QUI=", {0x41, 0x42}},
-      {"three bytes", "QUJD", {0x41, 0x42, 0x43}},
+      {"one byte", "QQ==", {0x41}}, {"two bytes", "QUI=", {0x41, 0x42}}, {"three bytes", "QUJD", {0x41, 0x42, 0x43}},
       {"longer text", "SGVsbG8sIHdvcmxk", {'H', 'e', 'l', 'l', 'o', ',', ' ', 'w', 'o', 'r', 'l', 'd'}},
-      {"whole alphabet", "+/9=", {0xFB, 0xFF}},
-      {"padding does not end the text", "QQ==QUI=", {0x41, 0x41, 0x42}},
+      {"whole alphabet", "+/9=", {0xFB, 0xFF}}, {"padding does not end the text", "QQ==QUI=", {0x41, 0x41, 0x42}},
       {"third position padding ignores the fourth", "QQ=D", {0x41}},
       {"blank decodes as zero", "Q UJ", {0x40, 0x05, 0x09}},
       {"padding in the first two positions decodes as zero", "==QQ", {0x00, 0x04, 0x10}},
       {"line break decodes as zero", "QUJD\nQQ==", {0x41, 0x42, 0x43, 0x01, 0x04, 0x00}},
-      {"bytes above 0x7f decode as zero", "\x80\xffQQ", {0x00, 0x04, 0x10}},
-      {"empty text", "", {}},
+      {"bytes above 0x7f decode as zero", "\x80\xffQQ", {0x00, 0x04, 0x10}}, {"empty text", "", {}},
       // A final group cut short counts its missing characters as padding.
       {"one character left", "QUJDQ", {0x41, 0x42, 0x43, 0x40}},
       {"two characters left", "QUJDQQ", {0x41, 0x42, 0x43, 0x41}},
-      {"three characters left", "QUJDQUI", {0x41, 0x42, 0x43, 0x41, 0x42}},
-      {"lone character", "Q", {0x40}},
+      {"three characters left", "QUJDQUI", {0x41, 0x42, 0x43, 0x41, 0x42}}, {"lone character", "Q", {0x40}},
       {"padding cut short", "QQ=", {0x41}},
   };
   for (const Case& c : cases) EXPECT_EQ(decode(c.text), c.bytes) << c.name;
@@ -131,16 +126,13 @@ TEST_F(Base64Test, EncodingMarking) {
     Attributes attributes;
     BOOLEAN marked;
   } cases[] = {
-      {"marked", {{"Encoding", "Base64"}}, TRUE},
-      {"no attributes", {}, FALSE},
+      {"marked", {{"Encoding", "Base64"}}, TRUE}, {"no attributes", {}, FALSE},
       {"value differs in case", {{"Encoding", "base64"}}, FALSE},
-      {"name differs in case", {{"encoding", "Base64"}}, FALSE},
-      {"trailing blank", {{"Encoding", "Base64 "}}, FALSE},
+      {"name differs in case", {{"encoding", "Base64"}}, FALSE}, {"trailing blank", {{"Encoding", "Base64 "}}, FALSE},
       {"another encoding", {{"Encoding", "Hex"}}, FALSE},
       {"after other attributes", {{"Name", "x"}, {"Encoding", "Hex"}, {"Encoding", "Base64"}}, TRUE},
       {"nameless attributes are skipped", {{nullptr, "Base64"}, {"Encoding", "Base64"}}, TRUE},
-      {"only nameless", {{nullptr, "Base64"}}, FALSE},
-      {"no value", {{"Encoding", nullptr}}, FALSE},
+      {"only nameless", {{nullptr, "Base64"}}, FALSE}, {"no value", {{"Encoding", nullptr}}, FALSE},
   };
   for (const Case& c : cases) {
     std::vector<XML_ATTRIBUTE> attributes(c.attributes.size());

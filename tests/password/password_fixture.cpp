@@ -13,25 +13,17 @@ using tvl::rt::VaList;
 
 FakePasswordService* fakeOf(PASSWORD_SERVICE_PROTOCOL* This) { return reinterpret_cast<FakePasswordService*>(This); }
 
-std::string show(const CHAR8* text) {
+// "a:TEXT" for 8-bit texts, "u:TEXT" for UCS-2 ones; "null" for none.
+template <typename Char>
+std::string show(const Char* text) {
   if (!text) return "null";
-  std::string out = "a:";
+  const bool wide = sizeof(Char) > 1;
+  std::string out = wide ? "u:" : "a:";
   for (; *text; ++text) {
-    unsigned char c = static_cast<unsigned char>(*text);
+    const unsigned c = wide ? unsigned(*text) : unsigned(static_cast<unsigned char>(*text));
     char escaped[8];
-    std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+    std::snprintf(escaped, sizeof escaped, wide ? "\\u%04x" : "\\x%02x", c);
     out += c >= 0x20 && c < 0x7f ? std::string(1, char(c)) : std::string(escaped);
-  }
-  return out;
-}
-
-std::string show(const CHAR16* text) {
-  if (!text) return "null";
-  std::string out = "u:";
-  for (; *text; ++text) {
-    char escaped[8];
-    std::snprintf(escaped, sizeof escaped, "\\u%04x", unsigned(*text));
-    out += *text >= 0x20 && *text < 0x7f ? std::string(1, char(*text)) : std::string(escaped);
   }
   return out;
 }

@@ -46,25 +46,24 @@ class Cli {
   std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
   // Runs with the checked pool unless `lean` (the checked pool fails a
-  // command that frees memory wrongly), on the test's own state file.
-  Outcome run(const std::vector<std::string>& args, bool lean = false) const {
-    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, lean);
+  // command that frees memory wrongly), on the test's own state file or,
+  // when given, with `environment` ("NAME=value ...") instead.
+  Outcome run(const std::vector<std::string>& args, bool lean = false, const std::string& environment = "") const {
+    return runWith(environment.empty() ? "TOLVANE_STATE='" + path("platform.state") + "'" : environment, args, lean);
   }
-  // With `environment` ("NAME=value ...", as the shell takes it) instead.
-  // `input`, when given, is the file standard input reads.
+  // Standard input reads `input` (a file, not a terminal).
+  Outcome runInput(const std::vector<std::string>& args, const std::string& input) const {
+    write("stdin", input);
+    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, false, " <'" + path("stdin") + "'");
+  }
   Outcome runWith(const std::string& environment, const std::vector<std::string>& args, bool lean = false,
-                  const std::string& input = "") const {
+                  const std::string& redirect = "") const {
     std::string command = "env -u TOLVANE_STATE -u XDG_STATE_HOME " + environment + " '" TOLVANE_CLI "'";
     if (!lean) command += " --checked-pool";
     for (const auto& a : args) command += " '" + a + "'";
-    if (!input.empty()) command += " <'" + input + "'";
-    command += " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
+    command += redirect + " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
     int status = std::system(command.c_str());
-    Outcome r;
-    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = readAll(path("stdout"));
-    r.err = readAll(path("stderr"));
-    return r;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readAll(path("stdout")), readAll(path("stderr"))};
   }
 
   // Every sample device's package lists, as export-hii writes them.
@@ -73,12 +72,6 @@ class Cli {
     EXPECT_EQ(r.exitCode, 0) << r.err;
     std::string bytes = readAll(path("all.hii"));
     return std::vector<UINT8>(bytes.begin(), bytes.end());
-  }
-
-  // With `input` as standard input (a file, not a terminal).
-  Outcome runInput(const std::vector<std::string>& args, const std::string& input) const {
-    write("stdin", input);
-    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, false, path("stdin"));
   }
 
   void write(const std::string& name, const std::vector<UINT8>& bytes) const {
