@@ -238,23 +238,6 @@ TEST_F(NodeToHiiTest, BootSequenceEntriesSwitchTheirCheckboxes) {
   EXPECT_EQ(out.request.substr(out.request.rfind("&OFFSET=")), "&OFFSET=0004&WIDTH=0004&VALUE=04030201");
 }
 
-// The XML service keeps <Value/> (no contents) apart from <Value></Value>
-// (empty contents): the first passes the item over, the second reads as 0
-// or as a text that is neither "true" nor "false".
-TEST_F(NodeToHiiTest, AbsentAndEmptyValuesOfParsedDocuments) {
-  buildValues();
-  auto item = [](const char* type, const char* name, const char* index, const char* value) {
-    return std::string("<ConfigItem Type=\"") + type + "\"><Name>" + name + "</Name><CommitIndex>" + index +
-           "</CommitIndex><ValueStruct>" + value + "</ValueStruct></ConfigItem>";
-  };
-  auto pending = parse("<ConfigData><ConfigDataEntry><FormSet><Form>" + item("Integer", "Count", "1", "<Value/>") +
-                       item("Integer", "Locked", "2", "<Value></Value>") + item("Checkbox", "Flag", "3", "<Value></Value>") +
-                       item("Checkbox", "Hidden", "4", "<Value/>") + "</Form></FormSet></ConfigDataEntry></ConfigData>");
-  ImportOutcome out = import(kDevice, pending.get());
-  EXPECT_EQ(out.records, (std::vector<std::string>{"Locked:0>:Success:0", "Flag:false>:Failure:401"}));
-  EXPECT_EQ(out.status, EFI_ABORTED);
-}
-
 // Password items: SysPassword and SetupPassword belong to the password
 // entry and keep their indexes; the BIOS device's other password items are
 // visited and passed over, so their indexes are consumed.
