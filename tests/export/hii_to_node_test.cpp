@@ -68,7 +68,16 @@ FormDescription moreForm() {
   return {2, u"More", u"More", {sample::checkbox(0x201, u"Extra", u"Extra").at(kStore, 0x100).value(0)}};
 }
 
-class HiiToNodeTest : public DeviceExportTest {};
+class HiiToNodeTest : public DeviceExportTest {
+ protected:
+  // One device per case, made by `make(case, n)` with n counting from 1.
+  template <class Case, size_t N, class Make>
+  void buildEach(const Case (&cases)[N], Make make) {
+    std::vector<DeviceDescription> devices;
+    for (const Case& c : cases) devices.push_back(make(c, UINT8(devices.size() + 1)));
+    build(devices);
+  }
+};
 
 // A forms processor whose records carry no value type.
 decltype(HII_FORMS_PROCESSOR2_PROTOCOL::ProcessForms) gProcessForms = nullptr;
@@ -153,10 +162,7 @@ TEST_F(HiiToNodeTest, TypesStatesAndValues) {
 TEST_F(HiiToNodeTest, BiosPasswordsGetHiddenCopiesOnlyWhereTheFqddSaysBios) {
   const struct { std::u16string fqdd; bool copies; } cases[] = {
       {u"BIOS.InternalSetup.1-1", true}, {u"bios.internalsetup.1-2", false}, {u"Disk.BIOS.1", true}};
-  std::vector<DeviceDescription> devices;
-  for (const auto& c : cases)
-    devices.push_back(testDevice(c.fqdd, {tourForm(), moreForm()}, UINT8(devices.size() + 1)));
-  build(devices);
+  buildEach(cases, [](const auto& c, UINT8 n) { return testDevice(c.fqdd, {tourForm(), moreForm()}, n); });
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
     auto docs = exportDevice(c.fqdd);
@@ -206,10 +212,7 @@ TEST_F(HiiToNodeTest, SwitchFormsMarkBootEntriesAndLeaveTheDocuments) {
       {u"BIOS.InternalSetup.1-3", u"bootSeqEnDis", false,
        "HardDisk.List.1-1[Index=0]|NIC.Slot.2-1[Index=1]|Optical.SATA.1[Index=2]", false},
   };
-  std::vector<DeviceDescription> devices;
-  for (const auto& c : cases)
-    devices.push_back(testDevice(c.fqdd, bootForms(c.switchTitle, c.switchFirst), UINT8(devices.size() + 1)));
-  build(devices);
+  buildEach(cases, [](const auto& c, UINT8 n) { return testDevice(c.fqdd, bootForms(c.switchTitle, c.switchFirst), n); });
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
     auto docs = exportDevice(c.fqdd);
@@ -242,9 +245,7 @@ TEST_F(HiiToNodeTest, NicDevicesMapVendorNames) {
       {u"nic.Integrated.1-1-1", "Name,RefFormId,DisplayName,BiosMapping,DisplayIndex",
        "Name,BiosMapping,CommitIndex,ValueStruct"},
   };
-  std::vector<DeviceDescription> devices;
-  for (const auto& c : cases) devices.push_back(testDevice(c.fqdd, forms(), UINT8(devices.size() + 1), kStoreGuid));
-  build(devices);
+  buildEach(cases, [&](const auto& c, UINT8 n) { return testDevice(c.fqdd, forms(), n, kStoreGuid); });
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
     auto docs = exportDevice(c.fqdd);
@@ -273,10 +274,7 @@ TEST_F(HiiToNodeTest, FqddChoosesTheFormSetFilter) {
       {u"Disk.Bay.0:BIOS.InternalSetup.1-3", other, EFI_SUCCESS, 1, nullptr},
       {u"System.Embedded.1-1", other, EFI_SUCCESS, 0, nullptr},
   };
-  std::vector<DeviceDescription> devices;
-  for (const auto& c : cases)
-    devices.push_back(testDevice(c.fqdd, {moreForm()}, UINT8(devices.size() + 1), c.formSet));
-  build(devices);
+  buildEach(cases, [](const auto& c, UINT8 n) { return testDevice(c.fqdd, {moreForm()}, n, c.formSet); });
   UINT8& isBios = global<UINT8>("mIsBiosSetup");
   UINT8& isSsd = global<UINT8>("mIsSsdForms");
   for (const auto& c : cases) {
