@@ -1,7 +1,6 @@
-// The save path: the overall status of NodeSaveToHii over mixed segments,
-// every verdict and failure of the block-name lookup, the one-byte retry of
-// a rejected zero write (on a device that rejects it for real), the marks
-// in the results document, and every allocation of a save failing in turn.
+// The save path: overall status over mixed segments, the block-name lookup,
+// the one-byte retry of a rejected zero write, marks in the results, and
+// allocation failures.
 #include <gtest/gtest.h>
 
 #include "host/sample/sample_devices.h"
@@ -63,11 +62,7 @@ class SaveTest : public ImportTest {
     return status;
   }
   static std::string narrowText(const std::u16string& text) { return std::string(text.begin(), text.end()); }
-  bool logged(const std::string& function, const std::string& line) {
-    for (const auto& r : log().records())
-      if (r.function == function && r.text == line) return true;
-    return false;
-  }
+  bool logged(const std::string& function, const std::string& line) { return log().find(function, line); }
 };
 
 // Segments by what becomes of them: written, unchanged (verdict 2),
@@ -110,16 +105,17 @@ TEST_F(SaveTest, OverallStatusFollowsTheOrderOfOutcomes) {
       {u"junk&" + hdr + kWritten, EFI_SUCCESS, "S0 S0 S0", 1},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(narrowText(c.request));
     auto root = results({"Count", "Locked", "Wide"});
     log().clear();
     const size_t before = dev().device->routeConfigCalls().size();
-    EXPECT_EQ(save(c.request, root.get()), c.status) << narrowText(c.request);
+    EXPECT_EQ(save(c.request, root.get()), c.status);
     std::string codes;
     for (const XML_NODE* op : children(root.get(), "Operation"))
       codes += (codes.empty() ? "" : " ") + text(child(op, "Status")).substr(0, 1) + text(child(op, "ErrorCode"));
-    EXPECT_EQ(codes, c.codes) << narrowText(c.request);
-    EXPECT_EQ(dev().device->routeConfigCalls().size() - before, c.routes) << narrowText(c.request);
-    EXPECT_TRUE(!c.trace || logged("tvlNodeSaveToHii", c.trace)) << c.trace;
+    EXPECT_EQ(codes, c.codes);
+    EXPECT_EQ(dev().device->routeConfigCalls().size() - before, c.routes);
+    EXPECT_TRUE(!c.trace || logged("tvlNodeSaveToHii", c.trace));
   }
   // Arguments that are missing, and a handle without configuration access.
   TOLVANE_PROTOCOL* self = converter();
@@ -178,15 +174,16 @@ TEST_F(SaveTest, LookupGivesEachVerdict) {
       {u"&OFFSET=0001&WIDTH=0001&VALUE=01", nullptr, EFI_INVALID_PARAMETER, nullptr, u"NAME=" + rest},
   };
   for (const auto& c : cases) {
+    const std::u16string configHdr = c.configHdr.empty() ? hdr : c.configHdr;
+    SCOPED_TRACE(narrowText(configHdr + c.block));
     log().clear();
     CHAR8* name = nullptr;
     UINT64 verdict = 0x5a5a;
-    const std::u16string configHdr = c.configHdr.empty() ? hdr : c.configHdr;
-    EFI_STATUS status = lookup(dev().handle(), configHdr.c_str(), c.block.c_str(), &name, &verdict);
-    EXPECT_EQ(status, c.name ? EFI_SUCCESS : c.verdict) << narrowText(configHdr + c.block);
-    EXPECT_STREQ(name, c.name) << narrowText(c.block);
-    EXPECT_EQ(c.name ? verdict : c.verdict, c.verdict) << narrowText(c.block);
-    EXPECT_TRUE(!c.trace || logged("GetInfoByBlockName", c.trace)) << narrowText(c.block);
+    EXPECT_EQ(lookup(dev().handle(), configHdr.c_str(), c.block.c_str(), &name, &verdict),
+              c.name ? EFI_SUCCESS : c.verdict);
+    EXPECT_STREQ(name, c.name);
+    EXPECT_EQ(c.name ? verdict : c.verdict, c.verdict);
+    EXPECT_TRUE(!c.trace || logged("GetInfoByBlockName", c.trace));
     if (name) bs()->FreePool(name);
   }
   CHAR8* name = nullptr;
