@@ -1,5 +1,7 @@
 #include "export/export_fixture.h"
 
+#include <pthread.h>
+
 #include "host/hii/device_path.h"
 #include "host/hii/package_list.h"
 #include "host/hii/string_package.h"
@@ -139,6 +141,27 @@ std::string valueList(const XML_NODE* configItem) {
     if (!marks.empty()) out += "[" + marks + "]";
   }
   return out;
+}
+
+void runOnSmallStack(host::Platform& platform, const std::function<void()>& body) {
+  struct Call { host::Platform* platform; const std::function<void()>* body; } call{&platform, &body};
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+#if defined(__SANITIZE_ADDRESS__)
+  pthread_attr_setstacksize(&attributes, 256 * 1024);
+#else
+  pthread_attr_setstacksize(&attributes, 64 * 1024);
+#endif
+  pthread_t thread;
+  auto run = [](void* p) -> void* {
+    auto* c = static_cast<Call*>(p);
+    c->platform->bindToThisThread();
+    (*c->body)();
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attributes, run, &call), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
 }
 
 // ---------------------------------------------------------------- ExportTest

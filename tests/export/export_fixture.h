@@ -1,11 +1,9 @@
-// Test support for the export. DeviceExportTest: a sample platform with the
-// devices a test describes, a fresh driver and its traces, the two documents
-// of an export as trees that free themselves, and small queries over trees.
-// ExportTest: the same without devices, for single functions, with helpers
-// that register string packages, build small trees through the driver's node
-// toolbox and describe trees compactly for table-driven checks.
+// Test support for the export: a sample platform with the devices a test
+// describes (DeviceExportTest) or none (ExportTest, for single functions),
+// the documents of an export, and compact queries over trees.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -44,11 +42,10 @@ class DeviceExportTest : public DriverTest {
   bool loadsDriver() const override { return false; }
   void TearDown() override;
 
-  // Builds the sample platform with `devices` (the sample devices when
-  // empty) and loads a fresh driver; the leak baseline moves past both.
+  // The sample platform with `devices` (the sample devices when empty) and
+  // a fresh driver; the leak baseline moves past both.
   void build(std::vector<host::sample::DeviceDescription> devices = {});
-  // The same with exactly these devices.
-  void buildWith(std::vector<host::sample::DeviceDescription> devices);
+  void buildWith(std::vector<host::sample::DeviceDescription> devices);  // exactly these
 
   host::sample::SamplePlatform& sample() { return *sample_; }
   // HiiToNode on the device with this FQDD.
@@ -59,8 +56,7 @@ class DeviceExportTest : public DriverTest {
   std::unique_ptr<host::sample::SamplePlatform> sample_;
 };
 
-// A device of one form set; `n` makes its device path and package list
-// unique.
+// A device of one form set; `n` makes its device path and package list unique.
 host::sample::DeviceDescription deviceWith(const std::u16string& fqdd, UINT8 n, host::sample::FormSetDescription set);
 
 // ---- queries over a document tree
@@ -81,7 +77,9 @@ const XML_NODE* item(const XML_NODE* root, const std::string& name);
 // "Value" texts of the item's ValueStructs, joined by '|'; DefaultIds and
 // attributes in brackets: "true[0000,0001]|false".
 std::string valueList(const XML_NODE* configItem);
-
+// Runs `body` on a thread with 64 KiB of stack (256 KiB under the
+// sanitizer, whose red zones and unoptimised frames triple every frame).
+void runOnSmallStack(host::Platform& platform, const std::function<void()>& body);
 
 // For single functions of the driver: the sample platform without devices.
 class ExportTest : public DeviceExportTest {
@@ -92,20 +90,16 @@ class ExportTest : public DeviceExportTest {
 
   // A new driver handle (it carries a configuration-access marker).
   EFI_HANDLE newDriverHandle();
-  // Registers a package list with one string package per language (string
-  // id N is the N-th text) for `owner`, a new driver handle when null; its
-  // HII handle.
+  // A package list of one string package per language (string id N is the
+  // N-th text) for `owner`, a new driver handle when null.
   EFI_HII_HANDLE addStrings(const LanguageStrings& languages, EFI_HANDLE owner = nullptr);
 
-  // A node made with the driver's createNode (or createNodeWithString when
-  // `contents` is given) and addAttribute, with `children` linked below it
-  // in order. The caller releases the tree.
+  // A node made by the driver's node toolbox, `children` linked below it.
   XML_NODE* node(const char* name, const char* contents = nullptr, const Attributes& attributes = {},
                  const std::vector<XML_NODE*>& children = {});
-  // Frees a tree (null is ignored) through the driver's freeNode.
-  void release(XML_NODE* tree);
-  // What a builder handed out, described and freed; "-" when it failed,
-  // after checking that its output slot still holds kUntouched.
+  void release(XML_NODE* tree);  // through the driver's freeNode; null ignored
+  // What a builder handed out, described and freed; "-" when it failed
+  // (and its output slot must still hold kUntouched).
   std::string outcome(EFI_STATUS status, XML_NODE* out);
   // Takes every attribute off a node and returns it to the pool.
   void dropAttributes(XML_NODE* node);

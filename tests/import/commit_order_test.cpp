@@ -4,9 +4,6 @@
 // huge indexes; a 20,000-item document on a small stack; and every
 // allocation of an import on the sample BIOS device failing in turn.
 #include <gtest/gtest.h>
-#include <pthread.h>
-
-#include <strings.h>
 
 #include <cstring>
 #include <random>
@@ -239,8 +236,8 @@ TEST_F(CommitOrderTest, HugeIndexesApplyInDocumentOrder) {
   EXPECT_EQ(out.records, (std::vector<std::string>{"N1:1>7:Success:0", "N5:5>6:Success:0", "C2:false>true:Success:0"}));
 }
 
-// 20,000 items in reverse index order on a thread with 64 KiB of stack; the
-// caller then holds exactly one request text besides the results.
+// 20,000 items in reverse index order on a small stack; the caller then
+// holds exactly one request text besides the results.
 TEST_F(CommitOrderTest, TwentyThousandItemsFitASmallStack) {
   constexpr UINT16 kItems = 20000;
   sample::FormDescription big{1, u"Big", u"Big", {}};
@@ -259,44 +256,24 @@ TEST_F(CommitOrderTest, TwentyThousandItemsFitASmallStack) {
     setText(const_cast<XML_NODE*>(child(items[i], "CommitIndex")), std::to_string(kItems - i).c_str());
     setText(const_cast<XML_NODE*>(child(child(items[i], "ValueStruct"), "Value")), i % 2 ? "false" : "true");
   }
-  struct Call {
-    tvl::host::Platform* platform;
-    TOLVANE_PROTOCOL* self;
-    EFI_HANDLE handle;
-    XML_NODE* pending;
-    CHAR16* request;
-    XML_NODE* results;
-    EFI_STATUS status;
-  } call{&platform(), converter(), sample().devices()[0].handle(), docs->current, nullptr, nullptr, EFI_NOT_STARTED};
+  TOLVANE_PROTOCOL* self = converter();
+  EFI_HANDLE handle = sample().devices()[0].handle();
+  CHAR16* request = nullptr;
+  XML_NODE* results = nullptr;
+  EFI_STATUS status = EFI_NOT_STARTED;
   tvl::test::releaseServiceCaches(platform());  // only what the import leaves counts
   const size_t before = platform().poolStats().outstanding;
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-#if defined(__SANITIZE_ADDRESS__)
-  pthread_attr_setstacksize(&attributes, 256 * 1024);  // red zones and unoptimised frames
-#else
-  pthread_attr_setstacksize(&attributes, 64 * 1024);
-#endif
-  pthread_t thread;
-  auto body = [](void* p) -> void* {
-    auto* c = static_cast<Call*>(p);
-    c->platform->bindToThisThread();
-    c->status = c->self->NodeToHii(c->self, c->handle, c->pending, &c->request, &c->results);
-    return nullptr;
-  };
-  ASSERT_EQ(pthread_create(&thread, &attributes, body, &call), 0);
-  pthread_join(thread, nullptr);
-  pthread_attr_destroy(&attributes);
-  ASSERT_EQ(call.status, EFI_SUCCESS);
-  std::vector<std::string> records = operations(call.results);
+  runOnSmallStack(platform(), [&] { status = self->NodeToHii(self, handle, docs->current, &request, &results); });
+  ASSERT_EQ(status, EFI_SUCCESS);
+  std::vector<std::string> records = operations(results);
   ASSERT_EQ(records.size(), size_t(kItems));
   EXPECT_EQ(records.front(), "Q19999:true>false:Success:0");
   EXPECT_EQ(records.back(), "Q0:false>true:Success:0");
   for (const XML_NODE* item : items) ASSERT_EQ(text(child(item, "CommitIndex")), "0");
-  sample().xml()->XML_FreeNode(sample().xml(), call.results);
+  sample().xml()->XML_FreeNode(sample().xml(), results);
   tvl::test::releaseServiceCaches(platform());
   EXPECT_EQ(platform().poolStats().outstanding, before + 1);
-  bs()->FreePool(call.request);
+  bs()->FreePool(request);
 }
 
 // Each allocation of an import of the sample BIOS device failing in turn,
@@ -335,28 +312,15 @@ TEST_P(ImportSweepTest, EveryAllocationFailureEndsCleanly) {
     for (size_t i = 0; i < pended.size(); ++i)
       setText(const_cast<XML_NODE*>(child(pended[i], "CommitIndex")), std::to_string(i + 1).c_str());
   };
-  // The forms processor's kept parses are released before every count, so
-  // each run starts without one and the allocations that fill it are swept.
-  auto held = [&] {
-    tvl::test::releaseServiceCaches(platform());
-    return platform().poolStats().outstanding + platform().poolStats().outstandingPages;
-  };
-  tvl::test::releaseServiceCaches(platform());
-  const size_t start = platform().allocationAttempts();
-  ASSERT_EQ(run(), EFI_ABORTED);
-  ASSERT_EQ(operations(results).size(), 7u);  // the UEFI order and one of its checkboxes
-  const size_t attempts = platform().allocationAttempts() - start;
-  cleanup();
-  bool sawOutOfMemory = false;
-  for (size_t k = 1 + GetParam(); k <= attempts; k += 8) {
-    const size_t before = held();
-    platform().failAllocation(k);
-    EFI_STATUS status = run();
-    platform().clearAllocationFaults();
-    bool outOfMemory = status == EFI_OUT_OF_RESOURCES;
-    sawOutOfMemory |= outOfMemory;
+  auto check = [&](EFI_STATUS status, size_t k) {
+    if (k == 0) {
+      EXPECT_EQ(status, EFI_ABORTED);
+      EXPECT_EQ(operations(results).size(), 7u);  // the UEFI order and one of its checkboxes
+      return;
+    }
     // Any other status is the export's, passed on before the first item.
-    bool exported = status == EFI_SUCCESS || status == EFI_ABORTED || status == EFI_DEVICE_ERROR || outOfMemory;
+    bool exported = status == EFI_SUCCESS || status == EFI_ABORTED || status == EFI_DEVICE_ERROR ||
+                    status == EFI_OUT_OF_RESOURCES;
     EXPECT_TRUE(exported || (!request && !results && text(child(pended[0], "CommitIndex")) == "1")) << k;
     EXPECT_EQ(kept, nullptr) << k;
     EXPECT_TRUE(!request || std::u16string(request).rfind(u"GUID=", 0) == 0) << k;
@@ -366,10 +330,8 @@ TEST_P(ImportSweepTest, EveryAllocationFailureEndsCleanly) {
       EXPECT_TRUE(index == "0" || index == std::to_string(i + 1)) << k << " " << index;
     }
     EXPECT_FALSE(serialise(docs->current).empty()) << k;
-    cleanup();
-    ASSERT_EQ(held(), before) << "attempt " << k << " of " << attempts << " leaks";
-  }
-  EXPECT_TRUE(sawOutOfMemory);
+  };
+  EXPECT_TRUE(sweepShard(GetParam(), 8, run, check, cleanup));
 }
 
 INSTANTIATE_TEST_SUITE_P(Shards, ImportSweepTest, ::testing::Range(size_t(0), size_t(8)));

@@ -1,7 +1,6 @@
-// Whole imports: each type's rule with its error codes, the rules that pass
-// items over, the overall status, ordered lists with their enable
-// checkboxes, the restore trigger, and how a call ends when memory runs
-// out.
+// Whole imports: each type's rule and error codes, items passed over, the
+// overall status, ordered lists and their enable checkboxes, and memory
+// running out.
 #include <gtest/gtest.h>
 
 #include "host/sample/sample_devices.h"
@@ -53,6 +52,10 @@ class NodeToHiiTest : public ImportTest {
 };
 
 std::string zeros(size_t n) { return std::string(n, '0'); }
+// The request without its header: from the first "&OFFSET=".
+std::string segment(const ImportOutcome& out) {
+  return out.request.empty() ? "" : out.request.substr(out.request.find("&OFFSET="));
+}
 
 // Every rule's outcome for one pending value: the record (none when the
 // item is passed over) and the request segment it adds.
@@ -120,7 +123,7 @@ TEST_F(NodeToHiiTest, EachTypeValidatesAndEncodesItsValue) {
     if (c.edit) c.edit(*this, pending);
     ImportOutcome out = import(kDevice, docs->current);
     EXPECT_EQ(out.records, std::vector<std::string>(*c.record ? 1 : 0, c.record));
-    EXPECT_EQ(out.request.empty() ? "" : out.request.substr(out.request.find("&OFFSET=")), c.segment);
+    EXPECT_EQ(segment(out), c.segment);
     EXPECT_EQ(out.request.rfind("GUID=", 0), c.segment.empty() ? std::string::npos : 0);
     EXPECT_EQ(text(child(pending, "CommitIndex")), "0");
     bool failed = std::string(c.record).find("Failure") != std::string::npos;
@@ -206,7 +209,7 @@ TEST_F(NodeToHiiTest, OrderedListsWriteTheNewOrder) {
     }
     ImportOutcome out = import(kDevice, docs->current);
     EXPECT_EQ(out.records, std::vector<std::string>(*c.record ? 1 : 0, c.record));
-    EXPECT_EQ(out.request.empty() ? "" : out.request.substr(out.request.find("&OFFSET=")), c.segment);
+    EXPECT_EQ(segment(out), c.segment);
   }
 
   // A form set in "en-US" alone names no statement: nothing is read.
@@ -236,23 +239,6 @@ TEST_F(NodeToHiiTest, BootSequenceEntriesSwitchTheirCheckboxes) {
   EXPECT_EQ(out.records, std::vector<std::string>(2, record));
   EXPECT_NE(out.request.find("&OFFSET=000a&WIDTH=0001&VALUE=1GUID="), std::string::npos) << out.request;
   EXPECT_EQ(out.request.substr(out.request.rfind("&OFFSET=")), "&OFFSET=0004&WIDTH=0004&VALUE=04030201");
-}
-
-// The XML service keeps <Value/> (no contents) apart from <Value></Value>
-// (empty contents): the first passes the item over, the second reads as 0
-// or as a text that is neither "true" nor "false".
-TEST_F(NodeToHiiTest, AbsentAndEmptyValuesOfParsedDocuments) {
-  buildValues();
-  auto item = [](const char* type, const char* name, const char* index, const char* value) {
-    return std::string("<ConfigItem Type=\"") + type + "\"><Name>" + name + "</Name><CommitIndex>" + index +
-           "</CommitIndex><ValueStruct>" + value + "</ValueStruct></ConfigItem>";
-  };
-  auto pending = parse("<ConfigData><ConfigDataEntry><FormSet><Form>" + item("Integer", "Count", "1", "<Value/>") +
-                       item("Integer", "Locked", "2", "<Value></Value>") + item("Checkbox", "Flag", "3", "<Value></Value>") +
-                       item("Checkbox", "Hidden", "4", "<Value/>") + "</Form></FormSet></ConfigDataEntry></ConfigData>");
-  ImportOutcome out = import(kDevice, pending.get());
-  EXPECT_EQ(out.records, (std::vector<std::string>{"Locked:0>:Success:0", "Flag:false>:Failure:401"}));
-  EXPECT_EQ(out.status, EFI_ABORTED);
 }
 
 // Password items: SysPassword and SetupPassword belong to the password

@@ -212,11 +212,7 @@ TEST_F(OperationsTest, StatusRecordsAndTheRestoreTrigger) {
 TEST_F(OperationsTest, ErrorMarksAndTheirMessages) {
   auto mark = FN(addErrorNode);
   const std::string kRecord = "<Operation><Name>A</Name><Detail/><Status>Success</Status><ErrorCode>0</ErrorCode></Operation>";
-  const struct {
-    std::string document;
-    UINT64 code;
-    std::vector<std::string> records;
-  } cases[] = {
+  const struct { std::string document; UINT64 code; std::vector<std::string> records; } cases[] = {
       {kRecord, 0x902, {"A:>:Failure:902"}},
       {kRecord + kRecord, EFI_DEVICE_ERROR, {"A:>:Failure:7", "A:>:Success:0"}},
       {"<Operation><Name>A</Name><Status>Success</Status><ErrorCode>0</ErrorCode></Operation>", 0x901, {"A:>:Success:0"}},
