@@ -1,8 +1,5 @@
-// A service image whose entry cannot allocate what it needs returns the
-// failure and installs nothing, and its failed entries leave nothing in the
-// pool. The successful load of each image is counted first, so that every
-// allocation attempt it makes (the platform's own included) is failed in
-// turn.
+// A service image whose entry fails an allocation returns the failure,
+// installs nothing and leaves nothing in the pool; one that loaded unloads.
 #include <gtest/gtest.h>
 
 #include "support/fixture.h"
@@ -10,23 +7,21 @@
 
 namespace {
 
-struct Image {
-  const char* name;
-  const EFI_GUID* protocol;
-};
-
-class ServiceEntryTest : public tvl::test::PlatformTest {};
+using ServiceEntryTest = tvl::test::PlatformTest;
 
 TEST_F(ServiceEntryTest, EveryAllocationFailureOfTheEntryInstallsNothing) {
-  const Image images[] = {
-      {"log_service", &gDebugLogProtocolGuid},
-      {"xml_service", &gXmlProtocolGuid},
-      {"location_service", &gDeviceLocationProtocolGuid},
+  const struct { const char* name; const EFI_GUID* protocol; bool unloads; } images[] = {
+      {"log_service", &gDebugLogProtocolGuid, false},
+      {"xml_service", &gXmlProtocolGuid, false},
+      {"location_service", &gDeviceLocationProtocolGuid, true},
+      {"password2_service", &gPassword2ProtocolGuid, true},
+      {"legacy_password_service", &gLegacyPasswordProtocolGuid, true},
   };
-  for (const Image& image : images) {
+  for (const auto& image : images) {
     SCOPED_TRACE(image.name);
-    // One instance that loads: the log service stays for the platform's
-    // lifetime, so what loaded images keep is outside the leak check.
+    // A load that succeeds is counted first, so that each of its allocation
+    // attempts (the platform's own included) is failed in turn; what the
+    // loaded instance keeps is outside the leak check.
     const size_t startAttempts = platform().allocationAttempts();
     EFI_HANDLE handle = nullptr;
     ASSERT_EQ(loadStatus(image.name, &handle), EFI_SUCCESS);
@@ -44,6 +39,10 @@ TEST_F(ServiceEntryTest, EveryAllocationFailureOfTheEntryInstallsNothing) {
       if (status == EFI_SUCCESS) return;  // a second instance would change what follows
     }
     expectNoLeaks();
+    if (image.unloads) {
+      EXPECT_EQ(platform().unloadImage(handle), EFI_SUCCESS);
+      EXPECT_EQ(platform().handlesWith(*image.protocol).size(), installed - 1);
+    }
   }
 }
 

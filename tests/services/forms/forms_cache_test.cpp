@@ -108,14 +108,8 @@ ifr::Bytes otherStrings() {
 }
 
 TEST_F(FormsCacheTest, KeptParseAnswersAsAFreshOneAndParsesAgainOnlyWhenTheHandlesPackagesChange) {
-  struct Row {
-    const char* what;
-    std::function<void()> change;
-    bool parsesAgain;
-    bool changesRecords;
-  };
   const UINT8 oneOf3[] = {3, 0};
-  const Row rows[] = {
+  const struct { const char* what; std::function<void()> change; bool parsesAgain, changesRecords; } rows[] = {
       {"nothing changes", [] {}, false, false},
       {"RouteConfig writes a value the image's suppressif reads",
        [&] {
@@ -125,18 +119,14 @@ TEST_F(FormsCacheTest, KeptParseAnswersAsAFreshOneAndParsesAgainOnlyWhenTheHandl
                    EFI_SUCCESS);
        },
        false, true},
-      {"another caller exports the list",
-       [&] {
-         std::vector<uint8_t> out;
-         database().exportPackageLists(handle_, out);
-       },
+      {"another caller exports the list", [&] { std::vector<uint8_t> out; database().exportPackageLists(handle_, out); },
        false, false},
       {"the other device's forms are updated", [&] { update(other_, otherForms()); }, false, false},
       {"a new package list is added", [&] { addDevice().addPackageList(sample_.list()); }, false, false},
       {"the handle's forms are updated (remove and add)", [&] { update(handle_, otherForms()); }, true, true},
       {"the handle's strings alone are updated", [&] { update(handle_, otherStrings()); }, true, true},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     releaseServiceCaches(platform());
     const std::string before = kept();

@@ -1,7 +1,9 @@
-// Expression opcodes evaluated by ProcessForms: each expression is the
-// default value of a question of its own, and its record carries the
-// result computed with the current values.
+// Expressions evaluated by ProcessForms with the current values: operators
+// as question defaults, and suppressif, grayoutif and disableif around
+// statements, nested, inside a question's scope and around options.
 #include <gtest/gtest.h>
+
+#include <functional>
 
 #include "forms_support.h"
 
@@ -9,7 +11,10 @@ namespace tvl::test::forms {
 namespace {
 
 using ifr::Expr;
+using ifr::FormBuilder;
+using ifr::Numeric;
 using FormsExpressionsTest = FormsTest;
+using FormsConditionsTest = FormsTest;
 
 constexpr UINT8 kBool = EFI_IFR_TYPE_BOOLEAN, kU8 = EFI_IFR_TYPE_NUM_SIZE_8, kU64 = EFI_IFR_TYPE_NUM_SIZE_64,
                 kUndefined = EFI_IFR_TYPE_UNDEFINED;
@@ -19,19 +24,14 @@ constexpr UINT8 kBool = EFI_IFR_TYPE_BOOLEAN, kU8 = EFI_IFR_TYPE_NUM_SIZE_8, kU6
 TEST_F(FormsExpressionsTest, OperatorsComputeFromCurrentValues) {
   const Expr q1 = ifr::questionRef(1), q2 = ifr::questionRef(2), q3 = ifr::questionRef(3);
   const struct { const char* name; Expr expr; UINT8 type; UINT64 result; } rows[] = {  // result: unless undefined
-      {"zero", ifr::zero(), kU8, 0},
-      {"one", ifr::one(), kU8, 1},
-      {"ones", ifr::ones(), kU64, ~0ull},
-      {"undefined", ifr::undefined(), kUndefined, 0},
-      {"9 > 9", ifr::greaterThan(q1, ifr::uint8(9)), kBool, 0},
+      {"zero", ifr::zero(), kU8, 0}, {"one", ifr::one(), kU8, 1}, {"ones", ifr::ones(), kU64, ~0ull},
+      {"undefined", ifr::undefined(), kUndefined, 0}, {"9 > 9", ifr::greaterThan(q1, ifr::uint8(9)), kBool, 0},
       {"9 > 8", ifr::greaterThan(q1, ifr::uint8(8)), kBool, 1},
       {"8 > 9", ifr::greaterThan(ifr::uint8(8), q1), kBool, 0},
       {"9 >= 9", ifr::greaterEqual(q1, ifr::uint8(9)), kBool, 1},
       {"9 >= 10", ifr::greaterEqual(q1, ifr::uint8(10)), kBool, 0},
-      {"9 < 9", ifr::lessThan(q1, ifr::uint8(9)), kBool, 0},
-      {"9 < 10", ifr::lessThan(q1, ifr::uint8(10)), kBool, 1},
-      {"9 <= 9", ifr::lessEqual(q1, ifr::uint8(9)), kBool, 1},
-      {"9 <= 8", ifr::lessEqual(q1, ifr::uint8(8)), kBool, 0},
+      {"9 < 9", ifr::lessThan(q1, ifr::uint8(9)), kBool, 0}, {"9 < 10", ifr::lessThan(q1, ifr::uint8(10)), kBool, 1},
+      {"9 <= 9", ifr::lessEqual(q1, ifr::uint8(9)), kBool, 1}, {"9 <= 8", ifr::lessEqual(q1, ifr::uint8(8)), kBool, 0},
       {"0x1234 >= 9, other widths", ifr::greaterEqual(q2, q1), kBool, 1},
       {"compared with undefined", ifr::lessEqual(q1, ifr::undefined()), kUndefined, 0},
       {"add, carrying", ifr::add(q2, ifr::uint8(0xCC)), kU64, 0x1300},
@@ -49,8 +49,7 @@ TEST_F(FormsExpressionsTest, OperatorsComputeFromCurrentValues) {
       {"bitwise or", ifr::bitwiseOr(q1, ifr::uint16(0x1231)), kU64, 0x1239},
       {"bitwise not", ifr::bitwiseNot(ifr::one()), kU64, ~1ull},
       {"a boolean is no number", ifr::add(ifr::True(), ifr::one()), kUndefined, 0},
-      {"to boolean, 9", ifr::toBoolean(q1), kBool, 1},
-      {"to boolean, 0", ifr::toBoolean(ifr::zero()), kBool, 0},
+      {"to boolean, 9", ifr::toBoolean(q1), kBool, 1}, {"to boolean, 0", ifr::toBoolean(ifr::zero()), kBool, 0},
       {"to uint of a checkbox", ifr::toUint(q3), kU64, 1},
       {"to uint of undefined", ifr::toUint(ifr::undefined()), kUndefined, 0},
       {"not of a number", ifr::Not(q1), kUndefined, 0},
@@ -77,6 +76,104 @@ TEST_F(FormsExpressionsTest, OperatorsComputeFromCurrentValues) {
       EXPECT_EQ(number(result), rows[i].result);
     }
   }
+}
+
+// Writes a target question into the form, with conditions around it.
+using Place = std::function<void(FormBuilder&, Numeric)>;
+const Place put = [](FormBuilder& f, Numeric q) { f.numeric(q); };
+
+// `inner` inside a condition of `opcode` (or inside a subtitle's scope).
+Place in(UINT8 opcode, const Expr& e, const Place& inner = put) {
+  return [=](FormBuilder& f, Numeric q) {
+    auto body = [&](FormBuilder& g) { inner(g, q); };
+    if (opcode == EFI_IFR_SUPPRESS_IF_OP) f.suppressIf(e, body);
+    if (opcode == EFI_IFR_GRAY_OUT_IF_OP) f.grayOutIf(e, body);
+    if (opcode == EFI_IFR_DISABLE_IF_OP) f.disableIf(e, body);
+    if (opcode == EFI_IFR_SUBTITLE_OP) f.subtitle(1, 0, body);
+  };
+}
+// A condition in the question's own scope.
+Place inScope(UINT8 opcode, const Expr& e) {
+  return [=](FormBuilder& f, Numeric q) {
+    auto none = [](Numeric&) {};
+    f.numeric(opcode == EFI_IFR_SUPPRESS_IF_OP ? q.suppressIf(e, none) : q.grayOutIf(e, none));
+  };
+}
+
+constexpr UINT8 kSuppress = EFI_IFR_SUPPRESS_IF_OP, kGray = EFI_IFR_GRAY_OUT_IF_OP, kDisable = EFI_IFR_DISABLE_IF_OP;
+
+// Current values: checkbox 1 = 1, one-of 2 = 3, numeric 3 = 9, numeric 4 =
+// 3, and numeric 0x60, declared after every condition, = 5.
+TEST_F(FormsConditionsTest, ConditionsSetTheMarksOfStatementsAndOptions) {
+  const struct {  // readOnlyCondition -1: none; otherwise its boolean result
+    const char* name; Place place; UINT8 suppressed, readOnly, disabled; int readOnlyCondition;
+  } rows[] = {
+      {"suppressif, true", in(kSuppress, ifr::ideqval(1, 1)), 1, 0, 0, -1},
+      {"no condition, after a closed one", put, 0, 0, 0, -1},
+      {"grayoutif, false", in(kGray, ifr::ideqval(2, 4)), 0, 0, 0, 0},
+      {"disableif, true", in(kDisable, ifr::True()), 0, 0, 1, -1},
+      {"and, not", in(kSuppress, ifr::And(ifr::ideqval(1, 1), ifr::Not(ifr::ideqval(2, 3)))), 0, 0, 0, -1},
+      {"or", in(kSuppress, ifr::Or(ifr::ideqval(1, 0), ifr::ideqval(3, 9))), 1, 0, 0, -1},
+      {"eqidid", in(kSuppress, ifr::eqidid(2, 4)), 1, 0, 0, -1},
+      {"value list", in(kSuppress, ifr::ideqvallist(3, {1, 9})), 1, 0, 0, -1},
+      {"value list without the value", in(kSuppress, ifr::ideqvallist(3, {1, 2})), 0, 0, 0, -1},
+      {"question ref equal", in(kSuppress, ifr::equal(ifr::questionRef(3), ifr::uint8(9))), 1, 0, 0, -1},
+      {"not equal, 64-bit", in(kSuppress, ifr::notEqual(ifr::questionRef(3), ifr::number(9))), 0, 0, 0, -1},
+      {"question declared later", in(kSuppress, ifr::ideqval(0x60, 5)), 1, 0, 0, -1},
+      {"unknown question", in(kSuppress, ifr::ideqval(0x99, 0)), 0, 0, 0, -1},
+      {"nested kinds",
+       in(kDisable, ifr::True(), in(kSuppress, ifr::False(), in(kGray, ifr::ideqval(2, 3)))), 0, 1, 1, 1},
+      {"inside a subtitle", in(kSuppress, ifr::True(), in(EFI_IFR_SUBTITLE_OP, ifr::True())), 1, 0, 0, -1},
+      {"suppressif in the question's scope", inScope(kSuppress, ifr::ideqval(1, 1)), 1, 0, 0, -1},
+      {"grayoutif in the question's scope", inScope(kGray, ifr::ideqval(3, 9)), 0, 1, 0, 1},
+  };
+  OneForm f(8);
+  const UINT16 s = f.s;
+  FormBuilder& form = f.form;
+  form.checkbox(ifr::Checkbox(1, s, s).store(1, 0))
+      .oneOf(ifr::OneOf(2, s, s).store(1, 1).option(s, 3).option(s, 4))
+      .numeric(Numeric(3, s, s).store(1, 2))
+      .numeric(Numeric(4, s, s).store(1, 3));
+  for (UINT16 i = 0; i < std::size(rows); ++i) rows[i].place(form, Numeric(UINT16(0x40 + i), s, s).store(1, 5));
+  // Options under conditions; a suppressed question does not mark its own.
+  form.oneOf(ifr::OneOf(0x54, s, s)
+                 .store(1, 5)
+                 .option(s, 0)
+                 .suppressIf(ifr::ideqval(1, 1), [s](ifr::OneOf& q) { q.option(s, 1); })
+                 .suppressIf(ifr::ideqval(1, 0), [s](ifr::OneOf& q) { q.option(s, 2); })
+                 .disableIf(ifr::True(), [s](ifr::OneOf& q) { q.option(s, 3); })
+                 .grayOutIf(ifr::True(), [s](ifr::OneOf& q) { q.option(s, 4); }));
+  form.suppressIf(ifr::True(), [s](FormBuilder& g) { g.oneOf(ifr::OneOf(0x55, s, s).store(1, 5).option(s, 0)); });
+  form.numeric(Numeric(0x60, s, s).store(1, 6));
+  auto parse = processForm(f, {1, 3, 9, 3, 0, 0, 5, 0});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+
+  for (UINT16 i = 0; i < std::size(rows); ++i) {
+    SCOPED_TRACE(rows[i].name);
+    const HII_STATEMENT_RECORD* q = findQuestion(parse->set(), UINT16(0x40 + i));
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(q->SuppressedMark, rows[i].suppressed);
+    EXPECT_EQ(q->ReadOnlyMark, rows[i].readOnly);
+    EXPECT_EQ(q->DisabledMark, rows[i].disabled);
+    if (rows[i].readOnlyCondition < 0) {
+      EXPECT_EQ(q->ReadOnlyCondition, nullptr);
+    } else {
+      ASSERT_NE(q->ReadOnlyCondition, nullptr);
+      EXPECT_EQ(q->ReadOnlyCondition->Result.Type, EFI_IFR_TYPE_BOOLEAN);
+      EXPECT_EQ(q->ReadOnlyCondition->Result.Value[0], rows[i].readOnlyCondition);
+    }
+  }
+  const HII_STATEMENT_RECORD* oneOf = findQuestion(parse->set(), 0x54);
+  EXPECT_TRUE(!oneOf->SuppressedMark && !oneOf->ReadOnlyMark && !oneOf->ReadOnlyCondition);
+  ASSERT_EQ(oneOf->OptionCount, 5u);
+  const UINT8 suppressed[] = {0, 1, 0, 1, 0};
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(number(oneOf->Options[i]->Value), UINT64(i));
+    EXPECT_EQ(oneOf->Options[i]->OptionSuppressed, suppressed[i]) << "option " << i;
+  }
+  const HII_STATEMENT_RECORD* hidden = findQuestion(parse->set(), 0x55);
+  EXPECT_EQ(hidden->SuppressedMark, 1);
+  EXPECT_EQ(hidden->Options[0]->OptionSuppressed, 0);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
-// Records that ProcessForms makes from real form packages registered by a
-// sample device: every statement with its fields, storage, block name and
-// current value; options and defaults; the form set's languages, stores and
-// forms; the form-set filter.
+// Records that ProcessForms makes from form packages of a sample device:
+// statements with their fields, storage and current values; options and
+// defaults; the form set's languages, stores and forms; the form-set filter.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -61,25 +60,19 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
     const StatementRow& r = kForm1[i];
     const HII_STATEMENT_RECORD* s = form->Statements[i];
     SCOPED_TRACE(testing::Message() << "statement " << i);
-    EXPECT_EQ(s->Operand, r.operand);
-    EXPECT_EQ(s->QuestionId, r.questionId);
+    EXPECT_TRUE(s->Operand == r.operand && s->QuestionId == r.questionId) << int(s->Operand) << " " << s->QuestionId;
     if (r.questionId || r.operand == EFI_IFR_RESET_BUTTON_OP) {
       EXPECT_TRUE(s->Prompt == sample.prompt && s->Help == sample.help);
     }
     EXPECT_EQ(s->StorageWidth, r.width);
     EXPECT_EQ(s->HiiValue.Type, r.type);
     EXPECT_EQ(s->ValueType, r.type <= EFI_IFR_TYPE_NUM_SIZE_64 ? r.type : 0);
-    EXPECT_EQ(s->Minimum, r.minimum);
-    EXPECT_EQ(s->Maximum, r.maximum);
-    EXPECT_EQ(s->Step, r.step);
+    EXPECT_TRUE(s->Minimum == r.minimum && s->Maximum == r.maximum && s->Step == r.step)
+        << s->Minimum << " " << s->Maximum << " " << s->Step;
     EXPECT_EQ(s->VarStore, r.store ? set->VarStoreBuffer[r.store - 1] : nullptr);
     EXPECT_EQ(text16(s->BlockName), r.block < 0 ? u"" : hii::blockName(UINT64(r.block), r.width));
-    if (r.type != kRef && r.type != kString) {
-      EXPECT_EQ(hiiValueNumber(s->HiiValue, 8), r.value);
-    }
-    EXPECT_EQ(s->ReadOnlyFlag, r.readOnly);
-    EXPECT_EQ(s->ResetRequired, r.reset);
-    EXPECT_EQ(s->LockedFlag, r.locked);
+    if (r.type != kRef && r.type != kString) { EXPECT_EQ(hiiValueNumber(s->HiiValue, 8), r.value); }
+    EXPECT_TRUE(s->ReadOnlyFlag == r.readOnly && s->ResetRequired == r.reset && s->LockedFlag == r.locked);
     EXPECT_TRUE(!s->DisabledMark && !s->SuppressedMark && !s->ReadOnlyMark);
   }
   EXPECT_EQ(form->Statements[0]->Prompt, sample.subtitle);
@@ -95,14 +88,14 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
   EXPECT_EQ(buffer(0x13, 2), (std::vector<UINT8>{0, 0}));
 
   // References: EFI_HII_REF is QuestionId, FormId, FormSetGuid, DevicePath.
-  const struct { UINT16 id, question, form, devicePath; EFI_GUID formSet; } refs[] = {{0x16, 0, 2, 0, {}}, {0x1D, 0x1A, 2, 0, {}}, {0x1E, 4, 3, 0, kOtherFormSetGuid},
-              {0x1F, 6, 5, 9, kOtherFormSetGuid}, {0x20, 0, 0, 0, {}}};
+  const struct { UINT16 id, question, form, devicePath; EFI_GUID formSet; } refs[] = {
+      {0x16, 0, 2, 0, {}}, {0x1D, 0x1A, 2, 0, {}}, {0x1E, 4, 3, 0, kOtherFormSetGuid},
+      {0x1F, 6, 5, 9, kOtherFormSetGuid}, {0x20, 0, 0, 0, {}}};
   for (const auto& r : refs) {
     const UINT8* v = findQuestion(set, r.id)->HiiValue.Value;
-    EXPECT_EQ(v[0] | (v[1] << 8), r.question) << r.id;
-    EXPECT_EQ(v[2] | (v[3] << 8), r.form) << r.id;
-    EXPECT_EQ(std::memcmp(&v[4], &r.formSet, sizeof(EFI_GUID)), 0) << r.id;
-    EXPECT_EQ(v[20] | (v[21] << 8), r.devicePath) << r.id;
+    EXPECT_TRUE((v[0] | (v[1] << 8)) == r.question && (v[2] | (v[3] << 8)) == r.form &&
+                std::memcmp(&v[4], &r.formSet, sizeof(EFI_GUID)) == 0 && (v[20] | (v[21] << 8)) == r.devicePath)
+        << r.id;
   }
 
   // Options in order with their texts and values (default flags: see
@@ -118,11 +111,11 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
   EXPECT_EQ(findQuestion(set, 0x15)->Options[2]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_8);
   const HII_STATEMENT_RECORD* numeric = findQuestion(set, 0x12);
   ASSERT_EQ(numeric->DefaultCount, 2u);
-  for (int k = 0; k < 2; ++k) {
-    EXPECT_EQ(numeric->Defaults[k]->DefaultId, k ? EFI_HII_DEFAULT_CLASS_MANUFACTURING : EFI_HII_DEFAULT_CLASS_STANDARD);
-    EXPECT_EQ(numeric->Defaults[k]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_32);
-    EXPECT_EQ(number(numeric->Defaults[k]->Value), k ? 200u : 100u);
-  }
+  for (int k = 0; k < 2; ++k)
+    EXPECT_TRUE(numeric->Defaults[k]->DefaultId == (k ? EFI_HII_DEFAULT_CLASS_MANUFACTURING : 0) &&
+                numeric->Defaults[k]->Value.Type == EFI_IFR_TYPE_NUM_SIZE_32 &&
+                number(numeric->Defaults[k]->Value) == (k ? 200u : 100u))
+        << "default " << k;
 
   // The form set: forms (the form map last), languages, variable stores,
   // default stores (standard and manufacturing first, then the custom one).
@@ -190,16 +183,16 @@ TEST_F(FormsRecordsTest, OptionFlagsMarkOptionsOnly) {
     SCOPED_TRACE(rows[i].name);
     const HII_STATEMENT_RECORD* q = findQuestion(parse->set(), UINT16(0x50 + i));
     ASSERT_EQ(q->OptionCount, 3u);
-    for (int k = 0; k < 3; ++k) {
-      EXPECT_EQ(q->Options[k]->OptionIsDefault, rows[i].isDefault[k]) << "option " << k;
-      EXPECT_EQ(q->Options[k]->OptionFlags & (kStd | kMfg), rows[i].flags[k]) << "option " << k;
-    }
+    for (int k = 0; k < 3; ++k)
+      EXPECT_TRUE(q->Options[k]->OptionIsDefault == rows[i].isDefault[k] &&
+                  (q->Options[k]->OptionFlags & (kStd | kMfg)) == rows[i].flags[k])
+          << "option " << k;
     ASSERT_EQ(q->DefaultCount, rows[i].defaults.size());
-    for (size_t k = 0; k < rows[i].defaults.size(); ++k) {
-      EXPECT_EQ(q->Defaults[k]->DefaultId, rows[i].defaults[k].defaultId) << "default " << k;
-      EXPECT_EQ(q->Defaults[k]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_16) << "default " << k;
-      EXPECT_EQ(number(q->Defaults[k]->Value), rows[i].defaults[k].value) << "default " << k;
-    }
+    for (size_t k = 0; k < rows[i].defaults.size(); ++k)
+      EXPECT_TRUE(q->Defaults[k]->DefaultId == rows[i].defaults[k].defaultId &&
+                  q->Defaults[k]->Value.Type == EFI_IFR_TYPE_NUM_SIZE_16 &&
+                  number(q->Defaults[k]->Value) == rows[i].defaults[k].value)
+          << "default " << k;
   }
 }
 
@@ -233,9 +226,8 @@ TEST_F(FormsRecordsTest, DefaultsFromFlagsRecordsAndExpressions) {
   for (UINT16 i = 0; i < std::size(boxes); ++i) {
     SCOPED_TRACE(boxes[i].name);
     const HII_STATEMENT_RECORD* q = findQuestion(parse->set(), UINT16(0x30 + i));
-    EXPECT_EQ(q->CheckboxDefault, boxes[i].standard);
-    EXPECT_EQ(q->CheckboxDefaultMfg, boxes[i].manufacturing);
-    EXPECT_EQ(q->DefaultCount, boxes[i].records);
+    EXPECT_TRUE(q->CheckboxDefault == boxes[i].standard && q->CheckboxDefaultMfg == boxes[i].manufacturing &&
+                q->DefaultCount == boxes[i].records);
   }
   // A boolean, a constant and another question's current value.
   for (const auto& [id, defaultId, type, result] :

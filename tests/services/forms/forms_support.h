@@ -24,11 +24,11 @@ namespace ifr = tvl::host::ifr;
 namespace hii = tvl::host::hii;
 namespace devices = tvl::host::devices;
 
-extern const EFI_GUID kFormSetGuid;
-extern const EFI_GUID kOtherFormSetGuid;
-extern const EFI_GUID kListGuid;
-extern const EFI_GUID kStoreGuid;
-extern const EFI_GUID kVariableGuid;
+inline const EFI_GUID kFormSetGuid = {0x3c1f0a52, 0x7e21, 0x4d6b, {0x9a, 0x10, 0x55, 0x21, 0x0b, 0xc4, 0x7e, 0x01}};
+inline const EFI_GUID kOtherFormSetGuid = {0x3c1f0a52, 0x7e21, 0x4d6b, {0x9a, 0x10, 0x55, 0x21, 0x0b, 0xc4, 0x7e, 0x02}};
+inline const EFI_GUID kListGuid = {0x8d2e4b10, 0x1111, 0x4c2a, {0x80, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07}};
+inline const EFI_GUID kStoreGuid = {0xa1b2c3d4, 0xe5f6, 0x0718, {0x29, 0x3a, 0x4b, 0x5c, 0x6d, 0x7e, 0x8f, 0x90}};
+inline const EFI_GUID kVariableGuid = {0x0badcafe, 0x1234, 0x5678, {0x9a, 0xbc, 0xde, 0xf0, 0x01, 0x23, 0x45, 0x67}};
 
 // The result of one ProcessForms call; gives the form sets back when it
 // goes out of scope (held by unique_ptr, never copied).
@@ -44,16 +44,35 @@ struct Parse {
 };
 
 // The first statement of a form set with `questionId`.
-HII_STATEMENT_RECORD* findQuestion(const HII_FORMSET_RECORD* set, UINT16 questionId);
+inline HII_STATEMENT_RECORD* findQuestion(const HII_FORMSET_RECORD* set, UINT16 questionId) {
+  for (UINT64 f = 0; f < set->FormCount; ++f)
+    for (UINT64 s = 0; s < set->Forms[f]->StatementCount; ++s)
+      if (set->Forms[f]->Statements[s]->QuestionId == questionId) return set->Forms[f]->Statements[s];
+  return nullptr;
+}
 
-std::u16string text16(const CHAR16* s);  // empty for null
-UINT64 number(const HII_VALUE& v);       // the number at the width of its type
+inline std::u16string text16(const CHAR16* s) { return s ? std::u16string(s) : std::u16string(); }
+
+// The number at the width of its type.
+inline UINT64 number(const HII_VALUE& v) {
+  if (v.Type == EFI_IFR_TYPE_BOOLEAN) return v.Value[0];
+  if (v.Type == EFI_IFR_TYPE_STRING || v.Type == EFI_IFR_TYPE_ACTION) return hiiValueNumber(v, 2);
+  return hiiValueNumber(v, hiiNumberWidth(v.Type));
+}
 
 // Raw IFR bytes for what the builder does not write.
 using tvl::test::hii::cat;
 using tvl::test::hii::u16le;
-ifr::Bytes op(UINT8 opcode, bool scope, const ifr::Bytes& body);  // header with the length computed
-ifr::Bytes guidBytes(const EFI_GUID& g);
+// An opcode with its header, the length computed.
+inline ifr::Bytes op(UINT8 opcode, bool scope, const ifr::Bytes& body) {
+  ifr::Bytes out{opcode, UINT8((body.size() + 2) | (scope ? 0x80 : 0))};
+  out.insert(out.end(), body.begin(), body.end());
+  return out;
+}
+inline ifr::Bytes guidBytes(const EFI_GUID& g) {
+  const UINT8* p = reinterpret_cast<const UINT8*>(&g);
+  return ifr::Bytes(p, p + sizeof(g));
+}
 
 // A form set with every kind of statement (dates, times, references of
 // every length, a reset button, a form map, an image suppressed while

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstring>
-
 #include <functional>
 #include <string>
 #include <vector>
@@ -61,10 +60,7 @@ class LogServiceTest : public tvl::test::PlatformTest {
 
 TEST_F(LogServiceTest, EachPrintIsOneFormattedLineRecord) {
   using L = DEBUG_LOG_PROTOCOL*;
-  const struct {
-    std::function<EFI_STATUS(L)> print;
-    std::string text;
-  } cases[] = {
+  const struct { std::function<EFI_STATUS(L)> print; std::string text; } cases[] = {
       {[](L l) { return l->Print(l, 8, "Fn", u"%a/%s", "narrow", u"wide"); }, "narrow/wide"},
       {[](L l) { return l->Print(l, 8, "Fn", u"%r|%r", EFI_NOT_FOUND, EFI_SUCCESS); }, "Not Found|Success"},
       {[](L l) {
@@ -85,9 +81,8 @@ TEST_F(LogServiceTest, EachPrintIsOneFormattedLineRecord) {
     capture_.clear();
     ASSERT_EQ(c.print(log_), EFI_SUCCESS) << c.text;
     ASSERT_EQ(capture_.records().size(), 1u) << c.text;
-    EXPECT_EQ(capture_.records()[0].text, c.text);
-    EXPECT_EQ(capture_.records()[0].function, "Fn");
-    EXPECT_EQ(capture_.records()[0].level, 8u);
+    const auto& record = capture_.records()[0];
+    EXPECT_TRUE(record.text == c.text && record.function == "Fn" && record.level == 8u) << record.text;
   }
   EXPECT_EQ(log_->Print(nullptr, 8, "Fn", u"x"), EFI_INVALID_PARAMETER);
   EXPECT_EQ(log_->WriteLine(log_, 8, "Fn", nullptr), EFI_INVALID_PARAMETER);
@@ -108,10 +103,7 @@ TEST_F(LogServiceTest, LongLinesAreCutAndMarked) {
   const std::string wideQs(page / 2, '?');  // read as UCS-2: 0x7171 characters, shown as '?'
   using L = DEBUG_LOG_PROTOCOL*;
   const std::string mark = "[...]\n";
-  const struct {
-    std::function<EFI_STATUS(L)> print;
-    std::string whole;  // the line as it would be without the cap
-  } cases[] = {
+  const struct { std::function<EFI_STATUS(L)> print; std::string whole; } cases[] = {  // whole: without the cap
       {[](L l) { return l->Print(l, 8, "Fn", u"<%a>", std::string(1022, 'a').c_str()); }, "<" + std::string(1022, 'a') + ">"},
       {[](L l) { return l->Print(l, 8, "Fn", u"<%a>", std::string(1023, 'a').c_str()); }, "<" + std::string(1023, 'a') + ">"},
       {[](L l) { return l->Print(l, 8, "Fn", u"%a|%d\n", std::string(5000, 'b').c_str(), 7); }, std::string(5000, 'b') + "|7\n"},
@@ -123,13 +115,8 @@ TEST_F(LogServiceTest, LongLinesAreCutAndMarked) {
     capture_.clear();
     ASSERT_EQ(c.print(log_), EFI_SUCCESS);
     ASSERT_EQ(capture_.records().size(), 1u);
-    const std::string& line = capture_.records()[0].text;
-    if (c.whole.size() <= 1024) {
-      EXPECT_EQ(line, c.whole);
-    } else {
-      ASSERT_EQ(line.size(), 1024u);
-      EXPECT_EQ(line, c.whole.substr(0, 1024 - mark.size()) + mark);
-    }
+    EXPECT_EQ(capture_.records()[0].text,
+              c.whole.size() <= 1024 ? c.whole : c.whole.substr(0, 1024 - mark.size()) + mark);
   }
   munmap(pages, 2 * page);
 }
@@ -138,11 +125,9 @@ TEST_F(LogServiceTest, LevelMaskDropsLinesSharingNoBit) {
   UINTN mask = 0;
   ASSERT_EQ(log_->GetLevelMask(log_, &mask), EFI_SUCCESS);
   EXPECT_EQ(mask, ~UINTN(0));
-  const struct {
-    UINTN mask, level;
-    bool delivered;
-  } cases[] = {{~UINTN(0), 0x80000000, true}, {~UINTN(0), 0, false}, {0x80, 0x80000080, true},
-               {0x8, 0x80, false},            {0, 0x8, false},        {0x800008, 0x800000, true}};
+  const struct { UINTN mask, level; bool delivered; } cases[] = {
+      {~UINTN(0), 0x80000000, true}, {~UINTN(0), 0, false}, {0x80, 0x80000080, true},
+      {0x8, 0x80, false},            {0, 0x8, false},        {0x800008, 0x800000, true}};
   for (const auto& c : cases) {
     ASSERT_EQ(capture_.setLevelMask(c.mask), EFI_SUCCESS);
     capture_.clear();

@@ -1,6 +1,5 @@
-// SHA-256, HMAC-SHA-256 and PBKDF2-HMAC-SHA-256 of the password services
-// against published vectors: the FIPS 180-4 examples, RFC 4231 and
-// RFC 7914 section 11. Both images carry the same code; both are checked.
+// SHA-256, HMAC-SHA-256 and PBKDF2-HMAC-SHA-256 of both password images
+// against published vectors: FIPS 180-4 examples, RFC 4231 and RFC 7914.
 #include <gtest/gtest.h>
 
 #include "password_support.h"
@@ -8,78 +7,53 @@
 namespace {
 
 using tvl::test::Bytes;
-using tvl::test::bytesOf;
 using tvl::test::hexText;
 using tvl::test::PasswordImage;
 
-using Sha256Fn = VOID (*)(const VOID*, UINTN, UINT8*);
-using HmacFn = VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT8*);
-using Pbkdf2Fn = VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT32, UINT8*, UINTN);
+Bytes text(const std::string& s) { return tvl::test::bytesOf(s); }
 
 class PasswordCryptoTest : public tvl::test::PasswordServiceTest,
                            public ::testing::WithParamInterface<PasswordImage> {};
 
-TEST_P(PasswordCryptoTest, Sha256) {
-  struct Case {
-    const char* name;
-    Bytes message;
-    const char* digest;
-  } cases[] = {
-      {"one block", bytesOf(std::string("abc")),
-       "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+TEST_P(PasswordCryptoTest, PublishedVectors) {
+  const struct { const char* name; Bytes message; const char* digest; } digests[] = {
+      {"one block", text("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
       {"empty", {}, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
       // 56 bytes: the length no longer fits, padding takes a second block.
-      {"two blocks", bytesOf(std::string("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq")),
+      {"two blocks", text("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
        "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
       {"896 bits",
-       bytesOf(std::string("abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmnoijklmnopjklmnopqklmnopqrlmnop"
-                           "qrsmnopqrstnopqrstu")),
+       text("abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmnoijklmnopjklmnopqklmnopqrlmnopqrsmnopqrst"
+            "nopqrstu"),
        "cf5b16a778af8380036ce59e7b0492370b249b11e8f07a51afac45037afee9d1"},
       {"a million a", Bytes(1000000, 'a'), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
   };
-  auto sha256 = function<Sha256Fn>(GetParam(), "sha256Digest");
-  for (const Case& c : cases) {
+  auto sha256 = function<VOID (*)(const VOID*, UINTN, UINT8*)>(GetParam(), "sha256Digest");
+  for (const auto& c : digests) {
     Bytes digest(32);
     sha256(c.message.data(), c.message.size(), digest.data());
     EXPECT_EQ(hexText(digest), c.digest) << c.name;
   }
-}
 
-TEST_P(PasswordCryptoTest, HmacSha256) {
-  const std::string longKeyData =
-      "This is a test using a larger than block-size key and a larger than block-size data. The key needs to be "
-      "hashed before being used by the HMAC algorithm.";
-  struct Case {
-    const char* name;
-    Bytes key;
-    Bytes data;
-    const char* mac;
-  } cases[] = {
-      {"1", Bytes(20, 0x0b), bytesOf(std::string("Hi There")),
-       "b0344c61d8db38535ca8afceaf0bf12b881dc200c9833da726e9376c2e32cff7"},
-      {"2", bytesOf(std::string("Jefe")), bytesOf(std::string("what do ya want for nothing?")),
+  const struct { const char* name; Bytes key, data; const char* mac; } macs[] = {  // RFC 4231 test cases
+      {"1", Bytes(20, 0x0b), text("Hi There"), "b0344c61d8db38535ca8afceaf0bf12b881dc200c9833da726e9376c2e32cff7"},
+      {"2", text("Jefe"), text("what do ya want for nothing?"),
        "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843"},
-      {"6", Bytes(131, 0xaa), bytesOf(std::string("Test Using Larger Than Block-Size Key - Hash Key First")),
+      {"6", Bytes(131, 0xaa), text("Test Using Larger Than Block-Size Key - Hash Key First"),
        "60e431591ee0b67f0d8a26aacbf5b77f8e0bc6213728c5140546040f0ee37f54"},
-      {"7", Bytes(131, 0xaa), bytesOf(longKeyData),
+      {"7", Bytes(131, 0xaa),
+       text("This is a test using a larger than block-size key and a larger than block-size data. The key needs to "
+            "be hashed before being used by the HMAC algorithm."),
        "9b09ffa71b942fcb27635fbcd5b0e944bfdc63644f0713938a7f51535c3a35e2"},
   };
-  auto hmac = function<HmacFn>(GetParam(), "hmacSha256Mac");
-  for (const Case& c : cases) {
+  auto hmac = function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT8*)>(GetParam(), "hmacSha256Mac");
+  for (const auto& c : macs) {
     Bytes mac(32);
     hmac(c.key.data(), c.key.size(), c.data.data(), c.data.size(), mac.data());
     EXPECT_EQ(hexText(mac), c.mac) << "RFC 4231 test case " << c.name;
   }
-}
 
-TEST_P(PasswordCryptoTest, Pbkdf2HmacSha256) {
-  struct Case {
-    std::string password;
-    std::string salt;
-    UINT32 iterations;
-    size_t size;
-    const char* key;
-  } cases[] = {
+  const struct { std::string password, salt; UINT32 iterations; size_t size; const char* key; } keys[] = {
       {"passwd", "salt", 1, 64,
        "55ac046e56e3089fec1691c22544b605f94185216dde0465e68b9d57c20dacbc49ca9cccf179b645991664b39d77ef317c71b845b1e30"
        "bd509112041d3a19783"},
@@ -91,8 +65,9 @@ TEST_P(PasswordCryptoTest, Pbkdf2HmacSha256) {
       // No iteration is no key: the output is left as it was (zeros here).
       {"passwd", "salt", 0, 20, "0000000000000000000000000000000000000000"},
   };
-  auto pbkdf2 = function<Pbkdf2Fn>(GetParam(), "pbkdf2Sha256");
-  for (const Case& c : cases) {
+  auto pbkdf2 = function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT32, UINT8*, UINTN)>(GetParam(),
+                                                                                                  "pbkdf2Sha256");
+  for (const auto& c : keys) {
     Bytes key(c.size);
     pbkdf2(c.password.data(), c.password.size(), c.salt.data(), c.salt.size(), c.iterations, key.data(), key.size());
     EXPECT_EQ(hexText(key), c.key) << c.password << " / " << c.salt << " / " << c.iterations;
@@ -100,8 +75,6 @@ TEST_P(PasswordCryptoTest, Pbkdf2HmacSha256) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Images, PasswordCryptoTest, ::testing::Values(PasswordImage::Newer, PasswordImage::Older),
-                         [](const ::testing::TestParamInfo<PasswordImage>& info) {
-                           return std::string(info.param == PasswordImage::Newer ? "Newer" : "Older");
-                         });
+                         [](const auto& info) { return std::string(tvl::test::imageName(info.param)); });
 
 }  // namespace

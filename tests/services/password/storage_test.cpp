@@ -1,7 +1,5 @@
-// What the password services store: a salted PBKDF2 derivation in a UEFI
-// variable, never the password; a new salt for every password, from the
-// firmware's RNG when there is one; records of another iteration count
-// still verify; and no password material ever reaches the pool.
+// What the password services store: a salted PBKDF2 derivation, never the
+// password; a new salt each time, from the firmware's RNG when there is one.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -19,8 +17,7 @@ using tvl::test::fromHex;
 using tvl::test::PasswordImage;
 using tvl::test::statusName;
 
-constexpr UINT16 kSys = PASSWORD_WHICH_SYSTEM;
-constexpr UINT16 kSetup = PASSWORD_WHICH_SETUP;
+constexpr UINT16 kSys = PASSWORD_WHICH_SYSTEM, kSetup = PASSWORD_WHICH_SETUP;
 
 class PasswordStorageTest : public tvl::test::PasswordServiceTest {
  public:
@@ -56,33 +53,26 @@ struct CountingRng {
   }
 };
 
-struct FormCase {
-  const char* name;
-  PasswordImage image;
-  UINT16 which;
-  std::string password;
-  const char* saltText;  // null: plain form
-};
-
 TEST_F(PasswordStorageTest, RecordsHoldASaltedDerivationAndNeverThePassword) {
-  const FormCase cases[] = {
+  const struct {  // saltText null: plain form
+    const char* name; PasswordImage image; UINT16 which; std::string password; const char* saltText;
+  } cases[] = {
       {"newer plain", PasswordImage::Newer, kSys, "Plain-Secret", nullptr},
       {"older plain", PasswordImage::Older, kSetup, "Older-Secret", nullptr},
       {"newer hash with salt", PasswordImage::Newer, kSetup, "Hashed-Secret", "pepper-and-salt"},
       {"newer hash without salt", PasswordImage::Newer, kSys, "Hashed-Secret", ""},
   };
-  for (const FormCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::u16string wide(c.password.begin(), c.password.end());
     const std::string hash = c.saltText ? hashTextOf(c.password, c.saltText) : "";
     Bytes earlierSalt, earlierDerived;
     for (int round = 0; round < 2; ++round) {
       PASSWORD_SERVICE_PROTOCOL* s = c.image == PasswordImage::Newer ? newer_ : older_;
-      EFI_STATUS status = !c.saltText                       ? c.image == PasswordImage::Newer
-                                                                  ? setPlain(s, c.which, u"", wide.c_str())
-                                                                  : change(s, c.which, round ? wide.c_str() : u"",
-                                                                           wide.c_str())
-                          : setHash(s, c.which, hash.c_str(), *c.saltText ? c.saltText : nullptr);
+      const CHAR16* old = c.image == PasswordImage::Older && round ? wide.c_str() : u"";
+      EFI_STATUS status = c.saltText ? setHash(s, c.which, hash.c_str(), *c.saltText ? c.saltText : nullptr)
+                          : c.image == PasswordImage::Newer ? setPlain(s, c.which, old, wide.c_str())
+                                                            : change(s, c.which, old, wide.c_str());
       ASSERT_EQ(statusName(status), "EFI_SUCCESS");
 
       UINT32 attributes = 0;
@@ -91,9 +81,7 @@ TEST_F(PasswordStorageTest, RecordsHoldASaltedDerivationAndNeverThePassword) {
       EXPECT_EQ(attributes, PASSWORD_VARIABLE_ATTRIBUTES);
       ASSERT_EQ(data->size(), sizeof(PASSWORD_RECORD));
       PASSWORD_RECORD r = *record(c.which);
-      EXPECT_EQ(r.Signature, PASSWORD_RECORD_SIGNATURE);
-      EXPECT_EQ(r.Version, PASSWORD_RECORD_VERSION);
-      EXPECT_EQ(r.Reserved, 0u);
+      EXPECT_TRUE(r.Signature == PASSWORD_RECORD_SIGNATURE && r.Version == PASSWORD_RECORD_VERSION && !r.Reserved);
       EXPECT_EQ(r.Iterations, iterations(c.image));
       const Bytes saltBytes(r.Salt, r.Salt + sizeof r.Salt);
       const Bytes derived(r.Derived, r.Derived + sizeof r.Derived);
@@ -125,16 +113,11 @@ TEST_F(PasswordStorageTest, SaltComesFromTheFirmwareRngWhenThereIsOne) {
   CountingRng rng;
   EFI_HANDLE handle = nullptr;
   ASSERT_EQ(platform().installProtocol(&handle, gEfiRngProtocolGuid, &rng.protocol), EFI_SUCCESS);
-  struct Case {
-    const char* name;
-    EFI_STATUS answer;
-    bool fromRng;
-  } cases[] = {
-      {"the RNG answers", EFI_SUCCESS, true},
-      {"the RNG fails", EFI_DEVICE_ERROR, false},
+  const struct { const char* name; EFI_STATUS answer; bool fromRng; } cases[] = {
+      {"the RNG answers", EFI_SUCCESS, true}, {"the RNG fails", EFI_DEVICE_ERROR, false},
       {"the RNG has no entropy yet", EFI_NOT_READY, false},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     rng.answer = c.answer;
     rng.calls = 0;
@@ -175,10 +158,8 @@ TEST_F(PasswordStorageTest, RecordsOfAnotherIterationCountVerify) {
   }
 }
 
-// The services keep password material on the stack: no operation, on any
-// path, allocates from the pool, so no freed block can hold a password;
-// the observer checks each freed block all the same. (What the records
-// hold is checked above.)
+// No operation, on any path, allocates from the pool, so no freed block can
+// hold a password; the observer checks each freed block all the same.
 TEST_F(PasswordStorageTest, NoPasswordReachesThePool) {
   const std::string hash = hashTextOf("Hidden-New", "salty");
   const std::u16string secrets16[] = {u"Hidden-Old", u"Hidden-New"};
@@ -194,27 +175,19 @@ TEST_F(PasswordStorageTest, NoPasswordReachesThePool) {
         found += "a freed block of " + std::to_string(size) + " bytes\n";
   });
   using S = PASSWORD_SERVICE_PROTOCOL*;
-  struct Case {
-    const char* name;
-    std::function<EFI_STATUS(S newer, S older)> call;
-    EFI_STATUS status;
-  } cases[] = {
+  const struct { const char* name; std::function<EFI_STATUS(S newer, S older)> call; EFI_STATUS status; } cases[] = {
       {"older set", [](S, S o) { return change(o, kSys, u"", u"Hidden-Old"); }, EFI_SUCCESS},
       {"older wrong old password", [](S, S o) { return change(o, kSys, u"Hidden-New", u"Hidden-Old"); },
        EFI_ACCESS_DENIED},
       {"older change", [](S, S o) { return change(o, kSys, u"Hidden-Old", u"Hidden-New"); }, EFI_SUCCESS},
-      {"older too long", [](S, S o) { return change(o, kSys, u"Hidden-New", u"Hidden-New-Hidden-New-Hidden-New-Hidden-New"); },
+      {"older too long", [](S, S o) { return change(o, kSys, u"Hidden-New", u"Hidden-New-Hidden-New-Hidden-New!"); },
        EFI_INVALID_PARAMETER},
       {"verify", [](S n, S) { return n->VerifyPassword(n, kSys, u"Hidden-New"); }, EFI_SUCCESS},
       {"verify wrong", [](S n, S) { return n->VerifyPassword(n, kSys, u"Hidden-Old"); }, EFI_ACCESS_DENIED},
       {"newer plain", [](S n, S) { return setPlain(n, kSetup, u"Hidden-Old", u"Hidden-New"); }, EFI_SUCCESS},
       {"newer hash", [&](S n, S) { return setHash(n, kSetup, hash.c_str(), "salty"); }, EFI_SUCCESS},
       {"newer clear", [](S n, S) { return setPlain(n, kSetup, u"", u""); }, EFI_SUCCESS},
-      {"disabled", [&](S n, S) {
-         markDisabled(1);
-         return setPlain(n, kSys, u"", u"Hidden-Old");
-       },
-       EFI_WRITE_PROTECTED},
+      {"disabled", [&](S n, S) { return markDisabled(1), setPlain(n, kSys, u"", u"Hidden-Old"); }, EFI_WRITE_PROTECTED},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -1,0 +1,402 @@
+// The XML service: the parser (what it accepts and stores, what it refuses
+// and where, its limits, large and deep documents), node creation and the
+// serialiser, round trips, and allocation failures of each.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "tests/support/fixture.h"
+#include "uefi/services.h"
+
+namespace tvl::test::xml {
+namespace {
+
+struct Tree {
+  std::string name;
+  std::optional<std::string> contents;
+  std::vector<std::pair<std::string, std::string>> attributes;
+  std::vector<Tree> children;
+};
+bool operator==(const Tree& a, const Tree& b) {
+  return std::tie(a.name, a.contents, a.attributes, a.children) == std::tie(b.name, b.contents, b.attributes, b.children);
+}
+
+// True when xmllint accepts `text` without a word; otherwise what it said
+// goes to the test's output.
+bool xmllintAccepts(const std::string& text) {
+  FILE* pipe = popen("out=$(xmllint --noout - 2>&1) && [ -z \"$out\" ] || { echo \"$out\"; exit 1; }", "w");
+  if (!pipe) return false;
+  fwrite(text.data(), 1, text.size(), pipe);
+  return pclose(pipe) == 0;
+}
+
+std::string repeat(const std::string& s, size_t n) {
+  std::string out;
+  while (n--) out += s;
+  return out;
+}
+
+XML_NODE* const kUntouched = reinterpret_cast<XML_NODE*>(0x5a5a);
+
+class XmlServiceTest : public PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    load("xml_service");
+    xml_ = locate<XML_PROTOCOL>(XML_PROTOCOL_GUID);
+    ASSERT_NE(xml_, nullptr);
+    markBaseline();  // the service instance stays installed
+  }
+
+  // Nodes from the service; contents and attributes allocated from the pool
+  // by the caller, as the driver builds them.
+  XML_NODE* build(const Tree& tree) {
+    XML_NODE* node = nullptr;
+    EXPECT_EQ(xml_->XML_CreateNode(xml_, tree.name.c_str(), &node), EFI_SUCCESS);
+    if (tree.contents) node->contents = poolText(*tree.contents);
+    XML_ATTRIBUTE** tail = &node->attributes;
+    for (const auto& [name, value] : tree.attributes) {
+      void* buffer = nullptr;
+      EXPECT_EQ(bs()->AllocatePool(EfiBootServicesData, sizeof(XML_ATTRIBUTE), &buffer), EFI_SUCCESS);
+      *tail = static_cast<XML_ATTRIBUTE*>(buffer);
+      **tail = XML_ATTRIBUTE{poolText(name), poolText(value), nullptr, 0};
+      tail = &(*tail)->next;
+    }
+    XML_NODE* last = nullptr;
+    for (const Tree& child : tree.children) {
+      XML_NODE* built = build(child);
+      built->parent = node;
+      (last ? last->next : node->children) = built;
+      last = built;
+    }
+    return node;
+  }
+  // Reads a tree back (recursive: small trees only), checking the links.
+  Tree read(const XML_NODE* node) {
+    Tree tree{node->name, std::nullopt, {}, {}};
+    if (node->contents) tree.contents = node->contents;
+    for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next) tree.attributes.emplace_back(a->name, a->value);
+    for (const XML_NODE* child = node->children; child; child = child->next) {
+      EXPECT_EQ(child->parent, node) << "parent link of <" << child->name << ">";
+      EXPECT_EQ(child->previous, nullptr);
+      tree.children.push_back(read(child));
+    }
+    return tree;
+  }
+  // NodeToXML, with the text copied out and released.
+  EFI_STATUS serialise(XML_NODE* root, std::string* text) {
+    CHAR8* out = nullptr;
+    EFI_STATUS status = xml_->XML_NodeToXML(xml_, root, &out);
+    if (status == EFI_SUCCESS) *text = out, bs()->FreePool(out);
+    return status;
+  }
+  EFI_STATUS parse(const std::string& text, XML_NODE** root, XML_PARSE_ERROR* error = nullptr) {
+    return xml_->XML_ParseText(xml_, text.data(), text.size(), root, error);
+  }
+
+  XML_PROTOCOL* xml_ = nullptr;
+};
+
+using XmlParseTest = XmlServiceTest;
+using XmlTreeTest = XmlServiceTest;
+
+TEST_F(XmlParseTest, AcceptedDocumentsBecomeTreesWithEscapedContents) {
+  const struct { std::string text; Tree tree; } cases[] = {
+      {"<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n<!-- c --><?pi data?>\n<r/>\n<!--x--><?p?>\n",
+       {"r", {}, {}, {}}},
+      {"\xEF\xBB\xBF<r>x</r>", {"r", "x", {}, {}}},
+      {"<a>x &amp; y &lt; &gt; &quot; &apos; &#65;&#x42;&#xe9;</a>",
+       {"a", "x &amp; y &lt; &gt; \" ' AB\xc3\xa9", {}, {}}},
+      {"<a>1<![CDATA[<b>&amp;]]>2</a>", {"a", "1&lt;b&gt;&amp;amp;2", {}, {}}},
+      {"<r>\n  <a>1</a>\n  <b/>\n</r>", {"r", {}, {}, {{"a", "1", {}, {}}, {"b", {}, {}, {}}}}},
+      {"<r>one<a/>two <!--c--> three<b/>  </r>", {"r", "onetwo  three", {}, {{"a", {}, {}, {}}, {"b", {}, {}, {}}}}},
+      {"<r><a/><![CDATA[ ]]></r>", {"r", " ", {}, {{"a", {}, {}, {}}}}},
+      {"<r><a>  </a><b></b><c/></r>",
+       {"r", {}, {}, {{"a", "  ", {}, {}}, {"b", "", {}, {}}, {"c", {}, {}, {}}}}},
+      {"<a x='1' y = \"a&amp;b&lt;&quot;'\" z=\"l1\nl2\tt\r\nu\" w=\"&#10;&#9;&#13;\"/>",
+       {"a", {}, {{"x", "1"}, {"y", "a&b<\"'"}, {"z", "l1 l2 t u"}, {"w", "\n\t\r"}}, {}}},
+      {"<a>1\r\n2\r3</a>", {"a", "1\n2\n3", {}, {}}},
+      {"<ns:a b.c-d_e=\"1\"><\xc3\xa9/></ns:a >", {"ns:a", {}, {{"b.c-d_e", "1"}}, {{"\xc3\xa9", {}, {}, {}}}}},
+      {"<a>]]]&gt;]></a>", {"a", "]]]&gt;]&gt;", {}, {}}},
+  };
+  for (const auto& c : cases) {
+    XML_NODE* root = nullptr;
+    XML_PARSE_ERROR error{};
+    ASSERT_EQ(parse(c.text, &root, &error), EFI_SUCCESS) << c.text << "\n" << error.Message;
+    EXPECT_TRUE(!root->parent && !root->next);
+    EXPECT_EQ(read(root), c.tree) << c.text;
+    xml_->XML_FreeNode(xml_, root);
+  }
+}
+
+TEST_F(XmlParseTest, MalformedAndHostileTextsAreRefusedWithTheirPosition) {
+  // Enough attributes for the set of their names to grow three times.
+  std::string many;
+  for (int i = 0; i < 40; ++i) many += " a" + std::to_string(i) + "=\"\"";
+  struct Case {  // size: the bytes given, when fewer; the rest must not be read
+    std::string text; UINTN line, column; const char* message; size_t size = std::string::npos;
+  } cases[] = {
+      {"<r>\n  <a>\n  </b>\n</r>", 3, 3, "mismatched end tag: expected </a>, found </b>"},
+      {"<a>", 1, 4, "end of text inside element <a>"},
+      {"<a x=1/>", 1, 6, "not quoted"},
+      {"<a x=\"1\" x=\"2\"/>", 1, 10, "duplicate attribute x"},
+      {"<a" + many + " a0=\"\"/>", 1, many.size() + 4, "duplicate attribute a0"},
+      {"<a x=\"<\"/>", 1, 7, "'<' is not allowed in an attribute value"},
+      {"<a x=\"&bad;\"/>", 1, 7, "undefined entity &bad;"},
+      {"<a>&amp;</a>", 1, 4, "does not start a reference", 7},
+      {"<1a/>", 1, 2, "invalid element name"},
+      {"<a></a>\ntext", 2, 1, "content after the root element"},
+      {"", 1, 1, "no root element"},
+      {"<!DOCTYPE a [<!ENTITY e \"x\">]><a>&e;</a>", 1, 1, "document type"},
+      {"<a>&#0;</a>", 1, 4, "not an allowed XML character"},
+      {"<a>x&#99999999999999999999;</a>", 1, 5, "not an allowed XML character"},
+      {"<a>]]></a>", 1, 4, "']]>' is not allowed"},
+      {"<a><!-- x</a>", 1, 4, "unclosed comment"},
+      {"<a><!-- x -- y --></a>", 1, 11, "'--' is not allowed inside a comment"},
+      {"<!-- x\n y --->\n<a/>", 2, 4, "'--' is not allowed inside a comment"},  // before the root, "--->"
+      {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><a/>", 1, 31, "unsupported encoding"},
+      {std::string("<a>\0</a>", 8), 1, 4, "NUL byte"},
+      {"<a>\n\xc0\x80</a>", 2, 1, "invalid UTF-8"},
+      {"<a>\xe2\x82</a>", 1, 4, "invalid UTF-8"},
+      {"<a>x\x80</a>", 1, 5, "invalid UTF-8"},                  // a continuation byte on its own
+      {"<a b=\"\xc3\xa9\xbf\"/>", 1, 9, "invalid UTF-8"},  // one too many after a complete sequence
+      {"<a>\x01</a>", 1, 4, "U+0001 is not allowed"},
+      {repeat("<a>", 257) + repeat("</a>", 257), 1, 769, "deeper than 256 levels"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    const UINTN size = std::min(c.size, c.text.size());
+    XML_NODE* root = kUntouched;
+    XML_PARSE_ERROR error{};
+    EXPECT_EQ(xml_->XML_ParseText(xml_, c.text.data(), size, &root, &error), EFI_INVALID_PARAMETER);
+    EXPECT_TRUE(error.Line == c.line && error.Column == c.column) << error.Line << ":" << error.Column;
+    const std::string message = error.Message;
+    EXPECT_EQ(message.rfind("line " + std::to_string(c.line) + ", column " + std::to_string(c.column) + ": ", 0), 0u)
+        << message;
+    EXPECT_NE(message.find(c.message), std::string::npos) << message;
+    EXPECT_EQ(xml_->XML_ParseText(xml_, c.text.data(), size, &root, nullptr), EFI_INVALID_PARAMETER)
+        << "the error record is optional";
+    EXPECT_EQ(root, kUntouched);
+  }
+  std::string text = "<a/>";
+  XML_NODE* root = kUntouched;
+  EXPECT_EQ(xml_->XML_ParseText(nullptr, text.data(), text.size(), &root, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(xml_->XML_ParseText(xml_, nullptr, 4, &root, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(root, kUntouched);
+  EXPECT_EQ(xml_->XML_ParseText(xml_, text.data(), text.size(), nullptr, nullptr), EFI_INVALID_PARAMETER);
+}
+
+// Long runs of printable ASCII are checked several bytes at a time: a
+// forbidden byte is found wherever it sits in such a run, and the bytes at
+// the edges of the printable range pass.
+TEST_F(XmlParseTest, EveryPositionInALongRunIsChecked) {
+  const struct { std::string byte; const char* message; } cases[] = {  // message null: accepted
+      {std::string(1, '\0'), "NUL byte"}, {"\x1f", "U+001f is not allowed"}, {"\x80", "invalid UTF-8"},
+      {"\xff", "invalid UTF-8"}, {" ", nullptr}, {"\x7f", nullptr}, {"\t", nullptr}, {"\xc3\xa9", nullptr},
+  };
+  for (const auto& c : cases) {
+    for (size_t offset = 0; offset < 20; ++offset) {
+      std::string run(24, 'x');
+      run.replace(offset, 1, c.byte);
+      XML_NODE* root = nullptr;
+      XML_PARSE_ERROR error{};
+      EFI_STATUS status = parse("<a>" + run + "</a>", &root, &error);
+      if (!c.message) {
+        EXPECT_EQ(status, EFI_SUCCESS) << offset << ": " << error.Message;
+        if (root) xml_->XML_FreeNode(xml_, root);
+        continue;
+      }
+      EXPECT_EQ(status, EFI_INVALID_PARAMETER) << offset;
+      EXPECT_EQ(error.Offset, 3 + offset) << c.message;
+      EXPECT_NE(std::string(error.Message).find(c.message), std::string::npos) << error.Message;
+    }
+  }
+}
+
+TEST_F(XmlParseTest, LimitsAreChangedAndEnforced) {
+  for (XML_LIMITS bad : {XML_LIMITS{0, 100}, XML_LIMITS{3, 0}})
+    EXPECT_EQ(xml_->XML_SetLimits(xml_, &bad), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(xml_->XML_SetLimits(xml_, nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(xml_->XML_GetLimits(xml_, nullptr), EFI_INVALID_PARAMETER);
+  const struct { XML_LIMITS limits; std::string text; EFI_STATUS status; UINTN offset; } cases[] = {
+      {{3, 1000}, "<a><b><c><d/></c></b></a>", EFI_INVALID_PARAMETER, 9}, {{256, 10}, "<a>123</a>", EFI_SUCCESS, 0},
+      {{256, 10}, "<a>1234</a>", EFI_BAD_BUFFER_SIZE, 10},
+  };
+  for (const auto& c : cases) {
+    XML_LIMITS limits{};
+    ASSERT_EQ(xml_->XML_SetLimits(xml_, &c.limits), EFI_SUCCESS);
+    ASSERT_EQ(xml_->XML_GetLimits(xml_, &limits), EFI_SUCCESS);
+    EXPECT_TRUE(limits.MaxDepth == c.limits.MaxDepth && limits.MaxInputBytes == c.limits.MaxInputBytes);
+    XML_NODE* root = kUntouched;
+    XML_PARSE_ERROR error{};
+    EXPECT_EQ(parse(c.text, &root, &error), c.status) << c.text << "\n" << error.Message;
+    if (c.status == EFI_SUCCESS) xml_->XML_FreeNode(xml_, root);
+    else EXPECT_EQ(error.Offset, c.offset) << error.Message;
+  }
+}
+
+// 100,000 siblings, and a chain 100,000 deep within a raised limit: parsed,
+// written back unchanged and freed without deep recursion.
+TEST_F(XmlParseTest, HundredThousandNodesWideOrDeep) {
+  constexpr size_t kCount = 100000;
+  XML_LIMITS limits{kCount, 64u * 1024 * 1024};
+  ASSERT_EQ(xml_->XML_SetLimits(xml_, &limits), EFI_SUCCESS);
+  const std::string wide = "<r>" + repeat("<i k=\"v\">t &amp; u</i>", kCount) + "</r>";
+  const std::string deep = repeat("<n>", kCount) + repeat("</n>", kCount);
+  for (const std::string* text : {&wide, &deep}) {
+    XML_NODE* root = nullptr;
+    ASSERT_EQ(parse(*text, &root), EFI_SUCCESS);
+    size_t count = 0;
+    if (text == &wide) {
+      // Counts up to the first sibling that differs.
+      for (XML_NODE* n = root->children; n && n->parent == root && std::string(n->contents) == "t &amp; u"; n = n->next)
+        ++count;
+    } else {
+      XML_NODE* n = root;
+      for (count = 1; n->children; n = n->children, ++count) ASSERT_EQ(n->children->parent, n);
+      EXPECT_STREQ(n->contents, "");  // <n></n>, not <n/>
+    }
+    EXPECT_EQ(count, kCount);
+    std::string written;
+    EXPECT_EQ(serialise(root, &written), EFI_SUCCESS);
+    EXPECT_EQ(written, *text);
+    EXPECT_EQ(xml_->XML_FreeNode(xml_, root), EFI_SUCCESS);
+  }
+  XML_NODE* root = kUntouched;
+  EXPECT_EQ(parse("<x>" + deep + "</x>", &root), EFI_INVALID_PARAMETER);
+}
+
+TEST_F(XmlParseTest, ParseSurvivesEveryAllocationFailure) {
+  std::string text =
+      "<?xml version=\"1.0\"?>\n<ConfigData a=\"1\" b=\"x &amp; y\">\n"
+      "  <Entry FQDD=\"NIC.1\"><![CDATA[<raw>]]>text &lt; more<Item/><Item k='v'>v</Item></Entry>\n";
+  for (int i = 0; i < 50; ++i) text += "  <Item n=\"" + std::to_string(i) + "\">" + std::string(i * 2, 'z') + "</Item>\n";
+  text += "</ConfigData>\n";
+  XML_NODE* root = nullptr;
+  XML_PARSE_ERROR error{};
+  size_t attempts = sweepAllocationFailures(
+      [&] { return root = kUntouched, parse(text, &root, &error); },
+      [&](EFI_STATUS status, size_t k) {
+        EXPECT_TRUE(status == EFI_OUT_OF_RESOURCES && root == kUntouched) << "attempt " << k;
+        EXPECT_NE(std::string(error.Message).find("out of memory"), std::string::npos) << error.Message;
+      },
+      [&] {
+        if (root != kUntouched) xml_->XML_FreeNode(xml_, root);
+      });
+  EXPECT_GT(attempts, 150u);  // every node, name, attribute and text
+}
+
+TEST_F(XmlTreeTest, CreateNodeOwnsItsNameAndClearsEveryLink) {
+  std::string name = "ConfigItem";
+  XML_NODE* node = nullptr;
+  sweepAllocationFailures(
+      [&] { return xml_->XML_CreateNode(xml_, name.c_str(), &node); },
+      [&](EFI_STATUS status, size_t k) { EXPECT_TRUE(status == EFI_OUT_OF_RESOURCES && !node) << "attempt " << k; },
+      [&] {
+        if (!node) return;
+        name[0] = 'X';
+        EXPECT_STREQ(node->name, "ConfigItem");
+        EXPECT_TRUE(!node->contents && !node->attributes);
+        EXPECT_TRUE(!node->parent && !node->children && !node->next && !node->previous);
+        xml_->XML_FreeNode(xml_, node);
+        node = nullptr, name[0] = 'C';
+      });
+  EXPECT_EQ(xml_->XML_CreateNode(xml_, nullptr, &node), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(xml_->XML_CreateNode(xml_, "a", nullptr), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(xml_->XML_FreeNode(xml_, nullptr), EFI_INVALID_PARAMETER);
+}
+
+// Compact text without declaration, accepted by xmllint; the root's
+// siblings are not written. Contents are escaped text, repaired where they
+// are not; trees with escaped contents and plain attribute values come back
+// unchanged from parse(serialise(tree)).
+TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
+  const struct { Tree tree; const char* text; bool roundTrip; } cases[] = {  // text null: not compared
+      {{"a", {}, {}, {}}, "<a/>", true},
+      {{"a", "", {}, {}}, "<a></a>", true},
+      {{"r", {}, {{"k", "v"}, {"n", ""}}, {{"c", "t", {}, {}}}}, "<r k=\"v\" n=\"\"><c>t</c></r>", true},
+      {{"r", {}, {}, {{"a", {}, {}, {{"b", "1", {}, {}}}}, {"c", "2", {}, {}}}}, "<r><a><b>1</b></a><c>2</c></r>", true},
+      {{"v", "a &amp; b &lt;c&gt;", {}, {}}, "<v>a &amp; b &lt;c&gt;</v>", true},
+      {{"v", "a & b", {}, {}}, "<v>a &amp; b</v>", false},
+      {{"v", "&bogus; &amp &;", {}, {}}, "<v>&amp;bogus; &amp;amp &amp;;</v>", false},
+      {{"v", "&#65;&#x42;&quot;&apos;", {}, {}}, "<v>&#65;&#x42;&quot;&apos;</v>", false},
+      {{"v", "&#0;&#xD800;&#x110000;&#;", {}, {}}, "<v>&amp;#0;&amp;#xD800;&amp;#x110000;&amp;#;</v>", false},
+      {{"v", "x<y>z ]]>", {}, {}}, "<v>x&lt;y&gt;z ]]&gt;</v>", false},
+      {{"v", "a\rb\n\tc \"'", {}, {}}, "<v>a&#13;b\n\tc \"'</v>", false},
+      {{"a", "a &amp; b &lt;c&gt; \"q\" 'p'", {}, {}}, nullptr, true},
+      {{"a", {}, {{"v", "say \"hi\" & <go> 'x'\n\ttab\r\nend"}, {"w", "  two  spaces "}, {"e", ""}}, {}},
+       nullptr, true},
+      {{"r", {}, {{"FQDD", "NIC.1"}}, {{"a", {}, {}, {{"c", "", {{"k", "&amp;"}}, {}}}}, {"d", {}, {}, {}}}},
+       nullptr, true},
+      {{"gr\xc3\xb6\xc3\x9f" "e", "\xe2\x82\xac \xf0\x9d\x84\x9e", {{"\xe5\x90\x8d", "\xe5\x80\xa4"}}, {}},
+       nullptr, true},
+      {{"mixed", "text", {}, {{"c", {}, {}, {}}, {"d", " x ", {}, {}}}}, nullptr, true},
+      {{"a", "line1\r\nline2\rline3\n\tend", {}, {}}, nullptr, true},
+      {{"a", "]]&gt; &lt;![CDATA[", {}, {}}, nullptr, true},
+      {{"leaf", "   ", {}, {}}, nullptr, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    XML_NODE* root = build(c.tree);
+    root->next = build(Tree{"notWritten", {}, {}, {}});
+    std::string text;
+    EXPECT_EQ(serialise(root, &text), EFI_SUCCESS);
+    xml_->XML_FreeNode(xml_, root);
+    if (c.text) { EXPECT_EQ(text, c.text); }
+    EXPECT_TRUE(xmllintAccepts(text)) << text;
+    if (!c.roundTrip) continue;
+    XML_NODE* parsed = nullptr;
+    XML_PARSE_ERROR error{};
+    ASSERT_EQ(parse(text, &parsed, &error), EFI_SUCCESS) << text << "\n" << error.Message;
+    EXPECT_EQ(read(parsed), c.tree) << text;
+    xml_->XML_FreeNode(xml_, parsed);
+  }
+}
+
+TEST_F(XmlTreeTest, TreesThatCannotBeWrittenAsXmlAreRefused) {
+  const Tree cases[] = {
+      {"1a", {}, {}, {}}, {"", {}, {}, {}}, {"r", {}, {}, {{"ok", {}, {}, {}}, {"-bad", {}, {}, {}}}},
+      {"r", {}, {{"x y", "1"}}, {}}, {"r", {}, {{"k", "1"}, {"j", "2"}, {"k", "3"}}, {}}, {"r", "\x01", {}, {}},
+      {"r", {}, {{"k", "a\x1f"}}, {}}, {"r", "\xff", {}, {}}, {"r", {}, {}, {{"c", "\xed\xa0\x80", {}, {}}}},
+  };
+  for (const Tree& tree : cases) {
+    XML_NODE* root = build(tree);
+    CHAR8* text = nullptr;
+    EXPECT_EQ(xml_->XML_NodeToXML(xml_, root, &text), EFI_INVALID_PARAMETER) << &tree - cases;
+    EXPECT_EQ(text, nullptr) << &tree - cases;
+    EXPECT_EQ(xml_->XML_NodeToXML(xml_, root, nullptr), EFI_INVALID_PARAMETER);
+    xml_->XML_FreeNode(xml_, root);
+  }
+  CHAR8* text = nullptr;
+  EXPECT_EQ(xml_->XML_NodeToXML(xml_, nullptr, &text), EFI_INVALID_PARAMETER);
+}
+
+TEST_F(XmlTreeTest, NodeToXmlSurvivesEveryAllocationFailure) {
+  Tree tree{"r", "t &amp; u", {{"a", "\"1\"\n"}, {"b", "2"}}, {}};
+  for (int i = 0; i < 40; ++i)
+    tree.children.push_back({"item", std::string(i * 3, 'x'), {{"n", std::to_string(i)}}, {{"leaf", {}, {}, {}}}});
+  XML_NODE* root = build(tree);
+  std::string expected;
+  ASSERT_EQ(serialise(root, &expected), EFI_SUCCESS);
+  CHAR8* text = nullptr;
+  size_t attempts = sweepAllocationFailures(
+      [&] { return text = nullptr, xml_->XML_NodeToXML(xml_, root, &text); },
+      [&](EFI_STATUS status, size_t k) { EXPECT_TRUE(status == EFI_OUT_OF_RESOURCES && !text) << "attempt " << k; },
+      [&] {
+        if (text) {
+          EXPECT_EQ(std::string(text), expected);
+          bs()->FreePool(text);
+        }
+      });
+  EXPECT_GE(attempts, 3u);  // the output, the open-element stack, the attribute names
+  xml_->XML_FreeNode(xml_, root);
+}
+
+}  // namespace
+}  // namespace tvl::test::xml
