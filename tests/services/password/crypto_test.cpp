@@ -19,6 +19,8 @@ TEST_P(PasswordCryptoTest, PublishedVectors) {
   const struct { const char* name; Bytes message; const char* digest; } digests[] = {
       {"one block", text("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
       {"empty", {}, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+      // 55 bytes: the last length whose padding and length fit one block.
+      {"one full block", Bytes(55, 'a'), "9f4390f8d30c2dd92ec9f095b65e2b9ae9b0a925a5258e241c9f1e910f734318"},
       // 56 bytes: the length no longer fits, padding takes a second block.
       {"two blocks", text("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
        "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
