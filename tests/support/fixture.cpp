@@ -95,12 +95,11 @@ EFI_STATUS PlatformTest::loadStatus(const std::string& image, EFI_HANDLE* handle
 
 EFI_HANDLE PlatformTest::load(const std::string& image) {
   EFI_HANDLE handle = nullptr;
-  EFI_STATUS status = platform_->loadImage(image, &handle);
-  if (status != EFI_SUCCESS) {
-    // A fatal stop from a function that returns a value: gtest reports the text.
+  EFI_STATUS status = loadStatus(image, &handle);
+  // A fatal stop from a function that returns a value: gtest reports the text.
+  if (status != EFI_SUCCESS)
     throw std::runtime_error("loading image '" + image + "' from " + host::Platform::imageDirectory() +
                              " failed: " + statusName(status));
-  }
   return handle;
 }
 
