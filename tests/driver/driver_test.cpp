@@ -109,6 +109,7 @@ TEST_F(DriverTest, DeviceLocationServiceIsBoundWhenItArrivesOrAtEntry) {
 struct PasswordCase {  // trace: the one password trace expected, or null
   const char* name; bool newer, older, bindsNewer, bindsOlder; const char* trace;
 };
+void PrintTo(const PasswordCase& c, std::ostream* os) { *os << c.name; }
 
 class PasswordBindingTest : public DriverTest, public ::testing::WithParamInterface<PasswordCase> {
  protected:
@@ -143,6 +144,7 @@ INSTANTIATE_TEST_SUITE_P(
 struct MissingServiceCase {  // boundBefore: how many of the required globals, in binding order, are bound
   const char* name; unsigned missing; size_t boundBefore;
 };
+void PrintTo(const MissingServiceCase& c, std::ostream* os) { *os << c.name; }
 
 class MissingServiceTest : public DriverTest, public ::testing::WithParamInterface<MissingServiceCase> {
  protected:
