@@ -1,5 +1,4 @@
-// The combined document: two configuration documents serialised as one,
-// through the converter protocol's slot.
+// Two configuration documents serialised as one, through the converter protocol.
 #include <gtest/gtest.h>
 
 #include "support/driver.h"
@@ -9,13 +8,8 @@ namespace {
 
 using namespace tvl::test;  // DriverTest, statusName
 
-constexpr char kEntering[] = "Tolvane-tvlNodesToCombinedXmlChar: Entering...\n";
-
-constexpr char kPossible[] =
-    "<ConfigData a=\"1\"><Header/><ConfigDataEntry Type=\"PossibleValues\"><X>1</X></ConfigDataEntry>"
-    "<Tail/></ConfigData>";
-constexpr char kCurrent[] =
-    "<ConfigData b=\"2\"><ConfigDataEntry Type=\"CurrentValues\"><X>2</X></ConfigDataEntry><More/></ConfigData>";
+#define TRACE_PREFIX "Tolvane-tvlNodesToCombinedXmlChar: "
+constexpr char kEntering[] = TRACE_PREFIX "Entering...\n";
 
 class CombinedTest : public DriverTest {
  protected:
@@ -23,7 +17,11 @@ class CombinedTest : public DriverTest {
     DriverTest::SetUp();
     if (HasFatalFailure()) return;
     ASSERT_NE(xml_ = locate<XML_PROTOCOL>(XML_PROTOCOL_GUID), nullptr);
-    ASSERT_TRUE((first_ = parse(kPossible)) && (second_ = parse(kCurrent)));
+    first_ = parse("<ConfigData a=\"1\"><Header/><ConfigDataEntry Type=\"PossibleValues\"><X>1</X></ConfigDataEntry>"
+                   "<Tail/></ConfigData>");
+    second_ = parse("<ConfigData b=\"2\"><ConfigDataEntry Type=\"CurrentValues\"><X>2</X></ConfigDataEntry><More/>"
+                    "</ConfigData>");
+    ASSERT_TRUE(first_ && second_);
     texts_ = {serialise(first_), serialise(second_)};
     log().clear();
   }
@@ -48,6 +46,7 @@ class CombinedTest : public DriverTest {
   EFI_STATUS combine(TOLVANE_PROTOCOL* self, XML_NODE* first, XML_NODE* second, CHAR8** text) {
     return converter()->NodesToCombinedXMLChar(self, first, second, text);
   }
+  EFI_STATUS combine(CHAR8** text) { return combine(converter(), first_, second_, text); }
   void expectUnchanged() { EXPECT_EQ((std::vector<std::string>{serialise(first_), serialise(second_)}), texts_); }
   // Every trace of the call, in order, all at the failure level.
   std::vector<std::string> traces() {
@@ -67,7 +66,7 @@ class CombinedTest : public DriverTest {
 
 TEST_F(CombinedTest, OneRootWithBothEntriesFirstTreeFirst) {
   CHAR8* text = nullptr;
-  ASSERT_EQ(combine(converter(), first_, second_, &text), EFI_SUCCESS);
+  ASSERT_EQ(combine(&text), EFI_SUCCESS);
   EXPECT_STREQ(text,
                "<ConfigData a=\"1\"><Header/><ConfigDataEntry Type=\"PossibleValues\"><X>1</X></ConfigDataEntry>"
                "<ConfigDataEntry Type=\"CurrentValues\"><X>2</X></ConfigDataEntry><More/></ConfigData>");
@@ -80,9 +79,8 @@ TEST_F(CombinedTest, Refusals) {
   XML_NODE* entryRoot = second_->children;  // a ConfigDataEntry, not a ConfigData
   XML_NODE* noEntry = parse("<ConfigData><Other/></ConfigData>");
   CHAR8* text = nullptr;
-  const std::string prefix = "Tolvane-tvlNodesToCombinedXmlChar: ";
-  const std::string invalid = prefix + "Invalid starting parameter: Invalid Parameter\n";
-  const std::string notConfig = prefix + "possible or current do not point to <ConfigData>\n";
+  const std::string invalid = TRACE_PREFIX "Invalid starting parameter: Invalid Parameter\n";
+  const std::string notConfig = TRACE_PREFIX "possible or current do not point to <ConfigData>\n";
   TOLVANE_PROTOCOL* self = converter();
   const EFI_STATUS bad = EFI_INVALID_PARAMETER;
   struct Case {  // trace: after the entry trace, if any
@@ -98,8 +96,9 @@ TEST_F(CombinedTest, Refusals) {
     log().clear();
     EXPECT_EQ(statusName(combine(c.self, c.first, c.second, c.text)), statusName(c.status));
     EXPECT_EQ(text, nullptr);
-    EXPECT_EQ(traces(), (c.trace.empty() ? std::vector<std::string>{kEntering}
-                                         : std::vector<std::string>{kEntering, c.trace}));
+    std::vector<std::string> expected = {kEntering, c.trace};
+    if (c.trace.empty()) expected.pop_back();
+    EXPECT_EQ(traces(), expected);
   }
   expectUnchanged();
   DRIVER_FN(freeNode)(noEntry);
@@ -111,17 +110,16 @@ TEST_F(CombinedTest, SerialisationFailureRestoresTheLink) {
   ASSERT_EQ(DRIVER_FN(addAttribute)("Type", "again", &entry), EFI_SUCCESS);
   XML_NODE* tail = entry->next;
   CHAR8* text = nullptr;
-  EXPECT_EQ(combine(converter(), first_, second_, &text), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(combine(&text), EFI_INVALID_PARAMETER);
   EXPECT_TRUE(text == nullptr && entry->next == tail);
-  EXPECT_EQ(traces(), (std::vector<std::string>{kEntering,
-                                                "Tolvane-tvlNodesToCombinedXmlChar: ERROR XMLProtocol->XML_NodeToXML "
-                                                "conversion of Node to XML failed. Status:2\n"}));
+  EXPECT_EQ(traces(), (std::vector<std::string>{kEntering, TRACE_PREFIX "ERROR XMLProtocol->XML_NodeToXML conversion of "
+                                                                        "Node to XML failed. Status:2\n"}));
 }
 
 TEST_F(CombinedTest, AllocationFailuresLeaveBothTreesUnchanged) {
   CHAR8* text = nullptr;
   size_t attempts = sweepAllocationFailures(
-      [&] { return combine(converter(), first_, second_, &text); },
+      [&] { return combine(&text); },
       [&](EFI_STATUS status, size_t k) { EXPECT_TRUE(status == EFI_OUT_OF_RESOURCES && !text) << k; },
       [&] { text = text && bs()->FreePool(text) == EFI_SUCCESS ? nullptr : text; });
   EXPECT_GT(attempts, 0u);

@@ -1,7 +1,6 @@
-// Test support for the driver image: a fixture that provides the services
-// the driver's entry binds (real images or host-side stand-in tables), loads
-// a fresh driver per test, captures its traces and reaches its exported
-// operations and globals by name.
+// A fixture that provides the services the driver binds (real images or
+// stand-in tables), loads a fresh driver per test, captures its traces and
+// reaches its exported operations and globals by name.
 #pragma once
 
 #include <memory>
@@ -28,26 +27,22 @@ enum DriverService : unsigned {
 
 class DriverTest : public PlatformTest {
  protected:
-  // Provides initialServices(), loads the driver when loadsDriver() says so
-  // (the test stops if its entry fails) and sets the leak baseline after
-  // that, so the installed protocol record is not counted as a leak.
+  // Provides initialServices() and loads the driver when loadsDriver() (the
+  // test stops if its entry fails); its record is not counted as a leak.
   void SetUp() override;
   void TearDown() override;
 
   virtual unsigned initialServices() const { return kAllServices; }
   virtual bool loadsDriver() const { return true; }
 
-  // Loads service images and installs stand-ins for the given bits. The
-  // log capture attaches as soon as the log service is there. What the
-  // services allocate for themselves outlives the test: the leak baseline
-  // moves past it.
+  // Loads service images and installs stand-ins for the given bits (the log
+  // capture attaches to the log service); the leak baseline moves past them.
   void provide(unsigned services);
   // A zero-filled table of `size` bytes installed under `guid` on a new
   // handle; it lives as long as the fixture.
   void* installStandIn(const EFI_GUID& guid, size_t size = 256, EFI_HANDLE* handle = nullptr);
 
-  // Loads a fresh instance of the driver; it becomes driver(). The leak
-  // baseline moves past the load (the installed record is the image's).
+  // Loads a fresh instance of the driver as driver(); the baseline moves past it.
   EFI_STATUS loadDriver();
   EFI_HANDLE driver() const { return driver_; }
 
@@ -56,13 +51,9 @@ class DriverTest : public PlatformTest {
   // An exported symbol of driver(); the test fails when it is missing.
   void* symbol(const char* name);
   template <typename F>
-  F function(const char* name) {
-    return reinterpret_cast<F>(symbol(name));
-  }
+  F function(const char* name) { return reinterpret_cast<F>(symbol(name)); }
   template <typename T>
-  T& global(const char* name) {
-    return *static_cast<T*>(symbol(name));
-  }
+  T& global(const char* name) { return *static_cast<T*>(symbol(name)); }
 
   // The installed converter protocol, or null.
   TOLVANE_PROTOCOL* converter() { return locate<TOLVANE_PROTOCOL>(TOLVANE_PROTOCOL_GUID); }

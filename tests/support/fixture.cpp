@@ -31,6 +31,10 @@ void releaseServiceCaches(host::Platform& platform) {
 size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI_STATUS()>& op,
                                const std::function<void(EFI_STATUS, size_t)>& check,
                                const std::function<void()>& cleanup, FaultMode mode) {
+  auto settle = [&] {
+    if (cleanup) cleanup();
+    releaseServiceCaches(platform);
+  };
   platform.clearAllocationFaults();
   releaseServiceCaches(platform);
   size_t before = held(platform);
@@ -38,8 +42,7 @@ size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI
   size_t start = platform.allocationAttempts();
   op();
   size_t attempts = platform.allocationAttempts() - start;
-  if (cleanup) cleanup();
-  releaseServiceCaches(platform);
+  settle();
   if (held(platform) != before) {
     ADD_FAILURE() << "the run without faults leaves " << held(platform) - before
                   << " allocation(s) outstanding after cleanup:\n"
@@ -58,24 +61,19 @@ size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI
     EFI_STATUS status = op();
     platform.clearAllocationFaults();
     check(status, k);
-    if (::testing::Test::HasFatalFailure()) {
-      if (cleanup) cleanup();
-      releaseServiceCaches(platform);
-      return attempts;
-    }
-    if (cleanup) cleanup();
-    releaseServiceCaches(platform);
+    settle();
+    if (::testing::Test::HasFatalFailure()) return attempts;
+    const std::string run = "allocation attempt " + std::to_string(k) + " of " + std::to_string(attempts) +
+                            " failing (" + statusName(status) + ")";
     size_t after = held(platform);
     if (after != before) {
-      ADD_FAILURE() << "allocation attempt " << k << " of " << attempts << " failing (" << statusName(status)
-                    << ") leaks " << (after > before ? after - before : 0) << " allocation(s) (outstanding "
+      ADD_FAILURE() << run << " leaks " << (after > before ? after - before : 0) << " allocation(s) (outstanding "
                     << before << " -> " << after << "):\n"
                     << leakedSince(platform, sequence);
     }
     const host::PoolStats statsAfter = platform.poolStats();
     if (statsAfter.invalidFrees != statsBefore.invalidFrees || statsAfter.overruns != statsBefore.overruns) {
-      ADD_FAILURE() << "allocation attempt " << k << " of " << attempts << " failing (" << statusName(status)
-                    << ") frees memory that was not allocated or writes past an allocation:\n"
+      ADD_FAILURE() << run << " frees memory that was not allocated or writes past an allocation:\n"
                     << platform.poolErrorReport();
     }
   }
@@ -87,8 +85,6 @@ void PlatformTest::SetUp() {
   markBaseline();
 }
 
-// The platform itself goes with the fixture object, after the members of
-// derived fixtures that may still use it in their destructors.
 void PlatformTest::TearDown() {
   if (leakCheck_ && !HasFatalFailure()) expectNoLeaks();
 }
@@ -99,13 +95,11 @@ EFI_STATUS PlatformTest::loadStatus(const std::string& image, EFI_HANDLE* handle
 
 EFI_HANDLE PlatformTest::load(const std::string& image) {
   EFI_HANDLE handle = nullptr;
-  EFI_STATUS status = platform_->loadImage(image, &handle);
-  if (status != EFI_SUCCESS) {
-    // A fatal stop from inside a function that returns a value: gtest
-    // reports the exception's text as the failure of the test.
+  EFI_STATUS status = loadStatus(image, &handle);
+  // A fatal stop from a function that returns a value: gtest reports the text.
+  if (status != EFI_SUCCESS)
     throw std::runtime_error("loading image '" + image + "' from " + host::Platform::imageDirectory() +
                              " failed: " + statusName(status));
-  }
   return handle;
 }
 

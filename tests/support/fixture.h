@@ -1,6 +1,6 @@
-// Test support: a fresh emulated platform per test, image loading that
-// fails the test when the entry fails, an automatic pool-leak check, and
-// the allocation-failure sweep.
+// Test support: a fresh emulated platform per test, image loading that fails
+// the test when the entry fails, an automatic pool-leak check, and the
+// allocation-failure sweep.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,26 +16,21 @@ namespace tvl::test {
 // Readable name of a status ("EFI_NOT_FOUND"), or its hexadecimal value.
 std::string statusName(EFI_STATUS status);
 
-// Has every loaded image that keeps memory between calls on purpose (the
-// forms processor's parsed package lists) free it, so that counting the
-// pool sees only what an operation left behind. The sweep and the leak
-// check below call it before they count.
+// Has every image that keeps memory between calls on purpose (the forms
+// processor's parsed package lists) free it, so that counting the pool sees
+// only what an operation left behind.
 void releaseServiceCaches(host::Platform& platform);
 
-// Which fault a sweep injects at attempt k.
 enum class FaultMode {
   Single,  // only the k-th attempt fails
   From,    // the k-th attempt and every later one fail
 };
 
-// Runs `op` once without faults, counting its allocation attempts N, and
-// calls `cleanup`. Then for k = 1..N runs `op` with the k-th attempt
-// failing, calls `check(status, k)` and `cleanup()`, and checks that the
-// pool holds as many allocations as before that run (no leak on any
-// failure path); a leak is reported with k and the leaked allocations,
-// and so is a FreePool of memory that was not allocated (a double free on
-// a failure path).
-// Stops at the first fatal failure. Returns N.
+// Runs `op` without faults to count its allocation attempts N, then for
+// k = 1..N runs it with attempt k failing and calls `check(status, k)`.
+// After every run `cleanup` is called and the pool must hold what it held
+// before: a leak, a free of memory not allocated or an overrun is reported
+// with k. Stops at the first fatal failure. Returns N.
 size_t sweepAllocationFailures(host::Platform& platform, const std::function<EFI_STATUS()>& op,
                                const std::function<void(EFI_STATUS, size_t)>& check,
                                const std::function<void()>& cleanup = {}, FaultMode mode = FaultMode::Single);
@@ -54,22 +49,18 @@ class PlatformTest : public ::testing::Test {
   EFI_RUNTIME_SERVICES* rt() { return platform_->runtimeServices(); }
 
   // Loads a fresh instance of `image` and runs its entry; the test stops
-  // (a fatal failure) when loading or the entry fails.
+  // when loading or the entry fails.
   EFI_HANDLE load(const std::string& image);
-  // The same, returning the status instead; *handle is set even when the
-  // entry fails.
+  // The same, returning the status; *handle is set even when the entry fails.
   EFI_STATUS loadStatus(const std::string& image, EFI_HANDLE* handle);
 
-  // From now on only allocations made after this call count as leaks (and
-  // only invalid frees after it count as errors). Call it after loading the
-  // images whose allocations legitimately outlive the test body.
+  // From now on only allocations (and invalid frees) after this call count
+  // against the test: call it after loading images whose memory outlives it.
   void markBaseline();
-  // Fails the test when allocations made since the baseline are still
-  // outstanding, or memory was freed that was not allocated.
+  // Fails the test when allocations made since the baseline are outstanding,
+  // or memory was freed that was not allocated.
   void expectNoLeaks();
-
-  // Skips the automatic check at TearDown (for tests that hold memory on
-  // purpose and check it themselves).
+  // Skips the check at TearDown, for tests that hold memory on purpose.
   void skipLeakCheck() { leakCheck_ = false; }
 
   size_t sweepAllocationFailures(const std::function<EFI_STATUS()>& op,
@@ -82,9 +73,7 @@ class PlatformTest : public ::testing::Test {
   CHAR8* poolText(const std::string& text);
 
   template <typename T>
-  T* locate(const EFI_GUID& guid) {
-    return static_cast<T*>(platform_->locateProtocol(guid));
-  }
+  T* locate(const EFI_GUID& guid) { return static_cast<T*>(platform_->locateProtocol(guid)); }
 
  private:
   std::unique_ptr<host::Platform> platform_;

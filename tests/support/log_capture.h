@@ -1,7 +1,5 @@
 // Records what the log service was asked to print, for assertions on
-// traces. A LogCapture registers itself as a sink of the log service on the
-// current platform; while it is registered the console receives no log
-// lines.
+// traces: a sink of the log service, which silences the console meanwhile.
 #pragma once
 
 #include <cstddef>
@@ -26,31 +24,25 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  // Locates the log service on `platform` and registers the sink. False
-  // when no log service is installed (yet). Detach before the platform
-  // goes away; a capture that outlives its platform only forgets it.
+  // Registers the sink; false when no log service is installed (yet). A
+  // capture that outlives its platform only forgets it.
   bool attach(host::Platform& platform);
   void detach();
   bool attached() const { return log_ != nullptr; }
   DEBUG_LOG_PROTOCOL* protocol() const { return log_; }
 
-  // Filters at the service: lines whose level shares no bit with the mask
-  // are dropped before any sink sees them.
+  // Lines whose level shares no bit with the mask reach no sink.
   EFI_STATUS setLevelMask(UINTN mask);
 
   const std::vector<LogRecord>& records() const { return records_; }
   void clear() { records_.clear(); }
 
-  // Records of one function, in order.
-  std::vector<LogRecord> from(const std::string& function) const;
-  // Number of records with exactly this function and text.
+  std::vector<LogRecord> from(const std::string& function) const;  // in order
   size_t count(const std::string& function, const std::string& text) const;
-  // The first record with exactly this function and text, or null.
+  // The first record with exactly this function and text / containing `fragment`, or null.
   const LogRecord* find(const std::string& function, const std::string& text) const;
-  // The first record whose text contains `fragment`, or null.
   const LogRecord* findContaining(const std::string& fragment) const;
-  // Every record as "level function: text", for failure messages.
-  std::string dump() const;
+  std::string dump() const;  // "level function: text" lines, for failure messages
 
  private:
   static VOID EFIAPI sink(VOID* context, UINTN level, const CHAR8* function, const CHAR16* line);

@@ -1,6 +1,5 @@
-// A small image that exports the runtime's memory functions and the image's
-// own memmove, memset and memcmp, so that tests run them exactly as an image
-// does (a test calling memmove directly would get the host C library's).
+// Exports the runtime's memory functions and the image's own memmove, memset
+// and memcmp (a test calling memmove directly would get the host's).
 #include "uefi/runtime.h"
 
 extern "C" {

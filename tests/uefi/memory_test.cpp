@@ -1,6 +1,5 @@
 // The image runtime's memory functions and the image's own memmove, memset
-// and memcmp, run inside a loaded image: copies between overlapping ranges
-// in both directions, fills that stay in their range, and comparisons.
+// and memcmp, run inside a loaded image.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,55 +16,43 @@ using Compare = INTN (*)(const VOID* a, const VOID* b, UINTN n);
 
 class MemoryTest : public tvl::test::PlatformTest {
  protected:
-  void SetUp() override {
-    PlatformTest::SetUp();
-    image_ = load("memory_probe_image");
-  }
+  // The runtime's function and the image's C library one, by their probe names.
   template <typename F>
-  F probe(const char* name) {
-    auto fn = platform().imageFunction<F>(image_, name);
-    EXPECT_NE(fn, nullptr) << name;
-    return fn;
+  std::vector<std::pair<const char*, F>> probes(const char* runtime, const char* library) {
+    EFI_HANDLE image = load("memory_probe_image");
+    std::vector<std::pair<const char*, F>> out;
+    for (const char* name : {runtime, library})
+      if (F fn = platform().imageFunction<F>(image, name)) out.emplace_back(name, fn);
+    EXPECT_EQ(out.size(), 2u);
+    return out;
   }
-
-  EFI_HANDLE image_ = nullptr;
 };
 
 TEST_F(MemoryTest, OverlappingCopiesMoveTheSourceBytes) {
   const struct { size_t dst, src, n; } cases[] = {
       {3, 0, 10}, {0, 3, 10},  // overlapping, the destination after or before the source
       {1, 0, 15}, {0, 1, 15},  // one byte apart, both ways
-      {4, 4, 8},               // the same range
-      {8, 0, 8},  {0, 8, 8},   // adjacent ranges
-      {5, 2, 0},               // nothing to copy
+      {4, 4, 8},  {8, 0, 8},  {0, 8, 8},  {5, 2, 0},  // the same range, adjacent ranges, nothing to copy
   };
-  for (const char* name : {"probeCopyMem", "probeMemmove"}) {
-    Copy fn = probe<Copy>(name);
-    ASSERT_NE(fn, nullptr);
+  for (auto [name, fn] : probes<Copy>("probeCopyMem", "probeMemmove"))
     for (const auto& c : cases) {
-      SCOPED_TRACE(std::string(name) + " dst " + std::to_string(c.dst) + " src " + std::to_string(c.src) + " n " +
-                   std::to_string(c.n));
       std::vector<UINT8> buffer(16);
       std::iota(buffer.begin(), buffer.end(), UINT8(1));
       std::vector<UINT8> expected = buffer;
       for (size_t i = 0; i < c.n; ++i) expected[c.dst + i] = buffer[c.src + i];
       fn(buffer.data() + c.dst, buffer.data() + c.src, c.n);
-      EXPECT_EQ(buffer, expected);
+      EXPECT_EQ(buffer, expected) << name << " dst " << c.dst << " src " << c.src << " n " << c.n;
     }
-  }
 }
 
 TEST_F(MemoryTest, FillsExactlyTheRange) {
-  for (const char* name : {"probeSetMem", "probeMemset"}) {
-    Fill fn = probe<Fill>(name);
-    ASSERT_NE(fn, nullptr);
+  for (auto [name, fn] : probes<Fill>("probeSetMem", "probeMemset"))
     for (size_t n : {0, 1, 5}) {
       std::vector<UINT8> buffer(8, 0x11), expected = buffer;
       std::fill_n(expected.begin() + 1, n, UINT8(0xA5));
       fn(buffer.data() + 1, n, 0xA5);
       EXPECT_EQ(buffer, expected) << name << " n " << n;  // the bytes either side untouched
     }
-  }
 }
 
 TEST_F(MemoryTest, ComparesByTheFirstDifferingByte) {
@@ -74,14 +61,11 @@ TEST_F(MemoryTest, ComparesByTheFirstDifferingByte) {
       {"abc", "abd", 3, -1}, {"b\x01", "a\xFF", 2, 1},  // the first difference decides
       {"\x80", "\x7F", 1, 1},                           // bytes are unsigned
   };
-  for (const char* name : {"probeCompareMem", "probeMemcmp"}) {
-    Compare fn = probe<Compare>(name);
-    ASSERT_NE(fn, nullptr);
+  for (auto [name, fn] : probes<Compare>("probeCompareMem", "probeMemcmp"))
     for (const auto& c : cases) {
       INTN r = fn(c.a, c.b, c.n);
       EXPECT_EQ((r > 0) - (r < 0), c.sign) << name << " case " << (&c - cases);
     }
-  }
 }
 
 }  // namespace
