@@ -8,17 +8,9 @@ namespace {
 
 const EFI_GUID kA = testGuid(1), kB = testGuid(2);
 
-// What each notify call saw: its tag and the TPL it ran at.
-struct Journal {
-  std::string calls;
-  EFI_BOOT_SERVICES* bs = nullptr;
-};
-
-struct Probe {
-  Journal* journal;
-  char tag;
-  EFI_EVENT chained = nullptr;  // signalled from inside the notify when set
-};
+// Each notify call's tag and the TPL it ran at.
+struct Journal { std::string calls; EFI_BOOT_SERVICES* bs = nullptr; };
+struct Probe { Journal* journal; char tag; EFI_EVENT chained = nullptr; /* signalled from inside the notify */ };
 
 EFI_TPL tplNow(EFI_BOOT_SERVICES* bs) {
   EFI_TPL now = bs->RaiseTPL(TPL_HIGH_LEVEL);
@@ -28,20 +20,12 @@ EFI_TPL tplNow(EFI_BOOT_SERVICES* bs) {
 
 VOID EFIAPI record(EFI_EVENT, VOID* context) {
   auto* probe = static_cast<Probe*>(context);
-  probe->journal->calls += probe->tag;
-  probe->journal->calls += std::to_string(tplNow(probe->journal->bs));
-  probe->journal->calls += ' ';
+  probe->journal->calls += probe->tag + std::to_string(tplNow(probe->journal->bs)) + ' ';
   if (probe->chained) probe->journal->bs->SignalEvent(probe->chained);
 }
 
-VOID EFIAPI closeSelf(EFI_EVENT event, VOID* context) {
-  auto* bs = static_cast<EFI_BOOT_SERVICES*>(context);
-  bs->CloseEvent(event);
-}
-
-VOID EFIAPI signalSelf(EFI_EVENT event, VOID* context) {
-  static_cast<EFI_BOOT_SERVICES*>(context)->SignalEvent(event);
-}
+VOID EFIAPI closeSelf(EFI_EVENT event, VOID* context) { static_cast<EFI_BOOT_SERVICES*>(context)->CloseEvent(event); }
+VOID EFIAPI signalSelf(EFI_EVENT event, VOID* context) { static_cast<EFI_BOOT_SERVICES*>(context)->SignalEvent(event); }
 
 class EventTest : public PlatformTest {
  protected:
@@ -59,8 +43,7 @@ class EventTest : public PlatformTest {
 };
 
 TEST_F(EventTest, CreateEventValidation) {
-  struct Case { uint32_t type; EFI_TPL tpl; bool withNotify, withOut; EFI_STATUS expected; };
-  const Case cases[] = {
+  const struct { uint32_t type; EFI_TPL tpl; bool withNotify, withOut; EFI_STATUS expected; } cases[] = {
       {EVT_NOTIFY_SIGNAL, TPL_CALLBACK, true, true, EFI_SUCCESS}, {EVT_NOTIFY_WAIT, TPL_NOTIFY, true, true, EFI_SUCCESS},
       {0, 0, false, true, EFI_SUCCESS}, {EVT_TIMER | EVT_NOTIFY_SIGNAL, TPL_CALLBACK, true, true, EFI_SUCCESS},
       {EVT_NOTIFY_SIGNAL | EVT_NOTIFY_WAIT, TPL_CALLBACK, true, true, EFI_INVALID_PARAMETER},
@@ -71,13 +54,11 @@ TEST_F(EventTest, CreateEventValidation) {
       {0x00000400, TPL_CALLBACK, true, true, EFI_INVALID_PARAMETER},
   };
   Probe probe{&journal, 'x'};
-  for (const Case& t : cases) {
+  for (const auto& t : cases) {
     EFI_EVENT e = nullptr;
     EFI_STATUS s = bs()->CreateEvent(t.type, t.tpl, t.withNotify ? record : nullptr, &probe, t.withOut ? &e : nullptr);
     EXPECT_EQ(statusName(s), statusName(t.expected)) << "type " << std::hex << t.type << " tpl " << t.tpl;
-    if (s == EFI_SUCCESS) {
-      EXPECT_EQ(bs()->CloseEvent(e), EFI_SUCCESS);
-    }
+    if (s == EFI_SUCCESS) bs()->CloseEvent(e);
   }
   EFI_EVENT e = nullptr;
   EFI_GUID group = kA;
@@ -90,11 +71,10 @@ TEST_F(EventTest, CreateEventValidation) {
 TEST_F(EventTest, NotifiesRunAtTheirTplOrWaitForRestore) {
   Probe p1{&journal, 'a'}, p2{&journal, 'b'}, p3{&journal, 'c'}, p4{&journal, 'd'};
   EFI_EVENT callback1 = make(p1, TPL_CALLBACK), notify = make(p2, TPL_NOTIFY), callback2 = make(p3, TPL_CALLBACK);
-  // Above the current TPL: at once, at the notify's own TPL.
-  bs()->SignalEvent(callback1);
+  bs()->SignalEvent(callback1);  // above the current TPL: at once, at the notify's own TPL
   EXPECT_EQ(journal.calls, "a8 ");
-  // Not above it: queued, then run highest TPL first, in signal order within
-  // a level, as the TPL drops; an already pending event runs once.
+  // Not above it: queued, run highest TPL first, in signal order within a
+  // level, as the TPL drops; an already pending event runs once.
   journal.calls.clear();
   EFI_TPL old = bs()->RaiseTPL(TPL_HIGH_LEVEL);
   for (EFI_EVENT e : {callback2, callback1, notify, callback2}) bs()->SignalEvent(e);
@@ -102,23 +82,20 @@ TEST_F(EventTest, NotifiesRunAtTheirTplOrWaitForRestore) {
   EXPECT_EQ(journal.calls, "b16 ");
   bs()->RestoreTPL(old);
   EXPECT_EQ(journal.calls, "b16 c8 a8 ");
-  // A notify that signals another: a higher one runs inside it, an equal one
-  // right after it.
+  // A notify signalling another: a higher one runs inside it, an equal one right after.
   journal.calls.clear();
   p1.chained = notify;
   p2.chained = callback2;
   bs()->SignalEvent(callback1);
   EXPECT_EQ(journal.calls, "a8 b16 c8 ");
-  // Signalling one member of a group signals them all.
-  journal.calls.clear();
+  journal.calls.clear();  // signalling one member of a group signals them all
   EFI_EVENT g1 = nullptr, g2 = nullptr;
   EFI_GUID group = kA;
   ASSERT_EQ(bs()->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_NOTIFY, record, &p4, &group, &g1), EFI_SUCCESS);
   ASSERT_EQ(bs()->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, record, &p4, &group, &g2), EFI_SUCCESS);
   bs()->SignalEvent(g2);
   EXPECT_EQ(journal.calls, "d16 d8 ");
-  // Closing a pending event drops its notify; misuse of Raise/RestoreTPL is
-  // counted and ignored.
+  // Closing a pending event drops its notify; misuse of Raise/RestoreTPL is counted and ignored.
   journal.calls.clear();
   p1.chained = p2.chained = nullptr;
   old = bs()->RaiseTPL(TPL_NOTIFY);
@@ -142,7 +119,6 @@ TEST_F(EventTest, CheckAndWaitForEvent) {
   ASSERT_EQ(bs()->CreateEvent(0, 0, nullptr, nullptr, &plain), EFI_SUCCESS);
   ASSERT_EQ(bs()->CreateEvent(EVT_NOTIFY_WAIT, TPL_CALLBACK, signalSelf, bs(), &selfSignalling), EFI_SUCCESS);
   ASSERT_EQ(bs()->CreateEvent(EVT_NOTIFY_WAIT, TPL_CALLBACK, closeSelf, bs(), &closing), EFI_SUCCESS);
-
   EXPECT_EQ(bs()->CheckEvent(signalType), EFI_INVALID_PARAMETER);
   EXPECT_EQ(bs()->CheckEvent(plain), EFI_NOT_READY);
   bs()->SignalEvent(plain);
@@ -150,7 +126,6 @@ TEST_F(EventTest, CheckAndWaitForEvent) {
   EXPECT_EQ(bs()->CheckEvent(plain), EFI_NOT_READY);  // checking clears it
   EXPECT_EQ(bs()->CheckEvent(selfSignalling), EFI_SUCCESS);
   EXPECT_EQ(bs()->CheckEvent(closing), EFI_NOT_READY);  // its notify closed it
-
   EFI_EVENT list[] = {plain, selfSignalling};
   UINTN index = 9;
   EXPECT_TRUE(bs()->WaitForEvent(2, list, &index) == EFI_SUCCESS && index == 1);
@@ -177,7 +152,6 @@ TEST_F(EventTest, ProtocolNotifyAndLocateByRegistration) {
   void* iface = &other;
   EXPECT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_NOT_FOUND);  // earlier ones are not reported
   EXPECT_EQ(iface, nullptr);
-
   EFI_HANDLE h1 = nullptr, h2 = nullptr, h3 = nullptr, hb = nullptr;
   bs()->InstallProtocolInterface(&h1, &kA, EFI_NATIVE_INTERFACE, &a1);
   bs()->InstallProtocolInterface(&hb, &kB, EFI_NATIVE_INTERFACE, &other);
@@ -194,19 +168,15 @@ TEST_F(EventTest, ProtocolNotifyAndLocateByRegistration) {
   ASSERT_EQ(bs()->LocateHandle(ByRegisterNotify, nullptr, registration, &size, found), EFI_SUCCESS);
   EXPECT_TRUE(size == sizeof(EFI_HANDLE) && found[0] == h1);
   EXPECT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_NOT_FOUND);
-
   // An interface removed before it was fetched is not reported.
   bs()->InstallProtocolInterface(&h3, &kA, EFI_NATIVE_INTERFACE, &a1);
   bs()->UninstallProtocolInterface(h3, &kA, &a1);
   EXPECT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_NOT_FOUND);
-
-  // Closing the event ends the registration.
-  journal.calls.clear();
+  journal.calls.clear();  // closing the event ends the registration
   ASSERT_EQ(bs()->CloseEvent(event), EFI_SUCCESS);
   bs()->InstallProtocolInterface(&h3, &kA, EFI_NATIVE_INTERFACE, &a1);
   EXPECT_EQ(journal.calls, "");
   EXPECT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_INVALID_PARAMETER);
-
   EXPECT_EQ(bs()->RegisterProtocolNotify(&kA, event, &registration), EFI_INVALID_PARAMETER);
   EXPECT_EQ(bs()->RegisterProtocolNotify(&kA, nullptr, &registration), EFI_INVALID_PARAMETER);
 }

@@ -1,4 +1,4 @@
-// The handle database as images see it through EFI_BOOT_SERVICES.
+// The handle database through EFI_BOOT_SERVICES.
 #include <functional>
 #include <map>
 #include <sstream>
@@ -19,6 +19,9 @@ class HandleDatabaseTest : public PlatformTest {
     return h;
   }
   bool inDatabase(EFI_HANDLE h) { return tvl::test::inDatabase(platform(), h); }
+  EFI_STATUS installPath(EFI_HANDLE* h, std::vector<uint8_t>& path, const EFI_GUID& guid, void* iface) {
+    return bs()->InstallMultipleProtocolInterfaces(h, &kDevicePath, path.data(), &guid, iface, nullptr);
+  }
   int a = 0, a2 = 0, b = 0, c = 0;
 };
 
@@ -51,9 +54,7 @@ TEST_F(HandleDatabaseTest, InstallUninstallAndLocateRules) {
   };
   for (size_t n = 0; n < std::size(cases); ++n)
     EXPECT_EQ(statusName(cases[n].first()), statusName(cases[n].second)) << "case " << n;
-
-  // LocateProtocol finds the first installed; a reinstalled interface counts
-  // as newly installed.
+  // LocateProtocol finds the first installed; a reinstalled interface counts as newly installed.
   ASSERT_EQ(bs()->LocateProtocol(&kA, nullptr, &i), EFI_SUCCESS);
   EXPECT_EQ(i, &a);
   ASSERT_EQ(bs()->ReinstallProtocolInterface(h, &kA, &a, &a), EFI_SUCCESS);
@@ -73,13 +74,11 @@ constexpr uint32_t kGet = EFI_OPEN_PROTOCOL_GET_PROTOCOL;
 constexpr uint32_t kChild = EFI_OPEN_PROTOCOL_BY_CHILD_CONTROLLER;
 constexpr uint32_t kDriver = EFI_OPEN_PROTOCOL_BY_DRIVER;
 
-// OpenProtocol scenarios on interface A of one handle, steps separated by
-// blanks: "o<agent><controller><attributes>" opens, "c<agent><controller>"
-// closes, "u" uninstalls, "r" reinstalls; after "=" the expected status
-// (s success, d access denied, a already started, i invalid parameter,
-// n not found). Agent or controller 0 is a null handle. Attribute letters:
-// G get, H by handle, T test, C by child, D by driver, X exclusive, ? an
-// undefined bit.
+// OpenProtocol on interface A of one handle: "o<agent><controller><attributes>"
+// opens, "c<agent><controller>" closes, "u" uninstalls, "r" reinstalls; after
+// "=" the status (s success, d denied, a already started, i invalid, n not
+// found). Handle 0 is null. Attributes: G get, H by handle, T test, C by
+// child, D by driver, X exclusive, ? an undefined bit.
 const std::pair<const char*, const char*> kOpenScenarios[] = {
     {"GET_PROTOCOL does not hold the interface", "o11G=s o11G=s u=s"},
     {"BY_HANDLE_PROTOCOL and TEST_PROTOCOL do not hold it either", "o10H=s o20T=s u=s"},
@@ -95,11 +94,9 @@ const std::pair<const char*, const char*> kOpenScenarios[] = {
 
 TEST_F(HandleDatabaseTest, OpenProtocolScenarios) {
   const std::map<char, uint32_t> bits = {{'G', kGet}, {'H', EFI_OPEN_PROTOCOL_BY_HANDLE_PROTOCOL},
-                                         {'T', EFI_OPEN_PROTOCOL_TEST_PROTOCOL}, {'C', kChild}, {'D', kDriver},
-                                         {'X', EFI_OPEN_PROTOCOL_EXCLUSIVE}, {'?', 0x40}};
-  const std::map<char, EFI_STATUS> statuses = {{'s', EFI_SUCCESS}, {'d', EFI_ACCESS_DENIED},
-                                               {'a', EFI_ALREADY_STARTED}, {'i', EFI_INVALID_PARAMETER},
-                                               {'n', EFI_NOT_FOUND}};
+      {'T', EFI_OPEN_PROTOCOL_TEST_PROTOCOL}, {'C', kChild}, {'D', kDriver}, {'X', EFI_OPEN_PROTOCOL_EXCLUSIVE}, {'?', 0x40}};
+  const std::map<char, EFI_STATUS> statuses = {{'s', EFI_SUCCESS}, {'d', EFI_ACCESS_DENIED}, {'a', EFI_ALREADY_STARTED},
+                                               {'i', EFI_INVALID_PARAMETER}, {'n', EFI_NOT_FOUND}};
   for (auto [what, steps] : kOpenScenarios) {
     SCOPED_TRACE(what);
     EFI_HANDLE h = installNew(kA, &a);
@@ -121,34 +118,20 @@ TEST_F(HandleDatabaseTest, OpenProtocolScenarios) {
         if (handsOut || status == EFI_ACCESS_DENIED || status == EFI_INVALID_PARAMETER) {
           EXPECT_EQ(iface, handsOut ? &a : nullptr) << step;
         }
-      } else if (step[0] == 'c') {
-        status = bs()->CloseProtocol(h, &kA, agent, controller);
-      } else if (step[0] == 'u') {
-        status = bs()->UninstallProtocolInterface(h, &kA, &a);
-        installed = installed && status != EFI_SUCCESS;
-      } else {
-        status = bs()->ReinstallProtocolInterface(h, &kA, &a, &a);
-      }
+      } else if (step[0] == 'c') status = bs()->CloseProtocol(h, &kA, agent, controller);
+      else if (step[0] == 'u') installed = (status = bs()->UninstallProtocolInterface(h, &kA, &a)) != EFI_SUCCESS && installed;
+      else status = bs()->ReinstallProtocolInterface(h, &kA, &a, &a);
       EXPECT_EQ(statusName(status), statusName(statuses.at(step[eq + 1]))) << step;
     }
-    if (installed) {
-      EXPECT_EQ(platform().uninstallProtocol(h, kA, &a), EFI_SUCCESS);
-    }
-    for (int i = 1; i <= 2; ++i) {
-      EXPECT_EQ(platform().uninstallProtocol(agents[i], kB, &b), EFI_SUCCESS);
-      EXPECT_EQ(platform().uninstallProtocol(controllers[i], kC, &c), EFI_SUCCESS);
-    }
+    if (installed) platform().uninstallProtocol(h, kA, &a);
+    for (int i = 1; i <= 2; ++i) platform().uninstallProtocol(agents[i], kB, &b), platform().uninstallProtocol(controllers[i], kC, &c);
   }
 }
 
 TEST_F(HandleDatabaseTest, OpenProtocolInformationCountsOpens) {
-  EFI_HANDLE h = installNew(kA, &a);
-  EFI_HANDLE agent = installNew(kB, &b);
-  EFI_HANDLE controller = installNew(kC, &c);
+  EFI_HANDLE h = installNew(kA, &a), agent = installNew(kB, &b), controller = installNew(kC, &c);
   void* iface = nullptr;
-  auto open = [&](uint32_t attributes) {
-    ASSERT_EQ(bs()->OpenProtocol(h, &kA, &iface, agent, controller, attributes), EFI_SUCCESS);
-  };
+  auto open = [&](uint32_t attributes) { ASSERT_EQ(bs()->OpenProtocol(h, &kA, &iface, agent, controller, attributes), EFI_SUCCESS); };
   // Attributes and open count of every entry, in order.
   auto entries = [&] {
     EFI_OPEN_PROTOCOL_INFORMATION_ENTRY* list = nullptr;
@@ -168,8 +151,7 @@ TEST_F(HandleDatabaseTest, OpenProtocolInformationCountsOpens) {
   // With a BY_DRIVER open the uninstall fails before touching anything.
   EXPECT_EQ(bs()->UninstallProtocolInterface(h, &kA, &a), EFI_ACCESS_DENIED);
   EXPECT_EQ(entries().size(), 2u);
-  // Without one, the GET_PROTOCOL opens go even when a child open still
-  // refuses the uninstall, as in firmware.
+  // Without one, the GET_PROTOCOL opens go even when a child open refuses the uninstall.
   ASSERT_EQ(bs()->CloseProtocol(h, &kA, agent, controller), EFI_SUCCESS);
   for (uint32_t attributes : {kGet, kChild}) open(attributes);
   EXPECT_EQ(bs()->UninstallProtocolInterface(h, &kA, &a), EFI_ACCESS_DENIED);
@@ -177,11 +159,8 @@ TEST_F(HandleDatabaseTest, OpenProtocolInformationCountsOpens) {
 }
 
 TEST_F(HandleDatabaseTest, LocateHandleAndBuffer) {
-  EFI_HANDLE h1 = installNew(kA, &a);
-  EFI_HANDLE h2 = installNew(kA, &a2);
-  EFI_HANDLE h3 = installNew(kB, &b);
-  // The later-installed interface is listed after the earlier one even
-  // when its handle is older.
+  EFI_HANDLE h1 = installNew(kA, &a), h2 = installNew(kA, &a2), h3 = installNew(kB, &b);
+  // The later-installed interface is listed after the earlier one even when its handle is older.
   ASSERT_EQ(bs()->InstallProtocolInterface(&h3, &kC, EFI_NATIVE_INTERFACE, &c), EFI_SUCCESS);
   ASSERT_EQ(bs()->InstallProtocolInterface(&h1, &kC, EFI_NATIVE_INTERFACE, &c), EFI_SUCCESS);
   EFI_HANDLE buffer[4] = {};
@@ -240,9 +219,8 @@ TEST_F(HandleDatabaseTest, InstallMultipleIsAllOrNothing) {
   // A device path that some handle already has cannot make a new handle.
   std::vector<uint8_t> path = pciPath({1, 2}), same = path;
   EFI_HANDLE first = nullptr, second = nullptr;
-  ASSERT_EQ(bs()->InstallMultipleProtocolInterfaces(&first, &kDevicePath, path.data(), nullptr), EFI_SUCCESS);
-  EXPECT_EQ(bs()->InstallMultipleProtocolInterfaces(&second, &kA, &a, &kDevicePath, same.data(), nullptr),
-            EFI_ALREADY_STARTED);
+  ASSERT_EQ(installPath(&first, path, kB, &b), EFI_SUCCESS);
+  EXPECT_EQ(installPath(&second, same, kA, &a), EFI_ALREADY_STARTED);
   EXPECT_EQ(second, nullptr);
   EXPECT_TRUE(platform().handlesWith(kA).empty());
 
@@ -263,21 +241,17 @@ TEST_F(HandleDatabaseTest, InstallMultipleIsAllOrNothing) {
 TEST_F(HandleDatabaseTest, LocateDevicePathPicksTheLongestPrefix) {
   std::vector<uint8_t> paths[] = {pciPath({1}), pciPath({1, 2}), pciPath({1, 2, 3})};
   EFI_HANDLE shortHandle = nullptr, longHandle = nullptr, other = nullptr;
-  ASSERT_EQ(bs()->InstallMultipleProtocolInterfaces(&shortHandle, &kDevicePath, paths[0].data(), &kA, &a, nullptr),
-            EFI_SUCCESS);
-  ASSERT_EQ(bs()->InstallMultipleProtocolInterfaces(&longHandle, &kDevicePath, paths[1].data(), &kA, &a2, nullptr),
-            EFI_SUCCESS);
-  // Has the longest match but not the protocol asked for.
-  ASSERT_EQ(bs()->InstallMultipleProtocolInterfaces(&other, &kDevicePath, paths[2].data(), &kB, &b, nullptr),
-            EFI_SUCCESS);
+  ASSERT_EQ(installPath(&shortHandle, paths[0], kA, &a), EFI_SUCCESS);
+  ASSERT_EQ(installPath(&longHandle, paths[1], kA, &a2), EFI_SUCCESS);
+  ASSERT_EQ(installPath(&other, paths[2], kB, &b), EFI_SUCCESS);  // the longest match, without the protocol
   std::vector<uint8_t> malformed = pciPath({1, 2});
   malformed[8] = 2;  // second node claims to be 2 bytes long
-  struct Case { std::vector<uint8_t> source; EFI_STATUS expected; EFI_HANDLE device; std::ptrdiff_t remaining; } cases[] = {
+  struct { std::vector<uint8_t> source; EFI_STATUS expected; EFI_HANDLE device; std::ptrdiff_t remaining; } cases[] = {
       {pciPath({1, 2, 3, 4}), EFI_SUCCESS, longHandle, 12}, {pciPath({1, 2}), EFI_SUCCESS, longHandle, 12},
       {pciPath({1, 5}), EFI_SUCCESS, shortHandle, 6},       {pciPath({9}), EFI_NOT_FOUND, nullptr, 0},
       {malformed, EFI_INVALID_PARAMETER, nullptr, 0},
   };
-  for (Case& t : cases) {
+  for (auto& t : cases) {
     EFI_DEVICE_PATH_PROTOCOL* path = asPath(t.source);
     EFI_HANDLE device = nullptr;
     EXPECT_EQ(statusName(bs()->LocateDevicePath(&kA, &path, &device)), statusName(t.expected));

@@ -1,5 +1,4 @@
-// Image loading, instances, entry failure, Exit, unload, LoadImage /
-// StartImage, and the current-platform stack.
+// Image loading, instances, entry failure, Exit, unload, LoadImage/StartImage, the current-platform stack.
 #include <cstdlib>
 
 #include "tests/host/platform_test_util.h"
@@ -28,8 +27,7 @@ class ImageTest : public PlatformTest {
 };
 
 TEST_F(ImageTest, EveryLoadIsAnIndependentInstance) {
-  EFI_HANDLE first = load(kImage);
-  EFI_HANDLE second = load(kImage);
+  EFI_HANDLE first = load(kImage), second = load(kImage);
   auto incFirst = platform().imageFunction<Counter>(first, "counterIncrement");
   auto incSecond = platform().imageFunction<Counter>(second, "counterIncrement");
   auto* counterFirst = static_cast<UINTN*>(platform().imageSymbol(first, "gCounter"));
@@ -38,8 +36,7 @@ TEST_F(ImageTest, EveryLoadIsAnIndependentInstance) {
   EXPECT_EQ(*counterFirst, 2u);
   EFI_LOADED_IMAGE_PROTOCOL* info = loadedImage(first);
   ASSERT_NE(info, nullptr);
-  auto base = reinterpret_cast<uintptr_t>(info->ImageBase);
-  auto code = reinterpret_cast<uintptr_t>(incFirst);
+  auto base = reinterpret_cast<uintptr_t>(info->ImageBase), code = reinterpret_cast<uintptr_t>(incFirst);
   EXPECT_TRUE(code >= base && code < base + info->ImageSize) << "ImageBase/ImageSize must cover the code";
   // Exit is only for the image whose entry is running.
   EXPECT_EQ(bs()->Exit(first, EFI_SUCCESS, 0, nullptr), EFI_INVALID_PARAMETER);
@@ -71,17 +68,14 @@ TEST_F(ImageTest, FailedEntriesUnloadTheImage) {
 }
 
 TEST_F(ImageTest, UnloadRules) {
-  // Without an Unload handler nothing happens.
-  EFI_HANDLE plain = load(kImage);
+  EFI_HANDLE plain = load(kImage);  // without an Unload handler nothing happens
   EXPECT_EQ(platform().unloadImage(plain), EFI_UNSUPPORTED);
   EXPECT_NE(loadedImage(plain), nullptr);
 
-  // A refusing handler keeps the image.
-  setMode(TEST_MODE_UNLOADABLE | TEST_MODE_REFUSE_UNLOAD);
+  setMode(TEST_MODE_UNLOADABLE | TEST_MODE_REFUSE_UNLOAD);  // a refusing handler keeps the image
   EFI_HANDLE refusing = load(kImage);
   EXPECT_EQ(platform().unloadImage(refusing), EFI_ACCESS_DENIED);
   EXPECT_NE(loadedImage(refusing), nullptr);
-
   // An image that holds memory and a protocol gives both back.
   setMode(TEST_MODE_UNLOADABLE | TEST_MODE_ALLOCATE | TEST_MODE_INSTALL);
   EFI_HANDLE full = load(kImage);
@@ -91,9 +85,7 @@ TEST_F(ImageTest, UnloadRules) {
   EXPECT_FALSE(inDatabase(full));
   EXPECT_TRUE(platform().handlesWith(kCounterProtocol).empty());
   EXPECT_EQ(platform().leakReport().find("test_counter_image#3"), std::string::npos);
-  for (EFI_HANDLE h : {full, EFI_HANDLE{}, st()->ConsoleOutHandle})
-    EXPECT_EQ(bs()->UnloadImage(h), EFI_INVALID_PARAMETER);
-
+  for (EFI_HANDLE h : {full, EFI_HANDLE{}, st()->ConsoleOutHandle}) EXPECT_EQ(bs()->UnloadImage(h), EFI_INVALID_PARAMETER);
   // A consumer holding the protocol BY_DRIVER makes the handler's uninstall fail.
   EFI_HANDLE busy = load(kImage);
   void* iface = nullptr;
@@ -151,13 +143,12 @@ TEST_F(ImageTest, LoadImageAndStartImageServices) {
   EXPECT_EQ(platform().poolStats().outstanding, 0u);
 
   int bytes = 0;
-  struct Case { EFI_HANDLE parent; std::vector<uint8_t> path; bool buffer; EFI_STATUS expected; };
-  Case cases[] = {
+  struct { EFI_HANDLE parent; std::vector<uint8_t> path; bool buffer; EFI_STATUS expected; } cases[] = {
       {parent, filePath("test_counter_image"), true, EFI_UNSUPPORTED},  // from a memory buffer
       {parent, filePath("\\missing.efi"), false, EFI_NOT_FOUND},         {parent, pciPath({1}), false, EFI_NOT_FOUND},
       {st()->ConsoleOutHandle, filePath("test_counter_image"), false, EFI_INVALID_PARAMETER},  // not an image
   };
-  for (Case& t : cases) {
+  for (auto& t : cases) {
     EFI_HANDLE h = nullptr;
     EFI_STATUS s = bs()->LoadImage(FALSE, t.parent, asPath(t.path), t.buffer ? &bytes : nullptr, 4, &h);
     EXPECT_EQ(statusName(s), statusName(t.expected)) << (&t - cases);
@@ -173,8 +164,7 @@ TEST(PlatformStack, InnermostPlatformIsCurrent) {
   {
     host::Platform inner;
     EXPECT_EQ(host::currentPlatform(), &inner);
-    void* p = nullptr;
-    // Boot services act on the current platform.
+    void* p = nullptr;  // boot services act on the current platform
     ASSERT_EQ(outer->bootServices()->AllocatePool(EfiBootServicesData, 8, &p), EFI_SUCCESS);
     EXPECT_EQ(inner.poolStats().outstanding, 1u);
     EXPECT_EQ(outer->poolStats().outstanding, 0u);

@@ -1,9 +1,9 @@
-// Pool accounting, fault injection, invalid frees, the lean pool, and the
-// fixture's own leak check and sweep.
+// Pool accounting, fault injection, invalid frees, the lean pool, and the fixture's leak check and sweep.
 #include <gtest/gtest-spi.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <numeric>
 #include <cstring>
 
 #include "tests/host/platform_test_util.h"
@@ -21,14 +21,10 @@ class PoolTest : public PlatformTest {
     EXPECT_EQ(services->AllocatePool(EfiBootServicesData, size, &p), EFI_SUCCESS);
     return p;
   }
-  // Runs `body` on the fixture's checked pool and then on a lean platform
-  // of its own (current while it lives).
+  // Runs `body` on the fixture's checked pool, then on a lean platform of its own.
   template <typename Body>
   void onEachPool(Body body) {
-    {
-      SCOPED_TRACE("checked pool");
-      body(platform());
-    }
+    { SCOPED_TRACE("checked pool"); body(platform()); }
     host::Platform lean(host::PoolMode::Lean);
     SCOPED_TRACE("lean pool");
     body(lean);
@@ -36,10 +32,9 @@ class PoolTest : public PlatformTest {
 };
 
 TEST_F(PoolTest, PoolTypesAndArguments) {
-  const std::pair<uint32_t, bool> types[] = {  // type, accepted
-      {EfiBootServicesData, true},    {EfiLoaderData, true},        {EfiRuntimeServicesData, true},
-      {0x70000000u, true},            {0x80000001u, true},          {EfiConventionalMemory, false},
-      {EfiPersistentMemory, false},   {EfiMaxMemoryType, false},    {0x6FFFFFFFu, false}};
+  const std::pair<uint32_t, bool> types[] = {{EfiBootServicesData, true}, {EfiLoaderData, true},  // type, accepted
+      {EfiRuntimeServicesData, true}, {0x70000000u, true}, {0x80000001u, true}, {EfiConventionalMemory, false},
+      {EfiPersistentMemory, false}, {EfiMaxMemoryType, false}, {0x6FFFFFFFu, false}};
   onEachPool([&](host::Platform& pool) {
     EFI_BOOT_SERVICES* services = pool.bootServices();
     for (auto [type, accepted] : types) {
@@ -49,26 +44,21 @@ TEST_F(PoolTest, PoolTypesAndArguments) {
       if (s == EFI_SUCCESS) services->FreePool(p);
     }
     EXPECT_EQ(services->AllocatePool(EfiBootServicesData, 8, nullptr), EFI_INVALID_PARAMETER);
-    void* empty = allocateFrom(services, 0);  // a zero-size allocation is still a distinct buffer
-    void* other = allocateFrom(services, 0);
+    void *empty = allocateFrom(services, 0), *other = allocateFrom(services, 0);  // zero-size, still distinct
     EXPECT_TRUE(empty && other && empty != other);
-    EXPECT_EQ(services->FreePool(empty), EFI_SUCCESS);
-    EXPECT_EQ(services->FreePool(other), EFI_SUCCESS);
+    EXPECT_TRUE(services->FreePool(empty) == EFI_SUCCESS && services->FreePool(other) == EFI_SUCCESS);
     EXPECT_EQ(pool.poolStats().outstanding, 0u);
   });
 }
 
-// Sizes on both sides of every kind of boundary the lean pool has: the
-// 16-byte steps, the switch to power-of-two classes, the largest class and
-// the blocks beyond it.
+// Sizes on both sides of the lean pool's boundaries: 16-byte steps, the
+// switch to power-of-two classes, the largest class and the blocks beyond.
 TEST_F(PoolTest, LeanPoolBlocksAreZeroedAlignedAndDisjoint) {
   host::Platform lean(host::PoolMode::Lean);
   EFI_BOOT_SERVICES* services = lean.bootServices();
   const size_t sizes[] = {0, 1, 7, 8, 9, 15, 16, 17, 100, 512, 513, 1000, 1024, 1025, 4096, 65535, 65536, 65537, 300000};
-  size_t total = 0;
-  for (size_t size : sizes) total += size;
-  // Two rounds: the second gets recycled blocks, which must come back zeroed
-  // although the pool kept its free list in them.
+  const size_t total = std::accumulate(std::begin(sizes), std::end(sizes), size_t{0});
+  // The second round gets recycled blocks, zeroed although the pool kept its free list in them.
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE(round == 0 ? "fresh blocks" : "recycled blocks");
     std::vector<uint8_t*> blocks;
@@ -85,12 +75,9 @@ TEST_F(PoolTest, LeanPoolBlocksAreZeroedAlignedAndDisjoint) {
     host::PoolStats stats = lean.poolStats();
     EXPECT_EQ(stats.outstanding, std::size(sizes));
     EXPECT_EQ(stats.outstandingBytes, total);
-    EXPECT_NE(lean.leakReport().find(std::to_string(std::size(sizes)) + " pool allocation(s), " +
-                                     std::to_string(total) + " bytes"),
-              std::string::npos)
-        << lean.leakReport();
-    // Each block still holds its own pattern: no block overlaps another or
-    // the pool's heads.
+    EXPECT_NE(lean.leakReport().find(std::to_string(std::size(sizes)) + " pool allocation(s), " + std::to_string(total) +
+                                     " bytes"), std::string::npos) << lean.leakReport();
+    // Each block still holds its own pattern: none overlaps another or the pool's heads.
     for (size_t b = 0; b < blocks.size(); ++b) {
       size_t foreign = 0;
       for (size_t i = 0; i < sizes[b]; ++i) foreign += blocks[b][i] != uint8_t(0xA0 + b);
@@ -103,8 +90,7 @@ TEST_F(PoolTest, LeanPoolBlocksAreZeroedAlignedAndDisjoint) {
     EXPECT_EQ(stats.frees, stats.allocations);
     EXPECT_TRUE(lean.leakReport().empty()) << lean.leakReport();
   }
-  // Many blocks, enough to fill several chunks, stay apart; the ones still
-  // held when the platform goes are returned with it.
+  // Blocks enough to fill several chunks stay apart; those still held go with the platform.
   std::vector<std::pair<uint32_t*, size_t>> many;
   for (uint32_t i = 0; i < 20000; ++i) {
     size_t words = 1 + (i * 7) % 200;
@@ -132,10 +118,7 @@ TEST_F(PoolTest, LeanPoolRefusesWhatItDidNotHandOut) {
     auto* large = static_cast<uint8_t*>(allocateFrom(services, 200000));
     auto* freed = static_cast<uint8_t*>(allocateFrom(services, 40));
     ASSERT_EQ(services->FreePool(freed), EFI_SUCCESS);
-    const struct {
-      const char* what;
-      void* address;
-    } cases[] = {
+    const struct { const char* what; void* address; } cases[] = {
         {"null", nullptr},
         {"stack memory", local + 16},
         {"host heap memory", host},
@@ -150,8 +133,7 @@ TEST_F(PoolTest, LeanPoolRefusesWhatItDidNotHandOut) {
     EXPECT_NE(lean.poolErrorReport().find("not an outstanding pool allocation"), std::string::npos);
     // The refusals changed nothing: the real blocks free once, and only once.
     host::PoolStats before = lean.poolStats();
-    EXPECT_EQ(services->FreePool(small), EFI_SUCCESS);
-    EXPECT_EQ(services->FreePool(large), EFI_SUCCESS);
+    EXPECT_TRUE(services->FreePool(small) == EFI_SUCCESS && services->FreePool(large) == EFI_SUCCESS);
     EXPECT_EQ(services->FreePool(large), EFI_INVALID_PARAMETER);
     host::PoolStats after = lean.poolStats();
     EXPECT_TRUE(after.outstanding == 0 && after.frees == before.frees + 2);
@@ -161,14 +143,12 @@ TEST_F(PoolTest, LeanPoolRefusesWhatItDidNotHandOut) {
   EXPECT_EQ(bs()->FreePool(checked), EFI_SUCCESS);
 }
 
-// The checked pool's accounting and the fixture's leak check, which counts
-// only what came after its baseline; invalid frees and overruns are counted,
-// not fatal.
+// The checked pool's accounting and the fixture's leak check, which counts what came after its
+// baseline; invalid frees and overruns are counted, not fatal.
 TEST_F(PoolTest, AccountingAndTheLeakCheck) {
   void* kept = allocate(40);
   markBaseline();  // held on purpose, like an image's state
-  void* a = allocate(24);
-  void* b = allocate(100);
+  void *a = allocate(24), *b = allocate(100);
   host::PoolStats stats = platform().poolStats();
   EXPECT_TRUE(stats.outstanding == 3 && stats.outstandingBytes == 164 && stats.allocations == 3);
   auto list = platform().outstandingAllocations();
@@ -177,13 +157,11 @@ TEST_F(PoolTest, AccountingAndTheLeakCheck) {
   EXPECT_NE(report.find("24 bytes allocated by host"), std::string::npos) << report;
   EXPECT_TRUE(since.find("100 bytes") != std::string::npos && since.find("24 bytes") == std::string::npos) << since;
   EXPECT_NONFATAL_FAILURE(expectNoLeaks(), "24 bytes allocated by host");
-  EXPECT_EQ(bs()->FreePool(a), EFI_SUCCESS);
-  EXPECT_EQ(bs()->FreePool(b), EFI_SUCCESS);
+  EXPECT_TRUE(bs()->FreePool(a) == EFI_SUCCESS && bs()->FreePool(b) == EFI_SUCCESS);
   expectNoLeaks();
   EXPECT_EQ(bs()->FreePool(kept), EFI_SUCCESS);
   stats = platform().poolStats();
   EXPECT_TRUE(stats.outstanding == 0 && stats.outstandingBytes == 0 && platform().leakReport().empty());
-
   auto* p = static_cast<uint8_t*>(allocate(16));
   int local = 0;
   EXPECT_EQ(bs()->FreePool(&local), EFI_INVALID_PARAMETER);
@@ -203,13 +181,12 @@ TEST_F(PoolTest, AccountingAndTheLeakCheck) {
 }
 
 TEST_F(PoolTest, FaultInjectionModes) {
-  struct Case { bool from; size_t k; const char* outcomes; };  // one letter per attempt: s succeeded, f refused
-  const Case cases[] = {{false, 2, "sfsss"}, {false, 1, "fssss"}, {true, 3, "ssfff"}, {true, 1, "fffff"},
-                        {false, 9, "sssss"}};
+  const struct { bool from; size_t k; const char* outcomes; } cases[] = {  // per attempt: s succeeded, f refused
+      {false, 2, "sfsss"}, {false, 1, "fssss"}, {true, 3, "ssfff"}, {true, 1, "fffff"}, {false, 9, "sssss"}};
   onEachPool([&](host::Platform& pool) {
     EFI_BOOT_SERVICES* services = pool.bootServices();
     size_t refused = 0;
-    for (const Case& t : cases) {
+    for (const auto& t : cases) {
       t.from ? pool.failAllocationsFrom(t.k) : pool.failAllocation(t.k);
       std::string outcomes;
       std::vector<void*> held;
@@ -225,11 +202,9 @@ TEST_F(PoolTest, FaultInjectionModes) {
       refused += std::count(outcomes.begin(), outcomes.end(), 'f');
       for (void* p : held) services->FreePool(p);
     }
-    host::PoolStats stats = pool.poolStats();
-    EXPECT_EQ(stats.failedByInjection, refused);
-    EXPECT_EQ(stats.outstanding, 0u);
-    // Firmware services that allocate take part too.
-    EFI_PHYSICAL_ADDRESS pages = 0;
+    EXPECT_EQ(pool.poolStats().failedByInjection, refused);
+    EXPECT_EQ(pool.poolStats().outstanding, 0u);
+    EFI_PHYSICAL_ADDRESS pages = 0;  // firmware services that allocate take part too
     pool.failAllocationsFrom(1);
     EXPECT_EQ(services->AllocatePages(AllocateAnyPages, EfiBootServicesData, 1, &pages), EFI_OUT_OF_RESOURCES);
     int iface = 0;
@@ -255,8 +230,7 @@ TEST_F(PoolTest, Pages) {
   markBaseline();  // the refused FreePages calls were deliberate
 }
 
-// The free observer sees each block with its contents before the pool's
-// fill, pool blocks and page runs alike, and nothing once removed.
+// The free observer sees pool blocks and page runs with their contents before the fill, and nothing once removed.
 TEST_F(PoolTest, FreeObserverSeesBlocksBeforeTheyAreFilled) {
   std::vector<std::pair<size_t, std::string>> seen;
   platform().setFreeObserver([&](const void* block, size_t size) {
@@ -276,7 +250,6 @@ TEST_F(PoolTest, FreeObserverSeesBlocksBeforeTheyAreFilled) {
 }
 
 TEST_F(PoolTest, SweepRunsEveryFailurePointAndFindsLeaks) {
-  // An operation with three allocations that cleans up after itself.
   auto tidy = [&]() -> EFI_STATUS {
     void* p[3] = {};
     EFI_STATUS s = EFI_SUCCESS;
@@ -292,10 +265,8 @@ TEST_F(PoolTest, SweepRunsEveryFailurePointAndFindsLeaks) {
     EXPECT_EQ(seen, (std::vector<size_t>{1, 2, 3}));
   }
 
-  // One that forgets its first buffer when the second allocation fails.
-  void* first = nullptr;
-  void* second = nullptr;
-  auto leaky = [&]() -> EFI_STATUS {
+  void *first = nullptr, *second = nullptr;
+  auto leaky = [&]() -> EFI_STATUS {  // forgets its first buffer when the second allocation fails
     RETURN_IF_ERROR(bs()->AllocatePool(EfiBootServicesData, 16, &first));
     EFI_STATUS s = bs()->AllocatePool(EfiBootServicesData, 16, &second);
     if (EFI_ERROR(s)) first = nullptr;
@@ -308,8 +279,7 @@ TEST_F(PoolTest, SweepRunsEveryFailurePointAndFindsLeaks) {
   };
   EXPECT_NONFATAL_FAILURE(sweepAllocationFailures(leaky, [](EFI_STATUS, size_t) {}, cleanup),
                           "allocation attempt 2 of 2");
-  // One that frees its buffer twice when the second allocation fails.
-  auto doubleFree = [&]() -> EFI_STATUS {
+  auto doubleFree = [&]() -> EFI_STATUS {  // frees its buffer twice when the second allocation fails
     RETURN_IF_ERROR(bs()->AllocatePool(EfiBootServicesData, 16, &first));
     EFI_STATUS s = bs()->AllocatePool(EfiBootServicesData, 16, &second);
     if (EFI_ERROR(s)) {
@@ -322,7 +292,6 @@ TEST_F(PoolTest, SweepRunsEveryFailurePointAndFindsLeaks) {
   EXPECT_NONFATAL_FAILURE(sweepAllocationFailures(doubleFree, [](EFI_STATUS, size_t) {}, cleanup),
                           "allocation attempt 2 of 2 failing (EFI_OUT_OF_RESOURCES) frees memory");
   markBaseline();
-  // Free what the leaky run lost so that this test itself ends clean.
   for (const host::AllocationInfo& a : platform().outstandingAllocations()) bs()->FreePool(a.address);
 }
 

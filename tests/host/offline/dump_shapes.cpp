@@ -28,7 +28,7 @@ Bytes withDevicePath(Bytes list, const Bytes& path) {
   return hii::buildPackageList(view.guid, packages);
 }
 
-// A text in en-US with its keyword in `keywordLanguage`.
+// A text in en-US, with its keyword in `keywordLanguage`.
 struct Texts {
   ifr::Strings& strings;
   std::string keywordLanguage;
@@ -37,6 +37,7 @@ struct Texts {
   }
   UINT16 operator()(const char16_t* text) const { return strings.add({{"en-US", text}}); }
 };
+Bytes vendorPath(UINT32 n) { return hii::DevicePathBuilder().vendorHardware(guid(n)).build(); }
 
 }  // namespace
 
@@ -75,8 +76,7 @@ Bytes platformConfigList() {
       .checkbox(ifr::Checkbox(9, t(u"Secure mode", u"SecureMode"), help).store(2, 0).defaultOn())
       .numeric(ifr::Numeric(10, t(u"Boot delay", u"BootDelay"), help, Width::U16)
                    .store(2, 2).range(0, 0xffff).defaultValue(0x1234));
-  return withDevicePath(ifr::packageList(kPlatformGuid, set, strings),
-                        hii::DevicePathBuilder().vendorHardware(guid(2)).build());
+  return withDevicePath(ifr::packageList(kPlatformGuid, set, strings), vendorPath(2));
 }
 
 Bytes keywordNamespaceList() {
@@ -89,8 +89,7 @@ Bytes keywordNamespaceList() {
   set.form(1, title)
       .string(ifr::String(1, t(u"iSCSI Initiator Name", u"iSCSIInitiatorName"), help, 4, 223).store(1, 0))
       .checkbox(ifr::Checkbox(2, t(u"Enable iSCSI", u"iSCSIEnable"), help).store(1, 6));
-  return withDevicePath(ifr::packageList(guid(5), set, strings),
-                        hii::DevicePathBuilder().vendorHardware(guid(6)).build());
+  return withDevicePath(ifr::packageList(guid(5), set, strings), vendorPath(6));
 }
 
 Bytes twoFormSetsList() {
@@ -101,7 +100,7 @@ Bytes twoFormSetsList() {
   first.form(0x1001, health).subtitle(health).text(help, help);
   second.form(0x1002, configure).subtitle(configure).text(help, help);
   return withDevicePath(ifr::packageList(guid(9), std::vector<Bytes>{first.package(), second.package()}, strings),
-                        hii::DevicePathBuilder().vendorHardware(guid(10)).build());
+                        vendorPath(10));
 }
 
 Bytes sharedGuidList(int n) {
@@ -110,9 +109,7 @@ Bytes sharedGuidList(int n) {
   ifr::FormSetBuilder set(guid(11), title, help);
   set.form(1, title).label(0x1000).label(0xffff);
   Bytes list = ifr::packageList(kSharedGuid, set, strings);
-  // One driver handle took the explorer's vendor path; the other drivers'
-  // lists were registered without one.
-  return n == 1 ? withDevicePath(list, hii::DevicePathBuilder().vendorHardware(guid(12)).build()) : list;
+  return n == 1 ? withDevicePath(list, vendorPath(12)) : list;  // only the first driver gave a device path
 }
 
 Bytes lowerCaseList() {
@@ -140,15 +137,12 @@ Bytes lowerCaseList() {
   for (UINT8 extend : {UINT8(1), UINT8(2)}) {  // class, subclass
     Bytes g;
     guidBytes(g, kTianoGuid);
-    g.push_back(extend);
-    le16(g, extend == 1 ? 0x04 : 0x03);
+    g.push_back(extend), le16(g, extend == 1 ? 0x04 : 0x03);
     op(EFI_IFR_GUID_OP, false, g);
   }
-  Bytes store;
-  le16(store, 1);
-  guidBytes(store, guid(15));
+  Bytes store, form;
+  le16(store, 1), guidBytes(store, guid(15));
   op(EFI_IFR_VARSTORE_NAME_VALUE_OP, false, store);
-  Bytes form;
   le16(form, 1), le16(form, title);
   op(EFI_IFR_FORM_OP, true, form);
   for (const char16_t* name : {u"Name", u"Version"}) {
@@ -161,12 +155,10 @@ Bytes lowerCaseList() {
     const UINT16 name = strings.add(tag == 0x0101 ? u"hostname" : u"filename");
     le16(q, strings.add(tag == 0x0101 ? u"Host name" : u"Boot filename")), le16(q, help), le16(q, tag), le16(q, 1),
         le16(q, name);
-    q.push_back(0);
-    q.insert(q.end(), {0x00, 0xff, 0x00});
+    q.insert(q.end(), {0, 0x00, 0xff, 0x00});
     op(EFI_IFR_STRING_OP, false, q);
   }
-  op(EFI_IFR_END_OP, false, {});
-  op(EFI_IFR_END_OP, false, {});
+  for (int end = 0; end < 2; ++end) op(EFI_IFR_END_OP, false, {});
   // Forms first, then the strings, whose LanguageName is the last string.
   const UINT16 english = strings.add(u"English");
   std::vector<Bytes> packages = {ifr::formsPackage(ops)};

@@ -1,8 +1,6 @@
-// The offline platform: stores that start from the forms' standard defaults
-// and take configuration lines, refusals of bad lines with their positions,
-// routed configurations, lists the database refuses, and the driver handles,
-// device paths and exports of lists that share a GUID. (A file's framing is
-// refused through the command line's tests.)
+// The offline platform: stores from the forms' standard defaults, configuration
+// lines and their refusals, routed configurations, lists the database refuses,
+// and lists sharing a GUID. (File framing is tested through the command line.)
 #include "host/offline/offline_platform.h"
 
 #include <gtest/gtest.h>
@@ -35,8 +33,8 @@ std::vector<uint8_t> slice(const std::vector<uint8_t>& bytes, size_t at, size_t 
   return std::vector<uint8_t>(bytes.begin() + long(at), bytes.begin() + long(at + width));
 }
 
-std::vector<uint8_t> bufferStore(OfflinePlatform& p, size_t list = 0) {
-  return p.lists()[list].device->storage(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
+std::vector<uint8_t> bufferStore(OfflinePlatform& p) {
+  return p.lists()[0].device->storage(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
 }
 std::vector<uint8_t> variableStore(OfflinePlatform& p) {
   std::vector<uint8_t> bytes;
@@ -48,12 +46,8 @@ std::string hdr(const EFI_GUID& guid, const std::u16string& name) {
   return hii::toAscii(hii::configHdr(guid, name, {0x7f, 0xff, 0x04, 0x00}));
 }
 
-// What a string of configuration lines leaves in the platform list's stores.
-struct Field {
-  bool variable;
-  size_t offset, width;
-  uint64_t value;
-};
+// A field of the platform list's buffer or variable store.
+struct Field { bool variable; size_t offset, width; uint64_t value; };
 
 TEST(OfflinePlatformTest, StoresStartFromTheStandardDefaultsOfTheForms) {
   OfflinePlatform p(shapes::platformConfigList());
@@ -61,10 +55,7 @@ TEST(OfflinePlatformTest, StoresStartFromTheStandardDefaultsOfTheForms) {
   ASSERT_TRUE(p.lists()[0].device);
   ASSERT_EQ(p.lists()[0].stores.size(), 2u);
   EXPECT_TRUE(p.warnings().empty());
-  const struct {
-    const char* what;
-    Field field;
-  } cases[] = {
+  const struct { const char* what; Field field; } cases[] = {
       {"constant DEFAULT of store 0", {false, 0, 2, 800}},
       {"DEFAULT computed from another question's default", {false, 2, 2, 1024}},
       {"option flagged as the standard default", {false, 4, 1, 1}},
@@ -80,12 +71,9 @@ TEST(OfflinePlatformTest, StoresStartFromTheStandardDefaultsOfTheForms) {
   ASSERT_EQ(buffer.size(), shapes::kPlatformStoreSize);
   ASSERT_EQ(variable.size(), shapes::kPlatformVariableSize);
   for (const auto& c : cases)
-    EXPECT_EQ(slice(c.field.variable ? variable : buffer, c.field.offset, c.field.width),
-              le(c.field.value, c.field.width))
+    EXPECT_EQ(slice(c.field.variable ? variable : buffer, c.field.offset, c.field.width), le(c.field.value, c.field.width))
         << c.what;
-
-  // A whole-store answer carries the computed default in its standard
-  // configuration, as configuration routing would.
+  // A whole-store answer carries the computed default in its standard configuration.
   EFI_HII_CONFIG_ACCESS_PROTOCOL* access = p.lists()[0].device->configAccess();
   const std::u16string request = p.lists()[0].device->configHdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
   EFI_STRING progress = nullptr, results = nullptr;
@@ -139,10 +127,7 @@ TEST(OfflinePlatformTest, ConfigLinesOverwriteTheStoresTheyName) {
 TEST(OfflinePlatformTest, BadConfigLinesAreRefusedWithTheirLineNumberAndChangeNothing) {
   const std::string good = hdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore) + "&OFFSET=0&WIDTH=1&VALUE=ff\n";
   const std::string head = hdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
-  const struct {
-    std::string text;
-    std::string says;
-  } cases[] = {
+  const struct { std::string text, says; } cases[] = {
       {good + "GUID=zz", "line 2, column 6: GUID needs 32 hex digits"},
       {good + "\n# note\n" + head + "&OFFSET=0&WIDTH=1", "line 4, column " + std::to_string(head.size() + 18) +
                                                            ": expected &VALUE="},
@@ -173,9 +158,8 @@ TEST(OfflinePlatformTest, BadConfigLinesAreRefusedWithTheirLineNumberAndChangeNo
   }
 }
 
-// RouteConfig validates and writes the stores that ExtractConfig and the
-// forms processor read: the buffer on the device, the variable on the
-// platform.
+// RouteConfig writes what ExtractConfig and the forms processor read: the
+// buffer on the device, the variable on the platform.
 TEST(OfflinePlatformTest, RoutedConfigurationsReachWhatTheFormsProcessorReads) {
   OfflinePlatform p(shapes::platformConfigList());
   auto& device = *p.lists()[0].device;
@@ -183,10 +167,7 @@ TEST(OfflinePlatformTest, RoutedConfigurationsReachWhatTheFormsProcessorReads) {
   const std::u16string buffer = device.configHdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
   const std::u16string variable = device.configHdr(shapes::kPlatformVariableGuid, shapes::kPlatformVariable);
   const std::vector<uint8_t> before = bufferStore(p);
-  const struct {
-    std::u16string text;
-    EFI_STATUS status;
-  } cases[] = {
+  const struct { std::u16string text; EFI_STATUS status; } cases[] = {
       {buffer + u"&OFFSET=0010&WIDTH=0001&VALUE=01", EFI_INVALID_PARAMETER},  // past the store
       {buffer + u"&OFFSET=0004&WIDTH=0001&VALUE=02", EFI_SUCCESS},
       {variable + u"&OFFSET=0002&WIDTH=0002&VALUE=abcd", EFI_SUCCESS},
@@ -216,13 +197,7 @@ TEST(OfflinePlatformTest, RoutedConfigurationsReachWhatTheFormsProcessorReads) {
   EXPECT_EQ(values[2], 1024u);    // the computed default, untouched
 }
 
-// ---------------------------------------------------------------- files
-void putU32(Bytes& b, size_t at, UINT32 v) {
-  for (size_t i = 0; i < 4; ++i) b.at(at + i) = UINT8(v >> (8 * i));
-}
-
-// A list whose string package does not parse is left out with a warning;
-// the lists around it still load.
+// A list whose string package does not parse is left out with a warning; the others still load.
 TEST(OfflinePlatformTest, AListThatTheDatabaseRefusesIsLeftOutWithAWarning) {
   Bytes bytes = shapes::platformConfigList();
   Bytes broken = shapes::twoFormSetsList();
@@ -232,7 +207,8 @@ TEST(OfflinePlatformTest, AListThatTheDatabaseRefusesIsLeftOutWithAWarning) {
   for (const auto& package : view.packages)
     if (package.type == EFI_HII_PACKAGE_STRINGS) strings = package.offset;
   ASSERT_NE(strings, 0u);
-  putU32(broken, strings + 8, 0xffff);  // StringInfoOffset past the package
+  const std::vector<uint8_t> offset = le(0xffff, 4);  // StringInfoOffset past the package
+  std::copy(offset.begin(), offset.end(), broken.begin() + long(strings + 8));
   const size_t at = bytes.size();
   bytes.insert(bytes.end(), broken.begin(), broken.end());
   OfflinePlatform p(bytes);
@@ -245,12 +221,7 @@ TEST(OfflinePlatformTest, AListThatTheDatabaseRefusesIsLeftOutWithAWarning) {
   EXPECT_NE(p.warnings().front().find("package list 2"), std::string::npos) << p.warnings().front();
 }
 
-// ---------------------------------------------------------------- exports
-struct Export {
-  EFI_STATUS status;
-  std::string fqdd;  // of the possible document's entry
-  size_t formSets = 0;
-};
+struct Export { EFI_STATUS status; std::string fqdd; /* of the possible document's entry */ size_t formSets = 0; };
 
 Export exportList(OfflinePlatform& p, size_t index, const std::u16string& fqdd) {
   p.registerFqdd(index, fqdd);
