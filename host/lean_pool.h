@@ -160,7 +160,7 @@ class LeanPool {
   std::vector<Range>::iterator rangeOf(uintptr_t address);  // end() when none holds it
   Range* rangeAt(uintptr_t start);
   // Released large blocks kept for reuse (their starts; 0: none).
-  static constexpr size_t kSpareBlocks = 4;
+  static constexpr size_t kSpareBlocks = 16;
   uintptr_t spare_[kSpareBlocks] = {};
 };
 

@@ -40,6 +40,13 @@ void copyMem(VOID* dst, const VOID* src, UINTN n) {
     return;
   }
   if (d < s || d >= s + n) {
+    // Forward, a word at a time: each word is read before it is written,
+    // and a destination below the source never reaches bytes not yet read.
+    for (; n >= sizeof(UINT64); n -= sizeof(UINT64), d += sizeof(UINT64), s += sizeof(UINT64)) {
+      UINT64 word;
+      __builtin_memcpy(&word, s, sizeof word);
+      __builtin_memcpy(d, &word, sizeof word);
+    }
     for (UINTN i = 0; i < n; ++i) d[i] = s[i];
   } else {
     for (UINTN i = n; i-- > 0;) d[i] = s[i];

@@ -33,10 +33,11 @@ TEST_F(MemoryTest, OverlappingCopiesMoveTheSourceBytes) {
       {3, 0, 10}, {0, 3, 10},  // overlapping, the destination after or before the source
       {1, 0, 15}, {0, 1, 15},  // one byte apart, both ways
       {4, 4, 8},  {8, 0, 8},  {0, 8, 8},  {5, 2, 0},  // the same range, adjacent ranges, nothing to copy
+      {0, 5, 300}, {5, 0, 300},  // long enough for the firmware's own copy, both ways
   };
   for (auto [name, fn] : probes<Copy>("probeCopyMem", "probeMemmove"))
     for (const auto& c : cases) {
-      std::vector<UINT8> buffer(16);
+      std::vector<UINT8> buffer(std::max<size_t>(16, std::max(c.dst, c.src) + c.n));
       std::iota(buffer.begin(), buffer.end(), UINT8(1));
       std::vector<UINT8> expected = buffer;
       for (size_t i = 0; i < c.n; ++i) expected[c.dst + i] = buffer[c.src + i];
