@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-
 namespace tvl::host {
 
 namespace {
@@ -33,9 +32,7 @@ uintptr_t LeanPool::map(size_t bytes, bool large) {
     madvise(reinterpret_cast<void*>(start), bytes, MADV_HUGEPAGE);
   }
   const Range range{start, start + bytes, large, mapping, bytes + slack};
-  ranges_.insert(std::upper_bound(ranges_.begin(), ranges_.end(), start,
-                                  [](uintptr_t a, const Range& r) { return a < r.start; }),
-                 range);
+  ranges_.insert(firstAfter(start), range);
   return start;
 }
 
@@ -92,9 +89,13 @@ uint8_t* LeanPool::takeSpare(size_t size) {
   return base;
 }
 
+std::vector<LeanPool::Range>::iterator LeanPool::firstAfter(uintptr_t address) {
+  return std::upper_bound(ranges_.begin(), ranges_.end(), address,
+                          [](uintptr_t a, const Range& r) { return a < r.start; });
+}
+
 std::vector<LeanPool::Range>::iterator LeanPool::rangeOf(uintptr_t address) {
-  auto after = std::upper_bound(ranges_.begin(), ranges_.end(), address,
-                                [](uintptr_t a, const Range& r) { return a < r.start; });
+  auto after = firstAfter(address);
   if (after == ranges_.begin()) return ranges_.end();
   auto range = after - 1;
   return address < range->end ? range : ranges_.end();

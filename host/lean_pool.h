@@ -157,7 +157,8 @@ class LeanPool {
   // outside the latest chunk searches it, and it stays a few dozen entries
   // long and contiguous, so that costs a handful of cached compares.
   std::vector<Range> ranges_;
-  std::vector<Range>::iterator rangeOf(uintptr_t address);  // end() when none holds it
+  std::vector<Range>::iterator firstAfter(uintptr_t address);  // the first range starting above it
+  std::vector<Range>::iterator rangeOf(uintptr_t address);     // end() when none holds it
   Range* rangeAt(uintptr_t start);
   // Released large blocks kept for reuse (their starts; 0: none).
   static constexpr size_t kSpareBlocks = 16;

@@ -53,50 +53,28 @@ const CHAR8* attributeEscape(UINT8 b) {
   }
 }
 
-// The writer's bytes go to one buffer that doubles as it fills: a single
-// walk of the tree. Walking a large tree is bound by the misses of reaching
-// each node and its texts, so a walk that only counted the bytes first cost
-// more than the few copies that doubling makes; the price is a buffer up to
-// twice the document's size, which is handed out as it is.
-class ByteSink {
- public:
-  bool put(const void* bytes, UINTN n) { return buffer_.append(bytes, n); }
-  tvl::rt::Pool<CHAR8> take() { return buffer_.take(); }
-
- private:
-  ByteBuffer buffer_;
-};
-
 class Writer {
  public:
   EFI_STATUS run(const XML_NODE* root, CHAR8** text);
 
  private:
-  template <typename Sink>
-  EFI_STATUS walk(const XML_NODE* root, Sink& sink);
-  template <typename Sink>
-  EFI_STATUS openElement(const XML_NODE* node, Sink& sink);
-  template <typename Sink>
-  EFI_STATUS closeElement(const XML_NODE* node, Sink& sink);
-  template <typename Sink>
-  EFI_STATUS attributes(const XML_NODE* node, Sink& sink);
-  template <typename Sink>
-  EFI_STATUS characters(const CHAR8* text, bool attribute, Sink& sink);
-  template <typename Sink>
-  static EFI_STATUS put(Sink& sink, const CHAR8* text) {
-    return sink.put(text, tvl::rt::length(text)) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
+  EFI_STATUS walk(const XML_NODE* root, ByteBuffer& sink);
+  EFI_STATUS openElement(const XML_NODE* node, ByteBuffer& sink);
+  EFI_STATUS closeElement(const XML_NODE* node, ByteBuffer& sink);
+  EFI_STATUS attributes(const XML_NODE* node, ByteBuffer& sink);
+  EFI_STATUS characters(const CHAR8* text, bool attribute, ByteBuffer& sink);
+  static EFI_STATUS put(ByteBuffer& sink, const CHAR8* text) {
+    return sink.append(text, tvl::rt::length(text)) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
   }
-  template <typename Sink>
-  static EFI_STATUS put(Sink& sink, const void* bytes, UINTN n) {
-    return sink.put(bytes, n) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
+  static EFI_STATUS put(ByteBuffer& sink, const void* bytes, UINTN n) {
+    return sink.append(bytes, n) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
   }
 
   NameSet names_;
   Stack<const XML_NODE*> open_;  // elements whose children are being written
 };
 
-template <typename Sink>
-EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, Sink& sink) {
+EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, ByteBuffer& sink) {
   const UINT8* s = bytesOf(text);
   UINTN length = tvl::rt::length(text);
   UINTN pos = 0;
@@ -131,8 +109,7 @@ EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, Sink& sink) {
   return EFI_SUCCESS;
 }
 
-template <typename Sink>
-EFI_STATUS Writer::attributes(const XML_NODE* node, Sink& sink) {
+EFI_STATUS Writer::attributes(const XML_NODE* node, ByteBuffer& sink) {
   names_.clear();
   for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next) {
     if (!validName(a->name) || !a->value) return EFI_INVALID_PARAMETER;
@@ -152,8 +129,7 @@ EFI_STATUS Writer::attributes(const XML_NODE* node, Sink& sink) {
 
 // Writes the start tag and the contents; an element with neither contents
 // nor children is written as an empty-element tag and is complete.
-template <typename Sink>
-EFI_STATUS Writer::openElement(const XML_NODE* node, Sink& sink) {
+EFI_STATUS Writer::openElement(const XML_NODE* node, ByteBuffer& sink) {
   if (!validName(node->name)) return EFI_INVALID_PARAMETER;
   RETURN_IF_ERROR(put(sink, "<"));
   RETURN_IF_ERROR(put(sink, node->name));
@@ -164,16 +140,14 @@ EFI_STATUS Writer::openElement(const XML_NODE* node, Sink& sink) {
   return EFI_SUCCESS;
 }
 
-template <typename Sink>
-EFI_STATUS Writer::closeElement(const XML_NODE* node, Sink& sink) {
+EFI_STATUS Writer::closeElement(const XML_NODE* node, ByteBuffer& sink) {
   if (!node->contents && !node->children) return EFI_SUCCESS;
   RETURN_IF_ERROR(put(sink, "</"));
   RETURN_IF_ERROR(put(sink, node->name));
   return put(sink, ">");
 }
 
-template <typename Sink>
-EFI_STATUS Writer::walk(const XML_NODE* root, Sink& sink) {
+EFI_STATUS Writer::walk(const XML_NODE* root, ByteBuffer& sink) {
   const XML_NODE* node = root;
   for (;;) {
     RETURN_IF_ERROR(openElement(node, sink));
@@ -195,8 +169,13 @@ EFI_STATUS Writer::walk(const XML_NODE* root, Sink& sink) {
   }
 }
 
+// The writer's bytes go to one buffer that doubles as it fills: a single
+// walk of the tree. Walking a large tree is bound by the misses of reaching
+// each node and its texts, so a walk that only counted the bytes first cost
+// more than the few copies that doubling makes; the price is a buffer up to
+// twice the document's size, which is handed out as it is.
 EFI_STATUS Writer::run(const XML_NODE* root, CHAR8** text) {
-  ByteSink sink;
+  ByteBuffer sink;
   RETURN_IF_ERROR(walk(root, sink));
   tvl::rt::Pool<CHAR8> result = sink.take();
   if (!result) return EFI_OUT_OF_RESOURCES;
