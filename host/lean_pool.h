@@ -1,23 +1,36 @@
-// The lean pool: blocks carved from large chunks and recycled through one
-// free list per size class, as a firmware pool does. Each block carries an
-// 8-byte head (signature, size class, size) in front of it; the pool keeps
-// no record per block beyond that, so allocation and release cost a few
-// dozen instructions and no host allocation. Blocks are 8-byte aligned, the
-// alignment the UEFI specification promises for pool memory, and come
-// zero-filled.
+// The lean pool: blocks carved from pages of one size class each, as a
+// firmware pool carves its pool pages per bucket. Each block carries an
+// 8-byte head (signature, size class, size) in front of it; each page
+// carries a header (its class, how many of its blocks are out, its free
+// list and where its uncarved rest starts). Nothing else is recorded per
+// block, so allocation and release cost a few dozen instructions and no
+// host allocation. Blocks are 8-byte aligned, the alignment the UEFI
+// specification promises for pool memory, and, as in firmware, not
+// cleared: a recycled block holds what its last owner left (the checked
+// pool fills blocks with a pattern, so that tests catch code that counts
+// on zeroes).
+//
+// Why pages rather than one free list per class: a free list shared by a
+// whole class hands blocks out in the order they were last released, so
+// after a large tree has been built and freed a few times its nodes lie
+// scattered across every chunk, and walking the next tree costs a cache
+// miss per node. A page's blocks are carved in address order, a page whose
+// blocks are all back starts over from its first block, and a class takes
+// from its current page until that is full; consecutive allocations so
+// stay neighbours however often the pool has been through the same work.
 //
 // Blocks above the largest class are host mappings of their own and the
-// only blocks the pool lists (they are few and large). A few of
-// them are kept when released, for later requests that fit them, so that a
-// large text built again and again does not return to the host (and come
-// back as fresh pages) every time.
+// only blocks the pool lists besides its chunks (they are few and large).
+// A few of them are kept when released, for later requests that fit them,
+// so that a large text built again and again does not return to the host
+// (and come back as fresh pages) every time.
 //
-// Release checks what it can cheaply: the address must be 8-byte aligned,
-// lie inside one of the pool's chunks or large blocks, and its head must
-// carry the signature of a live block. Addresses the pool never handed out
-// and second releases of a block are refused that way; a second release of
-// a block that has been handed out again in between is not detected, and
-// neither is writing past a block's end.
+// Release checks what it can cheaply: the address must lie inside one of
+// the pool's chunks or large blocks, at the start of a carved block of a
+// page, and its head must carry the signature of a live block. Addresses
+// the pool never handed out and second releases of a block are refused
+// that way; a second release of a block that has been handed out again in
+// between is not detected, and neither is writing past a block's end.
 //
 // The fast paths are inline and call nothing, and the slow paths are
 // EFIAPI: the pool is reached from EFIAPI entry points, which would
@@ -42,24 +55,23 @@ class LeanPool {
   LeanPool(const LeanPool&) = delete;
   LeanPool& operator=(const LeanPool&) = delete;
 
-  // A zero-filled block of `size` bytes; null when the host has no memory
-  // left. A zero-size request still gets a block of its own.
+  // A block of `size` bytes; null when the host has no memory left. A
+  // zero-size request still gets a block of its own.
   void* allocate(size_t size) {
     if (size <= kLargestClass) {
       const uint32_t sizeClass = classOf(size);
-      if (void* recycled = freeLists_[sizeClass]) {
-        std::memcpy(&freeLists_[sizeClass], recycled, sizeof(void*));
-        // The next allocation of this class reads the block after this one
-        // from its first bytes: fetch it now rather than stall on it then.
-        __builtin_prefetch(freeLists_[sizeClass], 1);
-        zero(recycled, size);
-        return withHead(static_cast<uint8_t*>(recycled), sizeClass, size);
-      }
-      const size_t footprint = kHeadBytes + classBytes(sizeClass);
-      if (size_t(freshEnd_ - fresh_) >= footprint) {
-        uint8_t* base = fresh_;
-        fresh_ += footprint;
-        return withHead(base + kHeadBytes, sizeClass, size);
+      if (Page* page = current_[sizeClass]) {
+        if (void* recycled = page->freeList) {
+          std::memcpy(&page->freeList, recycled, sizeof(void*));
+          page->used++;
+          return withHead(static_cast<uint8_t*>(recycled), sizeClass, size);
+        }
+        if (size_t(page->end - page->bump) >= page->footprint) {
+          uint8_t* block = page->bump + kHeadBytes;
+          page->bump += page->footprint;
+          page->used++;
+          return withHead(block, sizeClass, size);
+        }
       }
     }
     return allocateSlow(this, size);
@@ -69,21 +81,26 @@ class LeanPool {
   // (nothing changes) when `block` is not a live block of this pool.
   bool release(void* block, size_t* size) {
     const auto address = reinterpret_cast<uintptr_t>(block);
-    if (address % kAlignment != 0 || address - kHeadBytes < lastChunk_.start ||
-        address >= lastChunk_.end)
-      return releaseSlow(this, block, size);
+    if (address < lastChunk_.start || address >= lastChunk_.end) return releaseSlow(this, block, size);
+    Page* page = pageOf(address);
     Head head;
-    std::memcpy(&head, headAddress(address), sizeof head);
-    if (head.signature != kLiveSignature || head.sizeClass >= kClasses || head.size > classBytes(head.sizeClass))
-      return false;
+    if (!carvedBlock(page, address, &head)) return false;
     *size = head.size;
-    pushFree(block, head);
+    head.signature = kFreedSignature;
+    std::memcpy(headAddress(address), &head, sizeof head);
+    std::memcpy(block, &page->freeList, sizeof(void*));
+    page->freeList = block;
+    // A page that was full, or is now empty, changes lists.
+    if (--page->used == 0 || page->state == PageState::Full) settle(this, page);
     return true;
   }
 
   static constexpr size_t kHeadBytes = 8;
   static constexpr size_t kAlignment = 8;
   static constexpr size_t kLargestClass = 64 * 1024;
+  // Pages are this large and aligned to their size, so a block's page is
+  // its address rounded down.
+  static constexpr size_t kPageBytes = 256 * 1024;
 
  private:
   struct Head {
@@ -93,8 +110,27 @@ class LeanPool {
   };
   static_assert(sizeof(Head) == kHeadBytes, "block heads keep payloads 8-byte aligned");
 
+  enum class PageState : uint8_t { Current, Partial, Full, Empty };
+  struct Page {
+    uint32_t signature;
+    uint16_t sizeClass;
+    PageState state;
+    uint8_t reserved;
+    uint32_t used;       // blocks handed out and not released
+    uint32_t footprint;  // head and payload of one block
+    uint8_t* bump;       // the first block never carved since the page started over
+    uint8_t* end;
+    void* freeList;      // released blocks, linked through their first bytes
+    Page* previous;      // in its class's partial list or the empty list
+    Page* next;
+  };
+  static constexpr size_t kPageHeaderBytes = 64;
+  static_assert(sizeof(Page) <= kPageHeaderBytes, "the page header fits before the first block");
+  static_assert((kLargestClass + kHeadBytes) * 3 + kPageHeaderBytes <= kPageBytes, "a page holds three of the largest class");
+
   static constexpr uint16_t kLiveSignature = 0x4c50;
   static constexpr uint16_t kFreedSignature = 0x4650;
+  static constexpr uint32_t kPageSignature = 0x4c504147;
   static constexpr uint32_t kSmallClasses = 64;            // 8, 16, ... 512 bytes
   static constexpr uint32_t kClasses = kSmallClasses + 7;  // then 1 KiB ... 64 KiB
   static constexpr uint16_t kLargeClass = kClasses;
@@ -110,6 +146,13 @@ class LeanPool {
     void* mapping;  // the host mapping that holds it
     size_t mappingLength;
   };
+  // A doubly linked list of pages.
+  struct PageList {
+    Page* first = nullptr;
+    void push(Page* page);
+    void remove(Page* page);
+    Page* pop();
+  };
 
   static uint32_t classOf(size_t size) {
     if (size <= kSmallClasses * 8) return size == 0 ? 0 : uint32_t((size - 1) / 8);
@@ -119,37 +162,46 @@ class LeanPool {
   static size_t classBytes(uint32_t sizeClass) {
     return sizeClass < kSmallClasses ? (size_t(sizeClass) + 1) * 8 : size_t(1024) << (sizeClass - kSmallClasses);
   }
+  static Page* pageOf(uintptr_t address) { return reinterpret_cast<Page*>(address & ~uintptr_t(kPageBytes - 1)); }
   static void* headAddress(uintptr_t address) { return reinterpret_cast<void*>(address - kHeadBytes); }
   static void* withHead(uint8_t* block, uint32_t sizeClass, size_t size) {
     const Head head{kLiveSignature, uint16_t(sizeClass), uint32_t(size)};
     std::memcpy(block - kHeadBytes, &head, sizeof head);
     return block;
   }
-  // Word stores through a volatile pointer, so that the compiler keeps the
-  // loop instead of calling memset.
-  static void zero(void* block, size_t size) {
-    auto* words = static_cast<volatile uint64_t*>(block);
-    for (size_t i = 0, n = (size + 7) / 8; i < n; ++i) words[i] = 0;
-  }
-  void pushFree(void* block, Head head) {
-    head.signature = kFreedSignature;
-    std::memcpy(headAddress(reinterpret_cast<uintptr_t>(block)), &head, sizeof head);
-    std::memcpy(block, &freeLists_[head.sizeClass], sizeof(void*));
-    freeLists_[head.sizeClass] = block;
+  // Whether `address` (inside a chunk) is the payload of a block carved
+  // from its page and still out; its head goes to *head.
+  static bool carvedBlock(const Page* page, uintptr_t address, Head* head) {
+    const uintptr_t first = reinterpret_cast<uintptr_t>(page) + kPageHeaderBytes + kHeadBytes;
+    if (page->signature != kPageSignature || address < first || address >= uintptr_t(page->bump) ||
+        (address - first) % page->footprint != 0)
+      return false;
+    std::memcpy(head, headAddress(address), sizeof *head);
+    return head->signature == kLiveSignature && head->sizeClass == page->sizeClass &&
+           head->size <= classBytes(head->sizeClass);
   }
 
   static void* EFIAPI allocateSlow(LeanPool* pool, size_t size);
   static bool EFIAPI releaseSlow(LeanPool* pool, void* block, size_t* size);
+  static void EFIAPI settle(LeanPool* pool, Page* page);
+  void* allocateLarge(size_t size);
+  bool releaseLarge(std::vector<Range>::iterator range, uintptr_t address, size_t* size);
+  Page* newPage();                           // null when the host refuses
+  static void startOver(Page* page, uint32_t sizeClass);
   uintptr_t map(size_t bytes, bool large);  // 0 when the host refuses
-  bool addChunk(size_t atLeast);
+  bool addChunk();
   uint8_t* takeSpare(size_t size);
 
-  // Free blocks of each class, linked through their first bytes.
-  void* freeLists_[kClasses] = {};
-  // The untouched rest of the newest chunk (zero, as the host handed it out).
+  // The page each class carves from, or null before its first block.
+  Page* current_[kClasses] = {};
+  // Pages of each class, other than the current one, with blocks to reuse.
+  PageList partial_[kClasses];
+  // Pages with no block out, ready for any class.
+  PageList empty_;
+  // The uncarved rest of the newest chunk, in whole pages.
   uint8_t* fresh_ = nullptr;
   uint8_t* freshEnd_ = nullptr;
-  size_t nextChunkBytes_ = 64 * 1024;
+  size_t nextChunkBytes_ = 2 * 1024 * 1024;
   // The chunk of the latest release that needed a look-up: releases tend to
   // come in runs from one chunk.
   Span lastChunk_;

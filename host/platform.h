@@ -33,9 +33,9 @@ enum class PoolMode {
   // guard bytes that are checked when it is freed. Leaks are listed one by
   // one. The tests use this pool.
   Checked,
-  // Size-class free lists in large chunks with a small head per block and
-  // counts only (see host/lean_pool.h): blocks come zero-filled, invalid
-  // frees are refused where the head shows them, overruns go unnoticed and
+  // Pages of one size class each, a small head per block and counts only
+  // (see host/lean_pool.h): blocks are not cleared, as in firmware, invalid
+  // frees are refused where the page and head show them, overruns go unnoticed and
   // leaks are reported as a total. Fault injection works as in the checked
   // pool. For the command line and the benchmarks.
   Lean,

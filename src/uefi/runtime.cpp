@@ -4,6 +4,10 @@ namespace tvl::rt {
 
 ImageContext gImage;
 
+namespace {
+constexpr UINTN kInlineZeroBytes = 128;
+}  // namespace
+
 void initialize(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
   gImage.imageHandle = imageHandle;
   gImage.systemTable = systemTable;
@@ -14,9 +18,18 @@ void initialize(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
 VOID* allocateZero(UINTN size) {
   VOID* buffer = nullptr;
   if (bs()->AllocatePool(EfiBootServicesData, size, &buffer) != EFI_SUCCESS || !buffer) return nullptr;
-  // The firmware's own SetMem: every allocation passes here, and the
-  // platform's fill is far quicker than the byte loop below.
-  bs()->SetMem(buffer, size, 0);
+  // Pool memory is 8-byte aligned. Nearly every allocation is a node, an
+  // attribute or a short text, cleared here a word at a time; longer ones
+  // go to the firmware's own SetMem, far quicker than a loop.
+  if (size > kInlineZeroBytes) {
+    bs()->SetMem(buffer, size, 0);
+    return buffer;
+  }
+  auto* bytes = static_cast<UINT8*>(buffer);
+  UINTN i = 0;
+  const UINT64 zero = 0;
+  for (; i + sizeof zero <= size; i += sizeof zero) __builtin_memcpy(bytes + i, &zero, sizeof zero);
+  for (; i < size; ++i) bytes[i] = 0;
   return buffer;
 }
 
