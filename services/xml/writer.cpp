@@ -8,10 +8,12 @@ namespace {
 
 const UINT8* bytesOf(const CHAR8* text) { return reinterpret_cast<const UINT8*>(text); }
 
-bool validName(const CHAR8* name) {
-  if (!name) return false;
-  UINTN length = tvl::rt::length(name);
-  return length != 0 && scanName(bytesOf(name), length) == length;
+// Length of `name` when the whole text is an XML Name, else 0: one pass
+// that both measures and checks (the terminator ends any name).
+UINTN nameLength(const CHAR8* name) {
+  if (!name) return 0;
+  const UINTN length = scanName(bytesOf(name), ~UINTN(0));
+  return name[length] == '\0' ? length : 0;
 }
 
 // Length of the well-formed reference that starts at the "&" at `s`, or 0.
@@ -53,17 +55,49 @@ const CHAR8* attributeEscape(UINT8 b) {
   }
 }
 
+// Bytes written as they are: printable ASCII other than the markup
+// characters, in contents and (without the quote) in attribute values.
+struct PlainBytes {
+  UINT8 bits[0x100];
+};
+constexpr UINT8 kPlainInContents = 1;
+constexpr UINT8 kPlainInAttribute = 2;
+constexpr PlainBytes plainBytes() {
+  PlainBytes plain{};
+  for (UINT32 b = 0x20; b < 0x80; ++b) {
+    if (b == '&' || b == '<' || b == '>') continue;
+    plain.bits[b] = UINT8(kPlainInContents | (b == '"' ? 0 : kPlainInAttribute));
+  }
+  return plain;
+}
+inline constexpr PlainBytes kPlainBytes = plainBytes();
+
+// Attribute names are checked for repeats pairwise up to this many; more
+// go through a hash set, which stays linear.
+constexpr UINTN kPairwiseAttributes = 8;
+
 class Writer {
  public:
   EFI_STATUS run(const XML_NODE* root, CHAR8** text);
 
  private:
+  // An element whose end tag is still to come, with its name's length.
+  struct Open {
+    const XML_NODE* node;
+    UINTN nameLength;
+  };
   EFI_STATUS walk(const XML_NODE* root, ByteBuffer& sink);
-  EFI_STATUS openElement(const XML_NODE* node, ByteBuffer& sink);
-  EFI_STATUS closeElement(const XML_NODE* node, ByteBuffer& sink);
+  EFI_STATUS openElement(const XML_NODE* node, UINTN nameLength, ByteBuffer& sink);
+  EFI_STATUS closeElement(const XML_NODE* node, UINTN nameLength, ByteBuffer& sink);
   EFI_STATUS attributes(const XML_NODE* node, ByteBuffer& sink);
+  EFI_STATUS repeatedNames(const XML_NODE* node, UINTN count);
   EFI_STATUS characters(const CHAR8* text, bool attribute, ByteBuffer& sink);
-  static EFI_STATUS put(ByteBuffer& sink, const CHAR8* text) {
+  // Markup of the writer's own, measured when compiled.
+  template <UINTN N>
+  static EFI_STATUS put(ByteBuffer& sink, const CHAR8 (&markup)[N]) {
+    return sink.append(markup, N - 1) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
+  }
+  static EFI_STATUS putText(ByteBuffer& sink, const CHAR8* text) {
     return sink.append(text, tvl::rt::length(text)) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
   }
   static EFI_STATUS put(ByteBuffer& sink, const void* bytes, UINTN n) {
@@ -71,68 +105,81 @@ class Writer {
   }
 
   NameSet names_;
-  Stack<const XML_NODE*> open_;  // elements whose children are being written
+  Stack<Open> open_;  // elements whose children are being written
 };
 
 EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, ByteBuffer& sink) {
   const UINT8* s = bytesOf(text);
-  UINTN length = tvl::rt::length(text);
-  UINTN pos = 0;
-  while (pos < length) {
-    // Copy the longest run that needs nothing, then deal with one byte.
-    UINTN run = pos;
-    while (run < length && s[run] >= 0x20 && s[run] < 0x80 && s[run] != '&' && s[run] != '<' && s[run] != '>' &&
-           !(attribute && s[run] == '"'))
-      ++run;
-    RETURN_IF_ERROR(put(sink, s + pos, run - pos));
-    pos = run;
-    if (pos == length) break;
-    UINT8 b = s[pos];
+  const UINT8 plain = attribute ? kPlainInAttribute : kPlainInContents;
+  for (;;) {
+    // Copy the longest run that needs nothing (the terminator ends it),
+    // then deal with one byte.
+    UINTN run = 0;
+    while (kPlainBytes.bits[s[run]] & plain) ++run;
+    RETURN_IF_ERROR(put(sink, s, run));
+    s += run;
+    const UINT8 b = *s;
+    if (b == '\0') return EFI_SUCCESS;
     if (b == '&' && !attribute) {
-      UINTN n = referenceLength(s + pos, length - pos);
-      RETURN_IF_ERROR(n ? put(sink, s + pos, n) : put(sink, "&amp;"));
-      pos += n ? n : 1;
+      UINTN n = referenceLength(s, tvl::rt::length(reinterpret_cast<const CHAR8*>(s)));
+      RETURN_IF_ERROR(n ? put(sink, s, n) : put(sink, "&amp;"));
+      s += n ? n : 1;
       continue;
     }
     const CHAR8* escape = attribute ? attributeEscape(b) : contentsEscape(b);
     if (escape) {
-      RETURN_IF_ERROR(put(sink, escape));
-      ++pos;
+      RETURN_IF_ERROR(putText(sink, escape));
+      ++s;
       continue;
     }
     UINT32 cp;
-    UINTN n = decodeUtf8(s + pos, length - pos, &cp);
+    UINTN n = decodeUtf8(s, tvl::rt::length(reinterpret_cast<const CHAR8*>(s)), &cp);
     if (n == 0 || !isXmlChar(cp)) return EFI_INVALID_PARAMETER;
-    RETURN_IF_ERROR(put(sink, s + pos, n));
-    pos += n;
+    RETURN_IF_ERROR(put(sink, s, n));
+    s += n;
   }
-  return EFI_SUCCESS;
 }
 
-EFI_STATUS Writer::attributes(const XML_NODE* node, ByteBuffer& sink) {
+// EFI_INVALID_PARAMETER when two of the node's `count` attributes share
+// a name (their names are known to be valid).
+EFI_STATUS Writer::repeatedNames(const XML_NODE* node, UINTN count) {
+  if (count <= kPairwiseAttributes) {
+    for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next)
+      for (const XML_ATTRIBUTE* b = a->next; b; b = b->next)
+        if (tvl::rt::equal(a->name, b->name)) return EFI_INVALID_PARAMETER;
+    return EFI_SUCCESS;
+  }
   names_.clear();
   for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next) {
-    if (!validName(a->name) || !a->value) return EFI_INVALID_PARAMETER;
     switch (names_.add(bytesOf(a->name), tvl::rt::length(a->name))) {
       case NameSet::kAdded: break;
       case NameSet::kRepeated: return EFI_INVALID_PARAMETER;
       case NameSet::kNoMemory: return EFI_OUT_OF_RESOURCES;
     }
-    RETURN_IF_ERROR(put(sink, " "));
-    RETURN_IF_ERROR(put(sink, a->name));
-    RETURN_IF_ERROR(put(sink, "=\""));
-    RETURN_IF_ERROR(characters(a->value, true, sink));
-    RETURN_IF_ERROR(put(sink, "\""));
   }
   return EFI_SUCCESS;
 }
 
+EFI_STATUS Writer::attributes(const XML_NODE* node, ByteBuffer& sink) {
+  UINTN count = 0;
+  for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next, ++count) {
+    const UINTN length = nameLength(a->name);
+    if (length == 0 || !a->value) return EFI_INVALID_PARAMETER;
+    RETURN_IF_ERROR(put(sink, " "));
+    RETURN_IF_ERROR(put(sink, a->name, length));
+    RETURN_IF_ERROR(put(sink, "=\""));
+    RETURN_IF_ERROR(characters(a->value, true, sink));
+    RETURN_IF_ERROR(put(sink, "\""));
+  }
+  return count < 2 ? EFI_SUCCESS : repeatedNames(node, count);
+}
+
 // Writes the start tag and the contents; an element with neither contents
 // nor children is written as an empty-element tag and is complete.
-EFI_STATUS Writer::openElement(const XML_NODE* node, ByteBuffer& sink) {
-  if (!validName(node->name)) return EFI_INVALID_PARAMETER;
+EFI_STATUS Writer::openElement(const XML_NODE* node, UINTN nameLength, ByteBuffer& sink) {
+  if (nameLength == 0) return EFI_INVALID_PARAMETER;
   RETURN_IF_ERROR(put(sink, "<"));
-  RETURN_IF_ERROR(put(sink, node->name));
+  RETURN_IF_ERROR(put(sink, node->name, nameLength));
   RETURN_IF_ERROR(attributes(node, sink));
   if (!node->contents && !node->children) return put(sink, "/>");
   RETURN_IF_ERROR(put(sink, ">"));
@@ -140,29 +187,31 @@ EFI_STATUS Writer::openElement(const XML_NODE* node, ByteBuffer& sink) {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS Writer::closeElement(const XML_NODE* node, ByteBuffer& sink) {
+EFI_STATUS Writer::closeElement(const XML_NODE* node, UINTN nameLength, ByteBuffer& sink) {
   if (!node->contents && !node->children) return EFI_SUCCESS;
   RETURN_IF_ERROR(put(sink, "</"));
-  RETURN_IF_ERROR(put(sink, node->name));
+  RETURN_IF_ERROR(put(sink, node->name, nameLength));
   return put(sink, ">");
 }
 
 EFI_STATUS Writer::walk(const XML_NODE* root, ByteBuffer& sink) {
   const XML_NODE* node = root;
   for (;;) {
-    RETURN_IF_ERROR(openElement(node, sink));
+    const UINTN length = nameLength(node->name);
+    RETURN_IF_ERROR(openElement(node, length, sink));
     if (node->children) {
-      if (!open_.push(node)) return EFI_OUT_OF_RESOURCES;
+      if (!open_.push(Open{node, length})) return EFI_OUT_OF_RESOURCES;
       node = node->children;
       continue;
     }
-    RETURN_IF_ERROR(closeElement(node, sink));
+    RETURN_IF_ERROR(closeElement(node, length, sink));
     // Climb until an element with a following sibling is found; the root's
     // own siblings are not part of the document.
     while (!open_.empty() && !node->next) {
-      node = open_.top();
+      const Open parent = open_.top();
       open_.pop();
-      RETURN_IF_ERROR(closeElement(node, sink));
+      node = parent.node;
+      RETURN_IF_ERROR(closeElement(node, parent.nameLength, sink));
     }
     if (open_.empty()) return EFI_SUCCESS;
     node = node->next;

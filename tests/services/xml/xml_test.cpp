@@ -340,6 +340,8 @@ TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
       {{"a", "line1\r\nline2\rline3\n\tend", {}, {}}, nullptr, true},
       {{"a", "]]&gt; &lt;![CDATA[", {}, {}}, nullptr, true},
       {{"leaf", "   ", {}, {}}, nullptr, true},
+      {{"many", {}, {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"d", "4"}, {"e", "5"}, {"f", "6"}, {"g", "7"}, {"h", "8"},
+                     {"i", "9"}, {"aa", "10"}}, {}}, nullptr, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
@@ -364,6 +366,8 @@ TEST_F(XmlTreeTest, TreesThatCannotBeWrittenAsXmlAreRefused) {
       {"1a", {}, {}, {}}, {"", {}, {}, {}}, {"r", {}, {}, {{"ok", {}, {}, {}}, {"-bad", {}, {}, {}}}},
       {"r", {}, {{"x y", "1"}}, {}}, {"r", {}, {{"k", "1"}, {"j", "2"}, {"k", "3"}}, {}}, {"r", "\x01", {}, {}},
       {"r", {}, {{"k", "a\x1f"}}, {}}, {"r", "\xff", {}, {}}, {"r", {}, {}, {{"c", "\xed\xa0\x80", {}, {}}}},
+      {"r", {}, {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"d", "4"}, {"e", "5"}, {"f", "6"}, {"g", "7"}, {"h", "8"},
+                 {"i", "9"}, {"b", "10"}}, {}},  // a repeat among more attributes than are compared pairwise
   };
   for (const Tree& tree : cases) {
     XML_NODE* root = build(tree);
