@@ -101,6 +101,7 @@ class LeanPool {
   // Pages are this large and aligned to their size, so a block's page is
   // its address rounded down.
   static constexpr size_t kPageBytes = 256 * 1024;
+  static_assert(kPageBytes <= UINT32_MAX, "offsets in a page fit 32 bits");
 
  private:
   struct Head {
@@ -173,8 +174,10 @@ class LeanPool {
   // from its page and still out; its head goes to *head.
   static bool carvedBlock(const Page* page, uintptr_t address, Head* head) {
     const uintptr_t first = reinterpret_cast<uintptr_t>(page) + kPageHeaderBytes + kHeadBytes;
+    // The offset is below kPageBytes: a 32-bit division, several times
+    // quicker than a 64-bit one on the release path.
     if (page->signature != kPageSignature || address < first || address >= uintptr_t(page->bump) ||
-        (address - first) % page->footprint != 0)
+        uint32_t(address - first) % page->footprint != 0)
       return false;
     std::memcpy(head, headAddress(address), sizeof *head);
     return head->signature == kLiveSignature && head->sizeClass == page->sizeClass &&

@@ -279,16 +279,19 @@ struct HiiDatabase::Impl {
     if (!string && *size != 0) return EFI_INVALID_PARAMETER;
     StoredList* list = find(packageList);
     if (!list || id == 0) return EFI_NOT_FOUND;
-    const auto packages = packagesOfLanguage(*list, language);
-    if (packages.empty()) return EFI_INVALID_LANGUAGE;
-    for (auto* package : packages) {
-      const StringEntry* entry = package->strings->find(id);
+    // One pass over the list's packages: the export asks for every string
+    // of every statement, so this stays free of host allocations.
+    bool languageFound = false;
+    for (const auto& package : list->packages) {
+      if (!package.strings || !sameLanguage(package.strings->primaryLanguage(), language)) continue;
+      languageFound = true;
+      const StringEntry* entry = package.strings->find(id);
       if (!entry) continue;
       RETURN_IF_ERROR(copyOut(entry->text, string, size));
       if (fontInfo) *fontInfo = nullptr;
       return EFI_SUCCESS;
     }
-    return EFI_NOT_FOUND;
+    return languageFound ? EFI_NOT_FOUND : EFI_INVALID_LANGUAGE;
   }
 
   static void putString(StringPackage& package, EFI_STRING_ID id, const std::u16string& text) {

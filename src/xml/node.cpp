@@ -91,9 +91,16 @@ EFI_STATUS copyNode(const XML_NODE* source, XML_NODE** copy) {
 // a search per row.
 bool mayMatchARow(const CHAR8* text, bool escape) {
   if (!text) return true;  // replaceAll refuses it, as before
-  for (; *text; ++text)
-    for (const XML_ESCAPE_ROW* row = XmlEscapeTable; row->raw && row->escaped; ++row)
-      if (row->flag == 1 && *text == (escape ? row->raw : row->escaped)[0]) return true;
+  UINT64 firsts[4] = {};  // one bit per byte value that starts a row's search text
+  for (const XML_ESCAPE_ROW* row = XmlEscapeTable; row->raw && row->escaped; ++row) {
+    if (row->flag != 1) continue;
+    const auto first = static_cast<UINT8>((escape ? row->raw : row->escaped)[0]);
+    firsts[first >> 6] |= UINT64(1) << (first & 63);
+  }
+  for (; *text; ++text) {
+    const auto c = static_cast<UINT8>(*text);
+    if ((firsts[c >> 6] >> (c & 63)) & 1) return true;
+  }
   return false;
 }
 
