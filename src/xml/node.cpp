@@ -86,21 +86,33 @@ EFI_STATUS copyNode(const XML_NODE* source, XML_NODE** copy) {
   return EFI_SUCCESS;
 }
 
+// The bytes that start a row's search text, one bit each: raw texts when
+// escaping, escaped ones when unescaping. The table is a constant, so the
+// sets are made when compiling.
+struct FirstBytes {
+  UINT64 bits[4];
+  constexpr bool has(UINT8 c) const { return (bits[c >> 6] >> (c & 63)) & 1; }
+};
+constexpr FirstBytes firstBytes(bool escape) {
+  FirstBytes set{};
+  for (const XML_ESCAPE_ROW* row = XmlEscapeTable; row->raw && row->escaped; ++row) {
+    if (row->flag != 1) continue;
+    const auto first = static_cast<UINT8>((escape ? row->raw : row->escaped)[0]);
+    set.bits[first >> 6] |= UINT64(1) << (first & 63);
+  }
+  return set;
+}
+constexpr FirstBytes kEscapeFirsts = firstBytes(true);
+constexpr FirstBytes kUnescapeFirsts = firstBytes(false);
+
 // Whether `text` holds the first character of a text that replaceEach
 // searches for. Most contents hold none, and then one pass over them saves
 // a search per row.
 bool mayMatchARow(const CHAR8* text, bool escape) {
   if (!text) return true;  // replaceAll refuses it, as before
-  UINT64 firsts[4] = {};  // one bit per byte value that starts a row's search text
-  for (const XML_ESCAPE_ROW* row = XmlEscapeTable; row->raw && row->escaped; ++row) {
-    if (row->flag != 1) continue;
-    const auto first = static_cast<UINT8>((escape ? row->raw : row->escaped)[0]);
-    firsts[first >> 6] |= UINT64(1) << (first & 63);
-  }
-  for (; *text; ++text) {
-    const auto c = static_cast<UINT8>(*text);
-    if ((firsts[c >> 6] >> (c & 63)) & 1) return true;
-  }
+  const FirstBytes& firsts = escape ? kEscapeFirsts : kUnescapeFirsts;
+  for (; *text; ++text)
+    if (firsts.has(static_cast<UINT8>(*text))) return true;
   return false;
 }
 
