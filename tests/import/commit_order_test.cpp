@@ -16,8 +16,6 @@
 
 namespace {
 
-namespace sample = tvl::host::sample;
-using tvl::host::ifr::Width;
 using namespace tvl::test;
 
 constexpr char16_t kDevice[] = u"System.Order.1";

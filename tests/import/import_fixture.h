@@ -11,6 +11,11 @@
 
 namespace tvl::test {
 
+// The names the import tests describe their devices with.
+namespace sample = host::sample;
+using host::ifr::True;
+using host::ifr::Width;
+
 // Each "Operation" as "Name:old>new:Status:code" (values joined by '|').
 std::vector<std::string> operations(const XML_NODE* results);
 

@@ -9,9 +9,6 @@
 
 namespace {
 
-namespace sample = tvl::host::sample;
-using tvl::host::ifr::True;
-using tvl::host::ifr::Width;
 using namespace tvl::test;
 
 constexpr char16_t kDevice[] = u"System.Save.1";

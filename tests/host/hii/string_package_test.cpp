@@ -77,7 +77,6 @@ TEST(StringPackageRefusals, MalformedPackagesAreRefused) {
       stringPackage("", kEnd),          // empty Language
       patched(8, 0xF0),                 // StringInfoOffset past the package
       patched(8, 10),                   // StringInfoOffset inside the header
-      withBlocks(str(u"x")),            // no END block
       withBlocks(cat({{EFI_HII_SIBT_STRINGS_UCS2}, u16le(3), ucs2(u"a"), ucs2(u"b"), kEnd})),  // fewer than counted
       withBlocks(cat({{EFI_HII_SIBT_DUPLICATE}, u16le(2), kEnd})),                           // DUPLICATE of a later id
       withBlocks(cat({{EFI_HII_SIBT_SKIP1, 1, EFI_HII_SIBT_DUPLICATE}, u16le(1), kEnd})),     // of a skipped id

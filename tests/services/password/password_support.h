@@ -132,4 +132,17 @@ class PasswordServiceTest : public PlatformTest {
   EFI_HANDLE handles_[2] = {};
 };
 
+// Both images loaded, as the service and storage tests use them.
+class BothPasswordServicesTest : public PasswordServiceTest {
+ public:
+  void SetUp() override {
+    PasswordServiceTest::SetUp();
+    newer_ = start(PasswordImage::Newer);
+    older_ = start(PasswordImage::Older);
+  }
+
+  PASSWORD_SERVICE_PROTOCOL* newer_ = nullptr;
+  PASSWORD_SERVICE_PROTOCOL* older_ = nullptr;
+};
+
 }  // namespace tvl::test

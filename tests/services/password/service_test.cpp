@@ -22,12 +22,10 @@ const CHAR16 kMaxPassword[] = u"abcdefghijklmnopqrstuvwxyz012345";    // 32 char
 const CHAR16 kLongPassword[] = u"abcdefghijklmnopqrstuvwxyz0123456";  // 33
 static_assert(sizeof kMaxPassword == 33 * 2 && sizeof kLongPassword == 34 * 2, "password lengths");
 
-class PasswordServiceTest : public tvl::test::PasswordServiceTest {
+class PasswordServiceTest : public tvl::test::BothPasswordServicesTest {
  public:
   void SetUp() override {
-    tvl::test::PasswordServiceTest::SetUp();
-    newer_ = start(PasswordImage::Newer);
-    older_ = start(PasswordImage::Older);
+    BothPasswordServicesTest::SetUp();
     hash_ = hashTextOf("Secret1", "NaCl");
   }
 
@@ -42,8 +40,6 @@ class PasswordServiceTest : public tvl::test::PasswordServiceTest {
   }
   EFI_STATUS verify(UINT16 which, const CHAR16* password) { return newer_->VerifyPassword(newer_, which, password); }
 
-  PASSWORD_SERVICE_PROTOCOL* newer_ = nullptr;
-  PASSWORD_SERVICE_PROTOCOL* older_ = nullptr;
   std::string hash_;  // SHA-256 hash text of "Secret1" with the salt text "NaCl"
 };
 

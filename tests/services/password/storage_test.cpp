@@ -19,20 +19,12 @@ using tvl::test::statusName;
 
 constexpr UINT16 kSys = PASSWORD_WHICH_SYSTEM, kSetup = PASSWORD_WHICH_SETUP;
 
-class PasswordStorageTest : public tvl::test::PasswordServiceTest {
+class PasswordStorageTest : public tvl::test::BothPasswordServicesTest {
  public:
-  void SetUp() override {
-    tvl::test::PasswordServiceTest::SetUp();
-    newer_ = start(PasswordImage::Newer);
-    older_ = start(PasswordImage::Older);
-  }
   Bytes salt(UINT16 which) {
     std::optional<PASSWORD_RECORD> r = record(which);
     return r ? Bytes(r->Salt, r->Salt + sizeof r->Salt) : Bytes();
   }
-
-  PASSWORD_SERVICE_PROTOCOL* newer_ = nullptr;
-  PASSWORD_SERVICE_PROTOCOL* older_ = nullptr;
 };
 
 // An RNG that hands out counting bytes, or fails.
