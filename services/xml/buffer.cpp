@@ -16,7 +16,10 @@ bool ByteBuffer::reserve(UINTN needed) {
     }
     capacity *= 2;
   }
-  Pool<CHAR8> grown = Pool<CHAR8>::bytes(capacity);
+  // Uncleared: every byte below size_ is written before it is read, and
+  // take() writes the terminator. A document doubles its buffer a dozen
+  // times, and clearing each would write the text's size twice over.
+  Pool<CHAR8> grown = Pool<CHAR8>::uncleared(capacity);
   if (!grown) return false;
   tvl::rt::copyMem(grown.get(), data_.get(), size_);
   data_ = static_cast<Pool<CHAR8>&&>(grown);
@@ -32,9 +35,9 @@ bool ByteBuffer::grow(const void* bytes, UINTN n) {
 }
 
 Pool<CHAR8> ByteBuffer::take() {
-  // Blocks come zero-filled and capacity keeps a byte past the text, so the
-  // terminator is there already.
+  // Capacity keeps a byte past the text for the terminator.
   if (!reserve(size_)) return Pool<CHAR8>();
+  data_[size_] = '\0';
   size_ = capacity_ = 0;
   return static_cast<Pool<CHAR8>&&>(data_);
 }

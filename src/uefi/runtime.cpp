@@ -33,6 +33,12 @@ VOID* allocateZero(UINTN size) {
   return buffer;
 }
 
+VOID* allocateUncleared(UINTN size) {
+  VOID* buffer = nullptr;
+  if (bs()->AllocatePool(EfiBootServicesData, size, &buffer) != EFI_SUCCESS) return nullptr;
+  return buffer;
+}
+
 void release(VOID* buffer) {
   if (buffer) bs()->FreePool(buffer);
 }

@@ -25,6 +25,9 @@ inline EFI_RUNTIME_SERVICES* rts() { return gImage.runtimeServices; }
 
 // Zero-filled boot-services data; null when the pool refuses.
 VOID* allocateZero(UINTN size);
+// Boot-services data left as the pool hands it out, for buffers that are
+// written before they are read; null when the pool refuses.
+VOID* allocateUncleared(UINTN size);
 // The one place that returns memory to the pool. Null is ignored.
 void release(VOID* buffer);
 
@@ -53,6 +56,7 @@ class Pool {
     return Pool(static_cast<T*>(allocateZero(count * sizeof(T))));
   }
   static Pool bytes(UINTN size) { return Pool(static_cast<T*>(allocateZero(size))); }
+  static Pool uncleared(UINTN size) { return Pool(static_cast<T*>(allocateUncleared(size))); }
 
   T* get() const { return p_; }
   T* operator->() const { return p_; }
