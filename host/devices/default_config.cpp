@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <set>
+#include <utility>
 
 #include "host/hii/package_list.h"
 #include "host/ifr/ifr_dump.h"
@@ -29,11 +31,15 @@ class OpFields {
   std::vector<uint8_t> rest(size_t at) const {
     return at < length_ ? std::vector<uint8_t>(op_ + at, op_ + length_) : std::vector<uint8_t>{};
   }
-  // Whether the terminated ASCII text at `at` spells `name`.
-  bool asciiIs(size_t at, const std::u16string& name) const {
-    for (size_t i = 0; i < name.size(); ++i)
-      if (!has(at + i, 1) || op_[at + i] != name[i]) return false;
-    return u8(at + name.size()) == 0 && has(at + name.size(), 1);
+  // The NUL-terminated ASCII text at `at`; false when it does not end
+  // inside the opcode.
+  bool ascii(size_t at, std::u16string& text) const {
+    text.clear();
+    for (; at < length_; ++at) {
+      if (op_[at] == 0) return true;
+      text += char16_t(op_[at]);
+    }
+    return false;
   }
 
  private:
@@ -50,8 +56,9 @@ size_t valueBytes(uint8_t type) {
 // Question header fields, after the 2-byte opcode header.
 constexpr size_t kVarStoreId = 8, kVarStoreInfo = 10, kAfterHeader = 13;
 
-// A question on the storage whose scope is still open.
+// A question on a storage whose scope is still open.
 struct OpenQuestion {
+  const StorageName* storage = nullptr;  // in the walk's storeIds_
   uint8_t opcode = 0;
   unsigned depth = 0;
   uint16_t offset = 0;
@@ -60,13 +67,16 @@ struct OpenQuestion {
   std::map<uint16_t, std::vector<uint8_t>> fromFlags, fromRecords;
 };
 
+// One walk over the forms collects the defaults of every storage they
+// declare: a device with many storages costs one pass, not one per storage.
 class Walk {
  public:
   // With `alwaysStandard` every form set counts as declaring the standard
   // default store.
-  Walk(const EFI_GUID& guid, const std::u16string& name, const std::vector<EvaluatedDefault>& evaluated,
-       bool alwaysStandard, std::vector<DefaultConfig>& out)
-      : guid_(guid), name_(name), evaluated_(evaluated), alwaysStandard_(alwaysStandard), out_(out) {}
+  Walk(const std::vector<EvaluatedDefault>& evaluated, bool alwaysStandard, DeviceDefaults& out)
+      : evaluated_(evaluated), alwaysStandard_(alwaysStandard), out_(out) {
+    for (const EvaluatedDefault& e : evaluated_) evaluatedAt_.emplace(std::make_pair(e.listIndex, e.opcodeOffset), &e);
+  }
 
   // The IFR of a forms package that starts at byte `at` of package list
   // `listIndex`.
@@ -82,6 +92,7 @@ class Walk {
 
  private:
   struct Entry {
+    const StorageName* storage;
     uint16_t defaultId;
     DefaultField field;
   };
@@ -89,7 +100,7 @@ class Walk {
   void visit(const ifr::OpInfo& op, const OpFields& f) {
     switch (op.opcode) {
       case EFI_IFR_FORM_SET_OP:
-        defaultIds_.clear(), storeIds_.clear(), entries_.clear(), questions_.clear();
+        defaultIds_.clear(), storeIds_.clear(), storesInOrder_.clear(), entries_.clear(), questions_.clear();
         if (alwaysStandard_) defaultIds_.push_back(EFI_HII_DEFAULT_CLASS_STANDARD);
         break;
       case EFI_IFR_DEFAULTSTORE_OP:
@@ -97,10 +108,10 @@ class Walk {
           defaultIds_.push_back(f.u16(4));
         break;
       case EFI_IFR_VARSTORE_OP:  // Guid, VarStoreId, Size, Name
-        if (f.guid(2) == guid_ && f.asciiIs(22, name_)) storeIds_.push_back(f.u16(18));
+        declareStore(f.u16(18), f.guid(2), f, 22);
         break;
       case EFI_IFR_VARSTORE_EFI_OP:  // VarStoreId, Guid, Attributes, Size, Name
-        if (f.guid(4) == guid_ && f.asciiIs(26, name_)) storeIds_.push_back(f.u16(2));
+        declareStore(f.u16(2), f.guid(4), f, 26);
         break;
       case EFI_IFR_ONE_OF_OP:
       case EFI_IFR_NUMERIC_OP:
@@ -144,17 +155,29 @@ class Walk {
     opened_ = false;
   }
 
-  // A question on the storage; null for one elsewhere.
+  // A storage of the form set, with the name at byte `nameAt`; one whose
+  // name does not end inside the opcode is not one.
+  void declareStore(uint16_t id, const EFI_GUID& guid, const OpFields& f, size_t nameAt) {
+    StorageName storage{guid, {}};
+    if (id == 0 || !f.ascii(nameAt, storage.name)) return;
+    const StorageName* known = &*names_.insert(std::move(storage)).first;
+    storeIds_.emplace(id, known);  // a repeated id keeps its first storage
+    if (std::find(storesInOrder_.begin(), storesInOrder_.end(), known) == storesInOrder_.end())
+      storesInOrder_.push_back(known);
+  }
+
+  // A question on a storage of the form set; null for one elsewhere.
   OpenQuestion* openQuestion(const ifr::OpInfo& op, const OpFields& f, size_t width) {
-    const uint16_t store = f.u16(kVarStoreId);
-    if (store == 0 || std::find(storeIds_.begin(), storeIds_.end(), store) == storeIds_.end()) return nullptr;
+    const auto store = storeIds_.find(f.u16(kVarStoreId));
+    if (store == storeIds_.end()) return nullptr;
     OpenQuestion q;
+    q.storage = store->second;
     q.opcode = op.opcode;
     q.depth = op.depth;
     q.offset = f.u16(kVarStoreInfo);
     q.width = width;
-    for (const EvaluatedDefault& e : evaluated_)
-      if (e.listIndex == listIndex_ && e.opcodeOffset == opcodeOffset_) q.fromRecords[e.defaultId] = e.value;
+    const auto evaluated = evaluatedAt_.equal_range(std::make_pair(listIndex_, opcodeOffset_));
+    for (auto e = evaluated.first; e != evaluated.second; ++e) q.fromRecords[e->second->defaultId] = e->second->value;
     questions_.push_back(std::move(q));
     opened_ = true;
     return &questions_.back();
@@ -178,36 +201,43 @@ class Walk {
     if (q.width == 0) return;
     std::map<uint16_t, std::vector<uint8_t>> defaults = q.fromRecords;
     defaults.insert(q.fromFlags.begin(), q.fromFlags.end());  // a record wins over a flag
-    for (const auto& [defaultId, value] : defaults) entries_.push_back({defaultId, {q.offset, fit(value, q.width)}});
+    for (const auto& [defaultId, value] : defaults)
+      entries_.push_back({q.storage, defaultId, {q.offset, fit(value, q.width)}});
   }
 
+  // Each storage the form set declares gets a configuration per default
+  // store of the form set, with the fields of its questions.
   void closeFormSet() {
-    if (storeIds_.empty()) return;
-    for (uint16_t defaultId : defaultIds_) {
-      auto config = std::find_if(out_.begin(), out_.end(),
-                                 [defaultId](const DefaultConfig& c) { return c.defaultId == defaultId; });
-      if (config == out_.end()) config = out_.insert(out_.end(), DefaultConfig{defaultId, {}});
-      for (const Entry& e : entries_) {
-        if (e.defaultId != defaultId) continue;
-        auto at = std::lower_bound(config->fields.begin(), config->fields.end(), e.field.offset,
-                                   [](const DefaultField& f, uint16_t offset) { return f.offset < offset; });
-        if (at != config->fields.end() && at->offset == e.field.offset)
-          *at = e.field;
-        else
-          config->fields.insert(at, e.field);
+    for (const StorageName* storage : storesInOrder_) {
+      std::vector<DefaultConfig>& configs = out_[*storage];
+      for (uint16_t defaultId : defaultIds_) {
+        auto config = std::find_if(configs.begin(), configs.end(),
+                                   [defaultId](const DefaultConfig& c) { return c.defaultId == defaultId; });
+        if (config == configs.end()) config = configs.insert(configs.end(), DefaultConfig{defaultId, {}});
+        for (const Entry& e : entries_) {
+          if (e.storage != storage || e.defaultId != defaultId) continue;
+          auto at = std::lower_bound(config->fields.begin(), config->fields.end(), e.field.offset,
+                                     [](const DefaultField& f, uint16_t offset) { return f.offset < offset; });
+          if (at != config->fields.end() && at->offset == e.field.offset)
+            *at = e.field;
+          else
+            config->fields.insert(at, e.field);
+        }
       }
     }
   }
 
-  const EFI_GUID& guid_;
-  const std::u16string& name_;
   const std::vector<EvaluatedDefault>& evaluated_;
+  // The evaluated defaults by package list and opcode offset.
+  std::multimap<std::pair<size_t, size_t>, const EvaluatedDefault*> evaluatedAt_;
   const bool alwaysStandard_;
-  std::vector<DefaultConfig>& out_;
+  DeviceDefaults& out_;
   size_t listIndex_ = 0;
   size_t opcodeOffset_ = 0;  // of the opcode being visited, in its package list
   std::vector<uint16_t> defaultIds_;
-  std::vector<uint16_t> storeIds_;
+  std::set<StorageName> names_;  // every storage met, so that pointers to them stay valid
+  std::map<uint16_t, const StorageName*> storeIds_;  // of the form set
+  std::vector<const StorageName*> storesInOrder_;    // of the form set, as declared
   std::vector<Entry> entries_;
   std::vector<OpenQuestion> questions_;
   bool opened_ = false;  // by the opcode being visited
@@ -240,26 +270,40 @@ bool asciiName(const uint8_t* op, size_t length, size_t at, std::u16string& name
 
 }  // namespace
 
-std::vector<DefaultConfig> defaultConfigs(const std::vector<std::vector<uint8_t>>& packageLists, const EFI_GUID& guid,
-                                          const std::u16string& name, const std::vector<EvaluatedDefault>& evaluated) {
-  std::vector<DefaultConfig> out;
-  Walk walk(guid, name, evaluated, false, out);
+bool StorageName::operator<(const StorageName& other) const {
+  const int order = std::memcmp(&guid, &other.guid, sizeof guid);
+  return order != 0 ? order < 0 : name < other.name;
+}
+
+DeviceDefaults allDefaultConfigs(const std::vector<std::vector<uint8_t>>& packageLists,
+                                 const std::vector<EvaluatedDefault>& evaluated, bool alwaysStandard) {
+  DeviceDefaults out;
+  Walk walk(evaluated, alwaysStandard, out);
   eachFormsPackage(packageLists, [&walk](size_t list, size_t at, const uint8_t* ifr, size_t size) {
     walk.formsPackage(list, at, ifr, size);
   });
   return out;
 }
 
+std::vector<DefaultConfig> defaultConfigs(const std::vector<std::vector<uint8_t>>& packageLists, const EFI_GUID& guid,
+                                          const std::u16string& name, const std::vector<EvaluatedDefault>& evaluated) {
+  DeviceDefaults all = allDefaultConfigs(packageLists, evaluated, false);
+  auto found = all.find(StorageName{guid, name});
+  return found != all.end() ? std::move(found->second) : std::vector<DefaultConfig>{};
+}
+
+std::vector<DefaultField> standardFields(const DeviceDefaults& defaults, const EFI_GUID& guid,
+                                         const std::u16string& name) {
+  auto found = defaults.find(StorageName{guid, name});
+  if (found == defaults.end()) return {};
+  for (const DefaultConfig& config : found->second)
+    if (config.defaultId == EFI_HII_DEFAULT_CLASS_STANDARD) return config.fields;
+  return {};
+}
+
 std::vector<DefaultField> standardDefaults(const std::vector<std::vector<uint8_t>>& packageLists, const EFI_GUID& guid,
                                            const std::u16string& name, const std::vector<EvaluatedDefault>& evaluated) {
-  std::vector<DefaultConfig> out;
-  Walk walk(guid, name, evaluated, true, out);
-  eachFormsPackage(packageLists, [&walk](size_t list, size_t at, const uint8_t* ifr, size_t size) {
-    walk.formsPackage(list, at, ifr, size);
-  });
-  for (DefaultConfig& config : out)
-    if (config.defaultId == EFI_HII_DEFAULT_CLASS_STANDARD) return std::move(config.fields);
-  return {};
+  return standardFields(allDefaultConfigs(packageLists, evaluated, true), guid, name);
 }
 
 std::vector<StoreDeclaration> declaredStores(const std::vector<std::vector<uint8_t>>& packageLists) {

@@ -24,6 +24,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,27 @@ struct EvaluatedDefault {
   uint16_t defaultId = 0;
   std::vector<uint8_t> value;
 };
+
+// A storage, as the forms name it.
+struct StorageName {
+  EFI_GUID guid{};
+  std::u16string name;
+  bool operator<(const StorageName& other) const;
+};
+using DeviceDefaults = std::map<StorageName, std::vector<DefaultConfig>>;
+
+// The default configurations of every storage that the forms packages of
+// `packageLists` (each one whole package list) declare, from one walk over
+// them. With `alwaysStandard` every form set counts as declaring the
+// standard default store. A varstore id declared twice in a form set keeps
+// its first storage.
+DeviceDefaults allDefaultConfigs(const std::vector<std::vector<uint8_t>>& packageLists,
+                                 const std::vector<EvaluatedDefault>& evaluated = {}, bool alwaysStandard = false);
+
+// The fields of the standard configuration of storage GUID/NAME in
+// `defaults`; none when it has none.
+std::vector<DefaultField> standardFields(const DeviceDefaults& defaults, const EFI_GUID& guid,
+                                         const std::u16string& name);
 
 // The default configurations of storage GUID/NAME from the forms packages
 // of `packageLists` (each one whole package list).

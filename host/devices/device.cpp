@@ -104,19 +104,22 @@ struct Device::Impl {
   }
 
   // The default sections of a storage depend only on the device's forms:
-  // worked out once, again only after the package lists change.
+  // worked out for every storage at once, in one walk over the forms, and
+  // again only after the package lists change.
   const std::vector<DefaultConfig>& defaultsOf(const Storage& s) const {
-    std::string key = std::string(reinterpret_cast<const char*>(&s.guid), sizeof s.guid) +
-                      std::string(s.name.begin(), s.name.end());
-    auto cached = defaultCache.find(key);
-    if (cached != defaultCache.end()) return cached->second;
-    std::vector<std::vector<uint8_t>> packageLists;
-    for (EFI_HII_HANDLE list : lists) {
-      std::vector<uint8_t> exported;  // stays empty when the export fails, keeping the lists' indexes
-      if (hii.exportPackageLists(list, exported) != EFI_SUCCESS) exported.clear();
-      packageLists.push_back(std::move(exported));
+    if (!defaultsKnown) {
+      std::vector<std::vector<uint8_t>> packageLists;
+      for (EFI_HII_HANDLE list : lists) {
+        std::vector<uint8_t> exported;  // stays empty when the export fails, keeping the lists' indexes
+        if (hii.exportPackageLists(list, exported) != EFI_SUCCESS) exported.clear();
+        packageLists.push_back(std::move(exported));
+      }
+      defaultCache = allDefaultConfigs(packageLists, evaluated);
+      defaultsKnown = true;
     }
-    return defaultCache.emplace(key, defaultConfigs(packageLists, s.guid, s.name, evaluated)).first->second;
+    static const std::vector<DefaultConfig> kNone;
+    auto found = defaultCache.find(StorageName{s.guid, s.name});
+    return found != defaultCache.end() ? found->second : kNone;
   }
 
   EFI_STATUS extractAll(std::u16string& results) {
@@ -227,7 +230,8 @@ struct Device::Impl {
   std::vector<Storage> storages;
   std::vector<EFI_HII_HANDLE> lists;
   std::vector<EvaluatedDefault> evaluated;
-  mutable std::map<std::string, std::vector<DefaultConfig>> defaultCache;  // by storage GUID and name
+  mutable DeviceDefaults defaultCache;  // of every storage the forms declare
+  mutable bool defaultsKnown = false;
   std::vector<Call> extracts;
   std::vector<Call> routes;
   std::function<EFI_STATUS(const std::u16string&)> filter;
@@ -351,14 +355,14 @@ EFI_HII_HANDLE Device::addPackageList(const std::vector<uint8_t>& packageList) {
   if (impl_->hii.addPackageList(packageList, impl_->handle, &handle) != EFI_SUCCESS)
     throw std::runtime_error("the HII database refused the package list");
   impl_->lists.push_back(handle);
-  impl_->defaultCache.clear();
+  impl_->defaultsKnown = false;
   return handle;
 }
 
 const std::vector<EFI_HII_HANDLE>& Device::packageLists() const { return impl_->lists; }
 void Device::setEvaluatedDefaults(std::vector<EvaluatedDefault> evaluated) {
   impl_->evaluated = std::move(evaluated);
-  impl_->defaultCache.clear();
+  impl_->defaultsKnown = false;
 }
 
 const std::vector<Device::Call>& Device::extractConfigCalls() const { return impl_->extracts; }

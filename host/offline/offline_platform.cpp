@@ -144,10 +144,11 @@ void OfflinePlatform::startStores(OfflineList& list) {
   const std::vector<std::vector<uint8_t>> forms = {exported(list)};
   list.stores = devices::declaredStores(forms);
   auto fill = [&](const std::vector<devices::EvaluatedDefault>& evaluated, bool declare) {
+    const devices::DeviceDefaults defaults = devices::allDefaultConfigs(forms, evaluated, true);
     for (size_t i = 0; i < list.stores.size();) {
       const devices::StoreDeclaration& store = list.stores[i];
       std::vector<uint8_t> bytes(store.size, 0);
-      for (const devices::DefaultField& f : devices::standardDefaults(forms, store.guid, store.name, evaluated))
+      for (const devices::DefaultField& f : devices::standardFields(defaults, store.guid, store.name))
         if (f.offset + f.bytes.size() <= bytes.size())
           std::memcpy(bytes.data() + f.offset, f.bytes.data(), f.bytes.size());
       if (!declare) {
