@@ -104,7 +104,7 @@ EFI_STATUS EFIAPI allocateLeanPool(EFI_MEMORY_TYPE type, UINTN size, VOID** buff
   p.nextSequence++;
   p.stats.allocations++;
   p.stats.outstanding++;
-  p.stats.outstandingBytes += size;
+  p.stats.outstandingBytes += LeanPool::countedBytes(size);
   *buffer = block;
   return EFI_SUCCESS;
 }
@@ -209,7 +209,7 @@ std::string Platform::leakReport(uint64_t sinceSequence) const {
   const PoolStats& stats = impl_->stats;
   if (impl_->poolMode == PoolMode::Lean && stats.outstanding != 0)
     out << "  " << stats.outstanding << " pool allocation(s), " << stats.outstandingBytes
-        << " bytes (the lean pool keeps no record of each)\n";
+        << " bytes in the pool's block sizes (the lean pool keeps no record of each)\n";
   for (const AllocationInfo& a : outstandingAllocations()) {
     if (a.sequence < sinceSequence) continue;
     bool pages = impl_->pageRuns.count(reinterpret_cast<uintptr_t>(a.address)) != 0;

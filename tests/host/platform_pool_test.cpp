@@ -58,7 +58,11 @@ TEST_F(PoolTest, LeanPoolBlocksAreAlignedAndDisjoint) {
   host::Platform lean(host::PoolMode::Lean);
   EFI_BOOT_SERVICES* services = lean.bootServices();
   const size_t sizes[] = {0, 1, 7, 8, 9, 15, 16, 17, 100, 512, 513, 1000, 1024, 1025, 4096, 65535, 65536, 65537, 300000};
-  const size_t total = std::accumulate(std::begin(sizes), std::end(sizes), size_t{0});
+  // The lean pool counts each block at its size class: 8-byte steps up to
+  // 512 bytes, then powers of two up to 64 KiB; larger blocks exactly.
+  size_t total = 0;
+  for (size_t size : sizes)
+    total += size > 65536 ? size : size <= 512 ? std::max<size_t>(8, (size + 7) / 8 * 8) : size_t(1) << (64 - __builtin_clzll(size - 1));
   // The second round gets recycled blocks, which the pool kept its free lists in.
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE(round == 0 ? "fresh blocks" : "recycled blocks");
@@ -111,7 +115,7 @@ TEST_F(PoolTest, LeanPoolBlocksAreAlignedAndDisjoint) {
 TEST_F(PoolTest, LeanPoolReusesEmptiedPagesInCarvingOrder) {
   host::Platform lean(host::PoolMode::Lean);
   EFI_BOOT_SERVICES* services = lean.bootServices();
-  constexpr size_t kBlocks = 12000;  // 56-byte footprints: a few 256 KiB pages
+  constexpr size_t kBlocks = 16000;  // 48-byte blocks: a few 256 KiB pages
   const auto round = [&] {
     std::vector<uintptr_t> out;
     for (size_t i = 0; i < kBlocks; ++i) out.push_back(reinterpret_cast<uintptr_t>(allocateFrom(services, 44)));
@@ -124,8 +128,8 @@ TEST_F(PoolTest, LeanPoolReusesEmptiedPagesInCarvingOrder) {
   for (size_t i = kBlocks; i-- > 1;) std::swap(order[i], order[size_t(std::rand()) % (i + 1)]);
   for (size_t i : order) ASSERT_EQ(services->FreePool(reinterpret_cast<void*>(first[i])), EFI_SUCCESS);
   const std::vector<uintptr_t> second = round();
-  size_t steps = 0;  // consecutive blocks 56 bytes apart
-  for (size_t i = 1; i < kBlocks; ++i) steps += second[i] - second[i - 1] == 56;
+  size_t steps = 0;  // consecutive blocks 48 bytes apart
+  for (size_t i = 1; i < kBlocks; ++i) steps += second[i] - second[i - 1] == 48;
   EXPECT_GE(steps, kBlocks - 8);  // all but the moves to a next page
   // No new memory for the same work: the second round stays in the pages of the first.
   const auto pages = [](const std::vector<uintptr_t>& blocks) {
