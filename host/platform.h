@@ -33,11 +33,11 @@ enum class PoolMode {
   // guard bytes that are checked when it is freed. Leaks are listed one by
   // one. The tests use this pool.
   Checked,
-  // Pages of one size class each, a small head per block and counts only
-  // (see host/lean_pool.h): blocks are not cleared, as in firmware, invalid
-  // frees are refused where the page and head show them, overruns go unnoticed and
-  // leaks are reported as a total. Fault injection works as in the checked
-  // pool. For the command line and the benchmarks.
+  // Pages of one size class each, a bit per block in its page and counts
+  // only (see host/lean_pool.h): blocks are not cleared, as in firmware,
+  // frees of anything but a live block are refused, overruns go unnoticed
+  // and leaks are reported as a total in block sizes. Fault injection works
+  // as in the checked pool. For the command line and the benchmarks.
   Lean,
 };
 
