@@ -43,13 +43,14 @@ void freeOne(XML_NODE* node) {
 
 }  // namespace
 
-void freeTree(XML_NODE* root) {
-  // Seen as a binary tree (children on the left, next sibling on the
-  // right), a node with children is rotated so that its first child comes
-  // up in its place; a node without children is released and the walk
-  // goes on with its next sibling. Every node is rotated at most once per
-  // child, so the walk is linear and needs no stack.
-  XML_NODE* node = root;
+namespace {
+
+// Seen as a binary tree (children on the left, next sibling on the right),
+// a node with children is rotated so that its first child comes up in its
+// place; a node without children is released and the walk goes on with its
+// next sibling. Every node is rotated at most once per child, so the walk
+// is linear and needs no stack; but it writes to every node it rotates.
+void freeByRotation(XML_NODE* node) {
   while (node) {
     XML_NODE* child = node->children;
     if (child) {
@@ -58,14 +59,47 @@ void freeTree(XML_NODE* root) {
       node = child;
     } else {
       XML_NODE* next = node->next;
-      // The next node and its first child are what the walk reaches next:
-      // asked for now, they arrive while this node's blocks are released.
-      if (next) {
-        __builtin_prefetch(next, 1);
-        __builtin_prefetch(next->children, 1);
-      }
       freeOne(node);
       node = next;
+    }
+  }
+}
+
+// Levels whose parents the walk below keeps on its own stack.
+constexpr UINTN kKeptLevels = 64;
+
+}  // namespace
+
+void freeTree(XML_NODE* root) {
+  // Children before their parent, each parent kept on a small stack until
+  // its children are gone: the walk only reads the nodes, so a large tree
+  // is not written back to memory just to be released. Children more than
+  // kKeptLevels deep go through the rotation walk, which needs no stack.
+  XML_NODE* parents[kKeptLevels];
+  UINTN depth = 0;
+  XML_NODE* node = root;
+  while (node) {
+    while (node->children) {
+      if (depth == kKeptLevels) {
+        freeByRotation(node->children);
+        node->children = nullptr;
+        break;
+      }
+      parents[depth++] = node;
+      node = node->children;
+    }
+    // `node` has no children left: release it, then its next sibling's
+    // subtree, or, after the last sibling, the parent.
+    for (;;) {
+      XML_NODE* next = node->next;
+      if (next) __builtin_prefetch(next);  // reached while this node's blocks are released
+      freeOne(node);
+      if (next) {
+        node = next;
+        break;
+      }
+      if (depth == 0) return;
+      node = parents[--depth];
     }
   }
 }

@@ -361,6 +361,22 @@ TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
   }
 }
 
+// A tree deeper than the free walk keeps parents for, with siblings above,
+// at and below that depth and after the root: every block goes, once (the
+// fixture's pool reports a leak or a second release).
+TEST_F(XmlTreeTest, FreeReleasesTreesOfAnyDepthAndTheirFollowingSiblings) {
+  const size_t before = platform().poolStats().outstanding;
+  for (size_t levels : {1u, 63u, 64u, 65u, 66u, 200u}) {
+    Tree tree{"leaf", "x", {{"k", "v"}}, {}};
+    for (size_t level = 0; level < levels; ++level)
+      tree = Tree{"n", {}, {{"d", std::to_string(level)}}, {Tree{"a", "1", {}, {}}, tree, Tree{"b", {}, {{"k", ""}}, {}}}};
+    XML_NODE* root = build(tree);
+    root->next = build(Tree{"after", "y", {}, {{"c", {}, {}, {}}}});
+    EXPECT_EQ(xml_->XML_FreeNode(xml_, root), EFI_SUCCESS) << levels;
+    EXPECT_EQ(platform().poolStats().outstanding, before) << levels;
+  }
+}
+
 TEST_F(XmlTreeTest, TreesThatCannotBeWrittenAsXmlAreRefused) {
   const Tree cases[] = {
       {"1a", {}, {}, {}}, {"", {}, {}, {}}, {"r", {}, {}, {{"ok", {}, {}, {}}, {"-bad", {}, {}, {}}}},
