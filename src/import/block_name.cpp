@@ -22,14 +22,6 @@ constexpr CHAR8 kFunction[] = "GetInfoByBlockName";
 constexpr UINT8 kOneOfOpcode = 0x05;
 constexpr UINTN kHexTextSize = 64;
 
-// 0-15 for a hexadecimal digit, -1 for anything else.
-INTN hexDigit(CHAR16 c) {
-  if (c >= u'0' && c <= u'9') return c - u'0';
-  if (c >= u'a' && c <= u'f') return c - u'a' + 10;
-  if (c >= u'A' && c <= u'F') return c - u'A' + 10;
-  return -1;
-}
-
 // A value block as the statement's type prints it, without leading zeros:
 // "%x" for 8, 16 and 32 bits, "%lx" for 64; empty for any other type.
 struct HexText {
@@ -178,13 +170,13 @@ EFI_STATUS GetComponentData(CHAR16** ConfigString, const CHAR16* FieldName, UINT
   }
   if (!Buffer) return EFI_INVALID_PARAMETER;
   for (UINTN i = 0; i < count; i += 2) {
-    INTN high = tvl::imp::hexDigit(digits[i]);
+    INTN high = tvl::hexDigitValue(digits[i]);
     if (high < 0) return EFI_INVALID_PARAMETER;
     if (i + 1 == count) {  // an odd last digit makes a byte by itself
       Buffer[i / 2] = UINT8(high);
       break;
     }
-    INTN low = tvl::imp::hexDigit(digits[i + 1]);
+    INTN low = tvl::hexDigitValue(digits[i + 1]);
     if (low < 0) return EFI_INVALID_PARAMETER;
     Buffer[i / 2] = UINT8(high << 4 | low);
   }
@@ -197,8 +189,8 @@ CHAR16* padHexToWidth(const HII_STATEMENT_RECORD* Statement, const CHAR16* HexTe
   const CHAR16* widthField = tvl::imp::findWide(Statement->BlockName, u"&WIDTH=");
   if (!widthField) return nullptr;
   UINTN width = 0;
-  for (const CHAR16* p = widthField + 7; tvl::imp::hexDigit(*p) >= 0 && width <= 0xFFFF; ++p)
-    width = width * 16 + UINTN(tvl::imp::hexDigit(*p));
+  for (const CHAR16* p = widthField + 7; tvl::hexDigitValue(*p) >= 0 && width <= 0xFFFF; ++p)
+    width = width * 16 + UINTN(tvl::hexDigitValue(*p));
   // A field is at most 0xffff bytes; a text wider than the field has no
   // place in it.
   const UINTN length = tvl::rt::length(HexText);

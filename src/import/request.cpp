@@ -33,13 +33,6 @@ const CHAR16* find(const CHAR16* text, const CHAR16* word) {
   return nullptr;
 }
 
-INTN hexDigit(CHAR16 c) {
-  if (c >= u'0' && c <= u'9') return c - u'0';
-  if (c >= u'a' && c <= u'f') return c - u'a' + 10;
-  if (c >= u'A' && c <= u'F') return c - u'A' + 10;
-  return -1;
-}
-
 // The number after the first "&WIDTH=", read as hexadecimal: blanks and
 // leading zeros skipped, an "x" right after a leading zero skipped, digits
 // up to the first other character. No field: 0. Saturates past kMaxWidth.
@@ -55,7 +48,7 @@ UINTN widthOf(const CHAR16* blockName) {
   }
   if (zero && (*p == u'x' || *p == u'X')) ++p;
   UINTN width = 0;
-  for (INTN d; (d = hexDigit(*p)) >= 0; ++p) {
+  for (INTN d; (d = hexDigitValue(*p)) >= 0; ++p) {
     width = width * 16 + UINTN(d);
     if (width > kMaxWidth) return kMaxWidth + 1;
   }

@@ -7,6 +7,7 @@
 
 #include "driver/trace.h"
 #include "import/internal.h"
+#include "util/text.h"
 
 using tvl::rt::Pool;
 
@@ -165,13 +166,7 @@ CHAR16* TrimConfigRequest(const CHAR16* ConfigRequest) {
   const CHAR16* digits = widthField + 6;
   while (*digits == u' ' || *digits == u'\t' || *digits == u'0') ++digits;
   UINT64 width = 0;
-  for (;; ++digits) {
-    const CHAR16 c = *digits;
-    UINT64 d = c >= u'0' && c <= u'9' ? c - u'0' : c >= u'a' && c <= u'f' ? c - u'a' + 10
-             : c >= u'A' && c <= u'F' ? c - u'A' + 10 : 16;
-    if (d == 16) break;
-    width = width * 16 + d;
-  }
+  for (INTN d; (d = hexDigitValue(*digits)) >= 0; ++digits) width = width * 16 + UINT64(d);
   const CHAR16* valueField = imp::findWide(ConfigRequest, u"VALUE=");
   if (!valueField) return nullptr;
   // Twice the width in zeros; the terminator or any other digit ends the

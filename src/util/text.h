@@ -71,3 +71,15 @@ EFI_STATUS replaceAll(const CHAR8* search, const CHAR8* replacement, CHAR8** tex
 VOID decodeOctalEscapes(const CHAR8* source, CHAR8** out);
 
 }  // extern "C"
+
+namespace tvl {
+
+// 0-15 for a hexadecimal digit of either case, -1 for anything else.
+constexpr INTN hexDigitValue(CHAR16 c) {
+  if (c >= u'0' && c <= u'9') return c - u'0';
+  if (c >= u'a' && c <= u'f') return c - u'a' + 10;
+  if (c >= u'A' && c <= u'F') return c - u'A' + 10;
+  return -1;
+}
+
+}  // namespace tvl
