@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <set>
 #include <utility>
@@ -208,20 +209,25 @@ class Walk {
   // Each storage the form set declares gets a configuration per default
   // store of the form set, with the fields of its questions.
   void closeFormSet() {
+    // Entries grouped by storage, each group in question order.
+    const auto byStorage = [](const Entry& a, const Entry& b) { return std::less<const StorageName*>()(a.storage, b.storage); };
+    std::stable_sort(entries_.begin(), entries_.end(), byStorage);
     for (const StorageName* storage : storesInOrder_) {
       std::vector<DefaultConfig>& configs = out_[*storage];
+      const Entry key{storage, 0, {}};
+      const auto [first, last] = std::equal_range(entries_.begin(), entries_.end(), key, byStorage);
       for (uint16_t defaultId : defaultIds_) {
         auto config = std::find_if(configs.begin(), configs.end(),
                                    [defaultId](const DefaultConfig& c) { return c.defaultId == defaultId; });
         if (config == configs.end()) config = configs.insert(configs.end(), DefaultConfig{defaultId, {}});
-        for (const Entry& e : entries_) {
-          if (e.storage != storage || e.defaultId != defaultId) continue;
-          auto at = std::lower_bound(config->fields.begin(), config->fields.end(), e.field.offset,
+        for (auto e = first; e != last; ++e) {
+          if (e->defaultId != defaultId) continue;
+          auto at = std::lower_bound(config->fields.begin(), config->fields.end(), e->field.offset,
                                      [](const DefaultField& f, uint16_t offset) { return f.offset < offset; });
-          if (at != config->fields.end() && at->offset == e.field.offset)
-            *at = e.field;
+          if (at != config->fields.end() && at->offset == e->field.offset)
+            *at = e->field;
           else
-            config->fields.insert(at, e.field);
+            config->fields.insert(at, e->field);
         }
       }
     }

@@ -119,18 +119,56 @@ void fillValue(HII_STATEMENT_RECORD* s, const UINT8* bytes, UINTN size) {
   }
 }
 
-EFI_STATUS loadStore(const PackageList& list, const ParsedForms& parsed, UINT32 formSetIndex,
-                     const HII_VARSTORE_RECORD* store) {
-  if (!isBufferStore(store) || store->Size == 0) return EFI_SUCCESS;
-  rt::Pool<UINT8> bytes = rt::Pool<UINT8>::bytes(store->Size);
+// A buffer store of a kept form set and where its bytes start in the
+// buffer that holds every such store's bytes.
+struct LoadedStore {
+  const HII_VARSTORE_RECORD* store;
+  UINTN offset;
+};
+
+// Reads each buffer store of the kept form sets once, in form-set and
+// store order, then fills every statement from its own store: one pass
+// over the statements, not one per store.
+EFI_STATUS loadStores(const PackageList& list, const ParsedForms& parsed) {
+  Vector<LoadedStore> stores;
+  UINTN total = 0;
+  for (UINTN i = 0; i < parsed.formSets.size(); ++i) {
+    const FormSetEntry& f = parsed.formSets[i];
+    if (!f.kept) continue;
+    for (UINT64 v = 0; v < f.record->VarStoreBufferCount; ++v) {
+      const HII_VARSTORE_RECORD* store = f.record->VarStoreBuffer[v];
+      if (!isBufferStore(store) || store->Size == 0) continue;
+      RETURN_IF_ERROR(stores.push(LoadedStore{store, total}));
+      total += store->Size;  // each at most 0xFFFF bytes
+    }
+  }
+  if (stores.size() == 0) return EFI_SUCCESS;
+  rt::Pool<UINT8> bytes = rt::Pool<UINT8>::bytes(total);
   if (!bytes) return EFI_OUT_OF_RESOURCES;
-  if (store->StoreType == EFI_IFR_VARSTORE_OP)
-    RETURN_IF_ERROR(readBufferStore(list, store, bytes.get()));
-  else
-    RETURN_IF_ERROR(readVariableStore(store, bytes.get()));
+  for (UINTN i = 0; i < stores.size(); ++i) {
+    const HII_VARSTORE_RECORD* store = stores[i].store;
+    UINT8* into = bytes.get() + stores[i].offset;
+    RETURN_IF_ERROR(store->StoreType == EFI_IFR_VARSTORE_OP ? readBufferStore(list, store, into)
+                                                            : readVariableStore(store, into));
+  }
+  // By address, as numbers: the records are separate allocations.
+  const auto address = [](const HII_VARSTORE_RECORD* store) { return reinterpret_cast<UINTN>(store); };
+  heapSort(stores.data(), stores.size(),
+           [&](const LoadedStore& a, const LoadedStore& b) { return address(a.store) < address(b.store); });
   for (UINTN i = 0; i < parsed.statements.size(); ++i) {
     const StatementEntry& e = parsed.statements[i];
-    if (e.formSet == formSetIndex && e.record->VarStore == store) fillValue(e.record, bytes.get(), store->Size);
+    const HII_VARSTORE_RECORD* store = e.record->VarStore;
+    if (!store || !parsed.formSets[e.formSet].kept) continue;
+    UINTN low = 0, high = stores.size();
+    while (low < high) {
+      const UINTN middle = low + (high - low) / 2;
+      if (address(stores[middle].store) < address(store))
+        low = middle + 1;
+      else
+        high = middle;
+    }
+    if (low < stores.size() && stores[low].store == store)
+      fillValue(e.record, bytes.get() + stores[low].offset, store->Size);
   }
   return EFI_SUCCESS;
 }
@@ -295,12 +333,7 @@ EFI_STATUS refreshFormSets(const PackageList& list, ParsedForms& parsed, const Q
     const StatementEntry& e = parsed.statements[i];
     if (parsed.formSets[e.formSet].kept) resetStatement(e.record);
   }
-  for (UINTN i = 0; i < parsed.formSets.size(); ++i) {
-    const FormSetEntry& f = parsed.formSets[i];
-    if (!f.kept) continue;
-    for (UINT64 v = 0; v < f.record->VarStoreBufferCount; ++v)
-      RETURN_IF_ERROR(loadStore(list, parsed, UINT32(i), f.record->VarStoreBuffer[v]));
-  }
+  RETURN_IF_ERROR(loadStores(list, parsed));
   for (UINTN i = 0; i < parsed.conditions.size(); ++i) {
     ConditionEntry& c = parsed.conditions[i];
     if (!parsed.formSets[c.formSet].kept) continue;

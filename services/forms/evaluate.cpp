@@ -11,30 +11,6 @@ ExprValue number(UINT8 type, UINT64 n) { return ExprValue{type, n}; }
 bool isNumber(const ExprValue& v) { return v.type <= EFI_IFR_TYPE_NUM_SIZE_64; }
 bool isComparable(const ExprValue& v) { return isNumber(v) || v.type == EFI_IFR_TYPE_BOOLEAN; }
 
-// Heap sort with `less`; iterative, no extra memory.
-template <typename T, typename Less>
-void heapSort(T* a, UINTN n, Less less) {
-  auto siftDown = [a, &less](UINTN root, UINTN end) {
-    for (;;) {
-      UINTN child = 2 * root + 1;
-      if (child >= end) return;
-      if (child + 1 < end && less(a[child], a[child + 1])) ++child;
-      if (!less(a[root], a[child])) return;
-      T t = a[root];
-      a[root] = a[child];
-      a[child] = t;
-      root = child;
-    }
-  };
-  for (UINTN i = n / 2; i-- > 0;) siftDown(i, n);
-  for (UINTN end = n; end > 1; --end) {
-    T t = a[0];
-    a[0] = a[end - 1];
-    a[end - 1] = t;
-    siftDown(0, end - 1);
-  }
-}
-
 ExprValue binaryNumeric(UINT8 op, const ExprValue& a, const ExprValue& b) {
   if (!isNumber(a) || !isNumber(b)) return kUndefined;
   UINT64 x = a.number, y = b.number;

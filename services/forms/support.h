@@ -107,6 +107,31 @@ class Vector {
   UINTN capacity_ = 0;
 };
 
+// ---------------------------------------------------------------- sorting
+// Heap sort with `less`; iterative, no extra memory.
+template <typename T, typename Less>
+void heapSort(T* a, UINTN n, Less less) {
+  auto siftDown = [a, &less](UINTN root, UINTN end) {
+    for (;;) {
+      UINTN child = 2 * root + 1;
+      if (child >= end) return;
+      if (child + 1 < end && less(a[child], a[child + 1])) ++child;
+      if (!less(a[root], a[child])) return;
+      T t = a[root];
+      a[root] = a[child];
+      a[child] = t;
+      root = child;
+    }
+  };
+  for (UINTN i = n / 2; i-- > 0;) siftDown(i, n);
+  for (UINTN end = n; end > 1; --end) {
+    T t = a[0];
+    a[0] = a[end - 1];
+    a[end - 1] = t;
+    siftDown(0, end - 1);
+  }
+}
+
 // ---------------------------------------------------------------- record arrays
 // Appends `item` to a record's pointer array of `count` entries. The array
 // grows in powers of two (4, 8, 16, ...), so its capacity follows from the
