@@ -86,7 +86,6 @@ class LeanPool {
   // The bytes the pool counts for a request of `size`.
   static size_t countedBytes(size_t size) { return size <= kLargestClass ? classBytes(classOf(size)) : size; }
 
-  static constexpr size_t kAlignment = 8;
   static constexpr size_t kLargestClass = 64 * 1024;
   // Pages are this large and aligned to their size, so a block's page is
   // its address rounded down.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 
 #include <cstring>
 #include <stdexcept>
@@ -107,7 +108,7 @@ struct Device::Impl {
   // worked out for every storage at once, in one walk over the forms, and
   // again only after the package lists change.
   const std::vector<DefaultConfig>& defaultsOf(const Storage& s) const {
-    if (!defaultsKnown) {
+    if (!defaultCache) {
       std::vector<std::vector<uint8_t>> packageLists;
       for (EFI_HII_HANDLE list : lists) {
         std::vector<uint8_t> exported;  // stays empty when the export fails, keeping the lists' indexes
@@ -115,11 +116,10 @@ struct Device::Impl {
         packageLists.push_back(std::move(exported));
       }
       defaultCache = allDefaultConfigs(packageLists, evaluated);
-      defaultsKnown = true;
     }
     static const std::vector<DefaultConfig> kNone;
-    auto found = defaultCache.find(StorageName{s.guid, s.name});
-    return found != defaultCache.end() ? found->second : kNone;
+    auto found = defaultCache->find(StorageName{s.guid, s.name});
+    return found != defaultCache->end() ? found->second : kNone;
   }
 
   EFI_STATUS extractAll(std::u16string& results) {
@@ -230,8 +230,8 @@ struct Device::Impl {
   std::vector<Storage> storages;
   std::vector<EFI_HII_HANDLE> lists;
   std::vector<EvaluatedDefault> evaluated;
-  mutable DeviceDefaults defaultCache;  // of every storage the forms declare
-  mutable bool defaultsKnown = false;
+  // Of every storage the forms declare; none until first asked for.
+  mutable std::optional<DeviceDefaults> defaultCache;
   std::vector<Call> extracts;
   std::vector<Call> routes;
   std::function<EFI_STATUS(const std::u16string&)> filter;
@@ -355,14 +355,14 @@ EFI_HII_HANDLE Device::addPackageList(const std::vector<uint8_t>& packageList) {
   if (impl_->hii.addPackageList(packageList, impl_->handle, &handle) != EFI_SUCCESS)
     throw std::runtime_error("the HII database refused the package list");
   impl_->lists.push_back(handle);
-  impl_->defaultsKnown = false;
+  impl_->defaultCache.reset();
   return handle;
 }
 
 const std::vector<EFI_HII_HANDLE>& Device::packageLists() const { return impl_->lists; }
 void Device::setEvaluatedDefaults(std::vector<EvaluatedDefault> evaluated) {
   impl_->evaluated = std::move(evaluated);
-  impl_->defaultsKnown = false;
+  impl_->defaultCache.reset();
 }
 
 const std::vector<Device::Call>& Device::extractConfigCalls() const { return impl_->extracts; }

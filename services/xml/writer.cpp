@@ -111,6 +111,13 @@ class Writer {
 EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, ByteBuffer& sink) {
   const UINT8* s = bytesOf(text);
   const UINT8 plain = attribute ? kPlainInAttribute : kPlainInContents;
+  // Where the text ends, measured once when a reference or a multi-byte
+  // character first needs to know how much follows.
+  const UINT8* end = nullptr;
+  const auto rest = [&] {
+    if (!end) end = s + tvl::rt::length(reinterpret_cast<const CHAR8*>(s));
+    return UINTN(end - s);
+  };
   for (;;) {
     // Copy the longest run that needs nothing (the terminator ends it),
     // then deal with one byte.
@@ -121,7 +128,7 @@ EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, ByteBuffer& sin
     const UINT8 b = *s;
     if (b == '\0') return EFI_SUCCESS;
     if (b == '&' && !attribute) {
-      UINTN n = referenceLength(s, tvl::rt::length(reinterpret_cast<const CHAR8*>(s)));
+      UINTN n = referenceLength(s, rest());
       RETURN_IF_ERROR(n ? put(sink, s, n) : put(sink, "&amp;"));
       s += n ? n : 1;
       continue;
@@ -133,7 +140,7 @@ EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, ByteBuffer& sin
       continue;
     }
     UINT32 cp;
-    UINTN n = decodeUtf8(s, tvl::rt::length(reinterpret_cast<const CHAR8*>(s)), &cp);
+    UINTN n = decodeUtf8(s, rest(), &cp);
     if (n == 0 || !isXmlChar(cp)) return EFI_INVALID_PARAMETER;
     RETURN_IF_ERROR(put(sink, s, n));
     s += n;

@@ -15,9 +15,15 @@ void initialize(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
   gImage.runtimeServices = systemTable ? systemTable->RuntimeServices : nullptr;
 }
 
-VOID* allocateZero(UINTN size) {
+VOID* allocateUncleared(UINTN size) {
   VOID* buffer = nullptr;
-  if (bs()->AllocatePool(EfiBootServicesData, size, &buffer) != EFI_SUCCESS || !buffer) return nullptr;
+  if (bs()->AllocatePool(EfiBootServicesData, size, &buffer) != EFI_SUCCESS) return nullptr;
+  return buffer;
+}
+
+VOID* allocateZero(UINTN size) {
+  VOID* buffer = allocateUncleared(size);
+  if (!buffer) return nullptr;
   // Pool memory is 8-byte aligned. Nearly every allocation is a node, an
   // attribute or a short text, cleared here a word at a time; longer ones
   // go to the firmware's own SetMem, far quicker than a loop.
@@ -30,12 +36,6 @@ VOID* allocateZero(UINTN size) {
   const UINT64 zero = 0;
   for (; i + sizeof zero <= size; i += sizeof zero) __builtin_memcpy(bytes + i, &zero, sizeof zero);
   for (; i < size; ++i) bytes[i] = 0;
-  return buffer;
-}
-
-VOID* allocateUncleared(UINTN size) {
-  VOID* buffer = nullptr;
-  if (bs()->AllocatePool(EfiBootServicesData, size, &buffer) != EFI_SUCCESS) return nullptr;
   return buffer;
 }
 
