@@ -30,6 +30,14 @@ inline std::string readAll(const std::string& path) {
   return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
 }
 
+inline bool exists(const std::string& path) { return std::ifstream(path).good(); }
+
+// Whether `text` holds `part`; either way the message shows the text.
+inline ::testing::AssertionResult has(const std::string& text, const std::string& part) {
+  auto result = text.find(part) != std::string::npos ? ::testing::AssertionSuccess() : ::testing::AssertionFailure();
+  return result << "\"" << part << "\" in:\n" << text;
+}
+
 // Runs the built program in a temporary directory of its own, with a state
 // file there (never the user's own).
 class Cli {
@@ -64,6 +72,13 @@ class Cli {
     command += redirect + " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
     int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readAll(path("stdout")), readAll(path("stderr"))};
+  }
+
+  // Runs a command that must succeed; its standard output.
+  std::string ok(const std::vector<std::string>& args) const {
+    Outcome r = run(args);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    return r.out;
   }
 
   // Every sample device's package lists, as export-hii writes them.
