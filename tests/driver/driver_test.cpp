@@ -79,22 +79,6 @@ TEST_F(DriverTest, InstanceHeldByAnotherDriverIsKeptUntilReleased) {
   EXPECT_FALSE(isAllocated(firstRecord));
 }
 
-class DriverWithoutLogTest : public DriverTest {
- protected:
-  unsigned initialServices() const override { return kRequiredServices; }
-};
-
-TEST_F(DriverWithoutLogTest, TracesStartWhenTheLogServiceArrives) {
-  EXPECT_EQ(DRIVER_GLOBAL(gLogProtocol), nullptr);
-  provide(kLogService);
-  ASSERT_TRUE(log().attached());
-
-  XML_NODE* node = nullptr;
-  ASSERT_EQ(DRIVER_FN(createNode)("Late", &node), EFI_SUCCESS);
-  EXPECT_EQ(DRIVER_FN(freeNode)(node), EFI_SUCCESS);
-  EXPECT_NE(log().find("createNode", "createNode, name: Late\n"), nullptr) << log().dump();
-}
-
 TEST_F(DriverTest, DeviceLocationServiceIsBoundWhenItArrivesOrAtEntry) {
   ASSERT_EQ(DRIVER_GLOBAL(gDeviceLocationProtocol), nullptr);
   void* location = installStandIn(DEVICE_LOCATION_PROTOCOL_GUID);
@@ -178,7 +162,8 @@ TEST_F(EntryWithoutLogTest, FailedEntryKeepsTheLogNotifyEvent) {
   size_t events = platform().openEvents();
   EXPECT_EQ(loadDriver(), EFI_NOT_FOUND);
   EXPECT_EQ(platform().openEvents(), events + 1);
-  // The kept event binds the log service once it arrives.
+  // The kept event binds the log service once it arrives (as after an
+  // entry that succeeded: the same event).
   provide(kLogService);
   EXPECT_EQ(DRIVER_GLOBAL(gLogProtocol), log().protocol());
 }
