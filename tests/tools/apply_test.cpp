@@ -375,13 +375,13 @@ TEST(ApplyCli, PasswordItemsGoFirstThroughSetBIOSPassword) {
   EXPECT_LT(results.find("<Name>SetupPassword</Name>"), results.find("<Name>ProcPwrLimit</Name>")) << results;
   EXPECT_EQ(results.find("QWJj"), std::string::npos) << "no password value in the results";
   // Set indeed: the newer service clears it now, and refuses a second clear.
-  EXPECT_EQ(cli.runInput({"password", "setup", "--clear"}, "").exitCode, 0);
-  EXPECT_EQ(cli.runInput({"password", "setup", "--clear"}, "").exitCode, 1);
+  EXPECT_EQ(cli.run({"password", "setup", "--clear"}).exitCode, 0);
+  EXPECT_EQ(cli.run({"password", "setup", "--clear"}).exitCode, 1);
 
   // The older service checks the old password the document gives (its
   // letter case ignored: the password command's tests).
   cli.ok({"password", "--service", "legacy"});
-  ASSERT_EQ(cli.runInput({"password", "setup"}, "Abc\n").exitCode, 0);
+  ASSERT_EQ(cli.run({"password", "setup"}, false, "", "Abc\n").exitCode, 0);
   cli.write("wrong.xml", withPassword(withPassword(pending, "SetupPassword", "1", "WHl6"),  // "Xyz"
                                       "OldSetupPassword", "0", "YmFk"));                     // "bad"
   Outcome wrong = cli.run({"apply", cli.path("wrong.xml")});

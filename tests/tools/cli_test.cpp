@@ -401,7 +401,7 @@ TEST(CliTest, PasswordSetsChangesAndClearsThroughEitherService) {
     for (size_t i = 0; i < count; ++i) {
       const Step& step = steps[i];
       SCOPED_TRACE(step.what);
-      Outcome r = cli.runInput(step.args, step.input);
+      Outcome r = cli.run(step.args, false, "", step.input);
       EXPECT_EQ(r.exitCode, step.exitCode) << r.out << r.err;
       EXPECT_TRUE(has(r.out, step.out));
       EXPECT_TRUE(has(r.err, step.err));
