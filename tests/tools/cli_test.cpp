@@ -210,7 +210,8 @@ TEST(CliTest, ExportedFileReadsBackAsTheSameFormSets) {
     EXPECT_EQ(lean.exitCode, 0) << args[0] << ": " << lean.err;
     EXPECT_EQ(lean.out, checked.out) << args[0];
   }
-  for (const char* line : {"5 package list(s)", "packages: FORMS FORMS FORMS STRINGS(en-US) STRINGS(x-UEFI) DEVICE_PATH",
+  for (const char* line : {"5 package list(s)",
+                           "packages: FORMS FORMS FORMS STRINGS(en-US) STRINGS(x-UEFI) DEVICE_PATH",
                            "packages: FORMS STRINGS(en-US) STRINGS(fr-FR) STRINGS(x-UEFI) DEVICE_PATH"})
     EXPECT_TRUE(has(file, line));
   // A file names no device, so no BIOS filter applies: the BIOS setup's
