@@ -28,7 +28,6 @@ class LogCapture {
   // capture that outlives its platform only forgets it.
   bool attach(host::Platform& platform);
   void detach();
-  bool attached() const { return log_ != nullptr; }
   DEBUG_LOG_PROTOCOL* protocol() const { return log_; }
 
   // Lines whose level shares no bit with the mask reach no sink.

@@ -30,6 +30,14 @@ inline std::string readAll(const std::string& path) {
   return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
 }
 
+inline bool exists(const std::string& path) { return std::ifstream(path).good(); }
+
+// Whether `text` holds `part`; either way the message shows the text.
+inline ::testing::AssertionResult has(const std::string& text, const std::string& part) {
+  auto result = text.find(part) != std::string::npos ? ::testing::AssertionSuccess() : ::testing::AssertionFailure();
+  return result << "\"" << part << "\" in:\n" << text;
+}
+
 // Runs the built program in a temporary directory of its own, with a state
 // file there (never the user's own).
 class Cli {
@@ -47,23 +55,25 @@ class Cli {
 
   // Runs with the checked pool unless `lean` (the checked pool fails a
   // command that frees memory wrongly), on the test's own state file or,
-  // when given, with `environment` ("NAME=value ...") instead.
-  Outcome run(const std::vector<std::string>& args, bool lean = false, const std::string& environment = "") const {
-    return runWith(environment.empty() ? "TOLVANE_STATE='" + path("platform.state") + "'" : environment, args, lean);
-  }
-  // Standard input reads `input` (a file, not a terminal).
-  Outcome runInput(const std::vector<std::string>& args, const std::string& input) const {
+  // when given, with `environment` ("NAME=value ...") instead. Standard
+  // input reads a file (not a terminal) holding `input`.
+  Outcome run(const std::vector<std::string>& args, bool lean = false, const std::string& environment = "",
+              const std::string& input = "") const {
     write("stdin", input);
-    return runWith("TOLVANE_STATE='" + path("platform.state") + "'", args, false, " <'" + path("stdin") + "'");
-  }
-  Outcome runWith(const std::string& environment, const std::vector<std::string>& args, bool lean = false,
-                  const std::string& redirect = "") const {
-    std::string command = "env -u TOLVANE_STATE -u XDG_STATE_HOME " + environment + " '" TOLVANE_CLI "'";
-    if (!lean) command += " --checked-pool";
+    std::string command = "env -u TOLVANE_STATE -u XDG_STATE_HOME " +
+                          (environment.empty() ? "TOLVANE_STATE='" + path("platform.state") + "'" : environment) +
+                          " '" TOLVANE_CLI "'" + (lean ? "" : " --checked-pool");
     for (const auto& a : args) command += " '" + a + "'";
-    command += redirect + " >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
+    command += " <'" + path("stdin") + "' >'" + path("stdout") + "' 2>'" + path("stderr") + "'";
     int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readAll(path("stdout")), readAll(path("stderr"))};
+  }
+
+  // Runs a command that must succeed; its standard output.
+  std::string ok(const std::vector<std::string>& args) const {
+    Outcome r = run(args);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    return r.out;
   }
 
   // Every sample device's package lists, as export-hii writes them.

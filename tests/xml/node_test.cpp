@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,7 @@ class NodeTest : public tvl::test::DriverTest {
     XML_PARSE_ERROR error{};
     EXPECT_EQ(xml_->XML_ParseText(xml_, document.c_str(), document.size(), &root, &error), EFI_SUCCESS)
         << error.Message;
+    if (!root) throw std::runtime_error("the document does not parse: " + document);
     return root;
   }
   void release(XML_NODE*& root) {
@@ -191,7 +193,6 @@ TEST_F(NodeTest, AttributeAllocationFailures) {
 
 TEST_F(NodeTest, AttributeQueries) {
   XML_NODE* root = parse("<r><n id=\"x\" a=\"1\" b=\"\"/><bare/></r>");
-  ASSERT_NE(root, nullptr);
   XML_NODE *n = root->children, *bare = n->next;
   struct Case { XML_NODE* node; const char* name; const char* value; } cases[] = {  // value null: EFI_NOT_FOUND
       {n, "a", "1"}, {n, "b", ""}, {n, "A", nullptr}, {bare, "a", nullptr}, {nullptr, "a", nullptr}};
@@ -213,7 +214,6 @@ TEST_F(NodeTest, FindersVisitStartDescendantsAndFollowingSiblingsInDocumentOrder
   XML_NODE* root = parse(
       "<root id=\"root\"><A id=\"a1\"><B id=\"b1\">x</B><C id=\"c1\"><N id=\"n1\"/><N id=\"n2\">pw</N></C></A>"
       "<C id=\"c2\"><N id=\"n3\">pw</N></C><B id=\"b2\">y</B><D id=\"d1\"><E id=\"e1\"/></D></root>");
-  ASSERT_NE(root, nullptr);
   struct Case { Finder finder; const char* name; const char* contents; const char* start; const char* found; };
   const Case cases[] = {  // found: an id, or null for EFI_NOT_FOUND
       {Finder::ByName, "B", nullptr, "root", "b1"},  // descendants before siblings
@@ -249,7 +249,6 @@ TEST_F(NodeTest, FindersVisitStartDescendantsAndFollowingSiblingsInDocumentOrder
   release(root);
   // countValueStructs walks the sibling chain only, and matches the name exactly.
   root = parse("<r><ValueStruct/><X/><ValueStruct><ValueStruct/></ValueStruct><valuestruct/></r>");
-  ASSERT_NE(root, nullptr);
   for (auto [start, count] : {std::pair<XML_NODE*, UINTN>{root->children, 2}, {root->children->next, 1},
                               {root, 0}, {nullptr, 0}})
     EXPECT_EQ(DRIVER_FN(countValueStructs)(start), count);
@@ -258,7 +257,6 @@ TEST_F(NodeTest, FindersVisitStartDescendantsAndFollowingSiblingsInDocumentOrder
 
 TEST_F(NodeTest, CopyCoversChildrenAndFollowingSiblings) {
   XML_NODE* root = parse("<r><P id=\"p\" k=\"v\">t&amp;u<C1>one &lt; two</C1><C2/></P><S id=\"s\"/></r>");
-  ASSERT_NE(root, nullptr);
   XML_NODE *p = root->children, *copy = nullptr;
   ASSERT_EQ(DRIVER_FN(copyNodeTree)(p, &copy), EFI_SUCCESS);
   EXPECT_TRUE(sameTree(p, copy));  // P, its two children and the sibling S
@@ -273,7 +271,6 @@ TEST_F(NodeTest, CopyCoversChildrenAndFollowingSiblings) {
   release(root);
   // Every allocation failing in turn leaves a freeable prefix of the copy.
   root = parse("<r><P k=\"v\">text<C1 a=\"1\">one</C1><C2><G/></C2></P><S/></r>");
-  ASSERT_NE(root, nullptr);
   std::vector<const XML_NODE*> source = documentOrder(root->children);
   size_t attempts = sweepAllocationFailures(
       [&] { return DRIVER_FN(copyNodeTree)(root->children, &copy); },
