@@ -3,6 +3,9 @@
 // registration.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
+
 #include "host/devices/device.h"
 #include "host/hii/config_string.h"
 #include "host/ifr/ifr_builder.h"
@@ -143,6 +146,16 @@ TEST_F(DeviceTest, RoutedValuesReachBothStores) {
   EXPECT_EQ(extract(&variableHdr_, results_, progress_), EFI_NOT_FOUND);
 }
 
+// The configuration that routes to what `request` reads: each block with a zero value as wide as the block.
+std::u16string withZeroValues(std::u16string text) {
+  for (size_t at = 0; (at = text.find(u"&WIDTH=", at)) != std::u16string::npos; ++at) {
+    const size_t end = std::min(text.find(u'&', at + 1), text.size());
+    const size_t width = std::stoul(hii::toAscii(text.substr(at + 7, end - at - 7)), nullptr, 16);
+    text.insert(end, u"&VALUE=" + std::u16string(2 * width, u'0'));
+  }
+  return text;
+}
+
 // Progress at the first occurrence of progressAt; empty: at the start. Syntax errors are the parser's (its own
 // tests go through them); one shows that its Progress is passed on.
 TEST_F(DeviceTest, RefusalsSetProgressAndChangeNothing) {
@@ -158,13 +171,7 @@ TEST_F(DeviceTest, RefusalsSetProgressAndChangeNothing) {
       {other.configHdr(kBufferGuid, kBufferName) + u"&OFFSET=0&WIDTH=1", EFI_NOT_FOUND, u""},  // another device
   };
   for (const auto& c : cases) {
-    // The configuration routed: each block of the request with a value as wide as the block.
-    std::u16string configuration = c.request;
-    for (size_t at = 0; (at = configuration.find(u"&WIDTH=", at)) != std::u16string::npos; ++at) {
-      const size_t end = std::min(configuration.find(u'&', at + 1), configuration.size());
-      const size_t width = std::stoul(hii::toAscii(configuration.substr(at + 7, end - at - 7)), nullptr, 16);
-      configuration.insert(end, u"&VALUE=" + std::u16string(2 * width, u'0'));
-    }
+    const std::u16string configuration = withZeroValues(c.request);
     for (const std::u16string* text : {&c.request, &configuration}) {
       const bool routing = text == &configuration;
       SCOPED_TRACE((routing ? "route " : "extract ") + hii::toAscii(*text));

@@ -67,6 +67,7 @@ TEST(OfflinePlatformTest, StoresStartFromTheStandardDefaultsOfTheForms) {
   const std::string answer = hii::toAscii(reinterpret_cast<const char16_t*>(results));
   p.platform().bootServices()->FreePool(results);
   const size_t standard = answer.find("&ALTCFG=0000"), manufacturing = answer.find("&ALTCFG=0001");
+  ASSERT_NE(manufacturing, std::string::npos) << answer;
   ASSERT_LT(standard, manufacturing) << answer;
   EXPECT_LT(answer.find("&OFFSET=0002&WIDTH=0002&VALUE=0400", standard), manufacturing) << answer;
 }
