@@ -1,5 +1,6 @@
 // Events, task priority levels and protocol notification.
 #include <string>
+#include <utility>
 
 #include "tests/host/platform_test_util.h"
 
@@ -8,8 +9,12 @@ namespace {
 
 const EFI_GUID kA = testGuid(1), kB = testGuid(2);
 
-// Each notify call's tag and the TPL it ran at.
-struct Journal { std::string calls; EFI_BOOT_SERVICES* bs = nullptr; };
+// Each notify call's tag and the TPL it ran at; take() hands out what was written since the last take().
+struct Journal {
+  std::string calls;
+  EFI_BOOT_SERVICES* bs = nullptr;
+  std::string take() { return std::exchange(calls, {}); }
+};
 struct Probe { Journal* journal; char tag; EFI_EVENT chained = nullptr; /* signalled from inside the notify */ };
 
 EFI_TPL tplNow(EFI_BOOT_SERVICES* bs) {
@@ -72,31 +77,28 @@ TEST_F(EventTest, NotifiesRunAtTheirTplOrWaitForRestore) {
   Probe p1{&journal, 'a'}, p2{&journal, 'b'}, p3{&journal, 'c'}, p4{&journal, 'd'};
   EFI_EVENT callback1 = make(p1, TPL_CALLBACK), notify = make(p2, TPL_NOTIFY), callback2 = make(p3, TPL_CALLBACK);
   bs()->SignalEvent(callback1);  // above the current TPL: at once, at the notify's own TPL
-  EXPECT_EQ(journal.calls, "a8 ");
+  EXPECT_EQ(journal.take(), "a8 ");
   // Not above it: queued, run highest TPL first, in signal order within a
   // level, as the TPL drops; an already pending event runs once.
-  journal.calls.clear();
   EFI_TPL old = bs()->RaiseTPL(TPL_HIGH_LEVEL);
   for (EFI_EVENT e : {callback2, callback1, notify, callback2}) bs()->SignalEvent(e);
   bs()->RestoreTPL(TPL_CALLBACK);
   EXPECT_EQ(journal.calls, "b16 ");
   bs()->RestoreTPL(old);
-  EXPECT_EQ(journal.calls, "b16 c8 a8 ");
+  EXPECT_EQ(journal.take(), "b16 c8 a8 ");
   // A notify signalling another: a higher one runs inside it, an equal one right after.
-  journal.calls.clear();
   p1.chained = notify;
   p2.chained = callback2;
   bs()->SignalEvent(callback1);
-  EXPECT_EQ(journal.calls, "a8 b16 c8 ");
-  journal.calls.clear();  // signalling one member of a group signals them all
+  EXPECT_EQ(journal.take(), "a8 b16 c8 ");
+  // Signalling one member of a group signals them all.
   EFI_EVENT g1 = nullptr, g2 = nullptr;
   EFI_GUID group = kA;
   ASSERT_EQ(bs()->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_NOTIFY, record, &p4, &group, &g1), EFI_SUCCESS);
   ASSERT_EQ(bs()->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, record, &p4, &group, &g2), EFI_SUCCESS);
   bs()->SignalEvent(g2);
-  EXPECT_EQ(journal.calls, "d16 d8 ");
+  EXPECT_EQ(journal.take(), "d16 d8 ");
   // Closing a pending event drops its notify; misuse of Raise/RestoreTPL is counted and ignored.
-  journal.calls.clear();
   p1.chained = p2.chained = nullptr;
   old = bs()->RaiseTPL(TPL_NOTIFY);
   bs()->SignalEvent(callback1);
@@ -160,7 +162,7 @@ TEST_F(EventTest, ProtocolNotifyAndLocateByRegistration) {
   EXPECT_TRUE(bs()->LocateProtocol(&kA, registration, &iface) == EFI_SUCCESS && iface == &a1);
   // A reinstall is a new installation for the notify.
   ASSERT_EQ(bs()->ReinstallProtocolInterface(h1, &kA, &a1, &a3), EFI_SUCCESS);
-  EXPECT_EQ(journal.calls, "n8 n8 n8 ");
+  EXPECT_EQ(journal.take(), "n8 n8 n8 ");
   EXPECT_TRUE(bs()->LocateProtocol(&kA, registration, &iface) == EFI_SUCCESS && iface == &a2);
   // LocateHandle by registration hands out the next one and moves on.
   EFI_HANDLE found[2] = {};
@@ -171,8 +173,9 @@ TEST_F(EventTest, ProtocolNotifyAndLocateByRegistration) {
   // An interface removed before it was fetched is not reported.
   bs()->InstallProtocolInterface(&h3, &kA, EFI_NATIVE_INTERFACE, &a1);
   bs()->UninstallProtocolInterface(h3, &kA, &a1);
+  EXPECT_EQ(journal.take(), "n8 ");
   EXPECT_EQ(bs()->LocateProtocol(&kA, registration, &iface), EFI_NOT_FOUND);
-  journal.calls.clear();  // closing the event ends the registration
+  // Closing the event ends the registration.
   ASSERT_EQ(bs()->CloseEvent(event), EFI_SUCCESS);
   bs()->InstallProtocolInterface(&h3, &kA, EFI_NATIVE_INTERFACE, &a1);
   EXPECT_EQ(journal.calls, "");

@@ -18,7 +18,6 @@ class HandleDatabaseTest : public PlatformTest {
     EXPECT_EQ(bs()->InstallProtocolInterface(&h, &guid, EFI_NATIVE_INTERFACE, iface), EFI_SUCCESS);
     return h;
   }
-  bool inDatabase(EFI_HANDLE h) { return tvl::test::inDatabase(platform(), h); }
   EFI_STATUS installPath(EFI_HANDLE* h, std::vector<uint8_t>& path, const EFI_GUID& guid, void* iface) {
     return bs()->InstallMultipleProtocolInterfaces(h, &kDevicePath, path.data(), &guid, iface, nullptr);
   }
@@ -64,9 +63,9 @@ TEST_F(HandleDatabaseTest, InstallUninstallAndLocateRules) {
 
   // The handle lives while it carries a protocol and disappears with the last.
   EXPECT_EQ(bs()->UninstallProtocolInterface(h, &kA, &a), EFI_SUCCESS);
-  EXPECT_TRUE(inDatabase(h));
+  EXPECT_TRUE(inDatabase(platform(), h));
   EXPECT_EQ(bs()->UninstallProtocolInterface(h, &kB, &b), EFI_SUCCESS);
-  EXPECT_FALSE(inDatabase(h));
+  EXPECT_FALSE(inDatabase(platform(), h));
   EXPECT_EQ(bs()->HandleProtocol(h, &kA, &i), EFI_INVALID_PARAMETER);
 }
 
@@ -214,7 +213,7 @@ TEST_F(HandleDatabaseTest, InstallMultipleIsAllOrNothing) {
   EXPECT_EQ(bs()->UninstallMultipleProtocolInterfaces(h, &kA, &a, &kB, &a2, nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ(platform().handleProtocol(h, kA), &a);
   EXPECT_EQ(bs()->UninstallMultipleProtocolInterfaces(h, &kA, &a, &kB, &b, nullptr), EFI_SUCCESS);
-  EXPECT_FALSE(inDatabase(h));
+  EXPECT_FALSE(inDatabase(platform(), h));
 
   // A device path that some handle already has cannot make a new handle.
   std::vector<uint8_t> path = pciPath({1, 2}), same = path;
@@ -255,7 +254,6 @@ TEST_F(HandleDatabaseTest, LocateDevicePathPicksTheLongestPrefix) {
     EFI_DEVICE_PATH_PROTOCOL* path = asPath(t.source);
     EFI_HANDLE device = nullptr;
     EXPECT_EQ(statusName(bs()->LocateDevicePath(&kA, &path, &device)), statusName(t.expected));
-    if (t.expected != EFI_SUCCESS) continue;
     EXPECT_EQ(device, t.device);
     EXPECT_EQ(reinterpret_cast<uint8_t*>(path) - t.source.data(), t.remaining);
   }

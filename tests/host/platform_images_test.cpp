@@ -23,7 +23,6 @@ class ImageTest : public PlatformTest {
   EFI_LOADED_IMAGE_PROTOCOL* loadedImage(EFI_HANDLE h) {
     return static_cast<EFI_LOADED_IMAGE_PROTOCOL*>(platform().handleProtocol(h, kLoadedImage));
   }
-  bool inDatabase(EFI_HANDLE h) { return tvl::test::inDatabase(platform(), h); }
 };
 
 TEST_F(ImageTest, EveryLoadIsAnIndependentInstance) {
@@ -62,7 +61,7 @@ TEST_F(ImageTest, FailedEntriesUnloadTheImage) {
     EFI_HANDLE h = nullptr;
     EXPECT_EQ(loadStatus(kImage, &h), EFI_ABORTED) << "mode " << mode;
     ASSERT_NE(h, nullptr);
-    EXPECT_FALSE(inDatabase(h)) << "the loaded-image protocol goes with the failed image";
+    EXPECT_FALSE(inDatabase(platform(), h)) << "the loaded-image protocol goes with the failed image";
     EXPECT_EQ(platform().unloadImage(h), EFI_INVALID_PARAMETER);
   }
 }
@@ -82,7 +81,7 @@ TEST_F(ImageTest, UnloadRules) {
   EXPECT_NE(platform().leakReport().find("test_counter_image#3"), std::string::npos) << platform().leakReport();
   ASSERT_NE(platform().handleProtocol(full, kCounterProtocol), nullptr);
   EXPECT_EQ(bs()->UnloadImage(full), EFI_SUCCESS);
-  EXPECT_FALSE(inDatabase(full));
+  EXPECT_FALSE(inDatabase(platform(), full));
   EXPECT_TRUE(platform().handlesWith(kCounterProtocol).empty());
   EXPECT_EQ(platform().leakReport().find("test_counter_image#3"), std::string::npos);
   for (EFI_HANDLE h : {full, EFI_HANDLE{}, st()->ConsoleOutHandle}) EXPECT_EQ(bs()->UnloadImage(h), EFI_INVALID_PARAMETER);

@@ -14,6 +14,14 @@ namespace {
 
 const EFI_GUID kSomeGuid = testGuid(9);
 
+// Every counter of the pool in one line, so that one comparison pins them all.
+std::string counts(const host::PoolStats& s) {
+  return std::to_string(s.outstanding) + " outstanding (" + std::to_string(s.outstandingBytes) + " bytes), " +
+         std::to_string(s.allocations) + " allocations, " + std::to_string(s.frees) + " frees, " +
+         std::to_string(s.failedByInjection) + " injected, " + std::to_string(s.invalidFrees) + " invalid, " +
+         std::to_string(s.overruns) + " overruns";
+}
+
 class PoolTest : public PlatformTest {
  protected:
   void* allocate(size_t size) { return allocateFrom(bs(), size); }
@@ -74,10 +82,9 @@ TEST_F(PoolTest, LeanPoolBlocksAreAlignedAndDisjoint) {
       std::memset(p, 0xA0 + int(blocks.size()), size);
       blocks.push_back(p);
     }
-    host::PoolStats stats = lean.poolStats();
-    EXPECT_EQ(stats.outstanding, std::size(sizes));
-    EXPECT_EQ(stats.outstandingBytes, total);
-    EXPECT_NE(lean.leakReport().find(std::to_string(std::size(sizes)) + " pool allocation(s), " + std::to_string(total) +
+    const size_t n = std::size(sizes), allocated = (round + 1) * n;
+    EXPECT_EQ(counts(lean.poolStats()), counts({n, total, allocated, allocated - n}));
+    EXPECT_NE(lean.leakReport().find(std::to_string(n) + " pool allocation(s), " + std::to_string(total) +
                                      " bytes"), std::string::npos) << lean.leakReport();
     // Each block still holds its own pattern: none overlaps another or the pool's heads.
     for (size_t b = 0; b < blocks.size(); ++b) {
@@ -86,10 +93,7 @@ TEST_F(PoolTest, LeanPoolBlocksAreAlignedAndDisjoint) {
       EXPECT_EQ(foreign, 0u) << sizes[b];
     }
     for (size_t b = blocks.size(); b-- > 0;) EXPECT_EQ(services->FreePool(blocks[b]), EFI_SUCCESS);
-    stats = lean.poolStats();
-    EXPECT_TRUE(stats.outstanding == 0 && stats.outstandingBytes == 0 && stats.invalidFrees == 0);
-    EXPECT_EQ(stats.allocations, (round + 1) * std::size(sizes));
-    EXPECT_EQ(stats.frees, stats.allocations);
+    EXPECT_EQ(counts(lean.poolStats()), counts({0, 0, allocated, allocated}));
     EXPECT_TRUE(lean.leakReport().empty()) << lean.leakReport();
   }
   // Blocks enough to fill several chunks stay apart; those still held go with the platform.
@@ -163,15 +167,13 @@ TEST_F(PoolTest, LeanPoolRefusesWhatItDidNotHandOut) {
         {"a checked pool's block", checked},
     };
     for (const auto& c : cases) EXPECT_EQ(services->FreePool(c.address), EFI_INVALID_PARAMETER) << c.what;
-    EXPECT_EQ(lean.poolStats().invalidFrees, std::size(cases));
     EXPECT_NE(lean.poolErrorReport().find("not an outstanding pool allocation"), std::string::npos);
     // The refusals changed nothing: the real blocks free once, and only once.
-    host::PoolStats before = lean.poolStats();
     EXPECT_TRUE(services->FreePool(small) == EFI_SUCCESS && services->FreePool(large) == EFI_SUCCESS);
     EXPECT_EQ(services->FreePool(large), EFI_INVALID_PARAMETER);
-    host::PoolStats after = lean.poolStats();
-    EXPECT_TRUE(after.outstanding == 0 && after.frees == before.frees + 2);
-    EXPECT_EQ(after.invalidFrees, before.invalidFrees + 1);
+    host::PoolStats expected{0, 0, 3, 3};
+    expected.invalidFrees = std::size(cases) + 1;
+    EXPECT_EQ(counts(lean.poolStats()), counts(expected));
   }
   std::free(host);
   EXPECT_EQ(bs()->FreePool(checked), EFI_SUCCESS);
@@ -183,8 +185,7 @@ TEST_F(PoolTest, AccountingAndTheLeakCheck) {
   void* kept = allocate(40);
   markBaseline();  // held on purpose, like an image's state
   void *a = allocate(24), *b = allocate(100);
-  host::PoolStats stats = platform().poolStats();
-  EXPECT_TRUE(stats.outstanding == 3 && stats.outstandingBytes == 164 && stats.allocations == 3);
+  EXPECT_EQ(counts(platform().poolStats()), counts({3, 164, 3, 0}));
   auto list = platform().outstandingAllocations();
   ASSERT_EQ(list.size(), 3u);
   std::string report = platform().leakReport(), since = platform().leakReport(list[2].sequence);
@@ -194,8 +195,8 @@ TEST_F(PoolTest, AccountingAndTheLeakCheck) {
   EXPECT_TRUE(bs()->FreePool(a) == EFI_SUCCESS && bs()->FreePool(b) == EFI_SUCCESS);
   expectNoLeaks();
   EXPECT_EQ(bs()->FreePool(kept), EFI_SUCCESS);
-  stats = platform().poolStats();
-  EXPECT_TRUE(stats.outstanding == 0 && stats.outstandingBytes == 0 && platform().leakReport().empty());
+  EXPECT_EQ(counts(platform().poolStats()), counts({0, 0, 3, 3}));
+  EXPECT_TRUE(platform().leakReport().empty());
   auto* p = static_cast<uint8_t*>(allocate(16));
   int local = 0;
   EXPECT_EQ(bs()->FreePool(&local), EFI_INVALID_PARAMETER);
@@ -250,22 +251,21 @@ TEST_F(PoolTest, FaultInjectionModes) {
   });
 }
 
-TEST_F(PoolTest, Pages) {
+// Page runs are whole pages and free whole; the free observer sees pool blocks and page runs with their
+// contents before the fill, and nothing once removed.
+TEST_F(PoolTest, PagesAndTheFreeObserver) {
   EFI_PHYSICAL_ADDRESS address = 0;
+  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 0, &address), EFI_INVALID_PARAMETER);
+  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiConventionalMemory, 1, &address), EFI_INVALID_PARAMETER);
   ASSERT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 3, &address), EFI_SUCCESS);
   EXPECT_EQ(address % 4096, 0u);
-  std::memset(reinterpret_cast<void*>(address), 0, 3 * 4096);  // all of it is usable
+  std::memset(reinterpret_cast<void*>(address), 0, 3 * 4096);
   EXPECT_EQ(bs()->FreePages(address, 2), EFI_NOT_FOUND);
   EXPECT_EQ(bs()->FreePages(address + 1, 3), EFI_INVALID_PARAMETER);
   EXPECT_EQ(bs()->FreePages(address, 3), EFI_SUCCESS);
   EXPECT_EQ(bs()->FreePages(address, 3), EFI_NOT_FOUND);
-  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 0, &address), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiConventionalMemory, 1, &address), EFI_INVALID_PARAMETER);
   markBaseline();  // the refused FreePages calls were deliberate
-}
 
-// The free observer sees pool blocks and page runs with their contents before the fill, and nothing once removed.
-TEST_F(PoolTest, FreeObserverSeesBlocksBeforeTheyAreFilled) {
   std::vector<std::pair<size_t, std::string>> seen;
   platform().setFreeObserver([&](const void* block, size_t size) {
     seen.emplace_back(size, std::string(static_cast<const char*>(block), std::min<size_t>(size, 6)));
@@ -299,32 +299,29 @@ TEST_F(PoolTest, SweepRunsEveryFailurePointAndFindsLeaks) {
     EXPECT_EQ(seen, (std::vector<size_t>{1, 2, 3}));
   }
 
+  // Two faulty operations: when the second allocation fails, one forgets its first buffer, the other frees it twice.
+  const std::pair<bool, const char*> faults[] = {
+      {false, "allocation attempt 2 of 2"},
+      {true, "allocation attempt 2 of 2 failing (EFI_OUT_OF_RESOURCES) frees memory"},
+  };
   void *first = nullptr, *second = nullptr;
-  auto leaky = [&]() -> EFI_STATUS {  // forgets its first buffer when the second allocation fails
-    RETURN_IF_ERROR(bs()->AllocatePool(EfiBootServicesData, 16, &first));
-    EFI_STATUS s = bs()->AllocatePool(EfiBootServicesData, 16, &second);
-    if (EFI_ERROR(s)) first = nullptr;
-    return s;
-  };
-  auto cleanup = [&] {
-    if (first) bs()->FreePool(first);
-    if (second) bs()->FreePool(second);
-    first = second = nullptr;
-  };
-  EXPECT_NONFATAL_FAILURE(sweepAllocationFailures(leaky, [](EFI_STATUS, size_t) {}, cleanup),
-                          "allocation attempt 2 of 2");
-  auto doubleFree = [&]() -> EFI_STATUS {  // frees its buffer twice when the second allocation fails
-    RETURN_IF_ERROR(bs()->AllocatePool(EfiBootServicesData, 16, &first));
-    EFI_STATUS s = bs()->AllocatePool(EfiBootServicesData, 16, &second);
-    if (EFI_ERROR(s)) {
-      bs()->FreePool(first);
-      bs()->FreePool(first);
-      first = nullptr;
-    }
-    return s;
-  };
-  EXPECT_NONFATAL_FAILURE(sweepAllocationFailures(doubleFree, [](EFI_STATUS, size_t) {}, cleanup),
-                          "allocation attempt 2 of 2 failing (EFI_OUT_OF_RESOURCES) frees memory");
+  for (auto [freeTwice, message] : faults) {
+    auto faulty = [&, freeTwice = freeTwice]() -> EFI_STATUS {
+      RETURN_IF_ERROR(bs()->AllocatePool(EfiBootServicesData, 16, &first));
+      EFI_STATUS s = bs()->AllocatePool(EfiBootServicesData, 16, &second);
+      if (EFI_ERROR(s)) {
+        for (int i = 0; freeTwice && i < 2; ++i) bs()->FreePool(first);
+        first = nullptr;
+      }
+      return s;
+    };
+    auto cleanup = [&] {
+      for (void* p : {first, second})
+        if (p) bs()->FreePool(p);
+      first = second = nullptr;
+    };
+    EXPECT_NONFATAL_FAILURE(sweepAllocationFailures(faulty, [](EFI_STATUS, size_t) {}, cleanup), message);
+  }
   markBaseline();
   for (const host::AllocationInfo& a : platform().outstandingAllocations()) bs()->FreePool(a.address);
 }

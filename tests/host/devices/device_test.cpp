@@ -3,6 +3,9 @@
 // registration.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
+
 #include "host/devices/device.h"
 #include "host/hii/config_string.h"
 #include "host/ifr/ifr_builder.h"
@@ -143,45 +146,42 @@ TEST_F(DeviceTest, RoutedValuesReachBothStores) {
   EXPECT_EQ(extract(&variableHdr_, results_, progress_), EFI_NOT_FOUND);
 }
 
+// The configuration that routes to what `request` reads: each block with a zero value as wide as the block.
+std::u16string withZeroValues(std::u16string text) {
+  for (size_t at = 0; (at = text.find(u"&WIDTH=", at)) != std::u16string::npos; ++at) {
+    const size_t end = std::min(text.find(u'&', at + 1), text.size());
+    const size_t width = std::stoul(hii::toAscii(text.substr(at + 7, end - at - 7)), nullptr, 16);
+    text.insert(end, u"&VALUE=" + std::u16string(2 * width, u'0'));
+  }
+  return text;
+}
+
+// Progress at the first occurrence of progressAt; empty: at the start. Syntax errors are the parser's (its own
+// tests go through them); one shows that its Progress is passed on.
 TEST_F(DeviceTest, RefusalsSetProgressAndChangeNothing) {
-  // Behind the buffer store's header; Progress at the first occurrence of progressAt. Syntax errors are the
-  // parser's (its own tests go through them); one shows that its Progress is passed on.
-  const struct { std::u16string request, configuration, progressAt; } cases[] = {
-      {u"&OFFSET=1z&WIDTH=1", u"&OFFSET=1z&WIDTH=1&VALUE=00", u"&OFFSET"},
-      {u"&OFFSET=000f&WIDTH=0002", u"&OFFSET=000f&WIDTH=0002&VALUE=0000", u"&OFFSET"},  // past the end of the store
-      {u"&OFFSET=0&WIDTH=1&OFFSET=0010&WIDTH=1", u"&OFFSET=0&WIDTH=1&VALUE=00&OFFSET=0010&WIDTH=1&VALUE=00",
-       u"&OFFSET=0010"},
-      {u"&OFFSET=ffffffffffffffff&WIDTH=2", u"&OFFSET=ffffffffffffffff&WIDTH=2&VALUE=0000", u"&OFFSET"},  // wraps
+  Device other(platform(), hii(), hii::DevicePathBuilder().pciRoot(0).pci(0x1c, 1).build());
+  other.addBufferStorage(kBufferGuid, kBufferName, counting());
+  const struct { std::u16string request; EFI_STATUS status; std::u16string progressAt; } cases[] = {
+      {bufferHdr_ + u"&OFFSET=1z&WIDTH=1", EFI_INVALID_PARAMETER, u"&OFFSET"},
+      {bufferHdr_ + u"&OFFSET=000f&WIDTH=0002", EFI_INVALID_PARAMETER, u"&OFFSET"},  // past the end of the store
+      {bufferHdr_ + u"&OFFSET=0&WIDTH=1&OFFSET=0010&WIDTH=1", EFI_INVALID_PARAMETER, u"&OFFSET=0010"},
+      {bufferHdr_ + u"&OFFSET=ffffffffffffffff&WIDTH=2", EFI_INVALID_PARAMETER, u"&OFFSET"},  // wraps
+      {hii::configHdr(kBufferGuid, u"Setuq", path_) + u"&OFFSET=0&WIDTH=1", EFI_NOT_FOUND, u""},
+      {hii::configHdr(kVariableGuid, kBufferName, path_) + u"&OFFSET=0&WIDTH=1", EFI_NOT_FOUND, u""},
+      {other.configHdr(kBufferGuid, kBufferName) + u"&OFFSET=0&WIDTH=1", EFI_NOT_FOUND, u""},  // another device
   };
   for (const auto& c : cases) {
-    for (const std::u16string* body : {&c.request, &c.configuration}) {
-      const bool routing = body == &c.configuration;
-      const std::u16string text = bufferHdr_ + *body;
-      SCOPED_TRACE((routing ? "route " : "extract ") + hii::toAscii(*body));
+    const std::u16string configuration = withZeroValues(c.request);
+    for (const std::u16string* text : {&c.request, &configuration}) {
+      const bool routing = text == &configuration;
+      SCOPED_TRACE((routing ? "route " : "extract ") + hii::toAscii(*text));
       results_ = u"untouched";
-      EXPECT_EQ(routing ? route(text, progress_) : extract(&text, results_, progress_), EFI_INVALID_PARAMETER);
-      EXPECT_EQ(progress_, text.find(c.progressAt));
+      progress_ = 99;
+      EXPECT_EQ(routing ? route(*text, progress_) : extract(text, results_, progress_), c.status);
+      EXPECT_EQ(progress_, c.progressAt.empty() ? 0 : text->find(c.progressAt));
       EXPECT_EQ(results_, u"untouched");
       EXPECT_EQ(buffer(), counting());
     }
-  }
-}
-
-TEST_F(DeviceTest, HeadersOfOtherStoresOrDevicesAreNotFound) {
-  Device other(platform(), hii(), hii::DevicePathBuilder().pciRoot(0).pci(0x1c, 1).build());
-  other.addBufferStorage(kBufferGuid, kBufferName, counting());
-  const std::u16string cases[] = {
-      hii::configHdr(kBufferGuid, u"Setuq", path_),         // NAME differs
-      hii::configHdr(kVariableGuid, kBufferName, path_),     // GUID of the other store
-      other.configHdr(kBufferGuid, kBufferName),            // same store on another device
-  };
-  for (const std::u16string& hdr : cases) {
-    std::u16string request = hdr + u"&OFFSET=0&WIDTH=1";
-    progress_ = 99;
-    EXPECT_EQ(extract(&request, results_, progress_), EFI_NOT_FOUND) << hii::toAscii(hdr);
-    EXPECT_EQ(progress_, 0u);
-    EXPECT_EQ(route(request + u"&VALUE=ff", progress_), EFI_NOT_FOUND);
-    EXPECT_EQ(progress_, 0u);
   }
 }
 

@@ -3,6 +3,8 @@
 // error.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "host/hii/config_string.h"
 #include "host/hii/device_path.h"
 
@@ -33,14 +35,10 @@ TEST(ConfigString, ParsedHeaderAndBlocksRoundTrip) {
   const std::u16string resp = kHdr + hii::blockConfig(2, word, 2) + hii::blockConfig(0x20, text, 4);
   hii::ConfigString parsed;
   ASSERT_EQ(hii::parseConfigString(resp, hii::ConfigKind::Response, parsed), EFI_SUCCESS);
-  EXPECT_EQ(parsed.header.guid, kGuid);
-  EXPECT_EQ(parsed.header.name, u"Setup");
-  EXPECT_EQ(parsed.header.path, path());
-  ASSERT_EQ(parsed.blocks.size(), 2u);
-  EXPECT_EQ(parsed.blocks[0].offset, 2u);
-  EXPECT_EQ(parsed.blocks[0].value, (std::vector<uint8_t>{0x34, 0x12}));
-  EXPECT_EQ(parsed.blocks[1].value, (std::vector<uint8_t>{0x41, 0x00, 0x42, 0x00}));
-  EXPECT_EQ(parsed.blocks[1].begin, resp.find(u"&OFFSET=0020"));
+  EXPECT_EQ(hii::configHdr(parsed.header.guid, parsed.header.name, parsed.header.path), kHdr);
+  std::vector<std::tuple<size_t, uint64_t, std::vector<uint8_t>>> blocks;  // begin, offset, value
+  for (const hii::ConfigBlock& b : parsed.blocks) blocks.emplace_back(b.begin, b.offset, b.value);
+  EXPECT_EQ(blocks, (decltype(blocks){{kHdr.size(), 2, {0x34, 0x12}}, {resp.find(u"&OFFSET=0020"), 0x20, {0x41, 0, 0x42, 0}}}));
 
   // Short values are zero-extended; digits and the header take either case.
   ASSERT_EQ(hii::parseConfigString(kHdr + u"&OFFSET=0&WIDTH=4&VALUE=AbC", hii::ConfigKind::Response, parsed), EFI_SUCCESS);

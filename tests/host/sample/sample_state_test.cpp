@@ -1,12 +1,12 @@
 // The sample platform's state file: round trips of the stores and the
 // password state, refusal of damaged files, interrupted writes, its path.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -37,7 +37,7 @@ class SampleStateTest : public tvl::test::PlatformTest {
   }
   void TearDown() override {
     sample_.reset();
-    std::system(("rm -rf '" + dir_ + "'").c_str());
+    std::filesystem::remove_all(dir_);
     PlatformTest::TearDown();
   }
 
@@ -49,10 +49,7 @@ class SampleStateTest : public tvl::test::PlatformTest {
   static void writeText(const std::string& file, const std::string& text) { std::ofstream(file, std::ios::binary) << text; }
   std::vector<std::string> entries() const {
     std::vector<std::string> names;
-    DIR* d = opendir(dir_.c_str());
-    while (dirent* e = d ? readdir(d) : nullptr)
-      if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
-    if (d) closedir(d);
+    for (const auto& entry : std::filesystem::directory_iterator(dir_)) names.push_back(entry.path().filename());
     return names;
   }
   // Flips a byte of every store, so that none holds its default.
