@@ -7,7 +7,6 @@
 
 #include <functional>
 #include <map>
-#include <sstream>
 
 #include "forms_support.h"
 
@@ -20,40 +19,6 @@ EFI_STATUS EFIAPI countExport(UINT8, const EFI_GUID*, const EFI_HII_PACKAGE_HEAD
                               EFI_HII_DATABASE_NOTIFY_TYPE) {
   ++gExports[handle];
   return EFI_SUCCESS;
-}
-
-// What a caller can read of the records, as text.
-std::string dump(const Parse& parse) {
-  std::ostringstream out;
-  out << "status " << parse.status << " count " << parse.count << "\n";
-  for (UINTN i = 0; parse.status == EFI_SUCCESS && i < parse.count; ++i) {
-    const HII_FORMSET_RECORD* set = parse.set(i);
-    out << "set " << set->Guid.Data1 << " languages";
-    for (UINT64 l = 0; l < set->NumberOfLanguages; ++l) out << " " << set->Languages[l];
-    for (UINT64 v = 0; v < set->VarStoreBufferCount; ++v)
-      out << "\n store " << text16(set->VarStoreBuffer[v]->ConfigHdr).size();
-    for (UINT64 f = 0; f < set->FormCount; ++f) {
-      const HII_FORM_RECORD* form = set->Forms[f];
-      out << "\n form " << form->FormId;
-      for (UINT64 s = 0; s < form->StatementCount; ++s) {
-        const HII_STATEMENT_RECORD* st = form->Statements[s];
-        out << "\n  " << int(st->Operand) << " q" << st->QuestionId << " p" << st->Prompt << " = "
-            << number(st->HiiValue) << " marks " << int(st->SuppressedMark) << int(st->DisabledMark)
-            << int(st->ReadOnlyMark) << " ro "
-            << (st->ReadOnlyCondition ? int(st->ReadOnlyCondition->Result.Value[0]) : -1) << " cb "
-            << int(st->CheckboxDefault) << int(st->CheckboxDefaultMfg) << " block " << text16(st->BlockName).size();
-        if (st->HiiValue.Buffer)
-          for (UINT16 b = 0; b < st->HiiValue.BufferLen; ++b) out << " " << int(st->HiiValue.Buffer[b]);
-        for (UINT64 o = 0; o < st->OptionCount; ++o)
-          out << " opt " << number(st->Options[o]->Value) << "/" << int(st->Options[o]->OptionSuppressed);
-        for (UINT64 d = 0; d < st->DefaultCount; ++d)
-          out << " def " << st->Defaults[d]->DefaultId << "/"
-              << (st->Defaults[d]->ValueExpression ? number(st->Defaults[d]->ValueExpression->Result) : 999);
-      }
-    }
-    out << "\n";
-  }
-  return out.str();
 }
 
 class FormsCacheTest : public FormsTest {

@@ -3,7 +3,6 @@
 // defaults; the form set's languages, stores and forms; the form-set filter.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 
 #include "forms_support.h"
@@ -14,131 +13,63 @@ namespace {
 using ifr::Width;
 using FormsRecordsTest = FormsTest;
 
-// Form 1 of the sample, statement by statement. store: 0 none, else the
-// index + 1 of the variable store; block: -1 for no block name.
-struct StatementRow {  // value: little-endian from HiiValue.Value, for number, date, time, boolean and string ids
-  UINT8 operand; UINT16 questionId, width; UINT8 type; UINT64 minimum, maximum, step; int store, block; UINT64 value;
-  UINT8 readOnly, reset, locked;
-};
-constexpr UINT8 kBool = EFI_IFR_TYPE_BOOLEAN, kString = EFI_IFR_TYPE_STRING, kRef = EFI_IFR_TYPE_REF,
-                  kNone = EFI_IFR_TYPE_UNDEFINED;
-const StatementRow kForm1[] = {
-    {EFI_IFR_SUBTITLE_OP, 0, 0, kNone, 0, 0, 0, 0, -1, 0, 0, 0, 0},
-    {EFI_IFR_TEXT_OP, 0, 0, kNone, 0, 0, 0, 0, -1, 0, 0, 0, 0},
-    {EFI_IFR_ONE_OF_OP, 0x10, 2, 1, 1, 3, 1, 1, 2, 2, 0, 1, 0},
-    {EFI_IFR_CHECKBOX_OP, 0x11, 1, kBool, 0, 0, 0, 1, 4, 1, 0, 0, 0},
-    {EFI_IFR_NUMERIC_OP, 0x12, 4, 2, 10, 5000, 5, 1, 8, 0x12345678, 1, 0, 0},
-    {EFI_IFR_PASSWORD_OP, 0x13, 16, kString, 1, 8, 0, 1, 12, 0, 0, 0, 0},
-    {EFI_IFR_STRING_OP, 0x14, 20, kString, 2, 10, 0, 1, 30, 0, 0, 0, 0},
-    {EFI_IFR_ORDERED_LIST_OP, 0x15, 3, EFI_IFR_TYPE_BUFFER, 0, 0, 0, 1, 50, 0, 0, 0, 0},
-    {EFI_IFR_REF_OP, 0x16, 0, kRef, 0, 0, 0, 0, -1, 0, 0, 0, 0},
-    {EFI_IFR_ACTION_OP, 0x17, 0, EFI_IFR_TYPE_ACTION, 0, 0, 0, 0, -1, 6, 0, 0, 0},
-    {EFI_IFR_IMAGE_OP, 0, 0, kNone, 0, 0, 0, 0, -1, 0, 0, 0, 0},
-    {EFI_IFR_NUMERIC_OP, 0x18, 8, 3, 0, ~0ull, 0, 2, 0, 0x12340000, 0, 0, 0},
-    {EFI_IFR_CHECKBOX_OP, 0x19, 1, kBool, 0, 0, 0, 0, -1, 0, 0, 0, 1},
-    {EFI_IFR_DATE_OP, 0x1A, 4, EFI_IFR_TYPE_DATE, 0, 0, 0, 1, 56, 0x0B0607E8, 0, 0, 0},
-    {EFI_IFR_TIME_OP, 0x1B, 3, EFI_IFR_TYPE_TIME, 0, 0, 0, 1, 60, 0x38220C, 0, 0, 0},
-    {EFI_IFR_RESET_BUTTON_OP, 0, 0, kNone, 0, 0, 0, 0, -1, 0, 0, 0, 0},
-    {EFI_IFR_NUMERIC_OP, 0x1C, 1, 0, 0, 0, 0, 3, -1, 0, 0, 0, 0},
-    {EFI_IFR_REF_OP, 0x1D, 0, kRef, 0, 0, 0, 0, -1, 0, 0, 0, 0},
-    {EFI_IFR_REF_OP, 0x1E, 0, kRef, 0, 0, 0, 0, -1, 0, 0, 0, 0},
-    {EFI_IFR_REF_OP, 0x1F, 0, kRef, 0, 0, 0, 0, -1, 0, 0, 0, 0},
-    {EFI_IFR_REF_OP, 0x20, 0, kRef, 0, 0, 0, 0, -1, 0, 0, 0, 0},
-};
+// The sample's records as dump() shows them: statement lines in hex, texts
+// by string id (prompt c, help 2), values as type:number, stores by their
+// index in VarStoreBuffer.
+const char* const kSampleRecords = R"(status 0 count 1
+set formset title 1 help 2 languages en-US fr-FR x-UEFI
+ store store 113
+ store variable 109
+ store other 93
+ default stores 0:0 1:0 5:8
+ form 1 title 3
+  2 q0 p7 h0 = 9:0
+  3 q0 p5 h2 two6 = 9:0
+  5 q10 pc h2 w2 range 1..3/1 store0 &OFFSET=0002&WIDTH=0002 = 1:2 size1 reset
+    option t9 = 1:1
+    option ta = 1:2 flags 10 default
+    option tb = 1:3 flags 20
+  6 q11 pc h2 w1 store0 &OFFSET=0004&WIDTH=0001 = 4:1 checkbox 10
+  7 q12 pc h2 w4 range a..1388/5 store0 &OFFSET=0008&WIDTH=0004 = 2:12345678 size2 read-only
+    default 0 = 2:64
+    default 1 = 2:c8
+  8 q13 pc h2 w10 range 1..8/0 store0 &OFFSET=000c&WIDTH=0010 = 7:0 [0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0]
+  1c q14 pc h2 w14 range 2..a/0 store0 &OFFSET=001e&WIDTH=0014 = 7:0 [48 0 69 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0]
+  23 q15 pc h2 w3 store0 &OFFSET=0032&WIDTH=0003 = b:0 [3 1 2]
+    option t9 = 0:1
+    option ta = 0:2
+    option tb = 0:3
+  f q16 pc h2 = c:ref(q0 f2 0 d0)
+  c q17 pc h2 = a:6
+  4 q0 p0 h0 = 9:0
+  7 q18 pc h2 w8 range 0..ffffffffffffffff/0 store1 &OFFSET=0000&WIDTH=0008 = 3:12340000 size3
+  6 q19 pc h2 w1 = 4:0 locked checkbox 10
+    default 0 = 4:1 from an expression, type 8
+  1a q1a pc h2 w4 store0 &OFFSET=0038&WIDTH=0004 = 6:b0607e8
+  1b q1b pc h2 w3 store0 &OFFSET=003c&WIDTH=0003 = 5:38220c
+  d q0 pc h2 = 9:0
+  7 q1c pc h2 w1 store2 = 0:0
+  f q1d pc h2 = c:ref(q1a f2 0 d0)
+  f q1e pc h2 = c:ref(q4 f3 other d0)
+  f q1f pc h2 = c:ref(q6 f5 other d9)
+  f q20 pc h2 = c:ref(q0 f0 0 d0)
+ form 2 title 4
+  3 q0 p5 h2 = 9:0
+ form 8 title 4
+  3 q0 p5 h2 = 9:0
+)";
 
 TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
   Sample sample;
   devices::Device* device = nullptr;
   auto parse = process({registerSample(sample, &device)});
   ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-  ASSERT_EQ(parse->count, 1u);
-  const HII_FORMSET_RECORD* set = parse->set();
-  ASSERT_EQ(set->VarStoreBufferCount, 3u);
-  const HII_FORM_RECORD* form = set->Forms[0];
-  ASSERT_EQ(form->StatementCount, std::size(kForm1)) << "the label and the locked tag are no statements";
-  for (size_t i = 0; i < std::size(kForm1); ++i) {
-    const StatementRow& r = kForm1[i];
-    const HII_STATEMENT_RECORD* s = form->Statements[i];
-    SCOPED_TRACE(testing::Message() << "statement " << i);
-    EXPECT_TRUE(s->Operand == r.operand && s->QuestionId == r.questionId) << int(s->Operand) << " " << s->QuestionId;
-    if (r.questionId || r.operand == EFI_IFR_RESET_BUTTON_OP) {
-      EXPECT_TRUE(s->Prompt == sample.prompt && s->Help == sample.help);
-    }
-    EXPECT_EQ(s->StorageWidth, r.width);
-    EXPECT_EQ(s->HiiValue.Type, r.type);
-    EXPECT_EQ(s->ValueType, r.type <= EFI_IFR_TYPE_NUM_SIZE_64 ? r.type : 0);
-    EXPECT_TRUE(s->Minimum == r.minimum && s->Maximum == r.maximum && s->Step == r.step)
-        << s->Minimum << " " << s->Maximum << " " << s->Step;
-    EXPECT_EQ(s->VarStore, r.store ? set->VarStoreBuffer[r.store - 1] : nullptr);
-    EXPECT_EQ(text16(s->BlockName), r.block < 0 ? u"" : hii::blockName(UINT64(r.block), r.width));
-    if (r.type != kRef && r.type != kString) { EXPECT_EQ(hiiValueNumber(s->HiiValue, 8), r.value); }
-    EXPECT_TRUE(s->ReadOnlyFlag == r.readOnly && s->ResetRequired == r.reset && s->LockedFlag == r.locked);
-    EXPECT_TRUE(!s->DisabledMark && !s->SuppressedMark && !s->ReadOnlyMark);
-  }
-  EXPECT_EQ(form->Statements[0]->Prompt, sample.subtitle);
-  EXPECT_TRUE(form->Statements[1]->Prompt == sample.text && form->Statements[1]->TextTwo == sample.textTwo);
-
-  // Buffer values come from storage, except a password's characters.
-  auto buffer = [&](UINT16 id, size_t n) {
-    const UINT8* b = findQuestion(set, id)->HiiValue.Buffer;
-    return b ? std::vector<UINT8>(b, b + n) : std::vector<UINT8>{};
-  };
-  EXPECT_EQ(buffer(0x14, 6), (std::vector<UINT8>{'H', 0, 'i', 0, 0, 0}));
-  EXPECT_EQ(buffer(0x15, 3), (std::vector<UINT8>{3, 1, 2}));
-  EXPECT_EQ(buffer(0x13, 2), (std::vector<UINT8>{0, 0}));
-
-  // References: EFI_HII_REF is QuestionId, FormId, FormSetGuid, DevicePath.
-  const struct { UINT16 id, question, form, devicePath; EFI_GUID formSet; } refs[] = {
-      {0x16, 0, 2, 0, {}}, {0x1D, 0x1A, 2, 0, {}}, {0x1E, 4, 3, 0, kOtherFormSetGuid},
-      {0x1F, 6, 5, 9, kOtherFormSetGuid}, {0x20, 0, 0, 0, {}}};
-  for (const auto& r : refs) {
-    const UINT8* v = findQuestion(set, r.id)->HiiValue.Value;
-    EXPECT_TRUE((v[0] | (v[1] << 8)) == r.question && (v[2] | (v[3] << 8)) == r.form &&
-                std::memcmp(&v[4], &r.formSet, sizeof(EFI_GUID)) == 0 && (v[20] | (v[21] << 8)) == r.devicePath)
-        << r.id;
-  }
-
-  // Options in order with their texts and values (default flags: see
-  // OptionFlagsMarkOptionsOnly); the numeric's two DEFAULT opcodes.
-  const HII_STATEMENT_RECORD* oneOf = findQuestion(set, 0x10);
-  ASSERT_EQ(oneOf->OptionCount, 3u);
-  const UINT16 optionTexts[] = {sample.option1, sample.option2, sample.option3};
-  for (UINT8 i = 0; i < 3; ++i) {
-    const HII_OPTION_RECORD* o = oneOf->Options[i];
-    EXPECT_TRUE(o->OptionText == optionTexts[i] && o->Value.Type == EFI_IFR_TYPE_NUM_SIZE_16) << int(i);
-    EXPECT_EQ(number(o->Value), i + 1u);
-  }
-  EXPECT_EQ(findQuestion(set, 0x15)->Options[2]->Value.Type, EFI_IFR_TYPE_NUM_SIZE_8);
-  const HII_STATEMENT_RECORD* numeric = findQuestion(set, 0x12);
-  ASSERT_EQ(numeric->DefaultCount, 2u);
-  for (int k = 0; k < 2; ++k)
-    EXPECT_TRUE(numeric->Defaults[k]->DefaultId == (k ? EFI_HII_DEFAULT_CLASS_MANUFACTURING : 0) &&
-                numeric->Defaults[k]->Value.Type == EFI_IFR_TYPE_NUM_SIZE_32 &&
-                number(numeric->Defaults[k]->Value) == (k ? 200u : 100u))
-        << "default " << k;
-
-  // The form set: forms (the form map last), languages, variable stores,
-  // default stores (standard and manufacturing first, then the custom one).
-  EXPECT_TRUE(set->Guid == kFormSetGuid && set->FormSetTitle == sample.title && set->FormSetHelp == sample.help);
-  ASSERT_EQ(set->FormCount, 3u);
-  const UINT16 forms[][3] = {{1, sample.formTitle, 21}, {2, sample.form2Title, 1}, {8, sample.form2Title, 1}};
-  for (int f = 0; f < 3; ++f)
-    EXPECT_TRUE(set->Forms[f]->FormId == forms[f][0] && set->Forms[f]->FormTitle == forms[f][1] &&
-                set->Forms[f]->StatementCount == forms[f][2])
-        << "form " << f;
-  ASSERT_EQ(set->NumberOfLanguages, 3u);
-  EXPECT_EQ(std::string(set->Languages[0]) + set->Languages[1] + set->Languages[2], "en-USfr-FRx-UEFI");
+  EXPECT_EQ(dump(*parse), kSampleRecords);
   const std::pair<EFI_GUID, std::u16string> stores[] = {
       {kStoreGuid, u"Setup"}, {kVariableGuid, u"Vars"}, {kOtherFormSetGuid, u""}};
-  for (int v = 0; v < 3; ++v) {
-    EXPECT_EQ(set->VarStoreBuffer[v]->Guid, stores[v].first);
-    EXPECT_EQ(text16(set->VarStoreBuffer[v]->ConfigHdr),
+  for (int v = 0; v < 3; ++v)
+    EXPECT_EQ(text16(parse->set()->VarStoreBuffer[v]->ConfigHdr),
               hii::configHdr(stores[v].first, stores[v].second, device->devicePath()));
-  }
-  ASSERT_EQ(set->DefaultStoreCount, 3u);
-  const UINT16 defaultIds[] = {0, 1, 5};
-  for (int d = 0; d < 3; ++d) EXPECT_EQ(set->DefaultStores[d]->DefaultId, defaultIds[d]);
-  EXPECT_EQ(set->DefaultStores[2]->DefaultName, sample.custom);
 }
 
 // An option's default flags mark the option (the standard flag sets

@@ -1,11 +1,110 @@
 #include "forms_support.h"
 
+#include <cstring>
+#include <sstream>
+
+#include "support/log_capture.h"
+
 namespace tvl::test::forms {
 
 namespace {
 using ifr::Width;
 constexpr UINT16 kSetupSize = 64;
 }  // namespace
+
+// ---------------------------------------------------------------- dump
+namespace {
+
+std::string guidName(const EFI_GUID& g) {
+  const std::pair<const EFI_GUID*, const char*> known[] = {
+      {&kFormSetGuid, "formset"}, {&kOtherFormSetGuid, "other"}, {&kStoreGuid, "store"}, {&kVariableGuid, "variable"}};
+  for (const auto& [guid, name] : known)
+    if (g == *guid) return name;
+  std::ostringstream out;
+  out << std::hex << g.Data1;
+  return out.str();
+}
+
+void value(std::ostream& out, const HII_VALUE& v) {
+  out << int(v.Type) << ":";
+  if (v.Type == EFI_IFR_TYPE_REF) {
+    EFI_GUID formSet;
+    std::memcpy(&formSet, &v.Value[4], sizeof formSet);
+    out << "ref(q" << hiiValueNumber(v, 2) << " f" << (v.Value[2] | v.Value[3] << 8) << " " << guidName(formSet)
+        << " d" << (v.Value[20] | v.Value[21] << 8) << ")";
+  } else {
+    out << (v.Type == EFI_IFR_TYPE_STRING || v.Type == EFI_IFR_TYPE_ACTION ? number(v) : hiiValueNumber(v, 8));
+  }
+  if (!v.Buffer) return;
+  out << " [";
+  for (UINT16 b = 0; b < v.BufferLen; ++b) out << (b ? " " : "") << int(v.Buffer[b]);
+  out << "]";
+}
+
+void statement(std::ostream& out, const HII_FORMSET_RECORD& set, const HII_STATEMENT_RECORD& st) {
+  out << "\n  " << int(st.Operand) << " q" << st.QuestionId << " p" << st.Prompt << " h" << st.Help;
+  if (st.TextTwo) out << " two" << st.TextTwo;
+  if (st.StorageWidth) out << " w" << st.StorageWidth;
+  if (st.Minimum || st.Maximum || st.Step) out << " range " << st.Minimum << ".." << st.Maximum << "/" << st.Step;
+  if (st.VarStore) {
+    UINT64 v = 0;
+    while (v < set.VarStoreBufferCount && set.VarStoreBuffer[v] != st.VarStore) ++v;
+    out << " store" << v;
+  }
+  if (st.BlockName) out << " " << narrow(st.BlockName);
+  out << " = ";
+  value(out, st.HiiValue);
+  if (st.ValueType) out << " size" << int(st.ValueType);
+  const std::pair<UINT8, const char*> marks[] = {
+      {st.ReadOnlyFlag, "read-only"}, {st.ResetRequired, "reset"}, {st.LockedFlag, "locked"},
+      {st.SuppressedMark, "suppressed"}, {st.DisabledMark, "disabled"}, {st.ReadOnlyMark, "grayed"}};
+  for (const auto& [on, name] : marks)
+    if (on) out << " " << name << (on == 1 ? "" : "?");
+  if (st.ReadOnlyCondition) out << " grayed-if " << int(st.ReadOnlyCondition->Result.Value[0]);
+  if (st.CheckboxDefault || st.CheckboxDefaultMfg)
+    out << " checkbox " << int(st.CheckboxDefault) << int(st.CheckboxDefaultMfg);
+  for (UINT64 o = 0; o < st.OptionCount; ++o) {
+    const HII_OPTION_RECORD& option = *st.Options[o];
+    out << "\n    option t" << option.OptionText << " = ";
+    value(out, option.Value);
+    if (option.OptionFlags) out << " flags " << int(option.OptionFlags);
+    if (option.OptionIsDefault) out << " default" << (option.OptionIsDefault == 1 ? "" : "?");
+    if (option.OptionSuppressed) out << " suppressed" << (option.OptionSuppressed == 1 ? "" : "?");
+  }
+  for (UINT64 d = 0; d < st.DefaultCount; ++d) {
+    const HII_DEFAULT_RECORD& def = *st.Defaults[d];
+    out << "\n    default " << def.DefaultId << " = ";
+    value(out, def.ValueExpression ? def.ValueExpression->Result : def.Value);
+    if (def.ValueExpression) out << " from an expression, type " << int(def.Value.Type);
+  }
+}
+
+}  // namespace
+
+std::string dump(const Parse& parse) {
+  std::ostringstream out;
+  out << "status " << parse.status << " count " << parse.count << "\n";
+  for (UINTN i = 0; parse.status == EFI_SUCCESS && i < parse.count; ++i) {
+    const HII_FORMSET_RECORD& set = *parse.set(i);
+    out << "set " << guidName(set.Guid) << " title " << set.FormSetTitle << " help " << set.FormSetHelp
+        << " languages";
+    for (UINT64 l = 0; l < set.NumberOfLanguages; ++l) out << " " << set.Languages[l];
+    for (UINT64 v = 0; v < set.VarStoreBufferCount; ++v)
+      out << "\n store " << guidName(set.VarStoreBuffer[v]->Guid) << " "
+          << narrow(set.VarStoreBuffer[v]->ConfigHdr).size();
+    out << "\n default stores";
+    for (UINT64 d = 0; d < set.DefaultStoreCount; ++d)
+      out << " " << set.DefaultStores[d]->DefaultId << ":" << set.DefaultStores[d]->DefaultName;
+    for (UINT64 f = 0; f < set.FormCount; ++f) {
+      out << "\n form " << set.Forms[f]->FormId << " title " << set.Forms[f]->FormTitle;
+      for (UINT64 s = 0; s < set.Forms[f]->StatementCount; ++s)
+        statement(out << std::hex, set, *set.Forms[f]->Statements[s]);
+      out << std::dec;
+    }
+    out << "\n";
+  }
+  return out.str();
+}
 
 // ---------------------------------------------------------------- sample
 std::vector<UINT8> Sample::setupBytes() const {

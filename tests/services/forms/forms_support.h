@@ -60,6 +60,10 @@ inline UINT64 number(const HII_VALUE& v) {
   return hiiValueNumber(v, hiiNumberWidth(v.Type));
 }
 
+// What a caller can read of the records, as text: every field the service
+// fills, zero fields left out; one line per statement.
+std::string dump(const Parse& parse);
+
 // Raw IFR bytes for what the builder does not write.
 using tvl::test::hii::cat;
 using tvl::test::hii::u16le;

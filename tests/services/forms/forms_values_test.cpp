@@ -82,16 +82,10 @@ TEST_F(FormsValuesTest, FieldsPastTheEndOfTheirStoreStayZero) {
       {0x34, 5, ifr::Width::U64, 0},
       {0x35, 8, ifr::Width::U16, 0},                   // starts at the end
   };
-  ifr::Strings strings({"en-US"});
-  const UINT16 prompt = strings.add(u"Field");
-  ifr::FormSetBuilder fs(kFormSetGuid, prompt, prompt);
-  fs.varStore(1, kStoreGuid, "Setup", 8);
-  ifr::FormBuilder& form = fs.form(1, prompt);
+  OneForm form(8);
   for (const Field& f : fields)
-    form.numeric(ifr::Numeric(f.question, prompt, prompt, f.width).store(1, f.offset).range(0, ~0ull));
-  devices::Device& device = addDevice();
-  device.addBufferStorage(kStoreGuid, u"Setup", {1, 2, 3, 4, 5, 6, 7, 8});
-  auto parse = process({device.addPackageList(ifr::packageList(kListGuid, fs, strings))});
+    form.form.numeric(ifr::Numeric(f.question, form.s, form.s, f.width).store(1, f.offset).range(0, ~0ull));
+  auto parse = processForm(form, {1, 2, 3, 4, 5, 6, 7, 8});
   ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
   for (const Field& f : fields) EXPECT_EQ(number(findQuestion(parse->set(), f.question)->HiiValue), f.value) << f.question;
 }

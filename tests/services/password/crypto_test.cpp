@@ -30,12 +30,7 @@ TEST_P(PasswordCryptoTest, PublishedVectors) {
        "cf5b16a778af8380036ce59e7b0492370b249b11e8f07a51afac45037afee9d1"},
       {"a million a", Bytes(1000000, 'a'), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
   };
-  auto sha256 = function<VOID (*)(const VOID*, UINTN, UINT8*)>(GetParam(), "sha256Digest");
-  for (const auto& c : digests) {
-    Bytes digest(32);
-    sha256(c.message.data(), c.message.size(), digest.data());
-    EXPECT_EQ(hexText(digest), c.digest) << c.name;
-  }
+  for (const auto& c : digests) EXPECT_EQ(hexText(sha256(c.message, GetParam())), c.digest) << c.name;
 
   const struct { const char* name; Bytes key, data; const char* mac; } macs[] = {  // RFC 4231 test cases
       {"1", Bytes(20, 0x0b), text("Hi There"), "b0344c61d8db38535ca8afceaf0bf12b881dc200c9833da726e9376c2e32cff7"},
@@ -48,14 +43,9 @@ TEST_P(PasswordCryptoTest, PublishedVectors) {
             "be hashed before being used by the HMAC algorithm."),
        "9b09ffa71b942fcb27635fbcd5b0e944bfdc63644f0713938a7f51535c3a35e2"},
   };
-  auto hmac = function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT8*)>(GetParam(), "hmacSha256Mac");
-  for (const auto& c : macs) {
-    Bytes mac(32);
-    hmac(c.key.data(), c.key.size(), c.data.data(), c.data.size(), mac.data());
-    EXPECT_EQ(hexText(mac), c.mac) << "RFC 4231 test case " << c.name;
-  }
+  for (const auto& c : macs) EXPECT_EQ(hexText(hmac(c.key, c.data, GetParam())), c.mac) << "RFC 4231 case " << c.name;
 
-  const struct { std::string password, salt; UINT32 iterations; size_t size; const char* key; } keys[] = {
+  const struct { const char *password, *salt; UINT32 iterations; size_t size; const char* key; } keys[] = {
       {"passwd", "salt", 1, 64,
        "55ac046e56e3089fec1691c22544b605f94185216dde0465e68b9d57c20dacbc49ca9cccf179b645991664b39d77ef317c71b845b1e30"
        "bd509112041d3a19783"},
@@ -67,13 +57,9 @@ TEST_P(PasswordCryptoTest, PublishedVectors) {
       // No iteration is no key: the output is left as it was (zeros here).
       {"passwd", "salt", 0, 20, "0000000000000000000000000000000000000000"},
   };
-  auto pbkdf2 = function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT32, UINT8*, UINTN)>(GetParam(),
-                                                                                                  "pbkdf2Sha256");
-  for (const auto& c : keys) {
-    Bytes key(c.size);
-    pbkdf2(c.password.data(), c.password.size(), c.salt.data(), c.salt.size(), c.iterations, key.data(), key.size());
-    EXPECT_EQ(hexText(key), c.key) << c.password << " / " << c.salt << " / " << c.iterations;
-  }
+  for (const auto& c : keys)
+    EXPECT_EQ(hexText(pbkdf2(text(c.password), text(c.salt), c.iterations, c.size, GetParam())), c.key)
+        << c.password << " / " << c.salt << " / " << c.iterations;
 }
 
 INSTANTIATE_TEST_SUITE_P(Images, PasswordCryptoTest, ::testing::Values(PasswordImage::Newer, PasswordImage::Older),

@@ -108,18 +108,23 @@ class PasswordServiceTest : public PlatformTest {
   }
   void markDisabled(UINT8 bits) { putVariable(PASSWORD_DISABLED_VARIABLE, {bits}); }
 
-  // SHA-256 and PBKDF2 as the newer image computes them (checked against
-  // published vectors in the crypto tests).
-  Bytes sha256(const Bytes& data) {
+  // SHA-256, HMAC-SHA-256 and PBKDF2 as an image computes them (checked
+  // against published vectors in the crypto tests).
+  Bytes sha256(const Bytes& data, PasswordImage image = PasswordImage::Newer) {
     Bytes digest(32);
-    function<VOID (*)(const VOID*, UINTN, UINT8*)>(PasswordImage::Newer, "sha256Digest")(data.data(), data.size(),
-                                                                                         digest.data());
+    function<VOID (*)(const VOID*, UINTN, UINT8*)>(image, "sha256Digest")(data.data(), data.size(), digest.data());
     return digest;
   }
-  Bytes pbkdf2(const Bytes& password, const Bytes& salt, UINT32 iterations, size_t size = 32) {
+  Bytes hmac(const Bytes& key, const Bytes& data, PasswordImage image) {
+    Bytes mac(32);
+    function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT8*)>(image, "hmacSha256Mac")(
+        key.data(), key.size(), data.data(), data.size(), mac.data());
+    return mac;
+  }
+  Bytes pbkdf2(const Bytes& password, const Bytes& salt, UINT32 iterations, size_t size = 32,
+               PasswordImage image = PasswordImage::Newer) {
     Bytes out(size);
-    function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT32, UINT8*, UINTN)>(PasswordImage::Newer,
-                                                                                       "pbkdf2Sha256")(
+    function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT32, UINT8*, UINTN)>(image, "pbkdf2Sha256")(
         password.data(), password.size(), salt.data(), salt.size(), iterations, out.data(), out.size());
     return out;
   }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstring>
 #include <functional>
 #include <string>
 
@@ -18,9 +19,6 @@ constexpr UINT16 kSys = PASSWORD_WHICH_SYSTEM, kSetup = PASSWORD_WHICH_SETUP;
 constexpr UINT8 kNone = PASSWORD_TYPE_NONE, kPlain = PASSWORD_TYPE_PLAIN, kSha = PASSWORD_TYPE_SHA256;
 constexpr EFI_STATUS kOk = EFI_SUCCESS, kBad = EFI_INVALID_PARAMETER, kDenied = EFI_ACCESS_DENIED,
                      kUnsupported = EFI_UNSUPPORTED, kLocked = EFI_WRITE_PROTECTED;
-const CHAR16 kMaxPassword[] = u"abcdefghijklmnopqrstuvwxyz012345";    // 32 characters
-const CHAR16 kLongPassword[] = u"abcdefghijklmnopqrstuvwxyz0123456";  // 33
-static_assert(sizeof kMaxPassword == 33 * 2 && sizeof kLongPassword == 34 * 2, "password lengths");
 
 class PasswordServiceTest : public tvl::test::BothPasswordServicesTest {
  public:
@@ -46,12 +44,16 @@ class PasswordServiceTest : public tvl::test::BothPasswordServicesTest {
 using T = PasswordServiceTest;
 using S = PASSWORD_SERVICE_PROTOCOL*;
 
-// One call on a prepared store: its status, the system password that
-// verifies afterwards (u"" when none is installed), one that must not (or
-// null), and the type reported.
+std::u16string widen(const char* text) { return std::u16string(text, text + std::strlen(text)); }
+
+// One ChangePassword call on a prepared store: its status, the system
+// password that verifies afterwards ("" when none is installed), one that
+// must not (or null), and the type reported. Texts are narrow and given to
+// the plain and checked methods widened; null passes no text.
 struct ChangeCase {
-  const char* name; PasswordImage image; std::function<void(T*, S newer)> before;
-  std::function<EFI_STATUS(T*, S)> call; EFI_STATUS status; const CHAR16* verifies; const CHAR16* rejects; UINT8 type;
+  const char* name; PasswordImage image; std::function<void(T*, S newer)> before; UINT16 method;
+  const CHAR16* old; const char* password; const char* salt; EFI_STATUS status; const char* verifies;
+  const char* rejects; UINT8 type; enum { Own, Other, Null } self = Own; UINT16 which = kSys;
 };
 
 TEST_F(PasswordServiceTest, ChangePasswordByMethodAndService) {
@@ -60,120 +62,89 @@ TEST_F(PasswordServiceTest, ChangePasswordByMethodAndService) {
   const auto setHashed = [](T* t, S n) { ASSERT_EQ(setHash(n, kSys, t->hash_.c_str(), "NaCl"), EFI_SUCCESS); };
   const auto disable = [](T* t, S) { t->markDisabled(1); };
   const PasswordImage N = PasswordImage::Newer, O = PasswordImage::Older;
+  constexpr UINT16 kP = PASSWORD_METHOD_PLAIN, kH = PASSWORD_METHOD_SHA256, kC = PASSWORD_METHOD_CHECKED;
+  const char* hash = hash_.c_str();
+  std::string upper = hash_, salt64(64, 's'), salt65(65, 's');
+  for (char& c : upper) c = char(toupper(c));
+  const std::string unsalted = hashTextOf("Secret1", ""), salted64 = hashTextOf("Secret1", salt64),
+                    digits63 = hash_.substr(1), notHex = "g" + digits63;
+  const char *max = "abcdefghijklmnopqrstuvwxyz012345", *tooLong = "abcdefghijklmnopqrstuvwxyz0123456";  // 32, 33
   const ChangeCase cases[] = {
       // The newer service, plain text: sets, replaces and clears without
       // looking at the old password.
-      {"newer plain set", N, nothing, [](T*, S s) { return setPlain(s, kSys, u"", u"Secret1"); }, kOk, u"Secret1",
-       u"secret1", kPlain},
-      {"newer plain ignores the old password", N, setFirst,
-       [](T*, S s) { return setPlain(s, kSys, u"wrong", u"Second"); }, kOk, u"Second", u"First", kPlain},
-      {"newer plain clear", N, setFirst, [](T*, S s) { return setPlain(s, kSys, u"", u""); }, kOk, u"", u"First", kNone},
-      {"newer plain clear of nothing", N, nothing, [](T*, S s) { return setPlain(s, kSys, u"", u""); }, kOk, u"",
-       nullptr, kNone},
-      {"newer plain 32 characters", N, nothing, [](T*, S s) { return setPlain(s, kSys, u"", kMaxPassword); }, kOk,
-       kMaxPassword, nullptr, kPlain},
-      {"newer plain 33 characters", N, setFirst, [](T*, S s) { return setPlain(s, kSys, u"", kLongPassword); }, kBad,
-       u"First", kLongPassword, kPlain},
-      {"newer plain without new text", N, setFirst, [](T*, S s) { return setPlain(s, kSys, u"", nullptr); }, kBad,
-       u"First", nullptr, kPlain},
-      {"newer plain without old text", N, setFirst, [](T*, S s) { return setPlain(s, kSys, nullptr, u"x"); }, kBad,
-       u"First", u"x", kPlain},
+      {"newer plain set", N, nothing, kP, u"", "Secret1", nullptr, kOk, "Secret1", "secret1", kPlain},
+      {"newer plain ignores the old password", N, setFirst, kP, u"wrong", "Second", nullptr, kOk, "Second", "First",
+       kPlain},
+      {"newer plain clear", N, setFirst, kP, u"", "", nullptr, kOk, "", "First", kNone},
+      {"newer plain clear of nothing", N, nothing, kP, u"", "", nullptr, kOk, "", nullptr, kNone},
+      {"newer plain 32 characters", N, nothing, kP, u"", max, nullptr, kOk, max, nullptr, kPlain},
+      {"newer plain 33 characters", N, setFirst, kP, u"", tooLong, nullptr, kBad, "First", tooLong, kPlain},
+      {"newer plain without new text", N, setFirst, kP, u"", nullptr, nullptr, kBad, "First", nullptr, kPlain},
+      {"newer plain without old text", N, setFirst, kP, nullptr, "x", nullptr, kBad, "First", "x", kPlain},
       // The newer service, hash text and salt text.
-      {"newer hash with salt", N, nothing, [](T* t, S s) { return setHash(s, kSys, t->hash_.c_str(), "NaCl"); }, kOk,
-       u"Secret1", u"Secret2", kSha},
-      {"newer hash without salt", N, nothing,
-       [](T* t, S s) { return setHash(s, kSys, t->hashTextOf("Secret1", "").c_str(), nullptr); }, kOk, u"Secret1",
-       u"secret1", kSha},
-      {"newer hash in upper case", N, nothing,
-       [](T* t, S s) {
-         std::string upper = t->hash_;
-         for (char& c : upper) c = char(toupper(c));
-         return setHash(s, kSys, upper.c_str(), "NaCl");
-       },
-       kOk, u"Secret1", nullptr, kSha},
-      {"newer hash salt of 64 bytes", N, nothing,
-       [](T* t, S s) {
-         std::string salt(64, 's');
-         return setHash(s, kSys, t->hashTextOf("Secret1", salt).c_str(), salt.c_str());
-       },
-       kOk, u"Secret1", nullptr, kSha},
-      {"newer hash clear", N, setFirst, [](T*, S s) { return setHash(s, kSys, "", nullptr); }, kOk, u"", u"First",
-       kNone},
-      {"newer hash of 63 digits", N, setFirst,
-       [](T* t, S s) { return setHash(s, kSys, t->hash_.substr(1).c_str(), nullptr); }, kBad, u"First", nullptr, kPlain},
-      {"newer hash not hexadecimal", N, setFirst,
-       [](T* t, S s) { return setHash(s, kSys, ("g" + t->hash_.substr(1)).c_str(), nullptr); }, kBad, u"First",
-       nullptr, kPlain},
-      {"newer hash salt of 65 bytes", N, setFirst,
-       [](T* t, S s) { return setHash(s, kSys, t->hash_.c_str(), std::string(65, 's').c_str()); }, kBad, u"First",
-       nullptr, kPlain},
-      {"newer hash without hash text", N, setFirst, [](T*, S s) { return setHash(s, kSys, nullptr, nullptr); }, kBad,
-       u"First", nullptr, kPlain},
-      {"newer method 3", N, setFirst, [](T*, S s) { return change(s, kSys, u"First", u"x"); }, kUnsupported, u"First",
-       u"x", kPlain},
+      {"newer hash with salt", N, nothing, kH, u"", hash, "NaCl", kOk, "Secret1", "Secret2", kSha},
+      {"newer hash without salt", N, nothing, kH, u"", unsalted.c_str(), nullptr, kOk, "Secret1", "secret1", kSha},
+      {"newer hash in upper case", N, nothing, kH, u"", upper.c_str(), "NaCl", kOk, "Secret1", nullptr, kSha},
+      {"newer hash salt of 64 bytes", N, nothing, kH, u"", salted64.c_str(), salt64.c_str(), kOk, "Secret1", nullptr,
+       kSha},
+      {"newer hash clear", N, setFirst, kH, u"", "", nullptr, kOk, "", "First", kNone},
+      {"newer hash of 63 digits", N, setFirst, kH, u"", digits63.c_str(), nullptr, kBad, "First", nullptr, kPlain},
+      {"newer hash not hexadecimal", N, setFirst, kH, u"", notHex.c_str(), nullptr, kBad, "First", nullptr, kPlain},
+      {"newer hash salt of 65 bytes", N, setFirst, kH, u"", hash, salt65.c_str(), kBad, "First", nullptr, kPlain},
+      {"newer hash without hash text", N, setFirst, kH, u"", nullptr, nullptr, kBad, "First", nullptr, kPlain},
+      {"newer method 3", N, setFirst, kC, u"First", "x", nullptr, kUnsupported, "First", "x", kPlain},
       // The older service checks the old password, exactly.
-      {"older set", O, nothing, [](T*, S s) { return change(s, kSys, u"", u"Secret1"); }, kOk, u"Secret1", u"", kPlain},
-      {"older set with an old password when none is installed", O, nothing,
-       [](T*, S s) { return change(s, kSys, u"guess", u"Secret1"); }, kDenied, u"", u"Secret1", kNone},
-      {"older change", O, setFirst, [](T*, S s) { return change(s, kSys, u"First", u"Second"); }, kOk, u"Second",
-       u"First", kPlain},
-      {"older change with a wrong old password", O, setFirst,
-       [](T*, S s) { return change(s, kSys, u"Wrong", u"Second"); }, kDenied, u"First", u"Second", kPlain},
-      {"older change, old password in another case", O, setFirst,
-       [](T*, S s) { return change(s, kSys, u"first", u"Second"); }, kDenied, u"First", u"Second", kPlain},
-      {"older change without the old password", O, setFirst, [](T*, S s) { return change(s, kSys, u"", u"Second"); },
-       kDenied, u"First", u"Second", kPlain},
-      {"older clear", O, setFirst, [](T*, S s) { return change(s, kSys, u"First", u""); }, kOk, u"", u"First", kNone},
-      {"older clear with a wrong old password", O, setFirst, [](T*, S s) { return change(s, kSys, u"Wrong", u""); },
-       kDenied, u"First", u"", kPlain},
-      {"older change of a password set from a hash text", O, setHashed,
-       [](T*, S s) { return change(s, kSys, u"Secret1", u"Second"); }, kOk, u"Second", u"Secret1", kPlain},
-      {"older change: a character beyond 8 bits never matches a hash text", O, setHashed,
-       [](T*, S s) { return change(s, kSys, u"Secret\u0131", u"Second"); }, kDenied, u"Secret1", nullptr, kSha},
-      {"older 33 characters", O, setFirst, [](T*, S s) { return change(s, kSys, u"First", kLongPassword); }, kBad,
-       u"First", kLongPassword, kPlain},
-      {"older without old text", O, setFirst, [](T*, S s) { return change(s, kSys, nullptr, u"x"); }, kBad, u"First",
-       u"x", kPlain},
-      {"older method 2", O, setFirst, [](T*, S s) { return setPlain(s, kSys, u"First", u"x"); }, kUnsupported,
-       u"First", u"x", kPlain},
+      {"older set", O, nothing, kC, u"", "Secret1", nullptr, kOk, "Secret1", "", kPlain},
+      {"older set with an old password when none is installed", O, nothing, kC, u"guess", "Secret1", nullptr, kDenied,
+       "", "Secret1", kNone},
+      {"older change", O, setFirst, kC, u"First", "Second", nullptr, kOk, "Second", "First", kPlain},
+      {"older change with a wrong old password", O, setFirst, kC, u"Wrong", "Second", nullptr, kDenied, "First",
+       "Second", kPlain},
+      {"older change, old password in another case", O, setFirst, kC, u"first", "Second", nullptr, kDenied, "First",
+       "Second", kPlain},
+      {"older change without the old password", O, setFirst, kC, u"", "Second", nullptr, kDenied, "First", "Second",
+       kPlain},
+      {"older clear", O, setFirst, kC, u"First", "", nullptr, kOk, "", "First", kNone},
+      {"older clear with a wrong old password", O, setFirst, kC, u"Wrong", "", nullptr, kDenied, "First", "", kPlain},
+      {"older change of a password set from a hash text", O, setHashed, kC, u"Secret1", "Second", nullptr, kOk,
+       "Second", "Secret1", kPlain},
+      {"older change: a character beyond 8 bits never matches a hash text", O, setHashed, kC, u"Secret\u0131",
+       "Second", nullptr, kDenied, "Secret1", nullptr, kSha},
+      {"older 33 characters", O, setFirst, kC, u"First", tooLong, nullptr, kBad, "First", tooLong, kPlain},
+      {"older without old text", O, setFirst, kC, nullptr, "x", nullptr, kBad, "First", "x", kPlain},
+      {"older method 2", O, setFirst, kP, u"First", "x", nullptr, kUnsupported, "First", "x", kPlain},
       // Refusals of both services before anything is looked up.
-      {"newer method 0", N, setFirst, [](T*, S s) { return s->ChangePassword(s, 0, kSys, u"", u"x", nullptr); },
-       kUnsupported, u"First", u"x", kPlain},
-      {"older method 4", O, setFirst, [](T*, S s) { return s->ChangePassword(s, 4, kSys, u"First", u"x"); },
-       kUnsupported, u"First", u"x", kPlain},
-      {"newer which 0", N, setFirst, [](T*, S s) { return setPlain(s, 0, u"", u"x"); }, kBad, u"First", u"x", kPlain},
-      {"newer called with another This", N, setFirst,
-       [](T* t, S s) { return s->ChangePassword(t->older_, PASSWORD_METHOD_PLAIN, kSys, u"", u"x", nullptr); }, kBad,
-       u"First", u"x", kPlain},
-      {"older called without This", O, setFirst,
-       [](T*, S s) { return s->ChangePassword(nullptr, PASSWORD_METHOD_CHECKED, kSys, u"First", u"x"); }, kBad,
-       u"First", u"x", kPlain},
+      {"newer method 0", N, setFirst, 0, u"", "x", nullptr, kUnsupported, "First", "x", kPlain},
+      {"older method 4", O, setFirst, 4, u"First", "x", nullptr, kUnsupported, "First", "x", kPlain},
+      {"newer which 0", N, setFirst, kP, u"", "x", nullptr, kBad, "First", "x", kPlain, ChangeCase::Own, 0},
+      {"newer called with another This", N, setFirst, kP, u"", "x", nullptr, kBad, "First", "x", kPlain,
+       ChangeCase::Other},
+      {"older called without This", O, setFirst, kC, u"First", "x", nullptr, kBad, "First", "x", kPlain,
+       ChangeCase::Null},
       // A disabled password cannot be changed by any method, even with the
       // right old password; the other password can.
-      {"newer plain disabled", N, disable, [](T*, S s) { return setPlain(s, kSys, u"", u"x"); }, kLocked, u"", u"x",
-       kNone},
-      {"newer hash disabled", N, disable, [](T* t, S s) { return setHash(s, kSys, t->hash_.c_str(), "NaCl"); },
-       kLocked, u"", u"Secret1", kNone},
-      {"older disabled", O,
-       [](T* t, S n) {
-         ASSERT_EQ(setPlain(n, kSys, u"", u"First"), EFI_SUCCESS);
-         t->markDisabled(1);
-       },
-       [](T*, S s) { return change(s, kSys, u"First", u""); }, kLocked, u"First", u"", kPlain},
-      {"a setup mark does not disable the system password", N, [](T* t, S) { t->markDisabled(2); },
-       [](T*, S s) { return setPlain(s, kSys, u"", u"x"); }, kOk, u"x", nullptr, kPlain},
-      {"an unreadable mark disables", N, [](T* t, S) { t->putVariable(PASSWORD_DISABLED_VARIABLE, {0, 0}); },
-       [](T*, S s) { return setPlain(s, kSys, u"", u"x"); }, kLocked, u"", u"x", kNone},
+      {"newer plain disabled", N, disable, kP, u"", "x", nullptr, kLocked, "", "x", kNone},
+      {"newer hash disabled", N, disable, kH, u"", hash, "NaCl", kLocked, "", "Secret1", kNone},
+      {"older disabled", O, [&](T* t, S n) { setFirst(t, n), disable(t, n); }, kC, u"First", "", nullptr, kLocked,
+       "First", "", kPlain},
+      {"a setup mark does not disable the system password", N, [](T* t, S) { t->markDisabled(2); }, kP, u"", "x",
+       nullptr, kOk, "x", nullptr, kPlain},
+      {"an unreadable mark disables", N, [](T* t, S) { t->putVariable(PASSWORD_DISABLED_VARIABLE, {0, 0}); }, kP,
+       u"", "x", nullptr, kLocked, "", "x", kNone},
   };
   for (const ChangeCase& c : cases) {
     SCOPED_TRACE(c.name);
     for (const CHAR16* name : {PASSWORD_SYSTEM_VARIABLE, PASSWORD_SETUP_VARIABLE, PASSWORD_DISABLED_VARIABLE})
       removeVariable(name);
     c.before(this, newer_);
-    EXPECT_EQ(statusName(c.call(this, c.image == N ? newer_ : older_)), statusName(c.status));
+    const S service = c.image == N ? newer_ : older_;
+    const S self = c.self == ChangeCase::Own ? service : c.self == ChangeCase::Other ? older_ : nullptr;
+    const std::u16string wide = c.password ? widen(c.password) : u"";
+    const void* text = !c.password ? nullptr : c.method == kH ? static_cast<const void*>(c.password) : wide.c_str();
+    EXPECT_EQ(statusName(service->ChangePassword(self, c.method, c.which, c.old, text, c.salt)), statusName(c.status));
     removeVariable(PASSWORD_DISABLED_VARIABLE);
-    EXPECT_EQ(statusName(verify(kSys, c.verifies)), "EFI_SUCCESS");
-    if (c.rejects) { EXPECT_EQ(statusName(verify(kSys, c.rejects)), "EFI_ACCESS_DENIED"); }
+    EXPECT_EQ(statusName(verify(kSys, widen(c.verifies).c_str())), "EFI_SUCCESS");
+    if (c.rejects) { EXPECT_EQ(statusName(verify(kSys, widen(c.rejects).c_str())), "EFI_ACCESS_DENIED"); }
     State s = state(kSys);
     EXPECT_EQ(s.type, c.type);
     EXPECT_EQ(s.status, c.type == kNone ? 0 : EFI_VORK_PASSWORD_INSTALLED);

@@ -18,6 +18,10 @@ namespace tvl::test::xml {
 namespace {
 
 struct Tree {
+  Tree(std::string name, std::optional<std::string> contents = {},
+       std::vector<std::pair<std::string, std::string>> attributes = {}, std::vector<Tree> children = {})
+      : name(std::move(name)), contents(std::move(contents)), attributes(std::move(attributes)),
+        children(std::move(children)) {}
   std::string name;
   std::optional<std::string> contents;
   std::vector<std::pair<std::string, std::string>> attributes;
@@ -79,7 +83,7 @@ class XmlServiceTest : public PlatformTest {
   }
   // Reads a tree back (recursive: small trees only), checking the links.
   Tree read(const XML_NODE* node) {
-    Tree tree{node->name, std::nullopt, {}, {}};
+    Tree tree{node->name, std::nullopt};
     if (node->contents) tree.contents = node->contents;
     for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next) tree.attributes.emplace_back(a->name, a->value);
     for (const XML_NODE* child = node->children; child; child = child->next) {
@@ -109,21 +113,19 @@ using XmlTreeTest = XmlServiceTest;
 TEST_F(XmlParseTest, AcceptedDocumentsBecomeTreesWithEscapedContents) {
   const struct { std::string text; Tree tree; } cases[] = {
       {"<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n<!-- c --><?pi data?>\n<r/>\n<!--x--><?p?>\n",
-       {"r", {}, {}, {}}},
-      {"\xEF\xBB\xBF<r>x</r>", {"r", "x", {}, {}}},
-      {"<a>x &amp; y &lt; &gt; &quot; &apos; &#65;&#x42;&#xe9;</a>",
-       {"a", "x &amp; y &lt; &gt; \" ' AB\xc3\xa9", {}, {}}},
-      {"<a>1<![CDATA[<b>&amp;]]>2</a>", {"a", "1&lt;b&gt;&amp;amp;2", {}, {}}},
-      {"<r>\n  <a>1</a>\n  <b/>\n</r>", {"r", {}, {}, {{"a", "1", {}, {}}, {"b", {}, {}, {}}}}},
-      {"<r>one<a/>two <!--c--> three<b/>  </r>", {"r", "onetwo  three", {}, {{"a", {}, {}, {}}, {"b", {}, {}, {}}}}},
-      {"<r><a/><![CDATA[ ]]></r>", {"r", " ", {}, {{"a", {}, {}, {}}}}},
-      {"<r><a>  </a><b></b><c/></r>",
-       {"r", {}, {}, {{"a", "  ", {}, {}}, {"b", "", {}, {}}, {"c", {}, {}, {}}}}},
+       {"r"}},
+      {"\xEF\xBB\xBF<r>x</r>", {"r", "x"}},
+      {"<a>x &amp; y &lt; &gt; &quot; &apos; &#65;&#x42;&#xe9;</a>", {"a", "x &amp; y &lt; &gt; \" ' AB\xc3\xa9"}},
+      {"<a>1<![CDATA[<b>&amp;]]>2</a>", {"a", "1&lt;b&gt;&amp;amp;2"}},
+      {"<r>\n  <a>1</a>\n  <b/>\n</r>", {"r", {}, {}, {{"a", "1"}, {"b"}}}},
+      {"<r>one<a/>two <!--c--> three<b/>  </r>", {"r", "onetwo  three", {}, {{"a"}, {"b"}}}},
+      {"<r><a/><![CDATA[ ]]></r>", {"r", " ", {}, {{"a"}}}},
+      {"<r><a>  </a><b></b><c/></r>", {"r", {}, {}, {{"a", "  "}, {"b", ""}, {"c"}}}},
       {"<a x='1' y = \"a&amp;b&lt;&quot;'\" z=\"l1\nl2\tt\r\nu\" w=\"&#10;&#9;&#13;\"/>",
-       {"a", {}, {{"x", "1"}, {"y", "a&b<\"'"}, {"z", "l1 l2 t u"}, {"w", "\n\t\r"}}, {}}},
-      {"<a>1\r\n2\r3</a>", {"a", "1\n2\n3", {}, {}}},
-      {"<ns:a b.c-d_e=\"1\"><\xc3\xa9/></ns:a >", {"ns:a", {}, {{"b.c-d_e", "1"}}, {{"\xc3\xa9", {}, {}, {}}}}},
-      {"<a>]]]&gt;]></a>", {"a", "]]]&gt;]&gt;", {}, {}}},
+       {"a", {}, {{"x", "1"}, {"y", "a&b<\"'"}, {"z", "l1 l2 t u"}, {"w", "\n\t\r"}}}},
+      {"<a>1\r\n2\r3</a>", {"a", "1\n2\n3"}},
+      {"<ns:a b.c-d_e=\"1\"><\xc3\xa9/></ns:a >", {"ns:a", {}, {{"b.c-d_e", "1"}}, {{"\xc3\xa9"}}}},
+      {"<a>]]]&gt;]></a>", {"a", "]]]&gt;]&gt;"}},
   };
   for (const auto& c : cases) {
     XML_NODE* root = nullptr;
@@ -318,35 +320,33 @@ TEST_F(XmlTreeTest, CreateNodeOwnsItsNameAndClearsEveryLink) {
 // unchanged from parse(serialise(tree)).
 TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
   const struct { Tree tree; const char* text; bool roundTrip; } cases[] = {  // text null: not compared
-      {{"a", {}, {}, {}}, "<a/>", true},
-      {{"a", "", {}, {}}, "<a></a>", true},
-      {{"r", {}, {{"k", "v"}, {"n", ""}}, {{"c", "t", {}, {}}}}, "<r k=\"v\" n=\"\"><c>t</c></r>", true},
-      {{"r", {}, {}, {{"a", {}, {}, {{"b", "1", {}, {}}}}, {"c", "2", {}, {}}}}, "<r><a><b>1</b></a><c>2</c></r>", true},
-      {{"v", "a &amp; b &lt;c&gt;", {}, {}}, "<v>a &amp; b &lt;c&gt;</v>", true},
-      {{"v", "a & b", {}, {}}, "<v>a &amp; b</v>", false},
-      {{"v", "&bogus; &amp &;", {}, {}}, "<v>&amp;bogus; &amp;amp &amp;;</v>", false},
-      {{"v", "&#65;&#x42;&quot;&apos;", {}, {}}, "<v>&#65;&#x42;&quot;&apos;</v>", false},
-      {{"v", "&#0;&#xD800;&#x110000;&#;", {}, {}}, "<v>&amp;#0;&amp;#xD800;&amp;#x110000;&amp;#;</v>", false},
-      {{"v", "x<y>z ]]>", {}, {}}, "<v>x&lt;y&gt;z ]]&gt;</v>", false},
-      {{"v", "a\rb\n\tc \"'", {}, {}}, "<v>a&#13;b\n\tc \"'</v>", false},
-      {{"a", "a &amp; b &lt;c&gt; \"q\" 'p'", {}, {}}, nullptr, true},
-      {{"a", {}, {{"v", "say \"hi\" & <go> 'x'\n\ttab\r\nend"}, {"w", "  two  spaces "}, {"e", ""}}, {}},
+      {{"a"}, "<a/>", true},
+      {{"a", ""}, "<a></a>", true},
+      {{"r", {}, {{"k", "v"}, {"n", ""}}, {{"c", "t"}}}, "<r k=\"v\" n=\"\"><c>t</c></r>", true},
+      {{"r", {}, {}, {{"a", {}, {}, {{"b", "1"}}}, {"c", "2"}}}, "<r><a><b>1</b></a><c>2</c></r>", true},
+      {{"v", "a &amp; b &lt;c&gt;"}, "<v>a &amp; b &lt;c&gt;</v>", true},
+      {{"v", "a & b"}, "<v>a &amp; b</v>", false},
+      {{"v", "&bogus; &amp &;"}, "<v>&amp;bogus; &amp;amp &amp;;</v>", false},
+      {{"v", "&#65;&#x42;&quot;&apos;"}, "<v>&#65;&#x42;&quot;&apos;</v>", false},
+      {{"v", "&#0;&#xD800;&#x110000;&#;"}, "<v>&amp;#0;&amp;#xD800;&amp;#x110000;&amp;#;</v>", false},
+      {{"v", "x<y>z ]]>"}, "<v>x&lt;y&gt;z ]]&gt;</v>", false},
+      {{"v", "a\rb\n\tc \"'"}, "<v>a&#13;b\n\tc \"'</v>", false},
+      {{"a", "a &amp; b &lt;c&gt; \"q\" 'p'"}, nullptr, true},
+      {{"a", {}, {{"v", "say \"hi\" & <go> 'x'\n\ttab\r\nend"}, {"w", "  two  spaces "}, {"e", ""}}},
        nullptr, true},
-      {{"r", {}, {{"FQDD", "NIC.1"}}, {{"a", {}, {}, {{"c", "", {{"k", "&amp;"}}, {}}}}, {"d", {}, {}, {}}}},
-       nullptr, true},
-      {{"gr\xc3\xb6\xc3\x9f" "e", "\xe2\x82\xac \xf0\x9d\x84\x9e", {{"\xe5\x90\x8d", "\xe5\x80\xa4"}}, {}},
-       nullptr, true},
-      {{"mixed", "text", {}, {{"c", {}, {}, {}}, {"d", " x ", {}, {}}}}, nullptr, true},
-      {{"a", "line1\r\nline2\rline3\n\tend", {}, {}}, nullptr, true},
-      {{"a", "]]&gt; &lt;![CDATA[", {}, {}}, nullptr, true},
-      {{"leaf", "   ", {}, {}}, nullptr, true},
+      {{"r", {}, {{"FQDD", "NIC.1"}}, {{"a", {}, {}, {{"c", "", {{"k", "&amp;"}}}}}, {"d"}}}, nullptr, true},
+      {{"gr\xc3\xb6\xc3\x9f" "e", "\xe2\x82\xac \xf0\x9d\x84\x9e", {{"\xe5\x90\x8d", "\xe5\x80\xa4"}}}, nullptr, true},
+      {{"mixed", "text", {}, {{"c"}, {"d", " x "}}}, nullptr, true},
+      {{"a", "line1\r\nline2\rline3\n\tend"}, nullptr, true},
+      {{"a", "]]&gt; &lt;![CDATA["}, nullptr, true},
+      {{"leaf", "   "}, nullptr, true},
       {{"many", {}, {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"d", "4"}, {"e", "5"}, {"f", "6"}, {"g", "7"}, {"h", "8"},
-                     {"i", "9"}, {"aa", "10"}}, {}}, nullptr, true},
+                     {"i", "9"}, {"aa", "10"}}}, nullptr, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
     XML_NODE* root = build(c.tree);
-    root->next = build(Tree{"notWritten", {}, {}, {}});
+    root->next = build(Tree{"notWritten"});
     std::string text;
     EXPECT_EQ(serialise(root, &text), EFI_SUCCESS);
     xml_->XML_FreeNode(xml_, root);
@@ -367,11 +367,11 @@ TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
 TEST_F(XmlTreeTest, FreeReleasesTreesOfAnyDepthAndTheirFollowingSiblings) {
   const size_t before = platform().poolStats().outstanding;
   for (size_t levels : {1u, 63u, 64u, 65u, 66u, 200u}) {
-    Tree tree{"leaf", "x", {{"k", "v"}}, {}};
+    Tree tree{"leaf", "x", {{"k", "v"}}};
     for (size_t level = 0; level < levels; ++level)
-      tree = Tree{"n", {}, {{"d", std::to_string(level)}}, {Tree{"a", "1", {}, {}}, tree, Tree{"b", {}, {{"k", ""}}, {}}}};
+      tree = Tree{"n", {}, {{"d", std::to_string(level)}}, {Tree{"a", "1"}, tree, Tree{"b", {}, {{"k", ""}}}}};
     XML_NODE* root = build(tree);
-    root->next = build(Tree{"after", "y", {}, {{"c", {}, {}, {}}}});
+    root->next = build(Tree{"after", "y", {}, {{"c"}}});
     EXPECT_EQ(xml_->XML_FreeNode(xml_, root), EFI_SUCCESS) << levels;
     EXPECT_EQ(platform().poolStats().outstanding, before) << levels;
   }
@@ -379,11 +379,11 @@ TEST_F(XmlTreeTest, FreeReleasesTreesOfAnyDepthAndTheirFollowingSiblings) {
 
 TEST_F(XmlTreeTest, TreesThatCannotBeWrittenAsXmlAreRefused) {
   const Tree cases[] = {
-      {"1a", {}, {}, {}}, {"", {}, {}, {}}, {"r", {}, {}, {{"ok", {}, {}, {}}, {"-bad", {}, {}, {}}}},
-      {"r", {}, {{"x y", "1"}}, {}}, {"r", {}, {{"k", "1"}, {"j", "2"}, {"k", "3"}}, {}}, {"r", "\x01", {}, {}},
-      {"r", {}, {{"k", "a\x1f"}}, {}}, {"r", "\xff", {}, {}}, {"r", {}, {}, {{"c", "\xed\xa0\x80", {}, {}}}},
+      {"1a"}, {""}, {"r", {}, {}, {{"ok"}, {"-bad"}}}, {"r", {}, {{"x y", "1"}}}, {"r", "\x01"}, {"r", "\xff"},
+      {"r", {}, {{"k", "1"}, {"j", "2"}, {"k", "3"}}}, {"r", {}, {{"k", "a\x1f"}}},
+      {"r", {}, {}, {{"c", "\xed\xa0\x80"}}},
       {"r", {}, {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"d", "4"}, {"e", "5"}, {"f", "6"}, {"g", "7"}, {"h", "8"},
-                 {"i", "9"}, {"b", "10"}}, {}},  // a repeat among more attributes than are compared pairwise
+                 {"i", "9"}, {"b", "10"}}},  // a repeat among more attributes than are compared pairwise
   };
   for (const Tree& tree : cases) {
     XML_NODE* root = build(tree);
@@ -398,9 +398,9 @@ TEST_F(XmlTreeTest, TreesThatCannotBeWrittenAsXmlAreRefused) {
 }
 
 TEST_F(XmlTreeTest, NodeToXmlSurvivesEveryAllocationFailure) {
-  Tree tree{"r", "t &amp; u", {{"a", "\"1\"\n"}, {"b", "2"}}, {}};
+  Tree tree{"r", "t &amp; u", {{"a", "\"1\"\n"}, {"b", "2"}}};
   for (int i = 0; i < 40; ++i)
-    tree.children.push_back({"item", std::string(i * 3, 'x'), {{"n", std::to_string(i)}}, {{"leaf", {}, {}, {}}}});
+    tree.children.push_back({"item", std::string(i * 3, 'x'), {{"n", std::to_string(i)}}, {{"leaf"}}});
   XML_NODE* root = build(tree);
   std::string expected;
   ASSERT_EQ(serialise(root, &expected), EFI_SUCCESS);
