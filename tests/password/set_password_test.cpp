@@ -331,13 +331,12 @@ TEST_F(SetPasswordTest, SecondCallOfTheSameDocument) {
     SCOPED_TRACE(c.name);
     fake().calls.clear();
     auto root = parse(document({password("SysPassword", base64("Sys"), true, c.index)}));
-    TOLVANE_PROTOCOL* self = converter();
     XML_NODE* results = nullptr;
-    ASSERT_EQ(self->SetBIOSPassword(self, root.get(), &results), EFI_SUCCESS);
+    ASSERT_EQ(apply(root.get(), &results), EFI_SUCCESS);
     ASSERT_EQ(fake().changes().size(), 1u);
     fake().calls.clear();
     XML_NODE* first = results;
-    ASSERT_EQ(self->SetBIOSPassword(self, root.get(), &results), EFI_SUCCESS);
+    ASSERT_EQ(apply(root.get(), &results), EFI_SUCCESS);
     EXPECT_EQ(fake().changes().size(), c.secondChanges);
     EXPECT_EQ(results, first) << "the records of both calls share one root";
     EXPECT_EQ(records(results).size(), 2 + 2 * c.secondChanges);
@@ -386,10 +385,9 @@ TEST_P(SweepTest, EachAllocationFailingInTurn) {
   fake().bits[PASSWORD_WHICH_SETUP] = kInstalled;
   std::shared_ptr<XML_NODE> root = parse(document(c.items));
   XML_NODE* results = nullptr;
-  TOLVANE_PROTOCOL* self = converter();
   size_t outOfMemory = 0;
   size_t attempts = sweepAllocationFailures(
-      [&] { return self->SetBIOSPassword(self, root.get(), &results); },
+      [&] { return apply(root.get(), &results); },
       [&](EFI_STATUS status, size_t k) {
         SCOPED_TRACE("allocation " + std::to_string(k));
         const std::string index = commitIndex(root.get(), "SetupPassword");
