@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -195,41 +194,6 @@ TEST_F(ConfigItemTest, IsNodeSuppressedReadsTheAttribute) {
     XML_NODE* n = node("ConfigItem", nullptr, c.attributes);
     EXPECT_EQ(DRIVER_FN(isNodeSuppressed)(n), c.expected) << describe(n);
     release(n);
-  }
-}
-
-TEST_F(ConfigItemTest, BuildersFailCleanlyWhenThePoolRefuses) {
-  EFI_HII_HANDLE handle = addStrings({{"en-US", {u"Plain"}}});
-  FormSetWithLanguages english({"x-UEFI", "en-US"});
-  HII_STATEMENT_RECORD numeric{}, text{};
-  numeric.Operand = EFI_IFR_NUMERIC_OP;
-  numeric.ResetRequired = 1;
-  text.Operand = EFI_IFR_TEXT_OP;
-  text.SuppressedMark = 1;
-  struct Case { const char* name; std::function<EFI_STATUS(XML_NODE**)> build; } cases[] = {
-      {"possible", [&](XML_NODE** out) { return DRIVER_FN(createPossibleConfigItem)(&numeric, u"NIC.1", out); }},
-      {"current", [&](XML_NODE** out) { return DRIVER_FN(createCurrentConfigItem)(&text, nullptr, "T", out); }},
-      {"display",
-       [&](XML_NODE** out) { return DRIVER_FN(createLangStringNodes)("Help", 1, &english.record, handle, out); }},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    XML_NODE* out = nullptr;
-    // A failed fetch passes the language over (EFI_NOT_FOUND); a number
-    // text that cannot be made refuses the attribute (EFI_INVALID_PARAMETER).
-    sweepAllocationFailures(
-        [&] {
-          out = kUntouched;
-          return c.build(&out);
-        },
-        [&](EFI_STATUS status, size_t k) {
-          EXPECT_TRUE(status == EFI_OUT_OF_RESOURCES || status == EFI_NOT_FOUND || status == EFI_INVALID_PARAMETER)
-              << "attempt " << k << ": " << statusName(status);
-          EXPECT_EQ(out, kUntouched) << "attempt " << k;
-        },
-        [&] {
-          if (out != kUntouched) release(out);
-        });
   }
 }
 

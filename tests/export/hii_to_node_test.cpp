@@ -70,12 +70,30 @@ FormDescription moreForm() {
 
 class HiiToNodeTest : public DeviceExportTest {
  protected:
+  // Builds the one device and exports it.
+  std::unique_ptr<Documents> exported(DeviceDescription device) {
+    build({device});
+    auto docs = exportDevice(device.fqdd);
+    EXPECT_EQ(docs->status, EFI_SUCCESS);
+    return docs;
+  }
   // One device per case, made by `make(case, n)` with n counting from 1.
   template <class Case, size_t N, class Make>
   void buildEach(const Case (&cases)[N], Make make) {
     std::vector<DeviceDescription> devices;
     for (const Case& c : cases) devices.push_back(make(c, UINT8(devices.size() + 1)));
     build(devices);
+  }
+  // buildEach, then `check(case, documents)` on each successful export.
+  template <class Case, size_t N, class Make, class Check>
+  void exportEach(const Case (&cases)[N], Make make, Check check) {
+    buildEach(cases, make);
+    for (const Case& c : cases) {
+      SCOPED_TRACE(narrow(c.fqdd.c_str()));
+      auto docs = exportDevice(c.fqdd);
+      ASSERT_EQ(docs->status, EFI_SUCCESS);
+      check(c, *docs);
+    }
   }
 };
 
@@ -119,9 +137,7 @@ TEST_F(HiiToNodeTest, ValuesOfNoUsableTypeStopTheirItems) {
 // The ConfigItem attributes and the values of each kind, both trees; an
 // empty form is left out and does not count for the display positions.
 TEST_F(HiiToNodeTest, TypesStatesAndValues) {
-  build({testDevice(u"BIOS.InternalSetup.1-1", {tourForm(), {3, u"Empty", u"Empty", {}}, moreForm()})});
-  auto docs = exportDevice(u"BIOS.InternalSetup.1-1");
-  ASSERT_EQ(docs->status, EFI_SUCCESS);
+  auto docs = exported(testDevice(u"BIOS.InternalSetup.1-1", {tourForm(), {3, u"Empty", u"Empty", {}}, moreForm()}));
   const struct {
     const char* name; const char* possibleAttributes; const char* currentAttributes; const char* possibleValues;
     const char* currentValues;
@@ -162,12 +178,9 @@ TEST_F(HiiToNodeTest, TypesStatesAndValues) {
 TEST_F(HiiToNodeTest, BiosPasswordsGetHiddenCopiesOnlyWhereTheFqddSaysBios) {
   const struct { std::u16string fqdd; bool copies; } cases[] = {
       {u"BIOS.InternalSetup.1-1", true}, {u"bios.internalsetup.1-2", false}, {u"Disk.BIOS.1", true}};
-  buildEach(cases, [](const auto& c, UINT8 n) { return testDevice(c.fqdd, {tourForm(), moreForm()}, n); });
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
-    auto docs = exportDevice(c.fqdd);
-    ASSERT_EQ(docs->status, EFI_SUCCESS);
-    for (const XML_NODE* root : {docs->possible, docs->current}) {
+  auto make = [](const auto& c, UINT8 n) { return testDevice(c.fqdd, {tourForm(), moreForm()}, n); };
+  exportEach(cases, make, [](const auto& c, const Documents& docs) {
+    for (const XML_NODE* root : {docs.possible, docs.current}) {
       std::string order;
       for (const XML_NODE* n : descendants(root, "ConfigItem")) {
         std::string name = text(n->children);
@@ -176,7 +189,7 @@ TEST_F(HiiToNodeTest, BiosPasswordsGetHiddenCopiesOnlyWhereTheFqddSaysBios) {
       EXPECT_EQ(order, c.copies ? "SetupPassword,OldSetupPassword,SysPassword,OldSysPassword"
                                 : "SetupPassword,SysPassword");
     }
-  }
+  });
 }
 
 // A boot sequence of three devices and the form of their enable
@@ -212,20 +225,17 @@ TEST_F(HiiToNodeTest, SwitchFormsMarkBootEntriesAndLeaveTheDocuments) {
       {u"BIOS.InternalSetup.1-3", u"bootSeqEnDis", false,
        "HardDisk.List.1-1[Index=0]|NIC.Slot.2-1[Index=1]|Optical.SATA.1[Index=2]", false},
   };
-  buildEach(cases, [](const auto& c, UINT8 n) { return testDevice(c.fqdd, bootForms(c.switchTitle, c.switchFirst), n); });
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
-    auto docs = exportDevice(c.fqdd);
-    ASSERT_EQ(docs->status, EFI_SUCCESS);
-    EXPECT_EQ(valueList(item(docs->current, "BootSeq")), c.entries);
-    for (const XML_NODE* root : {docs->possible, docs->current}) {
+  auto make = [](const auto& c, UINT8 n) { return testDevice(c.fqdd, bootForms(c.switchTitle, c.switchFirst), n); };
+  exportEach(cases, make, [](const auto& c, const Documents& docs) {
+    EXPECT_EQ(valueList(item(docs.current, "BootSeq")), c.entries);
+    for (const XML_NODE* root : {docs.possible, docs.current}) {
       EXPECT_EQ(descendants(root, "Form").size(), c.removed ? 2u : 3u);
       std::string switchName(c.switchTitle.begin(), c.switchTitle.end());
       EXPECT_EQ(items(root, switchName).size(), c.removed ? 0u : 3u);
     }
     // The removed form used its hundred all the same.
-    EXPECT_EQ(text(child(item(docs->possible, "Later"), "DisplayIndex")), "300");
-  }
+    EXPECT_EQ(text(child(item(docs.possible, "Later"), "DisplayIndex")), "300");
+  });
 }
 
 TEST_F(HiiToNodeTest, NicDevicesMapVendorNames) {
@@ -245,21 +255,18 @@ TEST_F(HiiToNodeTest, NicDevicesMapVendorNames) {
       {u"nic.Integrated.1-1-1", "Name,RefFormId,DisplayName,BiosMapping,DisplayIndex",
        "Name,BiosMapping,CommitIndex,ValueStruct"},
   };
-  buildEach(cases, [&](const auto& c, UINT8 n) { return testDevice(c.fqdd, forms(), n, kStoreGuid); });
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
-    auto docs = exportDevice(c.fqdd);
-    ASSERT_EQ(docs->status, EFI_SUCCESS);
+  auto make = [&](const auto& c, UINT8 n) { return testDevice(c.fqdd, forms(), n, kStoreGuid); };
+  exportEach(cases, make, [](const auto& c, const Documents& docs) {
     bool mapped = std::string(c.possibleChildren).find("MappedName") != std::string::npos;
     const char* name = mapped ? "LnkUpDelayTime" : "LinkUpDelayTime";
-    EXPECT_EQ(childNames(item(docs->possible, name)), c.possibleChildren);
-    EXPECT_EQ(childNames(item(docs->current, name)), c.currentChildren);
+    EXPECT_EQ(childNames(item(docs.possible, name)), c.possibleChildren);
+    EXPECT_EQ(childNames(item(docs.current, name)), c.currentChildren);
     if (mapped) {
-      EXPECT_EQ(text(child(item(docs->current, name), "MappedName")), "LinkUpDelayTime");
+      EXPECT_EQ(text(child(item(docs.current, name), "MappedName")), "LinkUpDelayTime");
     }
     // A common name is exported unchanged, without MappedName.
-    EXPECT_EQ(childNames(item(docs->current, "LnkSpeed")), "Name,BiosMapping,CommitIndex,ValueStruct");
-  }
+    EXPECT_EQ(childNames(item(docs.current, "LnkSpeed")), "Name,BiosMapping,CommitIndex,ValueStruct");
+  });
 }
 
 // What the FQDD selects: the BIOS form-set filter (any case), the storage
@@ -278,7 +285,7 @@ TEST_F(HiiToNodeTest, FqddChoosesTheFormSetFilter) {
   UINT8& isBios = global<UINT8>("mIsBiosSetup");
   UINT8& isSsd = global<UINT8>("mIsSsdForms");
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.fqdd.begin(), c.fqdd.end()));
+    SCOPED_TRACE(narrow(c.fqdd.c_str()));
     isBios = 7;
     isSsd = 7;
     log().clear();
@@ -292,8 +299,7 @@ TEST_F(HiiToNodeTest, FqddChoosesTheFormSetFilter) {
       ASSERT_NE(r, nullptr) << log().dump();
       EXPECT_EQ(r->level, TVL_LEVEL_FAILURE);
     }
-    std::string fqdd(c.fqdd.begin(), c.fqdd.end());
-    const LogRecord* found = log().find("tvlHiiToNode", "FQDD = " + fqdd + "\n");
+    const LogRecord* found = log().find("tvlHiiToNode", "FQDD = " + narrow(c.fqdd.c_str()) + "\n");
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->level, TVL_LEVEL_FINDING);
   }
@@ -331,15 +337,12 @@ TEST_F(HiiToNodeTest, RefusalsTouchNothing) {
 }
 
 TEST_F(HiiToNodeTest, KeptFormSetsStayUntilDestroyGlobalForms) {
-  build({testDevice(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});
+  auto plain = exported(testDevice(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()}));
   auto& keep = global<UINT8>("mKeepFormSets");
   auto& buffer = global<HII_FORMSET_RECORD**>("mFormSetBuffer");
   auto& count = global<UINTN>("mFormSetBufferCount");
   auto& header = global<CHAR16*>("mConfigHdr");
   auto destroy = reinterpret_cast<void (*)()>(symbol("DestroyGlobalForms"));
-
-  auto plain = exportDevice(u"BIOS.InternalSetup.1-1");
-  ASSERT_EQ(plain->status, EFI_SUCCESS);
   EXPECT_EQ(buffer, nullptr);
   EXPECT_EQ(header, nullptr);
   EXPECT_TRUE(descendants(plain->current, "BlockName").empty());
@@ -435,30 +438,6 @@ TEST_F(HiiToNodeTest, EveryAllocationFailureEndsCleanly) {
   }
 }
 
-// 20,000 statements in one form export on a small stack.
-TEST_F(HiiToNodeTest, TwentyThousandStatementsFitASmallStack) {
-  FormDescription big{1, u"Big", u"Big", {}};
-  for (UINT16 i = 0; i < 20000; ++i) {
-    std::u16string name = u"Q" + std::u16string(1, u'A' + i % 26) + tvl::host::hii::toUtf16(std::to_string(i));
-    big.statements.push_back(sample::checkbox(UINT16(0x1000 + i), name, name).at(kStore, i).value(i % 2));
-  }
-  DeviceDescription d = testDevice(u"System.Big.1", {big}, 1, kStoreGuid);
-  d.formSets[0].varStores[0].size = 20000;
-  build({d});
-  log().setLevelMask(0);  // twenty thousand statements' traces are not the point here
-  TOLVANE_PROTOCOL* self = converter();
-  EFI_HANDLE handle = sample().devices()[0].handle();
-  XML_NODE *possible = nullptr, *current = nullptr;
-  EFI_STATUS status = EFI_NOT_STARTED;
-  runOnSmallStack(platform(), [&] { status = self->HiiToNode(self, handle, &possible, &current); });
-  ASSERT_EQ(status, EFI_SUCCESS);
-  EXPECT_EQ(descendants(current, "ConfigItem").size(), 20000u);
-  EXPECT_EQ(text(child(item(possible, "QF19999"), "DisplayIndex")), "20099");
-  XML_PROTOCOL* xml = sample().xml();
-  xml->XML_FreeNode(xml, possible);
-  xml->XML_FreeNode(xml, current);
-}
-
 // Keyword texts as the export meets them: tokens become Modifier and
 // Dependencies elements; a malformed text costs the item those elements,
 // never the item itself.
@@ -473,9 +452,7 @@ TEST_F(HiiToNodeTest, KeywordTokensAndMalformedKeywordTexts) {
       checkbox(0x503, u"Ending", u"Ending[Key:1][ProgWrite=True]").at(kStore, 0x52).readOnly(),
       checkbox(0x504, u"Cond", u"Cond[SuppressIf:NoEquals][Tag:\\101b]").at(kStore, 0x53),
       checkbox(0x505, u"Deps", u"Deps[DisableIfNot:Tgt\\101=2][ReadOnlyIf:X=1]").at(kStore, 0x54)}};
-  build({testDevice(u"BIOS.InternalSetup.1-1", {form})});
-  auto docs = exportDevice(u"BIOS.InternalSetup.1-1");
-  ASSERT_EQ(docs->status, EFI_SUCCESS);
+  auto docs = exported(testDevice(u"BIOS.InternalSetup.1-1", {form}));
   // An option under a suppress-if clears the marks of the options before
   // it; a suppressed option after it keeps its mark.
   EXPECT_EQ(valueList(item(docs->possible, "Handover")), "A|B|C|D[Suppressed=true]");

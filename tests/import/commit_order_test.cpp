@@ -234,8 +234,9 @@ TEST_F(CommitOrderTest, HugeIndexesApplyInDocumentOrder) {
   EXPECT_EQ(out.records, (std::vector<std::string>{"N1:1>7:Success:0", "N5:5>6:Success:0", "C2:false>true:Success:0"}));
 }
 
-// 20,000 items in reverse index order on a small stack; the caller then
-// holds exactly one request text besides the results.
+// 20,000 items in reverse index order on a small stack (the import's own
+// export of them included); the caller then holds exactly one request text
+// besides the results.
 TEST_F(CommitOrderTest, TwentyThousandItemsFitASmallStack) {
   constexpr UINT16 kItems = 20000;
   sample::FormDescription big{1, u"Big", u"Big", {}};
@@ -250,6 +251,7 @@ TEST_F(CommitOrderTest, TwentyThousandItemsFitASmallStack) {
   auto docs = exportDevice(u"System.Big.1");
   std::vector<const XML_NODE*> items = descendants(docs->current, "ConfigItem");
   ASSERT_EQ(items.size(), size_t(kItems));
+  EXPECT_EQ(text(child(item(docs->possible, "Q19999"), "DisplayIndex")), "20099");
   for (size_t i = 0; i < items.size(); ++i) {
     setText(const_cast<XML_NODE*>(child(items[i], "CommitIndex")), std::to_string(kItems - i).c_str());
     setText(const_cast<XML_NODE*>(child(child(items[i], "ValueStruct"), "Value")), i % 2 ? "false" : "true");

@@ -60,12 +60,8 @@ TEST_F(NodeToHiiTest, EachTypeValidatesAndEncodesItsValue) {
   buildValues();
   const char* kNone = nullptr;
   using Edit = void (*)(ImportTest&, XML_NODE*);
-  const struct {
-    const char* item;
-    const char* value;  // null: <Value/>
-    const char* record;
-    std::string segment;
-    Edit edit = nullptr;
+  const struct {  // value null: <Value/>
+    const char* item; const char* value; const char* record; std::string segment; Edit edit = nullptr;
   } cases[] = {
       // Text: the escaped bytes, last character first; empty means "00"
       // without the Min check.
@@ -135,10 +131,8 @@ TEST_F(NodeToHiiTest, EachTypeValidatesAndEncodesItsValue) {
 // commit-order tests; single outcomes: the table above.
 TEST_F(NodeToHiiTest, OverallStatusFollowsTheOutcomes) {
   buildValues();
-  const struct {
-    std::vector<std::pair<const char*, const char*>> items;  // (item, value), committed 1, 2, ...
-    bool giveRoot;
-    EFI_STATUS status;
+  const struct {  // items: (item, value), committed 1, 2, ...
+    std::vector<std::pair<const char*, const char*>> items; bool giveRoot; EFI_STATUS status;
     bool abortTraced = false;
   } cases[] = {
       {{}, true, EFI_SUCCESS},
@@ -178,12 +172,8 @@ TEST_F(NodeToHiiTest, FailureModeOneStopsAtTheFirstFailure) {
 // statement record give nothing; a missing position fails with 503.
 TEST_F(NodeToHiiTest, OrderedListsWriteTheNewOrder) {
   buildValues();
-  const struct {
-    const char* item;
-    std::vector<const char*> names;  // empty: keep
-    bool dropIndex;
-    const char* record;
-    const char* segment;
+  const struct {  // names empty: keep the order
+    const char* item; std::vector<const char*> names; bool dropIndex; const char* record; const char* segment;
   } cases[] = {
       {"Order", {"One", "Two", "Three"}, false, "Order:Three|One|Two>One|Two|Three:Success:0",
        "&OFFSET=0030&WIDTH=0003&VALUE=030201"},
@@ -263,9 +253,8 @@ TEST_F(NodeToHiiTest, OutOfMemoryForAnItemEndsTheCall) {
       if (narrow(line).find("trying to be set = Count") != std::string::npos) t->platform->failAllocation(t->attempt);
     }
   };
-  const struct {
-    size_t attempt;  // after the item's first trace: 1 the block name, 2 its wide copy
-    std::vector<std::string> records;
+  const struct {  // attempt after the item's first trace: 1 the block name, 2 its wide copy
+    size_t attempt; std::vector<std::string> records;
   } cases[] = {{1, {"Flag:false>true:Success:0"}}, {2, {}}};
   for (const auto& c : cases) {
     auto docs = exportDevice(kDevice);

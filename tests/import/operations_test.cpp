@@ -27,10 +27,8 @@ class OperationsTest : public ImportTest {
 TEST_F(OperationsTest, CreateConfigRequestAppendsOneSegment) {
   auto create = FN(CreateConfigRequest);
   UINT8& asIs = global<UINT8>("mOrderedListRequest");
-  const struct {
-    UINT8 asIs;
-    const char16_t *block, *value;
-    const char* segment;  // "": refused, the request unchanged
+  const struct {  // segment "": refused, the request unchanged
+    UINT8 asIs; const char16_t *block, *value; const char* segment;
   } cases[] = {
       {0, u"&OFFSET=0&WIDTH=1", u"1", "&OFFSET=0&WIDTH=1&VALUE=01"},
       {0, u"&OFFSET=0&WIDTH= 0x2", u"abc", "&OFFSET=0&WIDTH= 0x2&VALUE=0abc"},
@@ -61,10 +59,8 @@ TEST_F(OperationsTest, CreateConfigRequestAppendsOneSegment) {
 
 TEST_F(OperationsTest, CompareNodesOutcomes) {
   auto compare = FN(CompareNodes);
-  const struct {
-    const char *pending, *current;  // the items' children; pending null: no item
-    EFI_STATUS status;
-    const char* trace;
+  const struct {  // the items' children; pending null: no item
+    const char *pending, *current; EFI_STATUS status; const char* trace;
   } cases[] = {
       {nullptr, "<Name>A</Name>", EFI_INVALID_PARAMETER, "SrcNode and DstNode are NULL"},
       {"<Id>A</Id>", "<Name>A</Name>", EFI_INVALID_PARAMETER, "SrcNode missing Name"},
@@ -91,9 +87,8 @@ TEST_F(OperationsTest, CompareNodesOutcomes) {
 TEST_F(OperationsTest, TakeBlockNameHandsOutTheFragmentOrRefuses) {
   auto take = FN(takeBlockName);
   const std::string kTail = "<ValueStruct><Value>1</Value></ValueStruct></ConfigItem>";
-  const struct {
-    std::string item;
-    const char* blockName;  // "": refused, nothing taken
+  const struct {  // blockName "": refused, nothing taken
+    std::string item; const char* blockName;
   } cases[] = {
       {"<ConfigItem><Name>A</Name><CommitIndex>0</CommitIndex><BlockName>&amp;OFFSET=1&amp;WIDTH=2</BlockName>" + kTail,
        "&OFFSET=1&WIDTH=2"},
@@ -195,10 +190,8 @@ TEST_F(OperationsTest, StatusRecordsAndTheRestoreTrigger) {
   EXPECT_EQ(add("P", nullptr, nullptr, "Failure", EFI_DEVICE_ERROR, nullptr), EFI_INVALID_PARAMETER);
 
   auto one = parse("<ConfigItem><Name>N</Name><ValueStruct><Value>5</Value></ValueStruct></ConfigItem>");
-  const struct {
-    size_t variableBytes;  // 0: none
-    UINT64 code;
-    bool recorded;
+  const struct {  // variableBytes 0: none
+    size_t variableBytes; UINT64 code; bool recorded;
   } restores[] = {{0, 0, true}, {4, 0, false}, {2, 0, false}, {5, 0, true}, {4, 0x301, true}};
   for (const auto& r : restores) {
     platform().setVariable(u"VKR_RESTORE_OP_IN_PROGRESS", gTolvaneVariableGuid, EFI_VARIABLE_BOOTSERVICE_ACCESS,

@@ -77,12 +77,8 @@ TEST_F(SaveTest, OverallStatusFollowsTheOrderOfOutcomes) {
     return text.find(u"OFFSET=0010") != std::u16string::npos ? EFI_NOT_FOUND : EFI_SUCCESS;
   });
   const std::u16string hdr = header();
-  const struct {
-    std::u16string request;
-    EFI_STATUS status;
-    std::string codes;  // Status initial and ErrorCode of Count, Locked and Wide afterwards
-    size_t routes;
-    const char* trace = nullptr;
+  const struct {  // codes: Status initial and ErrorCode of Count, Locked and Wide afterwards
+    std::u16string request; EFI_STATUS status; std::string codes; size_t routes; const char* trace = nullptr;
   } cases[] = {
       {hdr + kWritten, EFI_SUCCESS, "S0 S0 S0", 1},
       {hdr + kRejected, EFI_DEVICE_ERROR, "S0 S0 Fe", 1, "HiiConfigAccess->RouteConfig: Not Found (1)\n"},
@@ -204,9 +200,8 @@ TEST_F(SaveTest, TrimmedRequestIsAOneByteZeroWrite) {
   buildSave();
   auto trim = DRIVER_FN(TrimConfigRequest);
   const std::u16string hdr = u"GUID=01&NAME=02&PATH=03";
-  const struct {
-    std::u16string request;
-    const char16_t* trimmed;  // null: none
+  const struct {  // trimmed null: none
+    std::u16string request; const char16_t* trimmed;
   } cases[] = {
       {hdr + u"&OFFSET=0004&WIDTH=0004&VALUE=00000000", u"&OFFSET=0004&WIDTH=1&VALUE=00"},
       {hdr + u"&OFFSET=0004&WIDTH=000A&VALUE=" + std::u16string(20, u'0'), u"&OFFSET=0004&WIDTH=1&VALUE=00"},
@@ -235,11 +230,7 @@ TEST_F(SaveTest, RejectedZeroWriteIsRetriedAsOneByte) {
   build();
   const std::u16string bios = sample::kBiosFqdd;
   const struct {
-    const char* value;
-    bool rejectAll;
-    EFI_STATUS status;
-    std::vector<uint8_t> bytes;
-    size_t routes;
+    const char* value; bool rejectAll; EFI_STATUS status; std::vector<uint8_t> bytes; size_t routes;
     std::string record;
   } cases[] = {
       {"0", false, EFI_SUCCESS, {0x00, 0x02, 0, 0}, 2, "FanSpeedOffset:532>0:Success:0"},

@@ -35,13 +35,12 @@ class Base64Test : public DriverTest {
 
 TEST_F(Base64Test, DecodesByTheLenientRules) {
   struct Case {
-    const char* name;
-    std::string text;
-    Bytes bytes;
+    const char* name; std::string text; Bytes bytes;
   } cases[] = {
       {"one byte", "QQ==", {0x41}}, {"two bytes", "QUI=", {0x41, 0x42}}, {"three bytes", "QUJD", {0x41, 0x42, 0x43}},
       {"longer text", "SGVsbG8sIHdvcmxk", {'H', 'e', 'l', 'l', 'o', ',', ' ', 'w', 'o', 'r', 'l', 'd'}},
-      {"whole alphabet", "+/9=", {0xFB, 0xFF}}, {"padding does not end the text", "QQ==QUI=", {0x41, 0x41, 0x42}},
+      {"ends of each alphabet range", "AZaz09+/", {0x01, 0x96, 0xB3, 0xD3, 0xDF, 0xBF}},
+      {"URL-safe characters decode as zero", "-_AA", {0x00, 0x00, 0x00}}, {"padding does not end the text", "QQ==QUI=", {0x41, 0x41, 0x42}},
       {"third position padding ignores the fourth", "QQ=D", {0x41}},
       {"blank decodes as zero", "Q UJ", {0x40, 0x05, 0x09}},
       {"padding in the first two positions decodes as zero", "==QQ", {0x00, 0x04, 0x10}},
@@ -91,25 +90,15 @@ TEST_F(Base64Test, MissingPointersDoNothing) {
   EXPECT_EQ(DRIVER_FN(base64DecodedLength)(nullptr), 0u);
 }
 
-TEST_F(Base64Test, CharacterValues) {
-  struct Case {
-    CHAR8 c;
-    UINT8 value;
-  } cases[] = {
-      {'A', 0},   {'Z', 25},  {'a', 26},  {'z', 51}, {'0', 52}, {'9', 61},  {'+', 62},
-      {'/', 63},  {'=', 0},   {' ', 0},   {'-', 0},  {'_', 0},  {'\0', 0},
-      {CHAR8(0x80), 0}, {CHAR8(0xC1), 0}, {CHAR8(0xFF), 0},
-  };
-  for (const Case& c : cases) EXPECT_EQ(DRIVER_FN(base64CharValue)(c.c), c.value) << int(UINT8(c.c));
-}
+// Decoding never hands the terminator over (a short group is padded with
+// '='), so only a direct call shows that it is no character of the alphabet.
+TEST_F(Base64Test, TheTerminatorIsNoCharacter) { EXPECT_EQ(DRIVER_FN(base64CharValue)('\0'), 0); }
 
 TEST_F(Base64Test, FindChar) {
   const CHAR8 text[] = "aXaz";
   const CHAR8 empty[] = "";
   struct Case {
-    const CHAR8* text;
-    CHAR8 c;
-    const CHAR8* found;
+    const CHAR8* text; CHAR8 c; const CHAR8* found;
   } cases[] = {
       {text, 'a', text},          {text, 'X', text + 1}, {text, 'z', text + 3}, {text, 'q', nullptr},
       {text, '\0', text + 4},     {empty, '\0', empty}, {empty, 'a', nullptr}, {nullptr, 'a', nullptr},
@@ -122,9 +111,7 @@ TEST_F(Base64Test, FindChar) {
 TEST_F(Base64Test, EncodingMarking) {
   using Attributes = std::vector<std::pair<const char*, const char*>>;
   struct Case {
-    const char* name;
-    Attributes attributes;
-    BOOLEAN marked;
+    const char* name; Attributes attributes; BOOLEAN marked;
   } cases[] = {
       {"marked", {{"Encoding", "Base64"}}, TRUE}, {"no attributes", {}, FALSE},
       {"value differs in case", {{"Encoding", "base64"}}, FALSE},

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "export/export_fixture.h"
 #include "services/password/service.h"
 #include "uefi/varargs.h"
 
@@ -66,14 +67,6 @@ std::string xmlEscaped(const std::string& text) {
   return out;
 }
 
-std::string textOf(const XML_NODE* node) { return node && node->contents ? node->contents : ""; }
-
-const XML_NODE* childNamed(const XML_NODE* node, const std::string& name) {
-  for (const XML_NODE* c = node ? node->children : nullptr; c; c = c->next)
-    if (c->name && name == c->name) return c;
-  return nullptr;
-}
-
 }  // namespace
 
 FakePasswordService::FakePasswordService() : protocol{nullptr, fakeGetProperties, nullptr, fakeChangePassword} {}
@@ -116,8 +109,7 @@ std::string document(const std::vector<Item>& items) {
 std::vector<std::string> records(const XML_NODE* results) {
   std::vector<std::string> out;
   for (const XML_NODE* op = results ? results->children : nullptr; op; op = op->next)
-    out.push_back(textOf(childNamed(op, "Name")) + ":" + textOf(childNamed(op, "Status")) + ":" +
-                  textOf(childNamed(op, "ErrorCode")));
+    out.push_back(text(child(op, "Name")) + ":" + text(child(op, "Status")) + ":" + text(child(op, "ErrorCode")));
   return out;
 }
 
@@ -179,18 +171,10 @@ std::string PasswordTest::serialise(XML_NODE* root) {
 }
 
 std::string PasswordTest::commitIndex(XML_NODE* root, const std::string& name) {
-  // Document order over the Form's items.
-  std::vector<const XML_NODE*> stack{root};
-  while (!stack.empty()) {
-    const XML_NODE* node = stack.back();
-    stack.pop_back();
-    if (node->name && std::string(node->name) == "ConfigItem" && textOf(childNamed(node, "Name")) == name) {
-      const XML_NODE* index = childNamed(node, "CommitIndex");
-      return !index ? "(missing)" : index->contents ? index->contents : "(none)";
-    }
-    for (const XML_NODE* c = node->children; c; c = c->next) stack.push_back(c);
-  }
-  return "(no item)";
+  const XML_NODE* found = item(root, name);
+  if (!found) return "(no item)";
+  const XML_NODE* index = child(found, "CommitIndex");
+  return !index ? "(missing)" : index->contents ? index->contents : "(none)";
 }
 
 }  // namespace tvl::test

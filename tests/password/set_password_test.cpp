@@ -48,21 +48,13 @@ std::string rowName(const ::testing::TestParamInfo<Case>& info) {
 // One call of SetBIOSPassword. Most rows name the setup password in the
 // plain form (type 2); the hash rows name their items and type.
 struct FormCase {
-  const char* name;
-  Service service;
+  const char* name; Service service;
   UINT16 bits;  // PasswordStatus of both passwords
-  std::vector<Item> items;
-  EFI_STATUS status;
-  Strings changes;
-  Strings records;
+  std::vector<Item> items; EFI_STATUS status; Strings changes; Strings records;
   std::string trace;  // a line SetBIOSPassword must have written ("": none checked)
-  UINTN level = TVL_LEVEL_FAILURE;
-  EFI_STATUS changeStatus = EFI_SUCCESS;
-  const char* item = "SetupPassword";
-  const char* second = "OldSetupPassword";
-  UINT8 type = 2;
-  EFI_STATUS propertiesStatus = EFI_SUCCESS;
-  bool noRoot = false;
+  UINTN level = TVL_LEVEL_FAILURE; EFI_STATUS changeStatus = EFI_SUCCESS;
+  const char* item = "SetupPassword"; const char* second = "OldSetupPassword"; UINT8 type = 2;
+  EFI_STATUS propertiesStatus = EFI_SUCCESS; bool noRoot = false;
 };
 
 std::vector<FormCase> formCases() {
@@ -224,12 +216,7 @@ TEST_F(SetPasswordTest, HashFormWithTheOlderServiceCallsNothing) {
 // ---------------------------------------------------------------- tvlSetBIOSPassword
 
 struct EntryCase {
-  const char* name;
-  Service service;
-  std::vector<Item> items;
-  EFI_STATUS status;
-  Strings changes;
-  Strings records;
+  const char* name; Service service; std::vector<Item> items; EFI_STATUS status; Strings changes; Strings records;
   std::vector<std::pair<std::string, std::string>> indexes;  // afterwards
   std::string trace;                                         // a line of tvlSetBIOSPassword
   EFI_STATUS setupStatus = EFI_SUCCESS;   // the service's answers to changes of the setup
@@ -337,22 +324,19 @@ INSTANTIATE_TEST_SUITE_P(Rows, EntryTest, ::testing::ValuesIn(entryCases()), row
 // whose CommitIndex has no contents: that one is applied every time.
 TEST_F(SetPasswordTest, SecondCallOfTheSameDocument) {
   struct Case {
-    const char* name;
-    const char* index;
-    size_t secondChanges;
+    const char* name; const char* index; size_t secondChanges;
   } cases[] = {{"consumed", "1", 0}, {"never consumed", "", 1}};
   start(Service::FakeNewer);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     fake().calls.clear();
     auto root = parse(document({password("SysPassword", base64("Sys"), true, c.index)}));
-    TOLVANE_PROTOCOL* self = converter();
     XML_NODE* results = nullptr;
-    ASSERT_EQ(self->SetBIOSPassword(self, root.get(), &results), EFI_SUCCESS);
+    ASSERT_EQ(apply(root.get(), &results), EFI_SUCCESS);
     ASSERT_EQ(fake().changes().size(), 1u);
     fake().calls.clear();
     XML_NODE* first = results;
-    ASSERT_EQ(self->SetBIOSPassword(self, root.get(), &results), EFI_SUCCESS);
+    ASSERT_EQ(apply(root.get(), &results), EFI_SUCCESS);
     EXPECT_EQ(fake().changes().size(), c.secondChanges);
     EXPECT_EQ(results, first) << "the records of both calls share one root";
     EXPECT_EQ(records(results).size(), 2 + 2 * c.secondChanges);
@@ -361,23 +345,17 @@ TEST_F(SetPasswordTest, SecondCallOfTheSameDocument) {
 }
 
 TEST_F(SetPasswordTest, EntryRefusesMissingArgumentsBeforeReadingAnything) {
-  struct Case {
-    const char* name;
-    bool self, root, results;
-  } cases[] = {
-      {"no This", false, true, true},
-      {"no root", true, false, true},
-      {"no results", true, true, false},
-  };
   start(Service::FakeNewer);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  TOLVANE_PROTOCOL* self = converter();
+  for (const char* missing : {"This", "root", "results"}) {
+    SCOPED_TRACE(missing);
     log().clear();
     auto root = parse(document({password("SysPassword", base64("Sys"))}));
-    XML_NODE* sentinel = reinterpret_cast<XML_NODE*>(0x1234);
+    XML_NODE* const sentinel = reinterpret_cast<XML_NODE*>(0x1234);
     XML_NODE* results = sentinel;
-    TOLVANE_PROTOCOL* self = converter();
-    EXPECT_EQ(self->SetBIOSPassword(c.self ? self : nullptr, c.root ? root.get() : nullptr, c.results ? &results : nullptr),
+    const std::string m = missing;
+    EXPECT_EQ(self->SetBIOSPassword(m == "This" ? nullptr : self, m == "root" ? nullptr : root.get(),
+                                    m == "results" ? nullptr : &results),
               EFI_INVALID_PARAMETER);
     EXPECT_EQ(results, sentinel);
     EXPECT_EQ(commitIndex(root.get(), "SysPassword"), "1");
@@ -394,11 +372,7 @@ TEST_F(SetPasswordTest, EntryRefusesMissingArgumentsBeforeReadingAnything) {
 // and nothing recorded), or a record (the change stands, the status is
 // success, only that record is missing). Never a leak.
 struct SweepCase {
-  const char* name;
-  Service service;
-  std::vector<Item> items;
-  Strings changes;
-  Strings records;
+  const char* name; Service service; std::vector<Item> items; Strings changes; Strings records;
 };
 
 void PrintTo(const SweepCase& c, std::ostream* os) { *os << c.name; }
@@ -411,10 +385,9 @@ TEST_P(SweepTest, EachAllocationFailingInTurn) {
   fake().bits[PASSWORD_WHICH_SETUP] = kInstalled;
   std::shared_ptr<XML_NODE> root = parse(document(c.items));
   XML_NODE* results = nullptr;
-  TOLVANE_PROTOCOL* self = converter();
   size_t outOfMemory = 0;
   size_t attempts = sweepAllocationFailures(
-      [&] { return self->SetBIOSPassword(self, root.get(), &results); },
+      [&] { return apply(root.get(), &results); },
       [&](EFI_STATUS status, size_t k) {
         SCOPED_TRACE("allocation " + std::to_string(k));
         const std::string index = commitIndex(root.get(), "SetupPassword");
