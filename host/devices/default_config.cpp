@@ -263,17 +263,6 @@ void eachFormsPackage(const std::vector<std::vector<uint8_t>>& packageLists, Vis
   }
 }
 
-// The NUL-terminated ASCII name at `at` of an opcode; false when it does
-// not end inside the opcode.
-bool asciiName(const uint8_t* op, size_t length, size_t at, std::u16string& name) {
-  name.clear();
-  for (; at < length; ++at) {
-    if (op[at] == 0) return true;
-    name += char16_t(op[at]);
-  }
-  return false;
-}
-
 }  // namespace
 
 bool StorageName::operator<(const StorageName& other) const {
@@ -327,13 +316,12 @@ std::vector<StoreDeclaration> declaredStores(const std::vector<std::vector<uint8
     std::vector<ifr::OpInfo> ops;
     if (!ifr::walkIfr(ifr, size, ops)) return;
     for (const ifr::OpInfo& op : ops) {
-      const uint8_t* at = ifr + op.offset;
-      OpFields f(at, op.length);
+      OpFields f(ifr + op.offset, op.length);
       StoreDeclaration store;
-      if (op.opcode == EFI_IFR_VARSTORE_OP && asciiName(at, op.length, 22, store.name)) {
+      if (op.opcode == EFI_IFR_VARSTORE_OP && f.ascii(22, store.name)) {
         store.guid = f.guid(2);  // Guid, VarStoreId, Size, Name
         store.size = f.u16(20);
-      } else if (op.opcode == EFI_IFR_VARSTORE_EFI_OP && asciiName(at, op.length, 26, store.name)) {
+      } else if (op.opcode == EFI_IFR_VARSTORE_EFI_OP && f.ascii(26, store.name)) {
         store.guid = f.guid(4);  // VarStoreId, Guid, Attributes, Size, Name
         store.attributes = uint32_t(f.u16(20)) | uint32_t(f.u16(22)) << 16;
         store.size = f.u16(24);

@@ -166,7 +166,12 @@ CHAR16* TrimConfigRequest(const CHAR16* ConfigRequest) {
   const CHAR16* digits = widthField + 6;
   while (*digits == u' ' || *digits == u'\t' || *digits == u'0') ++digits;
   UINT64 width = 0;
-  for (INTN d; (d = hexDigitValue(*digits)) >= 0; ++digits) width = width * 16 + UINT64(d);
+  for (INTN d; (d = hexDigitValue(*digits)) >= 0; ++digits) {
+    // A width past 2^60 bytes is more zeros than any text holds; stop
+    // before the number wraps and comes back as a small width.
+    if (width > (~UINT64(0) >> 4)) return nullptr;
+    width = width * 16 + UINT64(d);
+  }
   const CHAR16* valueField = imp::findWide(ConfigRequest, u"VALUE=");
   if (!valueField) return nullptr;
   // Twice the width in zeros; the terminator or any other digit ends the

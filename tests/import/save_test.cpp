@@ -210,6 +210,7 @@ TEST_F(SaveTest, TrimmedRequestIsAOneByteZeroWrite) {
       {hdr + u"&OFFSET=0004&WIDTH=0004&VALUE=00000010", nullptr},
       {hdr + u"&OFFSET=0004&WIDTH=000A&VALUE=" + std::u16string(19, u'0') + u"1", nullptr},
       {hdr + u"&OFFSET=0004&WIDTH=0004&VALUE=000000", nullptr},  // the terminator ends the zeros
+      {hdr + u"&OFFSET=0004&WIDTH=10000000000000000&VALUE=5", nullptr},  // 2^64 bytes, not a width of 0
       {hdr + u"&OFFSET=0004&WIDTH=0004", nullptr},
       {hdr + u"&OFFSET=0004&VALUE=00", nullptr},
   };
