@@ -1,6 +1,4 @@
 // Image loading, instances, entry failure, Exit, unload, the current-platform stack.
-#include <cstdlib>
-
 #include "tests/host/platform_test_util.h"
 #include "tests/host/test_counter_image.h"
 
@@ -40,19 +38,6 @@ TEST_F(ImageTest, EveryLoadIsAnIndependentInstance) {
   // Exit is only for the image whose entry is running.
   EXPECT_EQ(bs()->Exit(first, EFI_SUCCESS, 0, nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ(bs()->Exit(nullptr, EFI_SUCCESS, 0, nullptr), EFI_INVALID_PARAMETER);
-}
-
-TEST_F(ImageTest, MissingImages) {
-  EFI_HANDLE h = &h;
-  EXPECT_EQ(loadStatus("no_such_image", &h), EFI_NOT_FOUND);
-  EXPECT_EQ(h, nullptr);
-  EXPECT_THROW(load("no_such_image"), std::runtime_error);
-  // The directory comes from the environment when it is set there.
-  ::setenv("TOLVANE_IMAGE_DIR", "/nonexistent-tolvane-images", 1);
-  EXPECT_EQ(host::Platform::imageDirectory(), "/nonexistent-tolvane-images");
-  EXPECT_EQ(loadStatus(kImage, &h), EFI_NOT_FOUND);
-  ::unsetenv("TOLVANE_IMAGE_DIR");
-  EXPECT_EQ(loadStatus(kImage, &h), EFI_SUCCESS);
 }
 
 TEST_F(ImageTest, FailedEntriesUnloadTheImage) {

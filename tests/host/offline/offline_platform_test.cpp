@@ -2,13 +2,14 @@
 // lines and their refusals, and lists the database refuses. (File framing is
 // tested through the command line; routed configurations through `tolvane
 // apply --hii`, and lists sharing a GUID through the offline export of a real
-// firmware's dump: tests/tools.)
+// firmware's dump: tests/tools.) Lists without a device path get one made.
 #include "host/offline/offline_platform.h"
 
 #include <gtest/gtest.h>
 
 #include "host/hii/config_string.h"
 #include "host/hii/package_list.h"
+#include "host/ifr/ifr_dump.h"
 #include "tests/host/offline/dump_shapes.h"
 
 namespace offline = tvl::host::offline;
@@ -159,6 +160,20 @@ TEST(OfflinePlatformTest, AListThatTheDatabaseRefusesIsLeftOutWithAWarning) {
       << p.lists()[1].refusal;
   ASSERT_FALSE(p.warnings().empty());
   EXPECT_NE(p.warnings().front().find("package list 2"), std::string::npos) << p.warnings().front();
+}
+
+TEST(OfflinePlatformTest, ListsWithoutADevicePathEachGetOneOfTheirOwn) {
+  Bytes bytes;
+  for (int n = 1; n <= 3; ++n) {
+    Bytes list = shapes::sharedGuidList(n);  // only the first has a device path
+    bytes.insert(bytes.end(), list.begin(), list.end());
+  }
+  OfflinePlatform p(bytes);
+  ASSERT_EQ(p.lists().size(), 3u);
+  EXPECT_FALSE(p.lists()[0].madeDevicePath);
+  for (size_t i = 1; i < 3; ++i)
+    EXPECT_EQ(hii::toAscii(p.devicePathText(i)), "VenHw(" + tvl::host::ifr::guidText(offline::kOfflineVendorGuid) +
+                                                     ",0" + std::to_string(i + 1) + "000000)");
 }
 
 }  // namespace
