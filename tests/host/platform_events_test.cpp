@@ -29,9 +29,6 @@ VOID EFIAPI record(EFI_EVENT, VOID* context) {
   if (probe->chained) probe->journal->bs->SignalEvent(probe->chained);
 }
 
-VOID EFIAPI closeSelf(EFI_EVENT event, VOID* context) { static_cast<EFI_BOOT_SERVICES*>(context)->CloseEvent(event); }
-VOID EFIAPI signalSelf(EFI_EVENT event, VOID* context) { static_cast<EFI_BOOT_SERVICES*>(context)->SignalEvent(event); }
-
 class EventTest : public PlatformTest {
  protected:
   void SetUp() override {
@@ -66,15 +63,12 @@ TEST_F(EventTest, CreateEventValidation) {
     if (s == EFI_SUCCESS) bs()->CloseEvent(e);
   }
   EFI_EVENT e = nullptr;
-  EFI_GUID group = kA;
-  EXPECT_EQ(bs()->CreateEventEx(EVT_SIGNAL_EXIT_BOOT_SERVICES, TPL_CALLBACK, record, &probe, &group, &e),
-            EFI_INVALID_PARAMETER);
   platform().failAllocation(1);
   EXPECT_EQ(bs()->CreateEvent(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, record, &probe, &e), EFI_OUT_OF_RESOURCES);
 }
 
 TEST_F(EventTest, NotifiesRunAtTheirTplOrWaitForRestore) {
-  Probe p1{&journal, 'a'}, p2{&journal, 'b'}, p3{&journal, 'c'}, p4{&journal, 'd'};
+  Probe p1{&journal, 'a'}, p2{&journal, 'b'}, p3{&journal, 'c'};
   EFI_EVENT callback1 = make(p1, TPL_CALLBACK), notify = make(p2, TPL_NOTIFY), callback2 = make(p3, TPL_CALLBACK);
   bs()->SignalEvent(callback1);  // above the current TPL: at once, at the notify's own TPL
   EXPECT_EQ(journal.take(), "a8 ");
@@ -91,13 +85,6 @@ TEST_F(EventTest, NotifiesRunAtTheirTplOrWaitForRestore) {
   p2.chained = callback2;
   bs()->SignalEvent(callback1);
   EXPECT_EQ(journal.take(), "a8 b16 c8 ");
-  // Signalling one member of a group signals them all.
-  EFI_EVENT g1 = nullptr, g2 = nullptr;
-  EFI_GUID group = kA;
-  ASSERT_EQ(bs()->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_NOTIFY, record, &p4, &group, &g1), EFI_SUCCESS);
-  ASSERT_EQ(bs()->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, record, &p4, &group, &g2), EFI_SUCCESS);
-  bs()->SignalEvent(g2);
-  EXPECT_EQ(journal.take(), "d16 d8 ");
   // Closing a pending event drops its notify; misuse of Raise/RestoreTPL is counted and ignored.
   p1.chained = p2.chained = nullptr;
   old = bs()->RaiseTPL(TPL_NOTIFY);
@@ -111,36 +98,7 @@ TEST_F(EventTest, NotifiesRunAtTheirTplOrWaitForRestore) {
   EXPECT_EQ(platform().currentTpl(), TPL_APPLICATION);
   EXPECT_EQ(bs()->SignalEvent(callback1), EFI_INVALID_PARAMETER);
   EXPECT_EQ(bs()->CloseEvent(callback1), EFI_INVALID_PARAMETER);
-  for (EFI_EVENT e : {notify, callback2, g1, g2}) bs()->CloseEvent(e);
-}
-
-TEST_F(EventTest, CheckAndWaitForEvent) {
-  Probe probe{&journal, 's'};
-  EFI_EVENT signalType = make(probe, TPL_CALLBACK);
-  EFI_EVENT plain = nullptr, selfSignalling = nullptr, closing = nullptr;
-  ASSERT_EQ(bs()->CreateEvent(0, 0, nullptr, nullptr, &plain), EFI_SUCCESS);
-  ASSERT_EQ(bs()->CreateEvent(EVT_NOTIFY_WAIT, TPL_CALLBACK, signalSelf, bs(), &selfSignalling), EFI_SUCCESS);
-  ASSERT_EQ(bs()->CreateEvent(EVT_NOTIFY_WAIT, TPL_CALLBACK, closeSelf, bs(), &closing), EFI_SUCCESS);
-  EXPECT_EQ(bs()->CheckEvent(signalType), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->CheckEvent(plain), EFI_NOT_READY);
-  bs()->SignalEvent(plain);
-  EXPECT_EQ(bs()->CheckEvent(plain), EFI_SUCCESS);
-  EXPECT_EQ(bs()->CheckEvent(plain), EFI_NOT_READY);  // checking clears it
-  EXPECT_EQ(bs()->CheckEvent(selfSignalling), EFI_SUCCESS);
-  EXPECT_EQ(bs()->CheckEvent(closing), EFI_NOT_READY);  // its notify closed it
-  EFI_EVENT list[] = {plain, selfSignalling};
-  UINTN index = 9;
-  EXPECT_TRUE(bs()->WaitForEvent(2, list, &index) == EFI_SUCCESS && index == 1);
-  bs()->SignalEvent(plain);
-  EXPECT_TRUE(bs()->WaitForEvent(2, list, &index) == EFI_SUCCESS && index == 0);
-  EFI_EVENT withSignalType[] = {plain, signalType};
-  EXPECT_EQ(bs()->WaitForEvent(2, withSignalType, &index), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(index, 1u);
-  EXPECT_EQ(bs()->WaitForEvent(0, list, &index), EFI_INVALID_PARAMETER);
-  EFI_TPL old = bs()->RaiseTPL(TPL_CALLBACK);
-  EXPECT_EQ(bs()->WaitForEvent(1, list, &index), EFI_UNSUPPORTED);
-  bs()->RestoreTPL(old);
-  for (EFI_EVENT e : {signalType, plain, selfSignalling}) bs()->CloseEvent(e);
+  for (EFI_EVENT e : {notify, callback2}) bs()->CloseEvent(e);
 }
 
 TEST_F(EventTest, ProtocolNotifyAndLocateByRegistration) {

@@ -127,57 +127,8 @@ TEST_F(HandleDatabaseTest, OpenProtocolScenarios) {
   }
 }
 
-TEST_F(HandleDatabaseTest, OpenProtocolInformationCountsOpens) {
-  EFI_HANDLE h = installNew(kA, &a), agent = installNew(kB, &b), controller = installNew(kC, &c);
-  void* iface = nullptr;
-  auto open = [&](uint32_t attributes) { ASSERT_EQ(bs()->OpenProtocol(h, &kA, &iface, agent, controller, attributes), EFI_SUCCESS); };
-  // Attributes and open count of every entry, in order.
-  auto entries = [&] {
-    EFI_OPEN_PROTOCOL_INFORMATION_ENTRY* list = nullptr;
-    UINTN count = 0;
-    std::vector<std::pair<uint32_t, uint32_t>> out;
-    EXPECT_EQ(bs()->OpenProtocolInformation(h, &kA, &list, &count), EFI_SUCCESS);
-    for (UINTN i = 0; i < count; ++i) {
-      EXPECT_TRUE(list[i].AgentHandle == agent && list[i].ControllerHandle == controller);
-      out.emplace_back(list[i].Attributes, list[i].OpenCount);
-    }
-    EXPECT_EQ(bs()->FreePool(list), EFI_SUCCESS);
-    return out;
-  };
-  using Entries = std::vector<std::pair<uint32_t, uint32_t>>;
-  for (uint32_t attributes : {kGet, kGet, kDriver}) open(attributes);
-  EXPECT_EQ(entries(), (Entries{{kGet, 2}, {kDriver, 1}}));
-  // With a BY_DRIVER open the uninstall fails before touching anything.
-  EXPECT_EQ(bs()->UninstallProtocolInterface(h, &kA, &a), EFI_ACCESS_DENIED);
-  EXPECT_EQ(entries().size(), 2u);
-  // Without one, the GET_PROTOCOL opens go even when a child open refuses the uninstall.
-  ASSERT_EQ(bs()->CloseProtocol(h, &kA, agent, controller), EFI_SUCCESS);
-  for (uint32_t attributes : {kGet, kChild}) open(attributes);
-  EXPECT_EQ(bs()->UninstallProtocolInterface(h, &kA, &a), EFI_ACCESS_DENIED);
-  EXPECT_EQ(entries(), (Entries{{kChild, 1}}));
-}
-
-TEST_F(HandleDatabaseTest, LocateHandleAndBuffer) {
-  EFI_HANDLE h1 = installNew(kA, &a), h2 = installNew(kA, &a2), h3 = installNew(kB, &b);
-  // The later-installed interface is listed after the earlier one even when its handle is older.
-  ASSERT_EQ(bs()->InstallProtocolInterface(&h3, &kC, EFI_NATIVE_INTERFACE, &c), EFI_SUCCESS);
-  ASSERT_EQ(bs()->InstallProtocolInterface(&h1, &kC, EFI_NATIVE_INTERFACE, &c), EFI_SUCCESS);
-  EFI_HANDLE buffer[4] = {};
-  UINTN size = 0;
-  EXPECT_EQ(bs()->LocateHandle(ByProtocol, &kA, nullptr, &size, buffer), EFI_BUFFER_TOO_SMALL);
-  EXPECT_EQ(size, 2 * sizeof(EFI_HANDLE));
-  size = sizeof buffer;
-  ASSERT_EQ(bs()->LocateHandle(ByProtocol, &kC, nullptr, &size, buffer), EFI_SUCCESS);
-  EXPECT_EQ(std::vector<EFI_HANDLE>(buffer, buffer + size / sizeof(EFI_HANDLE)), (std::vector<EFI_HANDLE>{h3, h1}));
-  size = sizeof buffer;
-  EXPECT_EQ(bs()->LocateHandle(ByProtocol, &kDevicePath, nullptr, &size, buffer), EFI_NOT_FOUND);
-  EXPECT_EQ(size, 0u);
-  size = 8;
-  EXPECT_EQ(bs()->LocateHandle(ByProtocol, &kA, nullptr, &size, nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->LocateHandle(ByProtocol, &kA, nullptr, nullptr, buffer), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->LocateHandle(ByProtocol, nullptr, nullptr, &size, buffer), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->LocateHandle(ByRegisterNotify, nullptr, nullptr, &size, buffer), EFI_INVALID_PARAMETER);
-
+TEST_F(HandleDatabaseTest, LocateHandleBuffer) {
+  EFI_HANDLE h1 = installNew(kA, &a), h2 = installNew(kA, &a2);
   UINTN count = 0;
   EFI_HANDLE* handles = reinterpret_cast<EFI_HANDLE*>(&count);
   EXPECT_EQ(bs()->LocateHandleBuffer(ByProtocol, &kDevicePath, nullptr, &count, &handles), EFI_NOT_FOUND);
@@ -235,33 +186,6 @@ TEST_F(HandleDatabaseTest, InstallMultipleIsAllOrNothing) {
         if (swept) bs()->UninstallMultipleProtocolInterfaces(swept, &kA, &a, &kB, &b, &kC, &c, nullptr);
         swept = nullptr;
       });
-}
-
-TEST_F(HandleDatabaseTest, LocateDevicePathPicksTheLongestPrefix) {
-  std::vector<uint8_t> paths[] = {pciPath({1}), pciPath({1, 2}), pciPath({1, 2, 3})};
-  EFI_HANDLE shortHandle = nullptr, longHandle = nullptr, other = nullptr;
-  ASSERT_EQ(installPath(&shortHandle, paths[0], kA, &a), EFI_SUCCESS);
-  ASSERT_EQ(installPath(&longHandle, paths[1], kA, &a2), EFI_SUCCESS);
-  ASSERT_EQ(installPath(&other, paths[2], kB, &b), EFI_SUCCESS);  // the longest match, without the protocol
-  std::vector<uint8_t> malformed = pciPath({1, 2});
-  malformed[8] = 2;  // second node claims to be 2 bytes long
-  struct { std::vector<uint8_t> source; EFI_STATUS expected; EFI_HANDLE device; std::ptrdiff_t remaining; } cases[] = {
-      {pciPath({1, 2, 3, 4}), EFI_SUCCESS, longHandle, 12}, {pciPath({1, 2}), EFI_SUCCESS, longHandle, 12},
-      {pciPath({1, 5}), EFI_SUCCESS, shortHandle, 6},       {pciPath({9}), EFI_NOT_FOUND, nullptr, 0},
-      {malformed, EFI_INVALID_PARAMETER, nullptr, 0},
-  };
-  for (auto& t : cases) {
-    EFI_DEVICE_PATH_PROTOCOL* path = asPath(t.source);
-    EFI_HANDLE device = nullptr;
-    EXPECT_EQ(statusName(bs()->LocateDevicePath(&kA, &path, &device)), statusName(t.expected));
-    EXPECT_EQ(device, t.device);
-    EXPECT_EQ(reinterpret_cast<uint8_t*>(path) - t.source.data(), t.remaining);
-  }
-  EFI_DEVICE_PATH_PROTOCOL* path = asPath(paths[1]);
-  EFI_HANDLE device = nullptr;
-  EXPECT_EQ(bs()->LocateDevicePath(&kA, &path, nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->LocateDevicePath(&kA, nullptr, &device), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->LocateDevicePath(nullptr, &path, &device), EFI_INVALID_PARAMETER);
 }
 
 }  // namespace

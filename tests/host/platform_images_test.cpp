@@ -1,6 +1,4 @@
-// Image loading, instances, entry failure, Exit, unload, LoadImage/StartImage, the current-platform stack.
-#include <cstdlib>
-
+// Image loading, instances, entry failure, Exit, unload, the current-platform stack.
 #include "tests/host/platform_test_util.h"
 #include "tests/host/test_counter_image.h"
 
@@ -40,19 +38,6 @@ TEST_F(ImageTest, EveryLoadIsAnIndependentInstance) {
   // Exit is only for the image whose entry is running.
   EXPECT_EQ(bs()->Exit(first, EFI_SUCCESS, 0, nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ(bs()->Exit(nullptr, EFI_SUCCESS, 0, nullptr), EFI_INVALID_PARAMETER);
-}
-
-TEST_F(ImageTest, MissingImages) {
-  EFI_HANDLE h = &h;
-  EXPECT_EQ(loadStatus("no_such_image", &h), EFI_NOT_FOUND);
-  EXPECT_EQ(h, nullptr);
-  EXPECT_THROW(load("no_such_image"), std::runtime_error);
-  // The directory comes from the environment when it is set there.
-  ::setenv("TOLVANE_IMAGE_DIR", "/nonexistent-tolvane-images", 1);
-  EXPECT_EQ(host::Platform::imageDirectory(), "/nonexistent-tolvane-images");
-  EXPECT_EQ(loadStatus(kImage, &h), EFI_NOT_FOUND);
-  ::unsetenv("TOLVANE_IMAGE_DIR");
-  EXPECT_EQ(loadStatus(kImage, &h), EFI_SUCCESS);
 }
 
 TEST_F(ImageTest, FailedEntriesUnloadTheImage) {
@@ -109,51 +94,6 @@ TEST_F(ImageTest, EventsOfAnUnloadedImageStillRun) {
   EXPECT_EQ(calls, 1u);
   EXPECT_EQ(value(), 1u);
   bs()->CloseEvent(event);
-}
-
-// A file-path media node with `name` (ASCII) and the end node.
-std::vector<uint8_t> filePath(const std::string& name) {
-  std::vector<uint8_t> path = {MEDIA_DEVICE_PATH, 0x04, static_cast<uint8_t>(6 + 2 * name.size()), 0};
-  for (char c : name + '\0') path.insert(path.end(), {static_cast<uint8_t>(c), 0});
-  path.insert(path.end(), {END_DEVICE_PATH_TYPE, END_ENTIRE_DEVICE_PATH_SUBTYPE, 4, 0});
-  return path;
-}
-
-TEST_F(ImageTest, LoadImageAndStartImageServices) {
-  EFI_HANDLE parent = load(kImage);
-  std::vector<uint8_t> path = filePath("\\EFI\\test_counter_image.efi");
-  setMode(TEST_MODE_ALLOCATE | TEST_MODE_UNLOADABLE);
-  markBaseline();
-  EFI_HANDLE child = nullptr;
-  ASSERT_EQ(bs()->LoadImage(FALSE, parent, asPath(path), nullptr, 0, &child), EFI_SUCCESS);
-  ASSERT_NE(loadedImage(child), nullptr);
-  EXPECT_EQ(loadedImage(child)->ParentHandle, parent);
-  EXPECT_EQ(platform().poolStats().outstanding, 0u) << "loaded but not started: the entry has not run";
-  UINTN exitSize = 99;
-  CHAR16* exitData = reinterpret_cast<CHAR16*>(&exitSize);
-  EXPECT_EQ(bs()->StartImage(child, &exitSize, &exitData), EFI_SUCCESS);
-  EXPECT_TRUE(exitSize == 0 && exitData == nullptr && platform().poolStats().outstanding == 1);
-  EXPECT_EQ(bs()->StartImage(child, nullptr, nullptr), EFI_INVALID_PARAMETER);  // already started
-  EXPECT_EQ(bs()->UnloadImage(child), EFI_SUCCESS);
-  // Unloading an image that never started does not run it.
-  ASSERT_EQ(bs()->LoadImage(FALSE, parent, asPath(path), nullptr, 0, &child), EFI_SUCCESS);
-  EXPECT_EQ(bs()->UnloadImage(child), EFI_SUCCESS);
-  EXPECT_EQ(bs()->StartImage(child, nullptr, nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(platform().poolStats().outstanding, 0u);
-
-  int bytes = 0;
-  struct { EFI_HANDLE parent; std::vector<uint8_t> path; bool buffer; EFI_STATUS expected; } cases[] = {
-      {parent, filePath("test_counter_image"), true, EFI_UNSUPPORTED},  // from a memory buffer
-      {parent, filePath("\\missing.efi"), false, EFI_NOT_FOUND},         {parent, pciPath({1}), false, EFI_NOT_FOUND},
-      {st()->ConsoleOutHandle, filePath("test_counter_image"), false, EFI_INVALID_PARAMETER},  // not an image
-  };
-  for (auto& t : cases) {
-    EFI_HANDLE h = nullptr;
-    EFI_STATUS s = bs()->LoadImage(FALSE, t.parent, asPath(t.path), t.buffer ? &bytes : nullptr, 4, &h);
-    EXPECT_EQ(statusName(s), statusName(t.expected)) << (&t - cases);
-  }
-  EXPECT_EQ(bs()->LoadImage(FALSE, parent, asPath(path), nullptr, 0, nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->LoadImage(FALSE, parent, nullptr, nullptr, 0, &child), EFI_NOT_FOUND);
 }
 
 TEST(PlatformStack, InnermostPlatformIsCurrent) {

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <numeric>
-#include <set>
 #include <cstring>
 
 #include "tests/host/platform_test_util.h"
@@ -113,38 +111,6 @@ TEST_F(PoolTest, LeanPoolBlocksAreAlignedAndDisjoint) {
   EXPECT_EQ(lean.poolStats().outstanding, many.size() / 2);
 }
 
-// A tree built, freed in any order and built again lands where it was, in
-// the order it was first carved: blocks of one class handed out one after
-// the other are neighbours, however the previous round released them.
-TEST_F(PoolTest, LeanPoolReusesEmptiedPagesInCarvingOrder) {
-  host::Platform lean(host::PoolMode::Lean);
-  EFI_BOOT_SERVICES* services = lean.bootServices();
-  constexpr size_t kBlocks = 16000;  // 48-byte blocks: a few 256 KiB pages
-  const auto round = [&] {
-    std::vector<uintptr_t> out;
-    for (size_t i = 0; i < kBlocks; ++i) out.push_back(reinterpret_cast<uintptr_t>(allocateFrom(services, 44)));
-    return out;
-  };
-  const std::vector<uintptr_t> first = round();
-  std::vector<size_t> order(kBlocks);
-  std::iota(order.begin(), order.end(), size_t{0});
-  std::srand(7);
-  for (size_t i = kBlocks; i-- > 1;) std::swap(order[i], order[size_t(std::rand()) % (i + 1)]);
-  for (size_t i : order) ASSERT_EQ(services->FreePool(reinterpret_cast<void*>(first[i])), EFI_SUCCESS);
-  const std::vector<uintptr_t> second = round();
-  size_t steps = 0;  // consecutive blocks 48 bytes apart
-  for (size_t i = 1; i < kBlocks; ++i) steps += second[i] - second[i - 1] == 48;
-  EXPECT_GE(steps, kBlocks - 8);  // all but the moves to a next page
-  // No new memory for the same work: the second round stays in the pages of the first.
-  const auto pages = [](const std::vector<uintptr_t>& blocks) {
-    std::set<uintptr_t> out;
-    for (uintptr_t p : blocks) out.insert(p & ~uintptr_t(256 * 1024 - 1));
-    return out;
-  };
-  EXPECT_EQ(pages(second), pages(first));
-  for (uintptr_t p : second) services->FreePool(reinterpret_cast<void*>(p));
-}
-
 TEST_F(PoolTest, LeanPoolRefusesWhatItDidNotHandOut) {
   void* checked = allocate(32);  // a block of the fixture's (checked) pool
   alignas(8) uint8_t local[64] = {};
@@ -239,9 +205,7 @@ TEST_F(PoolTest, FaultInjectionModes) {
     }
     EXPECT_EQ(pool.poolStats().failedByInjection, refused);
     EXPECT_EQ(pool.poolStats().outstanding, 0u);
-    EFI_PHYSICAL_ADDRESS pages = 0;  // firmware services that allocate take part too
-    pool.failAllocationsFrom(1);
-    EXPECT_EQ(services->AllocatePages(AllocateAnyPages, EfiBootServicesData, 1, &pages), EFI_OUT_OF_RESOURCES);
+    pool.failAllocationsFrom(1);  // firmware services that allocate take part too
     int iface = 0;
     EFI_HANDLE h = nullptr;
     EXPECT_EQ(services->InstallProtocolInterface(&h, &kSomeGuid, EFI_NATIVE_INTERFACE, &iface),
@@ -251,21 +215,9 @@ TEST_F(PoolTest, FaultInjectionModes) {
   });
 }
 
-// Page runs are whole pages and free whole; the free observer sees pool blocks and page runs with their
-// contents before the fill, and nothing once removed.
-TEST_F(PoolTest, PagesAndTheFreeObserver) {
-  EFI_PHYSICAL_ADDRESS address = 0;
-  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 0, &address), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiConventionalMemory, 1, &address), EFI_INVALID_PARAMETER);
-  ASSERT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 3, &address), EFI_SUCCESS);
-  EXPECT_EQ(address % 4096, 0u);
-  std::memset(reinterpret_cast<void*>(address), 0, 3 * 4096);
-  EXPECT_EQ(bs()->FreePages(address, 2), EFI_NOT_FOUND);
-  EXPECT_EQ(bs()->FreePages(address + 1, 3), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->FreePages(address, 3), EFI_SUCCESS);
-  EXPECT_EQ(bs()->FreePages(address, 3), EFI_NOT_FOUND);
-  markBaseline();  // the refused FreePages calls were deliberate
-
+// The free observer (the password tests' watch on wiped secrets) sees each pool block with its contents
+// before the fill, and nothing once removed.
+TEST_F(PoolTest, TheFreeObserverSeesContentsBeforeTheFill) {
   std::vector<std::pair<size_t, std::string>> seen;
   platform().setFreeObserver([&](const void* block, size_t size) {
     seen.emplace_back(size, std::string(static_cast<const char*>(block), std::min<size_t>(size, 6)));
@@ -273,13 +225,9 @@ TEST_F(PoolTest, PagesAndTheFreeObserver) {
   char* text = static_cast<char*>(allocate(7));
   std::memcpy(text, "secret", 7);
   EXPECT_EQ(bs()->FreePool(text), EFI_SUCCESS);
-  EFI_PHYSICAL_ADDRESS pages = 0;
-  ASSERT_EQ(bs()->AllocatePages(AllocateAnyPages, EfiBootServicesData, 2, &pages), EFI_SUCCESS);
-  std::memcpy(reinterpret_cast<void*>(pages), "paged!", 6);
-  EXPECT_EQ(bs()->FreePages(pages, 2), EFI_SUCCESS);
   platform().setFreeObserver({});
   EXPECT_EQ(bs()->FreePool(allocate(3)), EFI_SUCCESS);
-  const std::vector<std::pair<size_t, std::string>> expected = {{7, "secret"}, {8192, "paged!"}};
+  const std::vector<std::pair<size_t, std::string>> expected = {{7, "secret"}};
   EXPECT_EQ(seen, expected);
 }
 

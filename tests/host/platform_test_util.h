@@ -31,8 +31,4 @@ inline bool inDatabase(host::Platform& platform, EFI_HANDLE h) {
   return false;
 }
 
-inline EFI_DEVICE_PATH_PROTOCOL* asPath(std::vector<uint8_t>& bytes) {
-  return reinterpret_cast<EFI_DEVICE_PATH_PROTOCOL*>(bytes.data());
-}
-
 }  // namespace tvl::test

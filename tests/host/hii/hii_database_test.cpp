@@ -1,7 +1,6 @@
-// EFI_HII_DATABASE_PROTOCOL through its function table: type filters,
-// refusals of malformed package lists, export sizing and round trip,
-// updates and notifications. Listing and owner lookup as the driver uses
-// them are tested through the driver (tests/util).
+// EFI_HII_DATABASE_PROTOCOL through its function table: refusals of malformed package lists, export sizing,
+// updates and notifications. Listing and owner lookup are tested through the driver (tests/util), export round
+// trips through `tolvane export-hii` and `forms --hii` (tests/tools).
 #include <gtest/gtest.h>
 
 #include "host/hii/config_string.h"
@@ -59,28 +58,6 @@ TEST_F(HiiDatabaseTest, EmptyDatabaseAndUnknownHandlesAnswerNotFound) {
             EFI_INVALID_PARAMETER);
 }
 
-TEST_F(HiiDatabaseTest, ListingFiltersByPackageTypeAndGuid) {
-  const EFI_GUID g1 = guidNumber(101), g2 = guidNumber(102), unused = guidNumber(103);
-  EFI_HII_HANDLE strings = add(simpleList(1), newHandle());
-  EFI_HII_HANDLE guid1 = add(hii::buildPackageList(guidNumber(3), {guidPackage(g1, {1, 2})}), newHandle());
-  EFI_HII_HANDLE guid2 = add(hii::buildPackageList(guidNumber(4), {guidPackage(g2), hii::buildPackage(EFI_HII_PACKAGE_FORMS, {0x0e, 0})}), newHandle());
-  EFI_HII_HANDLE buffer[4];
-  UINTN length = 0;
-  EXPECT_EQ(db()->ListPackageLists(db(), EFI_HII_PACKAGE_TYPE_GUID, nullptr, &length, buffer), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(db()->ListPackageLists(db(), EFI_HII_PACKAGE_STRINGS, &g1, &length, buffer), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(db()->ListPackageLists(db(), EFI_HII_PACKAGE_TYPE_ALL, nullptr, nullptr, buffer), EFI_INVALID_PARAMETER);
-  const struct { UINT8 type; const EFI_GUID* guid; std::vector<EFI_HII_HANDLE> expected; } cases[] = {  // {}: not found
-      {EFI_HII_PACKAGE_STRINGS, nullptr, {strings}}, {EFI_HII_PACKAGE_FORMS, nullptr, {guid2}},
-      {EFI_HII_PACKAGE_TYPE_GUID, &g1, {guid1}},     {EFI_HII_PACKAGE_TYPE_GUID, &unused, {}},
-      {EFI_HII_PACKAGE_END, nullptr, {}},
-  };
-  for (const auto& c : cases) {
-    std::vector<EFI_HII_HANDLE> listed;
-    EXPECT_EQ(listAll(listed, c.type, c.guid), c.expected.empty() ? EFI_NOT_FOUND : EFI_SUCCESS) << int(c.type);
-    EXPECT_EQ(listed, c.expected) << int(c.type);
-  }
-}
-
 TEST_F(HiiDatabaseTest, MalformedPackageListsAreRefusedAndLeaveNothingBehind) {
   // One broken list and one broken package; the parsers' own tests go through every case.
   const Bytes list = simpleList(7);
@@ -124,39 +101,6 @@ TEST_F(HiiDatabaseTest, ExportSizingAndContent) {
   ASSERT_EQ(hii().removePackageList(h1), EFI_SUCCESS);
   size = 0;
   EXPECT_EQ(db()->ExportPackageLists(db(), h1, &size, nullptr), EFI_NOT_FOUND);
-}
-
-TEST_F(HiiDatabaseTest, ExportAddsTheDriverHandlesDevicePathAndRoundTrips) {
-  auto path = hii::DevicePathBuilder().pciRoot(0).pci(0x1c, 0).mac({0, 0x11, 0x22, 0x33, 0x44, 0x55}).build();
-  EFI_HANDLE device = nullptr;
-  ASSERT_EQ(platform().installProtocol(&device, EFI_GUID(EFI_DEVICE_PATH_PROTOCOL_GUID), path.data()), EFI_SUCCESS);
-  add(hii::buildPackageList(guidNumber(1), {hii::buildStringPackage("en-US", {u"Port", u"Speed"}),
-                                            hii::buildStringPackage("x-UEFI", {u"P", u"S"})}), device);
-  add(simpleList(2), nullptr);
-  Bytes exported, reexported;
-  ASSERT_EQ(hii().exportPackageLists(nullptr, exported), EFI_SUCCESS);
-  std::vector<hii::PackageListView> views;
-  ASSERT_EQ(hii::parsePackageLists(exported.data(), exported.size(), views), EFI_SUCCESS);
-  ASSERT_EQ(views.size(), 2u);
-  ASSERT_EQ(views[0].packages.size(), 3u);
-  const hii::PackageView& dp = views[0].packages.back();
-  EXPECT_EQ(dp.type, EFI_HII_PACKAGE_DEVICE_PATH);
-  EXPECT_EQ(Bytes(dp.data + 4, dp.data + dp.size), path);
-
-  // Registering the export again gives the same export and the same strings.
-  hii::HiiDatabase again(platform());
-  EFI_HII_HANDLE handles[2] = {};
-  const EFI_HANDLE owners[] = {device, nullptr};
-  for (size_t i = 0, offset = 0; i < views.size(); offset += views[i++].size)
-    ASSERT_EQ(again.addPackageList(Bytes(&exported[offset], &exported[offset] + views[i].size), owners[i], &handles[i]),
-              EFI_SUCCESS);
-  ASSERT_EQ(again.exportPackageLists(nullptr, reexported), EFI_SUCCESS);
-  EXPECT_EQ(reexported, exported);
-  CHAR16 text[16];
-  UINTN size = sizeof text;
-  ASSERT_EQ(again.strings()->GetString(again.strings(), "x-UEFI", handles[0], 2, text, &size, nullptr), EFI_SUCCESS);
-  EXPECT_EQ(std::u16string(text), u"S");
-  platform().uninstallProtocol(device, EFI_GUID(EFI_DEVICE_PATH_PROTOCOL_GUID), path.data());
 }
 
 std::vector<UINTN> gEvents;  // notify types, in order

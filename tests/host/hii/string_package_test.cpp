@@ -114,33 +114,4 @@ TEST(StringPackageRefusals, EveryTruncationIsRefused) {
   }
 }
 
-TEST(StringPackageBuilder, SerialisedModelParsesToTheSameModel) {
-  hii::StringPackage model;
-  model.language = "en-US;fr-CA";
-  model.languageName = 3;
-  model.languageWindow[0] = u'W';
-  model.extendedBlocks.push_back(kFontBlock);
-  model.strings.resize(600);  // ids 1..600, mostly skipped
-  model.strings[0] = {true, u"first", false, 0};
-  model.strings[2] = {true, u"English", true, 1};
-  model.strings[599] = {true, u"last", false, 0};
-  hii::StringPackage back;
-  ASSERT_EQ(parse(hii::serializeStringPackage(model), back), EFI_SUCCESS);
-  EXPECT_EQ(back.language, model.language);
-  EXPECT_EQ(back.languageName, 3);
-  EXPECT_EQ(back.languageWindow, model.languageWindow);
-  EXPECT_EQ(back.extendedBlocks, model.extendedBlocks);
-  ASSERT_EQ(back.strings.size(), model.strings.size());
-  for (size_t i = 0; i < model.strings.size(); ++i) {
-    EXPECT_EQ(back.strings[i].defined, model.strings[i].defined) << i;
-    EXPECT_EQ(back.strings[i].text, model.strings[i].text) << i;
-    EXPECT_EQ(back.strings[i].hasFont, model.strings[i].hasFont) << i;
-  }
-  // The plain builder: one string per id, in order.
-  const std::vector<std::u16string> strings = {u"", u"[x] caf\u00e9 \u2122", std::u16string(300, u'w')};
-  ASSERT_EQ(parse(hii::buildStringPackage("x-UEFI", strings), back), EFI_SUCCESS);
-  ASSERT_EQ(back.lastId(), strings.size());
-  for (size_t i = 0; i < strings.size(); ++i) EXPECT_EQ(back.find(EFI_STRING_ID(i + 1))->text, strings[i]);
-}
-
 }  // namespace
