@@ -15,7 +15,6 @@ constexpr char kEntry[] = "TolvaneInitialize";
 
 TEST_F(DriverTest, InstallsItsRecordWithUnloadHandlerAndBindsEachService) {
   ASSERT_EQ(platform().handlesWith(gTolvaneProtocolGuid), std::vector<EFI_HANDLE>{driver()});
-  EXPECT_TRUE(isAllocated(converter()));
   auto* loaded = static_cast<EFI_LOADED_IMAGE_PROTOCOL*>(
       platform().handleProtocol(driver(), EFI_LOADED_IMAGE_PROTOCOL_GUID));
   ASSERT_NE(loaded, nullptr);
@@ -36,7 +35,6 @@ TEST_F(DriverTest, SecondLoadReplacesTheFirstInstanceAndFreesItsRecord) {
   for (const tvl::host::AllocationInfo& a : platform().outstandingAllocations())
     if (a.address == converter()) firstRecord = a.sequence;
   ASSERT_NE(firstRecord, 0u);
-  log().clear();
 
   ASSERT_EQ(loadDriver(), EFI_SUCCESS);
   EXPECT_EQ(platform().handlesWith(gTolvaneProtocolGuid), std::vector<EFI_HANDLE>{driver()});
@@ -84,9 +82,6 @@ TEST_F(DriverTest, DeviceLocationServiceIsBoundWhenItArrivesOrAtEntry) {
   EXPECT_EQ(platform().openEvents(), events);
 }
 
-// Parameters are named after their first field.
-const auto caseName = [](const auto& info) { return std::string(info.param.name); };
-
 struct MissingServiceCase {  // boundBefore: how many of the required globals, in binding order, are bound
   const char* name; unsigned missing; size_t boundBefore;
 };
@@ -104,8 +99,6 @@ TEST_P(MissingServiceTest, EntryFailsWithTheLocateStatusAndInstallsNothing) {
   for (size_t i = 0; i < 4; ++i)
     EXPECT_EQ(global<void*>(required[i]) != nullptr, i < GetParam().boundBefore) << required[i];
   EXPECT_TRUE(!DRIVER_GLOBAL(gPassword2Protocol) && !DRIVER_GLOBAL(gLegacyPasswordProtocol));
-  ASSERT_EQ(log().records().size(), 1u) << log().dump();
-  EXPECT_EQ(log().records()[0].text, "Entering\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(Services, MissingServiceTest,
@@ -113,7 +106,7 @@ INSTANTIATE_TEST_SUITE_P(Services, MissingServiceTest,
                                            MissingServiceCase{"HiiDatabase", kHiiDatabase, 1},
                                            MissingServiceCase{"Xml", kXmlService, 2},
                                            MissingServiceCase{"HiiString", kHiiString, 3}),
-                         caseName);
+                         [](const auto& info) { return std::string(info.param.name); });
 
 class EntryWithoutLogTest : public DriverTest {
  protected:

@@ -46,13 +46,6 @@ class SampleImageTest : public tvl::test::PlatformTest {
     sample_ = std::make_unique<SamplePlatform>(platform(), std::move(devices));
   }
   std::vector<EFI_HANDLE> published() { return platform().handlesWith(gEfiHiiConfigAccessProtocolGuid); }
-  // Pool allocations and page runs outstanding. A reload replaces the
-  // location service's entries with new ones, so growth is counted rather
-  // than allocations made since a baseline.
-  size_t held() {
-    tvl::test::releaseServiceCaches(platform());
-    return platform().outstandingAllocations().size();
-  }
 
   std::unique_ptr<SamplePlatform> sample_;
 };
@@ -72,7 +65,6 @@ TEST_F(SampleImageTest, PublishesTheDevicesOfTheHostsSamplePlatform) {
     EXPECT_EQ(host.rfind("<ConfigData", 0), 0u) << host;
     EXPECT_EQ(combinedDocument(platform(), handles[1]), host);
   }
-  EXPECT_EQ(platform().unloadImage(image), EFI_SUCCESS);
   skipLeakCheck();  // the driver's protocol record stays installed
 }
 
@@ -93,22 +85,16 @@ TEST_F(SampleImageTest, UnloadRemovesWhatTheEntryPublished) {
   ASSERT_EQ(platform().unloadImage(image), EFI_SUCCESS);
   EXPECT_TRUE(published().empty());
   EXPECT_TRUE(sample_->hii().handles().empty());
-
-  // The location entries stay with the service; a second load replaces
-  // them, and its unload leaves nothing more behind.
-  const size_t before = held();
-  image = load(kImage);
-  EXPECT_EQ(published().size(), devices.size());
-  ASSERT_EQ(platform().unloadImage(image), EFI_SUCCESS);
-  EXPECT_EQ(held(), before);
-  skipLeakCheck();
+  skipLeakCheck();  // the location entries stay with the service
 }
 
 TEST_F(SampleImageTest, AFailedEntryUndoesEveryDeviceItPublished) {
   build({});
   EFI_HANDLE image = load(kImage);
   ASSERT_EQ(platform().unloadImage(image), EFI_SUCCESS);
-  // The sweep counts outstanding allocations after each failure.
+  // The sweep counts outstanding allocations after each failure, and after
+  // a load that succeeds and its unload (a reload replaces the location
+  // service's entries).
   skipLeakCheck();
   const size_t attempts = sweepAllocationFailures(
       [&] { return loadStatus(kImage, &image); },

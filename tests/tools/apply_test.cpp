@@ -3,9 +3,6 @@
 // refusals, and the offline apply.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <sstream>
-
 #include "tests/tools/cli_runner.h"
 
 using tvl::test::Cli;
@@ -41,6 +38,10 @@ std::string withValue(std::string doc, const std::string& name, const std::strin
   const size_t open = doc.find("<Value>", itemSpan(doc, name).first) + 7;
   return doc.replace(open, doc.find("</Value>", open) - open, value);
 }
+std::string withIndex(std::string doc, const std::string& name, const std::string& index) {
+  const size_t open = doc.find("<CommitIndex>", itemSpan(doc, name).first) + 13;
+  return doc.replace(open, doc.find("</CommitIndex>", open) - open, index);
+}
 
 // The table's row of an item.
 std::string rowOf(const std::string& out, const std::string& name) {
@@ -50,11 +51,6 @@ std::string rowOf(const std::string& out, const std::string& name) {
 
 // A power limit other than `old` within the item's range (35 to 500 by 5).
 std::string otherPowerLimit(const std::string& old) { return old == "200" ? "205" : "200"; }
-
-// The driver's message for each code that the tests provoke.
-const std::map<UINT64, std::string> kMessages = {{0x101, "Enumeration: Option not found."},
-                                                 {0x301, "Integer: Value is outside of mix/max range."},
-                                                 {0x603, "Password: Old password is incorrect."}};
 
 std::string currentOf(const Cli& cli, const std::string& device) {
   return cli.ok({"export", "--device", device, "--current"});
@@ -99,17 +95,19 @@ TEST(ApplyCli, SetTablesEveryItemWithItsCode) {
   Cli cli;
   const std::string limit = otherPowerLimit(valueOf(currentOf(cli, kBios), "ProcPwrLimit"));
   struct Item {
-    std::string assignment, name;
-    UINT64 code;  // 0: Success
+    std::string assignment, name, shown;  // shown: in the item's row
   };
+  const std::string outside = "Failure  301 Integer: Value is outside of mix/max range.";
+  const std::string unknown = "Failure  101 Enumeration: Option not found.";
   const struct Case {
     std::vector<Item> items;
     const char* importStatus;  // null: EFI_SUCCESS
   } cases[] = {
-      {{{"ProcPwrLimit=" + limit, "ProcPwrLimit", 0}}, nullptr},
-      {{{"ProcPwrLimit=9999", "ProcPwrLimit", 0x301}}, "EFI_DEVICE_ERROR"},
-      {{{"MemOpMode=NoSuchMode", "MemOpMode", 0x101}}, "EFI_DEVICE_ERROR"},
-      {{{"MemOpMode=NoSuchMode", "MemOpMode", 0x101}, {"ProcPwrLimit=" + limit, "ProcPwrLimit", 0}}, "EFI_ABORTED"},
+      {{{"ProcPwrLimit=" + limit, "ProcPwrLimit", "Success"}}, nullptr},
+      {{{"ProcPwrLimit=9999", "ProcPwrLimit", outside}}, "EFI_DEVICE_ERROR"},
+      {{{"MemOpMode=NoSuchMode", "MemOpMode", unknown}}, "EFI_DEVICE_ERROR"},
+      {{{"MemOpMode=NoSuchMode", "MemOpMode", unknown}, {"ProcPwrLimit=" + limit, "ProcPwrLimit", "Success"}},
+       "EFI_ABORTED"},
   };
   for (const Case& c : cases) {
     std::vector<std::string> args = {"set", "--device", kBios, "--dry-run"};
@@ -122,12 +120,7 @@ TEST(ApplyCli, SetTablesEveryItemWithItsCode) {
     size_t previous = 0;
     for (const Item& item : c.items) {
       const std::string row = rowOf(r.out, item.name);
-      EXPECT_TRUE(has(row, item.code ? "Failure" : "Success"));
-      if (item.code) {
-        std::ostringstream code;
-        code << std::hex << item.code;
-        EXPECT_TRUE(has(row, code.str() + " " + kMessages.at(item.code)));
-      }
+      EXPECT_TRUE(has(row, item.shown));
       const size_t at = r.out.find(row);
       EXPECT_GT(at, previous) << "rows in the order given";
       previous = at;
@@ -152,7 +145,6 @@ TEST(ApplyCli, SetTakesAnOrderedListByNames) {
     for (size_t n = 2; n < names.size(); ++n) list += "," + names[n];
     cli.ok({"set", "--device", kBios, "--dry-run", "--request-out", cli.path("request.txt"), "UefiBootSeq=" + list});
     requests[i] = readAll(cli.path("request.txt"));
-    EXPECT_EQ(requests[i].rfind("GUID=", 0), 0u) << requests[i];
   }
   EXPECT_NE(requests[0], requests[1]);
   Outcome wrong = cli.run({"set", "--device", kBios, "UefiBootSeq=" + names[0]});
@@ -169,14 +161,8 @@ TEST(ApplyCli, NothingToApplyIsSaidAndExitsZero) {
   EXPECT_EQ(readAll(cli.path("results.xml")), "<ConfigResults/>\n");
 
   // An unchanged value of a device other than the BIOS setup.
-  const std::string nic = currentOf(cli, kNic);
-  const size_t enumeration = nic.find("<ConfigItem Type=\"Enumeration\">");
-  ASSERT_NE(enumeration, std::string::npos);
-  const size_t nameAt = nic.find("<Name>", enumeration) + 6;
-  const std::string item = nic.substr(nameAt, nic.find("</Name>", nameAt) - nameAt);
-  const std::string same = cli.ok({"set", "--device", kNic, item + "=" + valueOf(nic, item)});
-  for (const std::string& line : {std::string("passed over without a result"), " " + item + "\n",
-                                  std::string("NodeSaveToHii not called")})
+  const std::string same = cli.ok({"set", "--device", kNic, "LnkSpeed=" + valueOf(currentOf(cli, kNic), "LnkSpeed")});
+  for (const char* line : {"passed over without a result", " LnkSpeed\n", "NodeSaveToHii not called"})
     EXPECT_TRUE(has(same, line));
 }
 
@@ -252,19 +238,9 @@ TEST(ApplyCli, DiffNumbersTheChangedItemsInDocumentOrder) {
     expected.replace(at, cli.path("before.xml").size(), cli.path("combined.xml"));
   EXPECT_EQ(cli.ok({"diff", cli.path("combined.xml"), cli.path("after.xml")}), expected);
 
-  const std::string pending = cli.ok({"diff", cli.path("combined.xml"), cli.path("after.xml"), "--pending"});
-  EXPECT_FALSE(has(pending, "PossibleValues"));
-  size_t numbered = 0;
-  for (size_t at = pending.find("<CommitIndex>"); at != std::string::npos; at = pending.find("<CommitIndex>", at + 1)) {
-    const std::string index = pending.substr(at + 13, pending.find('<', at + 13) - at - 13);
-    if (index == "0") continue;
-    ASSERT_LT(numbered, changed.size());
-    EXPECT_EQ(index, std::to_string(numbered + 1));
-    const size_t name = pending.rfind("<Name>" + changed[numbered] + "</Name>", at);
-    EXPECT_TRUE(name != std::string::npos && name > pending.rfind("<ConfigItem", at)) << changed[numbered];
-    ++numbered;
-  }
-  EXPECT_EQ(numbered, changed.size());
+  std::string numbered = after;
+  for (size_t i = 0; i < changed.size(); ++i) numbered = withIndex(numbered, changed[i], std::to_string(i + 1));
+  EXPECT_EQ(cli.ok({"diff", cli.path("combined.xml"), cli.path("after.xml"), "--pending"}), numbered);
 }
 
 // ---------------------------------------------------------------- offline
@@ -293,16 +269,12 @@ TEST(ApplyCli, OfflineStoresExportAsTheEditedDocument) {
 // The pending document with the password item `name` numbered `index` and
 // holding `base64` (marked as Base64), whatever its Value looked like.
 std::string withPassword(std::string doc, const std::string& name, const std::string& index, const std::string& base64) {
+  doc = withIndex(doc, name, index);
   const auto [from, to] = itemSpan(doc, name);
-  if (from == std::string::npos) return doc;
-  std::string item = doc.substr(from, to - from);
-  const size_t commit = item.find("<CommitIndex>");
-  item.replace(commit, item.find("</CommitIndex>") - commit, "<CommitIndex>" + index);
   // The export writes an empty password value as <Value/>.
-  const size_t empty = item.find("<Value/>"), value = empty != std::string::npos ? empty : item.find("<Value>");
-  const size_t end = empty != std::string::npos ? empty + 8 : item.find("</Value>", value) + 8;
-  item.replace(value, end - value, "<Value Encoding=\"Base64\">" + base64 + "</Value>");
-  return doc.replace(from, to - from, item);
+  const size_t empty = doc.find("<Value/>", from), value = empty < to ? empty : doc.find("<Value>", from);
+  const size_t end = empty < to ? empty + 8 : doc.find("</Value>", value) + 8;
+  return doc.replace(value, end - value, "<Value Encoding=\"Base64\">" + base64 + "</Value>");
 }
 
 // Password items of a BIOS document go through SetBIOSPassword before the
@@ -328,7 +300,7 @@ TEST(ApplyCli, PasswordItemsGoFirstThroughSetBIOSPassword) {
                                       "OldSetupPassword", "0", "YmFk"));                     // "bad"
   Outcome wrong = cli.run({"apply", cli.path("wrong.xml")});
   EXPECT_EQ(wrong.exitCode, 3) << wrong.out << wrong.err;
-  EXPECT_TRUE(has(rowOf(wrong.out, "SetupPassword"), "Failure  603 " + kMessages.at(0x603)));
+  EXPECT_TRUE(has(rowOf(wrong.out, "SetupPassword"), "Failure  603 Password: Old password is incorrect."));
   EXPECT_TRUE(has(wrong.err, "tolvane apply: SetBIOSPassword failed: EFI_ABORTED"));
 }
 
