@@ -96,15 +96,16 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
       {"NodeInterleave[ReadOnlyIf:MemOpMode=MirrorMode]", "marks: read-only, read-only condition (true)"},
       {"ProcVirtualization", "marks: reset required"},
       {"ProcX2Apic", "default 0x0000 \"Standard Defaults\": expression = true"},
-      {"ProcPwrLimit", "default 0x0001 \"Manufacturing Defaults\": 125"},
+      {"ProcPwrLimit", "default 0x0001 \"Manufacturing Defaults\": 125"}, {"ProcPwrLimit", "value: 165\n"},
       {"ProcPwrLimit", "range: min 35 max 500 step 5"}, {"MemPatrolScrub", "width 8 (u64)"},
       {"MemOpMode", "value: 1 (\"Mirror Mode\")"},
       {"BootSeq\"", "default 0x0000 \"Standard Defaults\": [1, 2, 3, 4]"},
-      {"ChapSecret", "length: min 12 max 16 characters"},
+      {"ChapSecret", "length: min 12 max 16 characters"}, {"AssetTag", "value: \"ASSET-0042\""},
       {"IscsiConfigRef", "value: form 2, question 0"}, {"MacAddr", "text two: \"00:1B:21:3C:4D:5E\""},
       {"UefiBootSeq\"", "option \"PXE Device 1: Integrated NIC 1 Port 1 Partition 1 (IPv6)\" keyword "
                         "\"NIC.PxeDevice.1-1[Protocol:IPv6]\" value 2"},
       {"UefiBootSeqEnDis[FQDD:NIC.PxeDevice.1-1][Protocol:IPv6]", "value: 0 (off)"},
+      {"UefiBootSeq\"", "value: [4, 1, 3, 2, 5]"},
       {"GlobalHotSpare[ReadOnlyIf:DiskStatus=Online]", "marks: read-only condition (false)"},
   };
   for (const auto& c : cases) EXPECT_TRUE(has(block(out, std::string("keyword \"") + c.keyword), c.shown));
@@ -143,6 +144,7 @@ TEST(CliTest, FormsOfAnExportedFileListItsPackages) {
   // Nothing can read the stores of a file: the values are the zeros the
   // forms processor reports.
   EXPECT_TRUE(has(block(file, "keyword \"AssetTag\""), "value: \"\""));
+  EXPECT_FALSE(has(cli.ok({"forms", "--device", "NIC.Integrated.1-1-1"}), "BIOS.InternalSetup"));
 }
 
 TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
