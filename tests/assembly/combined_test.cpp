@@ -64,17 +64,6 @@ class CombinedTest : public DriverTest {
   std::vector<std::string> texts_;
 };
 
-TEST_F(CombinedTest, OneRootWithBothEntriesFirstTreeFirst) {
-  CHAR8* text = nullptr;
-  ASSERT_EQ(combine(&text), EFI_SUCCESS);
-  EXPECT_STREQ(text,
-               "<ConfigData a=\"1\"><Header/><ConfigDataEntry Type=\"PossibleValues\"><X>1</X></ConfigDataEntry>"
-               "<ConfigDataEntry Type=\"CurrentValues\"><X>2</X></ConfigDataEntry><More/></ConfigData>");
-  bs()->FreePool(text);
-  expectUnchanged();
-  EXPECT_EQ(traces(), std::vector<std::string>{kEntering});
-}
-
 TEST_F(CombinedTest, Refusals) {
   XML_NODE* entryRoot = second_->children;  // a ConfigDataEntry, not a ConfigData
   XML_NODE* noEntry = parse("<ConfigData><Other/></ConfigData>");

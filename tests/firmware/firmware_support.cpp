@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "host/hii/device_path.h"
 #include "host/status.h"
 
 namespace tvl::test::firmware {
@@ -28,14 +29,7 @@ std::vector<EFI_HANDLE> devicesWithPath(host::Platform& platform, const std::vec
   std::vector<EFI_HANDLE> found;
   for (EFI_HANDLE handle : platform.handlesWith(gEfiHiiConfigAccessProtocolGuid)) {
     const auto* bytes = static_cast<const uint8_t*>(platform.handleProtocol(handle, gEfiDevicePathProtocolGuid));
-    if (!bytes) continue;
-    size_t size = 0;
-    for (;;) {
-      const size_t length = size_t(bytes[size + 2]) | size_t(bytes[size + 3]) << 8;
-      const bool end = bytes[size] == END_DEVICE_PATH_TYPE && bytes[size + 1] == END_ENTIRE_DEVICE_PATH_SUBTYPE;
-      size += length;
-      if (end || length < 4) break;
-    }
+    const size_t size = bytes ? host::hii::devicePathSize(bytes) : 0;
     if (size == path.size() && std::memcmp(bytes, path.data(), size) == 0) found.push_back(handle);
   }
   return found;

@@ -3,14 +3,8 @@
 // refusals, and the offline apply.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <map>
-#include <sstream>
-
-#include "host/hii/config_string.h"
 #include "tests/tools/cli_runner.h"
 
-namespace hii = tvl::host::hii;
 using tvl::test::Cli;
 using tvl::test::has;
 using tvl::test::Outcome;
@@ -44,6 +38,10 @@ std::string withValue(std::string doc, const std::string& name, const std::strin
   const size_t open = doc.find("<Value>", itemSpan(doc, name).first) + 7;
   return doc.replace(open, doc.find("</Value>", open) - open, value);
 }
+std::string withIndex(std::string doc, const std::string& name, const std::string& index) {
+  const size_t open = doc.find("<CommitIndex>", itemSpan(doc, name).first) + 13;
+  return doc.replace(open, doc.find("</CommitIndex>", open) - open, index);
+}
 
 // The table's row of an item.
 std::string rowOf(const std::string& out, const std::string& name) {
@@ -53,11 +51,6 @@ std::string rowOf(const std::string& out, const std::string& name) {
 
 // A power limit other than `old` within the item's range (35 to 500 by 5).
 std::string otherPowerLimit(const std::string& old) { return old == "200" ? "205" : "200"; }
-
-// The driver's message for each code that the tests provoke.
-const std::map<UINT64, std::string> kMessages = {{0x101, "Enumeration: Option not found."},
-                                                 {0x301, "Integer: Value is outside of mix/max range."},
-                                                 {0x603, "Password: Old password is incorrect."}};
 
 std::string currentOf(const Cli& cli, const std::string& device) {
   return cli.ok({"export", "--device", device, "--current"});
@@ -102,38 +95,32 @@ TEST(ApplyCli, SetTablesEveryItemWithItsCode) {
   Cli cli;
   const std::string limit = otherPowerLimit(valueOf(currentOf(cli, kBios), "ProcPwrLimit"));
   struct Item {
-    std::string assignment, name;
-    UINT64 code;  // 0: Success
+    std::string assignment, name, shown;  // shown: in the item's row
   };
+  const std::string outside = "Failure  301 Integer: Value is outside of mix/max range.";
+  const std::string unknown = "Failure  101 Enumeration: Option not found.";
   const struct Case {
     std::vector<Item> items;
     const char* importStatus;  // null: EFI_SUCCESS
   } cases[] = {
-      {{{"ProcPwrLimit=" + limit, "ProcPwrLimit", 0}}, nullptr},
-      {{{"ProcPwrLimit=9999", "ProcPwrLimit", 0x301}}, "EFI_DEVICE_ERROR"},
-      {{{"MemOpMode=NoSuchMode", "MemOpMode", 0x101}}, "EFI_DEVICE_ERROR"},
-      {{{"MemOpMode=NoSuchMode", "MemOpMode", 0x101}, {"ProcPwrLimit=" + limit, "ProcPwrLimit", 0}}, "EFI_ABORTED"},
+      {{{"ProcPwrLimit=" + limit, "ProcPwrLimit", "Success"}}, nullptr},
+      {{{"ProcPwrLimit=9999", "ProcPwrLimit", outside}}, "EFI_DEVICE_ERROR"},
+      {{{"MemOpMode=NoSuchMode", "MemOpMode", unknown}}, "EFI_DEVICE_ERROR"},
+      {{{"MemOpMode=NoSuchMode", "MemOpMode", unknown}, {"ProcPwrLimit=" + limit, "ProcPwrLimit", "Success"}},
+       "EFI_ABORTED"},
   };
   for (const Case& c : cases) {
-    std::vector<std::string> args = {"set", "--device", kBios, "--dry-run", "-o", cli.path("results.xml")};
+    std::vector<std::string> args = {"set", "--device", kBios, "--dry-run"};
     for (const Item& item : c.items) args.push_back(item.assignment);
     Outcome r = cli.run(args);
     SCOPED_TRACE(c.items.front().assignment + ": " + r.out + r.err);
     EXPECT_EQ(r.exitCode, c.importStatus ? 3 : 0);
     EXPECT_EQ(bool(has(r.err, "NodeToHii failed: " + std::string(c.importStatus ? c.importStatus : ""))),
               c.importStatus != nullptr);
-    const std::string results = readAll(cli.path("results.xml"));
     size_t previous = 0;
     for (const Item& item : c.items) {
       const std::string row = rowOf(r.out, item.name);
-      EXPECT_TRUE(has(row, item.code ? "Failure" : "Success"));
-      if (item.code) {
-        std::ostringstream code;
-        code << std::hex << item.code;
-        EXPECT_TRUE(has(row, code.str() + " " + kMessages.at(item.code)));
-        EXPECT_EQ(elementAfter(results, item.name, "ErrorCode"), code.str());
-        EXPECT_EQ(elementAfter(results, item.name, "Status"), "Failure");
-      }
+      EXPECT_TRUE(has(row, item.shown));
       const size_t at = r.out.find(row);
       EXPECT_GT(at, previous) << "rows in the order given";
       previous = at;
@@ -158,7 +145,6 @@ TEST(ApplyCli, SetTakesAnOrderedListByNames) {
     for (size_t n = 2; n < names.size(); ++n) list += "," + names[n];
     cli.ok({"set", "--device", kBios, "--dry-run", "--request-out", cli.path("request.txt"), "UefiBootSeq=" + list});
     requests[i] = readAll(cli.path("request.txt"));
-    EXPECT_EQ(requests[i].rfind("GUID=", 0), 0u) << requests[i];
   }
   EXPECT_NE(requests[0], requests[1]);
   Outcome wrong = cli.run({"set", "--device", kBios, "UefiBootSeq=" + names[0]});
@@ -175,14 +161,8 @@ TEST(ApplyCli, NothingToApplyIsSaidAndExitsZero) {
   EXPECT_EQ(readAll(cli.path("results.xml")), "<ConfigResults/>\n");
 
   // An unchanged value of a device other than the BIOS setup.
-  const std::string nic = currentOf(cli, kNic);
-  const size_t enumeration = nic.find("<ConfigItem Type=\"Enumeration\">");
-  ASSERT_NE(enumeration, std::string::npos);
-  const size_t nameAt = nic.find("<Name>", enumeration) + 6;
-  const std::string item = nic.substr(nameAt, nic.find("</Name>", nameAt) - nameAt);
-  const std::string same = cli.ok({"set", "--device", kNic, item + "=" + valueOf(nic, item)});
-  for (const std::string& line : {std::string("passed over without a result"), " " + item + "\n",
-                                  std::string("NodeSaveToHii not called")})
+  const std::string same = cli.ok({"set", "--device", kNic, "LnkSpeed=" + valueOf(currentOf(cli, kNic), "LnkSpeed")});
+  for (const char* line : {"passed over without a result", " LnkSpeed\n", "NodeSaveToHii not called"})
     EXPECT_TRUE(has(same, line));
 }
 
@@ -226,8 +206,8 @@ TEST(ApplyCli, WrongArgumentsAndDocumentsAreRefused) {
 }
 
 // The listing names exactly the changed items; the pending document
-// numbers them 1, 2, ... in document order and every other item 0, and
-// applying it reports them in that order.
+// numbers them 1, 2, ... in document order and every other item 0 (applied
+// in that order: SetTablesEveryItemWithItsCode).
 TEST(ApplyCli, DiffNumbersTheChangedItemsInDocumentOrder) {
   Cli cli;
   const std::string before = currentOf(cli, kBios);
@@ -258,49 +238,15 @@ TEST(ApplyCli, DiffNumbersTheChangedItemsInDocumentOrder) {
     expected.replace(at, cli.path("before.xml").size(), cli.path("combined.xml"));
   EXPECT_EQ(cli.ok({"diff", cli.path("combined.xml"), cli.path("after.xml")}), expected);
 
-  const std::string pending = cli.ok({"diff", cli.path("combined.xml"), cli.path("after.xml"), "--pending"});
-  EXPECT_FALSE(has(pending, "PossibleValues"));
-  size_t numbered = 0;
-  for (size_t at = pending.find("<CommitIndex>"); at != std::string::npos; at = pending.find("<CommitIndex>", at + 1)) {
-    const std::string index = pending.substr(at + 13, pending.find('<', at + 13) - at - 13);
-    if (index == "0") continue;
-    ASSERT_LT(numbered, changed.size());
-    EXPECT_EQ(index, std::to_string(numbered + 1));
-    const size_t name = pending.rfind("<Name>" + changed[numbered] + "</Name>", at);
-    EXPECT_TRUE(name != std::string::npos && name > pending.rfind("<ConfigItem", at)) << changed[numbered];
-    ++numbered;
-  }
-  EXPECT_EQ(numbered, changed.size());
-  cli.write("pending.xml", pending);
-  const std::string applied = cli.ok({"apply", cli.path("pending.xml"), "--dry-run"});
-  size_t previous = 0;
-  for (const std::string& name : changed) {
-    const size_t at = applied.find("\n" + name + " ");
-    EXPECT_TRUE(at != std::string::npos && at > previous) << name << " in:\n" << applied;
-    previous = at;
-  }
+  std::string numbered = after;
+  for (size_t i = 0; i < changed.size(); ++i) numbered = withIndex(numbered, changed[i], std::to_string(i + 1));
+  EXPECT_EQ(cli.ok({"diff", cli.path("combined.xml"), cli.path("after.xml"), "--pending"}), numbered);
 }
 
 // ---------------------------------------------------------------- offline
-// Each line of a --config-out file: the store's header and its bytes.
-std::map<std::string, std::vector<uint8_t>> storesOf(const std::string& text) {
-  std::map<std::string, std::vector<uint8_t>> stores;
-  size_t start = 0;
-  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-    const std::u16string line = hii::toUtf16(text.substr(start, end - start));
-    hii::ConfigString config;
-    EXPECT_EQ(hii::parseConfigString(line, hii::ConfigKind::Response, config), EFI_SUCCESS) << text;
-    EXPECT_EQ(config.blocks.size(), 1u);
-    if (config.blocks.size() != 1) continue;
-    EXPECT_EQ(config.blocks[0].offset, 0u);
-    stores[hii::toAscii(line.substr(0, config.header.end))] = config.blocks[0].value;
-  }
-  return stores;
-}
-
-// The stores a real apply leaves are the stores before it with exactly the
-// blocks of the request that a dry run wrote.
-TEST(ApplyCli, OfflineStoresHoldExactlyTheRequestsValues) {
+// --config-out writes what --config reads, and the stores a real apply
+// leaves export as the edited document.
+TEST(ApplyCli, OfflineStoresExportAsTheEditedDocument) {
   Cli cli;
   cli.ok({"export-hii", "--device", kBios, "-o", cli.path("bios.hii")});
   auto offline = [&](std::vector<std::string> args) {  // on the exported file, must succeed
@@ -309,53 +255,26 @@ TEST(ApplyCli, OfflineStoresHoldExactlyTheRequestsValues) {
   };
   const std::string current = offline({"export", "--current"});
   std::string edited = withValue(current, "ProcPwrLimit", otherPowerLimit(valueOf(current, "ProcPwrLimit")));
-  edited = withValue(edited, "MemTest", valueOf(current, "MemTest") == "true" ? "false" : "true");
+  edited = withValue(edited, "AssetTag", valueOf(current, "AssetTag") + "-1");
   pendingOf(cli, current, edited);
 
-  offline({"apply", cli.path("p.xml"), "--dry-run", "--request-out", cli.path("request.txt"), "--config-out",
-           cli.path("before.cfg")});
-  const std::string request = readAll(cli.path("request.txt"));
-  ASSERT_EQ(request.back(), '\n');
-  ASSERT_EQ(std::count(request.begin(), request.end(), '\n'), 1);
-  // --config-out writes what --config reads: the stores go round unchanged.
+  offline({"apply", cli.path("p.xml"), "--dry-run", "--config-out", cli.path("before.cfg")});
   offline({"apply", cli.path("p.xml"), "--dry-run", "--config", cli.path("before.cfg"), "--config-out",
            cli.path("again.cfg")});
   EXPECT_EQ(readAll(cli.path("again.cfg")), readAll(cli.path("before.cfg")));
-
-  std::map<std::string, std::vector<uint8_t>> expected = storesOf(readAll(cli.path("before.cfg")));
-  ASSERT_FALSE(expected.empty());
-  const std::u16string text = hii::toUtf16(request.substr(0, request.size() - 1));
-  size_t segments = 0;
-  for (size_t at = text.find(u"GUID="); at != std::u16string::npos; ++segments) {
-    const size_t next = text.find(u"GUID=", at + 1);
-    hii::ConfigString config;
-    ASSERT_EQ(hii::parseConfigString(text.substr(at, next - at), hii::ConfigKind::Response, config), EFI_SUCCESS);
-    auto store = expected.find(hii::toAscii(text.substr(at, config.header.end)));
-    ASSERT_NE(store, expected.end()) << "the request names a store the device does not have";
-    for (const hii::ConfigBlock& block : config.blocks)
-      std::copy(block.value.begin(), block.value.end(), store->second.begin() + long(block.offset));
-    at = next;
-  }
-  EXPECT_EQ(segments, 2u);
-
   offline({"apply", cli.path("p.xml"), "--config-out", cli.path("after.cfg")});
-  EXPECT_EQ(storesOf(readAll(cli.path("after.cfg"))), expected);
-  EXPECT_NE(storesOf(readAll(cli.path("after.cfg"))), storesOf(readAll(cli.path("before.cfg"))));
+  EXPECT_EQ(offline({"export", "--current", "--config", cli.path("after.cfg")}), edited);
 }
 
 // The pending document with the password item `name` numbered `index` and
 // holding `base64` (marked as Base64), whatever its Value looked like.
 std::string withPassword(std::string doc, const std::string& name, const std::string& index, const std::string& base64) {
+  doc = withIndex(doc, name, index);
   const auto [from, to] = itemSpan(doc, name);
-  if (from == std::string::npos) return doc;
-  std::string item = doc.substr(from, to - from);
-  const size_t commit = item.find("<CommitIndex>");
-  item.replace(commit, item.find("</CommitIndex>") - commit, "<CommitIndex>" + index);
   // The export writes an empty password value as <Value/>.
-  const size_t empty = item.find("<Value/>"), value = empty != std::string::npos ? empty : item.find("<Value>");
-  const size_t end = empty != std::string::npos ? empty + 8 : item.find("</Value>", value) + 8;
-  item.replace(value, end - value, "<Value Encoding=\"Base64\">" + base64 + "</Value>");
-  return doc.replace(from, to - from, item);
+  const size_t empty = doc.find("<Value/>", from), value = empty < to ? empty : doc.find("<Value>", from);
+  const size_t end = empty < to ? empty + 8 : doc.find("</Value>", value) + 8;
+  return doc.replace(value, end - value, "<Value Encoding=\"Base64\">" + base64 + "</Value>");
 }
 
 // Password items of a BIOS document go through SetBIOSPassword before the
@@ -374,19 +293,14 @@ TEST(ApplyCli, PasswordItemsGoFirstThroughSetBIOSPassword) {
   EXPECT_EQ(elementAfter(results, "ProcPwrLimit", "Status"), "Success") << results;
   EXPECT_LT(results.find("<Name>SetupPassword</Name>"), results.find("<Name>ProcPwrLimit</Name>")) << results;
   EXPECT_EQ(results.find("QWJj"), std::string::npos) << "no password value in the results";
-  // Set indeed: the newer service clears it now, and refuses a second clear.
-  EXPECT_EQ(cli.run({"password", "setup", "--clear"}).exitCode, 0);
-  EXPECT_EQ(cli.run({"password", "setup", "--clear"}).exitCode, 1);
 
-  // The older service checks the old password the document gives (its
-  // letter case ignored: the password command's tests).
+  // The older service checks the old password the document gives.
   cli.ok({"password", "--service", "legacy"});
-  ASSERT_EQ(cli.run({"password", "setup"}, false, "", "Abc\n").exitCode, 0);
   cli.write("wrong.xml", withPassword(withPassword(pending, "SetupPassword", "1", "WHl6"),  // "Xyz"
                                       "OldSetupPassword", "0", "YmFk"));                     // "bad"
   Outcome wrong = cli.run({"apply", cli.path("wrong.xml")});
   EXPECT_EQ(wrong.exitCode, 3) << wrong.out << wrong.err;
-  EXPECT_TRUE(has(rowOf(wrong.out, "SetupPassword"), "Failure  603 " + kMessages.at(0x603)));
+  EXPECT_TRUE(has(rowOf(wrong.out, "SetupPassword"), "Failure  603 Password: Old password is incorrect."));
   EXPECT_TRUE(has(wrong.err, "tolvane apply: SetBIOSPassword failed: EFI_ABORTED"));
 }
 

@@ -76,18 +76,6 @@ class Cli {
     return r.out;
   }
 
-  // Every sample device's package lists, as export-hii writes them.
-  std::vector<UINT8> exportAll() const {
-    Outcome r = run({"export-hii", "-o", path("all.hii")});
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    std::string bytes = readAll(path("all.hii"));
-    return std::vector<UINT8>(bytes.begin(), bytes.end());
-  }
-
-  void write(const std::string& name, const std::vector<UINT8>& bytes) const {
-    std::ofstream(path(name), std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                                     std::streamsize(bytes.size()));
-  }
   void write(const std::string& name, const std::string& text) const {
     std::ofstream(path(name), std::ios::binary) << text;
   }

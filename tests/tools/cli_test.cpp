@@ -3,8 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <sstream>
-#include <tuple>
+#include <utility>
 
 #include "host/hii/config_string.h"
 #include "host/ifr/ifr_dump.h"
@@ -43,38 +42,21 @@ std::string block(const std::string& text, const std::string& header) {
   return text.substr(start, end == std::string::npos ? std::string::npos : end - start);
 }
 
-// The form-set, form and statement header lines and the storage lines: the
-// shape of the forms, independent of current values and of where the
-// forms came from.
-std::string shape(const std::string& outline) {
-  std::istringstream in(outline);
-  std::string line, out;
-  while (std::getline(in, line)) {
-    size_t start = line.find_first_not_of(' ');
-    if (start == std::string::npos) continue;
-    std::string t = line.substr(start);
-    std::string word = t.substr(0, t.find(' '));
-    bool opcode = word.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ_") == std::string::npos &&
-                  t.compare(word.size(), 2, " \"") == 0;
-    if (opcode || word == "FormSet" || word == "Form" || word == "storage:" || word == "ConfigHdr") out += t + "\n";
-  }
-  return out;
-}
-
-using Bytes = std::vector<UINT8>;
+using Bytes = std::string;  // a file's bytes
 
 UINT32 u32At(const Bytes& b, size_t at) {
   UINT32 v = 0;
-  for (size_t i = 4; i-- > 0;) v = (v << 8) | b.at(at + i);
+  for (size_t i = 4; i-- > 0;) v = (v << 8) | UINT8(b.at(at + i));
   return v;
 }
-Bytes cut(const Bytes& b, size_t size) { return Bytes(b.begin(), b.begin() + long(std::min(size, b.size()))); }
+Bytes text(const std::vector<UINT8>& bytes) { return Bytes(bytes.begin(), bytes.end()); }
 
 // ---------------------------------------------------------------- info
 TEST(CliTest, InfoShowsRevisionSlotsAndBoundServices) {
   const std::string out = Cli().ok({"info"});
   for (const char* line : {"Entry status:     EFI_SUCCESS", "Revision:         0x2000",
-                           "TOLVANE_PROTOCOL 8FC48CC8-71FF-460B-8971-EA282C790359", "(the driver's image handle)"})
+                           "TOLVANE_PROTOCOL 8FC48CC8-71FF-460B-8971-EA282C790359", "(the driver's image handle)",
+                           "Password service: PASSWORD2_PROTOCOL, the newer service (the platform loads: new)\n"})
     EXPECT_TRUE(has(out, line));
   // The slots named in parentheses have no operation.
   const char* slots[] = {"HiiToNode", "NodeToHii", "(slot 3)", "(slot 4)", "NodeSaveToHii",
@@ -100,57 +82,6 @@ TEST(CliTest, DevicesListsEachDeviceWithItsLocation) {
   EXPECT_TRUE(has(out, "device path:   PciRoot(0x0)/Pci(0x1C,0x0)/Pci(0x0,0x0)/MAC(001B213C4D5E,0x1)"));
 }
 
-// What the outline must show as the current value of a described question.
-std::string expectedValue(const sample::Statement& s) {
-  switch (s.opcode) {
-    case EFI_IFR_CHECKBOX_OP:
-      return s.current[0] ? "value: 1 (on)" : "value: 0 (off)";
-    case EFI_IFR_ONE_OF_OP:
-    case EFI_IFR_NUMERIC_OP:
-      return "value: " + std::to_string(s.current[0]) + (s.opcode == EFI_IFR_ONE_OF_OP ? " (" : "\n");
-    case EFI_IFR_STRING_OP:
-      return "value: \"" + toAscii(s.currentText) + "\"";
-    case EFI_IFR_ORDERED_LIST_OP: {
-      std::string list;
-      for (UINT64 e : s.current) list += (list.empty() ? "" : ", ") + std::to_string(e);
-      return "value: [" + list + "]";
-    }
-    default:
-      return {};
-  }
-}
-
-// Where the outline shows a described statement: by its keyword text, or
-// by its prompt on a device without keyword texts.
-std::string statementHeader(const sample::DeviceDescription& d, const sample::Statement& s) {
-  bool keywords = std::find(d.languages.begin(), d.languages.end(), "x-UEFI") != d.languages.end();
-  return keywords ? "keyword \"" + toAscii(s.keyword) + "\"" : "\"" + toAscii(s.prompt) + "\" (question";
-}
-
-TEST(CliTest, FormsShowsEveryDescribedQuestionWithItsCurrentValue) {
-  const std::string out = Cli().ok({"forms"});
-  size_t checked = 0, formSets = 0;
-  for (const auto& d : sample::sampleDevices()) {
-    std::string device = block(out, "Device " + toAscii(d.fqdd));
-    ASSERT_FALSE(device.empty()) << toAscii(d.fqdd);
-    for (const auto& fs : d.formSets) {
-      // Only the form sets the export's filter lets through are shown.
-      std::string formSet = block(device, "FormSet " + tvl::host::ifr::guidText(fs.guid));
-      if (formSet.empty()) continue;
-      ++formSets;
-      for (const auto& form : fs.forms) {
-        for (const auto& s : form.statements) {
-          if (s.current.empty() && s.currentText.empty()) continue;
-          EXPECT_TRUE(has(block(formSet, statementHeader(d, s)), expectedValue(s))) << statementHeader(d, s);
-          ++checked;
-        }
-      }
-    }
-  }
-  EXPECT_EQ(formSets, 5u);
-  EXPECT_GT(checked, 60u);
-}
-
 TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
   const std::string out = Cli().ok({"forms"});
   struct Case {
@@ -165,21 +96,16 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
       {"NodeInterleave[ReadOnlyIf:MemOpMode=MirrorMode]", "marks: read-only, read-only condition (true)"},
       {"ProcVirtualization", "marks: reset required"},
       {"ProcX2Apic", "default 0x0000 \"Standard Defaults\": expression = true"},
-      {"ProcPwrLimit", "default 0x0001 \"Manufacturing Defaults\": 125"},
+      {"ProcPwrLimit", "default 0x0001 \"Manufacturing Defaults\": 125"}, {"ProcPwrLimit", "value: 165\n"},
       {"ProcPwrLimit", "range: min 35 max 500 step 5"}, {"MemPatrolScrub", "width 8 (u64)"},
       {"MemOpMode", "value: 1 (\"Mirror Mode\")"},
       {"BootSeq\"", "default 0x0000 \"Standard Defaults\": [1, 2, 3, 4]"},
-      {"TpmSecurity", "storage: varstore 2 \"BiosSecurity\""}, {"ChapSecret", "length: min 12 max 16 characters"},
+      {"ChapSecret", "length: min 12 max 16 characters"}, {"AssetTag", "value: \"ASSET-0042\""},
       {"IscsiConfigRef", "value: form 2, question 0"}, {"MacAddr", "text two: \"00:1B:21:3C:4D:5E\""},
-      // The legacy sequence is hidden in UEFI boot mode, the UEFI one is not.
-      {"BootSeq\"", "marks: suppressed"},
       {"UefiBootSeq\"", "option \"PXE Device 1: Integrated NIC 1 Port 1 Partition 1 (IPv6)\" keyword "
                         "\"NIC.PxeDevice.1-1[Protocol:IPv6]\" value 2"},
       {"UefiBootSeqEnDis[FQDD:NIC.PxeDevice.1-1][Protocol:IPv6]", "value: 0 (off)"},
-      {"EmbSata", "option \"ATA Mode\" keyword \"AtaMode\" value 3 suppressed"},
-      {"SerialComm", "keyword \"OnConRedirCom1\" value 2 suppressed"},
-      {"SerialComm", "keyword \"OnConRedirCom2\" value 3\n"},
-      {"OsWatchdogTimeout", "default 0x0000 \"Standard Defaults\": 4294967295"},
+      {"UefiBootSeq\"", "value: [4, 1, 3, 2, 5]"},
       {"GlobalHotSpare[ReadOnlyIf:DiskStatus=Online]", "marks: read-only condition (false)"},
   };
   for (const auto& c : cases) EXPECT_TRUE(has(block(out, std::string("keyword \"") + c.keyword), c.shown));
@@ -199,49 +125,32 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
 }
 
 // ---------------------------------------------------------------- HII files
-TEST(CliTest, ExportedFileReadsBackAsTheSameFormSets) {
+// Reading the file's forms offline: the export of the same file equals the
+// live one (OfflineExportOfASampleDeviceEqualsItsLiveExport).
+TEST(CliTest, FormsOfAnExportedFileListItsPackages) {
   Cli cli;
-  ASSERT_GT(cli.exportAll().size(), 40u);
+  cli.ok({"export-hii", "-o", cli.path("all.hii")});
   const std::string live = cli.ok({"forms"}), file = cli.ok({"forms", "--hii", cli.path("all.hii")});
-  // The default (lean) pool changes nothing that the commands print.
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"forms"}, {"forms", "--hii", cli.path("all.hii")}, {"info"}, {"devices"}}) {
-    Outcome checked = cli.run(args), lean = cli.run(args, true);
-    EXPECT_EQ(lean.exitCode, 0) << args[0] << ": " << lean.err;
-    EXPECT_EQ(lean.out, checked.out) << args[0];
-  }
   for (const char* line : {"5 package list(s)",
                            "packages: FORMS FORMS FORMS STRINGS(en-US) STRINGS(x-UEFI) DEVICE_PATH",
                            "packages: FORMS STRINGS(en-US) STRINGS(fr-FR) STRINGS(x-UEFI) DEVICE_PATH"})
     EXPECT_TRUE(has(file, line));
   // A file names no device, so no BIOS filter applies: the BIOS setup's
-  // other two form sets are shown as well.
-  std::string fileForms = file;
+  // other two form sets are shown only from the file.
   for (const EFI_GUID& other : {sample::kSetupMenuFormSetGuid, sample::kBootManagerFormSetGuid}) {
-    std::string formSet = block(fileForms, "FormSet " + tvl::host::ifr::guidText(other));
-    ASSERT_FALSE(formSet.empty());
-    fileForms.erase(fileForms.find(formSet), formSet.size());
+    EXPECT_TRUE(has(file, "FormSet " + tvl::host::ifr::guidText(other)));
+    EXPECT_FALSE(has(live, "FormSet " + tvl::host::ifr::guidText(other)));
   }
-  EXPECT_EQ(shape(fileForms), shape(live));
-  EXPECT_GT(shape(file).size(), 2000u);
   // Nothing can read the stores of a file: the values are the zeros the
   // forms processor reports.
   EXPECT_TRUE(has(block(file, "keyword \"AssetTag\""), "value: \"\""));
-
-  cli.ok({"export-hii", "--device", "NIC.Integrated.1-1-1", "-o", cli.path("nic.hii")});
-  const std::string nic = cli.ok({"forms", "--hii", cli.path("nic.hii")});
-  EXPECT_TRUE(has(nic, "1 package list(s)"));
-  const std::string liveNic = cli.ok({"forms", "--device", "NIC.Integrated.1-1-1"});
-  EXPECT_EQ(shape(nic), shape(liveNic));
-  // --device selects one device, and the NIC has no form-set filter.
-  EXPECT_TRUE(has(liveNic, "Device NIC.Integrated.1-1-1"));
-  EXPECT_FALSE(has(liveNic, "BIOS.InternalSetup"));
-  EXPECT_EQ(liveNic.find("form-set filter: none"), liveNic.find("form-set filter:"));
+  EXPECT_FALSE(has(cli.ok({"forms", "--device", "NIC.Integrated.1-1-1"}), "BIOS.InternalSetup"));
 }
 
 TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
   Cli cli;
-  const Bytes good = cli.exportAll();
+  cli.ok({"export-hii", "-o", cli.path("all.hii")});
+  const Bytes good = readAll(cli.path("all.hii"));
   const size_t first = u32At(good, 16);  // the first package list's length
   ASSERT_LT(first, good.size());
   size_t last = 0;  // where the last package list starts
@@ -275,8 +184,8 @@ TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
   ASSERT_EQ(good.at(firstPackage + 4), EFI_IFR_FORM_SET_OP);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    Bytes bad = cut(good, c.size);
-    for (int i = 0; i < c.width; ++i) bad.at(c.at + i) = UINT8(c.value >> (8 * i));
+    Bytes bad = good.substr(0, c.size);
+    for (int i = 0; i < c.width; ++i) bad.at(c.at + i) = char(UINT8(c.value >> (8 * i)));
     cli.write("bad.hii", bad);
     Outcome r = cli.run({"forms", "--hii", cli.path("bad.hii")});
     EXPECT_EQ(r.exitCode, 2);
@@ -285,7 +194,7 @@ TEST(CliTest, CorruptedFilesAreRefusedWithTheOffsetOfTheBadRecord) {
     EXPECT_TRUE(r.out.empty());
   }
   // A cut exactly between two lists leaves a valid file of one list.
-  cli.write("first.hii", cut(good, first));
+  cli.write("first.hii", good.substr(0, first));
   EXPECT_EQ(cli.run({"forms", "--hii", cli.path("first.hii")}).exitCode, 0);
 }
 
@@ -306,14 +215,11 @@ TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
 
   EXPECT_EQ(cli.ok({"reset"}), "restored the defaults of 10 stores of 5 devices in " + file + "\n");
   const std::string defaults = readAll(file);
-  ASSERT_EQ(sample::parseState(defaults).stores.size(), 10u);
 
-  // A stored BIOS boot mode shows, with the conditions that depend on it.
+  // A stored BIOS boot mode shows.
   cli.write("platform.state", withBootMode(defaults, 1));
-  std::string bios = cli.ok({"forms", "--device", "BIOS.InternalSetup.1-1"});
-  EXPECT_TRUE(has(block(bios, "keyword \"BootMode"), "value: 1 (\"BIOS\")"));
-  EXPECT_FALSE(has(block(bios, "keyword \"BootSeq\""), "marks: suppressed"));
-  EXPECT_TRUE(has(block(bios, "keyword \"UefiBootSeq\""), "marks: suppressed"));
+  EXPECT_TRUE(has(block(cli.ok({"forms", "--device", "BIOS.InternalSetup.1-1"}), "keyword \"BootMode"),
+                  "value: 1 (\"BIOS\")"));
   EXPECT_EQ(readAll(file), withBootMode(defaults, 1)) << "reading leaves the file as it was";
 
   // A damaged file is refused, and left as it is, until reset.
@@ -331,34 +237,6 @@ TEST(CliTest, StoresPersistBetweenRunsAndResetRestoresTheDefaults) {
 
   cli.ok({"reset"});
   EXPECT_EQ(readAll(file), defaults);
-  bios = cli.ok({"forms", "--device", "BIOS.InternalSetup.1-1"});
-  EXPECT_TRUE(has(block(bios, "keyword \"BootMode"), "value: 0 (\"UEFI\")"));
-}
-
-// The state file chooses the password services the platform loads; info
-// tells which one the driver bound.
-TEST(CliTest, InfoShowsThePasswordServiceTheStateFileChooses) {
-  Cli cli;
-  cli.ok({"reset"});
-  const std::string defaults = readAll(cli.path("platform.state"));
-  ASSERT_TRUE(has(defaults, "\npasswords new\n"));
-  struct Case {
-    const char* services;
-    const char* bound;
-    bool legacyBound;
-  } cases[] = {
-      {"new", "PASSWORD2_PROTOCOL, the newer service", false},
-      {"legacy", "LEGACY_PASSWORD_PROTOCOL, the older service", true},
-      {"both", "PASSWORD2_PROTOCOL, the newer service", false}, {"none", "none bound", false},
-  };
-  for (const auto& c : cases) {
-    std::string state = defaults;
-    state.replace(state.find("passwords new"), 13, std::string("passwords ") + c.services);
-    cli.write("platform.state", state);
-    const std::string out = cli.ok({"info"});
-    EXPECT_TRUE(has(out, std::string("Password service: ") + c.bound + " (the platform loads: " + c.services + ")\n"));
-    EXPECT_EQ(bool(has(block(out, "  gLegacyPasswordProtocol "), "not bound")), !c.legacyBound) << c.services;
-  }
 }
 
 // Each run is a process of its own, so every step also shows that the
@@ -377,9 +255,7 @@ TEST(CliTest, PasswordSetsChangesAndClearsThroughEitherService) {
        "SetupPassword: Success\nOldSetupPassword: Success\nthe setup password is set\n", ""},
       {"change with a wrong old password", {"password", "setup"}, "nope\nXyz\n", 3, "SetupPassword: Failure 603\n",
        "tolvane password: the setup password was not set: 603 Password: Old password is incorrect.\n"},
-      {"change with the old one, in any letter case", {"password", "setup"}, "ABC\nXyz\n", 0,
-       "the setup password is set\n", ""},
-      {"clear", {"password", "setup", "--clear"}, "xyz\n", 0, "the setup password is cleared\n", ""},
+      {"clear with the old one", {"password", "setup", "--clear"}, "Abc\n", 0, "the setup password is cleared\n", ""},
       {"clear with none installed: refused before the service", {"password", "setup", "--clear"}, "", 1, "",
        "Attempted to clear password, while none is set"},
       {"the system password, on its own", {"password", "system"}, "Sys\n", 0,
@@ -396,8 +272,8 @@ TEST(CliTest, PasswordSetsChangesAndClearsThroughEitherService) {
       {"unknown password", {"password", "admin"}, "", 2, "", "'admin' is neither setup nor system"},
       {"unknown service", {"password", "--service", "old"}, "", 2, "", "--service takes new or legacy"},
   };
-  for (const auto& [steps, count, service] :
-       {std::tuple(older, std::size(older), "legacy"), std::tuple(newer, std::size(newer), "new")}) {
+  // The service chosen persists: only the older one checks the old password.
+  for (const auto& [steps, count] : {std::pair(older, std::size(older)), std::pair(newer, std::size(newer))}) {
     Cli cli;
     for (size_t i = 0; i < count; ++i) {
       const Step& step = steps[i];
@@ -406,10 +282,6 @@ TEST(CliTest, PasswordSetsChangesAndClearsThroughEitherService) {
       EXPECT_EQ(r.exitCode, step.exitCode) << r.out << r.err;
       EXPECT_TRUE(has(r.out, step.out));
       EXPECT_TRUE(has(r.err, step.err));
-      // A platform without a state file loads the newer service.
-      const std::string state = readAll(cli.path("platform.state"));
-      EXPECT_TRUE((state.empty() && std::string(service) == "new") ||
-                  has(state, std::string("\npasswords ") + service + "\n")) << state;
     }
     // The last step of each left the setup password cleared.
     EXPECT_EQ(readAll(cli.path("platform.state")).find("password-variable SetupPassword"), std::string::npos);
@@ -445,7 +317,7 @@ TEST(CliTest, StateFileComesFromTheOptionThenTheEnvironment) {
 
 TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
   Cli cli;
-  cli.write("dump.hii", shapes::firmwareDump().bytes);
+  cli.write("dump.hii", text(shapes::firmwareDump().bytes));
   cli.write("config.txt", "# none\nGUID=00");
   const std::string dump = cli.path("dump.hii"), config = cli.path("config.txt");
   const std::string bios = "BIOS.InternalSetup.1-1", home = "HOME=" + cli.path("home");
@@ -461,28 +333,23 @@ TEST(CliTest, WrongArgumentsAreRefusedWithAMessage) {
       {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
       {{"info", "extra"}, 2, "unexpected argument 'extra'"},
       {{"devices", "--device", "x"}, 2, "unknown option '--device'"},
-      {{"forms", "--bogus"}, 2, "unknown option '--bogus'"},
       {{"forms", "--device"}, 2, "option --device needs a value"},
       {{"forms", "--device", "a", "--device", "b"}, 2, "given twice"},
       {{"forms", "--hii", "f", "--device", "x"}, 2, "cannot be combined"},
       {{"forms", "--hii", "/nonexistent/file.hii"}, 2, "cannot read /nonexistent/file.hii"},
       {{"export-hii"}, 2, "no output file"},
-      {{"reset", "now"}, 2, "unexpected argument 'now'"},
       {{"export-hii", "-o", "/nonexistent/dir/x.hii"}, 1, "cannot create /nonexistent/dir/x.hii"},
       {{"--lean-pool", "info"}, 2, "unknown global option '--lean-pool'"},
       {{"info", "--checked-pool"}, 2, "unknown option '--checked-pool'"},  // global options go first
       // The export refuses before it exports anything.
-      {{"export", "--device", bios, "--verbose"}, 2, "unknown option '--verbose'"},
       {{"export", "--device", bios, "--possible", "--current"}, 2, "--possible or --current, not both"},
       {{"export", "--device", "NIC.Integrated.9-9-9"}, 2, "no device with FQDD 'NIC.Integrated.9-9-9'"},
       {{"export"}, 2, "name the device with --device FQDD, or give -o DIR to export every device into DIR; known "
                       "devices: BIOS.InternalSetup.1-1, NIC.Integrated.1-1-1"},
-      {{"export", "--device", bios, "--trace", "verbose"}, 2, "--trace: 'verbose' is neither a hexadecimal mask"},
       {{"export", "--device", bios, "--trace", "failure,,progress"}, 2, "--trace: 'failure,,progress' is neither"},
       {{"export", "--device", bios, "--trace", "0x1ffffffffffffffff"}, 2, "is neither a hexadecimal mask"},
       {{"export", "--device", bios, "-o", cli.path("a.xml"), "--output", cli.path("b.xml")}, 2, "output file once"},
       // FQDDs match exactly, letter case included.
-      {{"forms", "--device", "NIC.Integrated.9-9-9"}, 2, "no device with FQDD 'NIC.Integrated.9-9-9'; " + known},
       {{"forms", "--device", "bios.internalsetup.1-1"}, 2, "no device with FQDD 'bios.internalsetup.1-1'; " + known},
       {{"export-hii", "--device", "NIC.Integrated.9-9-9", "-o", cli.path("x.hii")}, 2, "; " + known},
       {{"export", "--hii", dump, "--fqdd", "X", "--package-list", "0"}, 2,
@@ -544,30 +411,27 @@ TEST(CliTest, ExportTraceLevelsSelectTheDriversLines) {
 TEST(CliTest, OfflineExportTakesEveryFormListOfAFirmwareDumpByNumber) {
   Cli cli;
   const shapes::DumpFile dump = shapes::firmwareDump();
-  cli.write("dump.hii", dump.bytes);
+  cli.write("dump.hii", text(dump.bytes));
   const std::string file = cli.path("dump.hii");
   Outcome listing = cli.run({"export", "--hii", file, "--fqdd", "X"});
   EXPECT_EQ(listing.exitCode, 2) << listing.err;
   for (const char* line : {"7 package lists hold forms; choose one with --package-list N:",
-                           "\n  7: GUID FE561596-E6BF-41A6-8376-C72B719874D0, device path VenHw(",
-                           "form set \"Driver Health Configure\""})
+                           "\n  7: GUID FE561596-E6BF-41A6-8376-C72B719874D0, device path VenHw("})
     EXPECT_TRUE(has(listing.err, line));
   EXPECT_TRUE(listing.out.empty());
+  // The exported documents and the failures' exit code 1 with the list and
+  // the status named: tools.offline_export_of_firmware_dump on a real dump.
   for (size_t i = 0; i < dump.lists.size(); ++i) {
     const shapes::DumpedList& list = dump.lists[i];
     SCOPED_TRACE(list.what);
     const std::string number = std::to_string(i + 1), out = cli.path("list" + number + ".xml");
     Outcome r = cli.run({"export", "--hii", file, "--fqdd", "Offline." + number, "--package-list", number, "-o", out});
+    EXPECT_EQ(r.exitCode, !list.hasForms ? 2 : list.exports ? 0 : 1) << r.err;
     if (!list.hasForms) {
-      EXPECT_EQ(r.exitCode, 2);
       EXPECT_TRUE(has(r.err, "--package-list " + number + ": package list " + number + " (GUID "));
       EXPECT_TRUE(has(r.err, "holds no forms"));
-    } else if (list.exports) {  // the documents: tools.offline_export_of_firmware_dump
-      EXPECT_EQ(r.exitCode, 0) << r.err;
-    } else {  // a failed export names the operation and its status, and writes no file
-      EXPECT_EQ(r.exitCode, 1);
-      EXPECT_TRUE(has(r.err, "tolvane export: package list " + number + " (GUID "));
-      EXPECT_TRUE(has(r.err, "with form set \"iPXE (52:54:00:12:34:56)\""));
+    }
+    if (list.hasForms && !list.exports) {
       EXPECT_TRUE(has(r.err, "HiiToNode failed: EFI_NOT_FOUND: its strings are in \"en-us\", not in the exact "
                              "\"en-US\" that an export needs"));
       EXPECT_FALSE(exists(out));
