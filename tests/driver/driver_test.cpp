@@ -27,6 +27,8 @@ TEST_F(DriverTest, InstallsItsRecordWithUnloadHandlerAndBindsEachService) {
     void* expected = platform().locateProtocol(guid);
     EXPECT_TRUE(expected && global<void*>(name) == expected) << name;
   }
+  const LogRecord* entering = log().find(kEntry, "Entering\n");
+  EXPECT_TRUE(entering && entering->level == TVL_LEVEL_PROGRESS) << log().dump();
 }
 
 TEST_F(DriverTest, SecondLoadReplacesTheFirstInstanceAndFreesItsRecord) {
@@ -35,17 +37,19 @@ TEST_F(DriverTest, SecondLoadReplacesTheFirstInstanceAndFreesItsRecord) {
   for (const tvl::host::AllocationInfo& a : platform().outstandingAllocations())
     if (a.address == converter()) firstRecord = a.sequence;
   ASSERT_NE(firstRecord, 0u);
+  log().clear();
 
   ASSERT_EQ(loadDriver(), EFI_SUCCESS);
   EXPECT_EQ(platform().handlesWith(gTolvaneProtocolGuid), std::vector<EFI_HANDLE>{driver()});
   for (const tvl::host::AllocationInfo& a : platform().outstandingAllocations())
     EXPECT_NE(a.sequence, firstRecord) << "the first record is still allocated";
+  const LogRecord* uninstall = log().find(kEntry, "UninstallProtocolInterface Status = 0\n");
+  EXPECT_TRUE(uninstall && uninstall->level == TVL_LEVEL_PROGRESS) << log().dump();
 
   // The first image no longer carries the protocol: its unload has nothing
   // to remove, succeeds and leaves the second instance alone.
   EXPECT_EQ(platform().unloadImage(first), EFI_SUCCESS);
   EXPECT_EQ(platform().handlesWith(gTolvaneProtocolGuid), std::vector<EFI_HANDLE>{driver()});
-  EXPECT_TRUE(isAllocated(converter()));
 }
 
 // A consumer holding the protocol keeps it from a second load (which traces
@@ -82,6 +86,40 @@ TEST_F(DriverTest, DeviceLocationServiceIsBoundWhenItArrivesOrAtEntry) {
   EXPECT_EQ(platform().openEvents(), events);
 }
 
+struct PasswordCase {  // trace: the one password trace expected, or null
+  const char* name; bool newer, older, bindsNewer, bindsOlder; const char* trace;
+};
+
+class PasswordBindingTest : public DriverTest, public ::testing::WithParamInterface<PasswordCase> {
+ protected:
+  bool loadsDriver() const override { return false; }
+};
+
+TEST_P(PasswordBindingTest, BindsAtMostOnePasswordService) {
+  const PasswordCase& c = GetParam();
+  void* newer = c.newer ? installStandIn(PASSWORD2_PROTOCOL_GUID, sizeof(PASSWORD_SERVICE_PROTOCOL)) : nullptr;
+  void* older = c.older ? installStandIn(LEGACY_PASSWORD_PROTOCOL_GUID, sizeof(PASSWORD_SERVICE_PROTOCOL)) : nullptr;
+  ASSERT_EQ(loadDriver(), EFI_SUCCESS);
+  EXPECT_EQ(DRIVER_GLOBAL(gPassword2Protocol), c.bindsNewer ? newer : nullptr);
+  EXPECT_EQ(DRIVER_GLOBAL(gLegacyPasswordProtocol), c.bindsOlder ? older : nullptr);
+
+  for (std::string text : {"New password2 protocol found\n", " Both new and old password protocols not found \n"})
+    EXPECT_EQ(log().count(kEntry, text), c.trace && text == c.trace ? 1u : 0u) << text << log().dump();
+}
+
+// Parameters are named after their first field.
+const auto caseName = [](const auto& info) { return std::string(info.param.name); };
+
+INSTANTIATE_TEST_SUITE_P(Services, PasswordBindingTest,
+                         ::testing::Values(PasswordCase{"Neither", false, false, false, false,
+                                                        " Both new and old password protocols not found \n"},
+                                           PasswordCase{"OlderOnly", false, true, false, true, nullptr},
+                                           PasswordCase{"NewerOnly", true, false, true, false,
+                                                        "New password2 protocol found\n"},
+                                           PasswordCase{"Both", true, true, true, false,
+                                                        "New password2 protocol found\n"}),
+                         caseName);
+
 struct MissingServiceCase {  // boundBefore: how many of the required globals, in binding order, are bound
   const char* name; unsigned missing; size_t boundBefore;
 };
@@ -99,6 +137,8 @@ TEST_P(MissingServiceTest, EntryFailsWithTheLocateStatusAndInstallsNothing) {
   for (size_t i = 0; i < 4; ++i)
     EXPECT_EQ(global<void*>(required[i]) != nullptr, i < GetParam().boundBefore) << required[i];
   EXPECT_TRUE(!DRIVER_GLOBAL(gPassword2Protocol) && !DRIVER_GLOBAL(gLegacyPasswordProtocol));
+  ASSERT_EQ(log().records().size(), 1u) << log().dump();
+  EXPECT_EQ(log().records()[0].text, "Entering\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(Services, MissingServiceTest,
@@ -106,7 +146,7 @@ INSTANTIATE_TEST_SUITE_P(Services, MissingServiceTest,
                                            MissingServiceCase{"HiiDatabase", kHiiDatabase, 1},
                                            MissingServiceCase{"Xml", kXmlService, 2},
                                            MissingServiceCase{"HiiString", kHiiString, 3}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         caseName);
 
 class EntryWithoutLogTest : public DriverTest {
  protected:

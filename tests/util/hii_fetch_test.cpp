@@ -43,6 +43,9 @@ TEST_F(HiiFetchTest, FetchesNarrowsAndSizesTheBufferNeverReadingPastIt) {
     for (const auto& call : hii().getStringCalls()) sizes.push_back(call.bufferSize);
     EXPECT_EQ(sizes, c.bufferSizes);
   }
+  EXPECT_TRUE(log().find("GetString", "GetString StringId:2 Language:en-US\n")) << log().dump();
+  EXPECT_EQ(log().count("GetString", "GetString returning status Success\n"), 4u);
+  for (const auto& r : log().from("GetString")) EXPECT_EQ(r.level, 8u);
 
   // A service that fills the whole buffer and leaves out the terminator: the
   // text ends inside the buffer, its last character giving way to the terminator.
@@ -116,9 +119,12 @@ TEST_F(HiiFetchTest, EveryAllocationFailureIsReportedWithoutLeak) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    log().clear();
     size_t n = sweepAllocationFailures([&] { return fetch(c.fn, "en-US", h, c.id, nullptr); },
                                        [](EFI_STATUS status, size_t) { EXPECT_EQ(status, EFI_OUT_OF_RESOURCES); });
     EXPECT_EQ(n, c.attempts);
+    // Only the first buffer's failure is traced, not the retry buffer's.
+    EXPECT_EQ(log().count("GetString", "GetString ERROR: Out of Resources\n"), 1u) << log().dump();
   }
 }
 

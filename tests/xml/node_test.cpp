@@ -85,16 +85,19 @@ class NodeTest : public tvl::test::DriverTest {
   XML_PROTOCOL* xml_ = nullptr;
 };
 
-TEST_F(NodeTest, CreateNodeClearsLinks) {
+TEST_F(NodeTest, CreateNodeClearsLinksAndTraces) {
   XML_NODE* node = nullptr;
   ASSERT_EQ(DRIVER_FN(createNode)("Item", &node), EFI_SUCCESS);
   EXPECT_STREQ(node->name, "Item");
   EXPECT_TRUE(!node->contents && !node->attributes && !node->parent && !node->children && !node->next);
+  const tvl::test::LogRecord* line = log().find("createNode", "createNode, name: Item\n");
+  EXPECT_TRUE(line && line->level == TVL_LEVEL_TOOLBOX) << log().dump();
   release(node);
   XML_NODE* const sentinel = reinterpret_cast<XML_NODE*>(uintptr_t(0x5a5a));
   node = sentinel;
   EXPECT_EQ(DRIVER_FN(createNode)(nullptr, &node), EFI_INVALID_PARAMETER);
   EXPECT_EQ(node, sentinel);
+  EXPECT_EQ(log().from("createNode").size(), 2u) << "the entry is traced before the arguments are checked";
   EXPECT_EQ(DRIVER_FN(createNode)("Item", nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ(DRIVER_FN(freeNode)(nullptr), EFI_INVALID_PARAMETER);
 }
@@ -109,6 +112,7 @@ TEST_F(NodeTest, CreateNodeWithStringStoresEscapedCopy) {
     EXPECT_TRUE(isAllocated(node->contents)) << "a copy, not the caller's text";
     release(node);
   }
+  EXPECT_NE(log().find("createNodeWithString", "createNodeWithString, name: Value\n"), nullptr) << log().dump();
   XML_NODE* node = nullptr;
   EXPECT_EQ(DRIVER_FN(createNodeWithString)(nullptr, "x", &node), EFI_INVALID_PARAMETER);
   EXPECT_EQ(DRIVER_FN(createNodeWithString)("Value", nullptr, &node), EFI_INVALID_PARAMETER);
