@@ -20,14 +20,10 @@ namespace tvl::test::xml {
 namespace {
 
 struct Tree {
-  Tree(std::string name, std::optional<std::string> contents = {},
-       std::vector<std::pair<std::string, std::string>> attributes = {}, std::vector<Tree> children = {})
-      : name(std::move(name)), contents(std::move(contents)), attributes(std::move(attributes)),
-        children(std::move(children)) {}
   std::string name;
-  std::optional<std::string> contents;
-  std::vector<std::pair<std::string, std::string>> attributes;
-  std::vector<Tree> children;
+  std::optional<std::string> contents = {};
+  std::vector<std::pair<std::string, std::string>> attributes = {};
+  std::vector<Tree> children = {};
 };
 bool operator==(const Tree& a, const Tree& b) {
   return std::tie(a.name, a.contents, a.attributes, a.children) == std::tie(b.name, b.contents, b.attributes, b.children);
