@@ -233,5 +233,31 @@ TEST_F(FormsErrorsTest, EveryTruncationIsHandled) {
   }
 }
 
+// Every allocation of a parse over two handles fails in turn, alone and
+// with every later one: an error, no form sets and nothing left allocated.
+using FormsAllocationTest = FormsTest;
+
+TEST_F(FormsAllocationTest, EveryAllocationFailureOfProcessFormsIsClean) {
+  Sample sample;
+  EFI_HII_HANDLE handles[] = {registerSample(sample), registerSample(sample)};
+  for (FaultMode mode : {FaultMode::Single, FaultMode::From}) {
+    UINTN count = 0;
+    HII_FORMSET_RECORD** sets = nullptr;
+    size_t attempts = sweepAllocationFailures(
+        [&] { return forms_->ProcessForms(forms_, handles, 2, nullptr, &count, &sets); },
+        [&](EFI_STATUS status, size_t k) {
+          EXPECT_EQ(status, EFI_OUT_OF_RESOURCES) << "attempt " << k;
+          EXPECT_EQ(sets, nullptr) << "attempt " << k;
+          EXPECT_EQ(lastError().Status, EFI_OUT_OF_RESOURCES);
+        },
+        [&] {
+          if (sets) forms_->DestroyFormSets(forms_, count, sets);
+          sets = nullptr;
+        },
+        mode);
+    EXPECT_GT(attempts, 50u);
+  }
+}
+
 }  // namespace
 }  // namespace tvl::test::forms

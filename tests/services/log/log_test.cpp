@@ -67,6 +67,11 @@ TEST_F(LogServiceTest, EachPrintIsOneFormattedLineRecord) {
                          42, 1);
        },
        "-7 -8000000000 beef 8000000000000005    42|1  |"},
+      // Zero padding goes between the sign and the digits; '-' overrides '0'.
+      {[](L l) {
+         return l->Print(l, 8, "Fn", u"%05d|%+04d|%+05ld|% 04d|%05d|%-05d|%04x", -42, 7, -3ll, 5, 42, -4, 0xAu);
+       },
+       "-0042|+007|-0003| 005|00042|-4   |000a"},
       {[](L l) { return printThroughPrintV(l, 8, "Fn", u"%a=%d", "n", 3); }, "n=3"},
       {[](L l) { return l->WriteLine(l, 8, "Fn", u"as is %d"); }, "as is %d"},
   };
