@@ -84,10 +84,13 @@ TEST_F(FormsCacheTest, KeptParseAnswersAsAFreshOneAndParsesAgainOnlyWhenTheHandl
                    EFI_SUCCESS);
        },
        false, true},
-      {"another caller exports the list", [&] { std::vector<uint8_t> out; database().exportPackageLists(handle_, out); },
-       false, false},
+      {"SetVariable writes the variable store",
+       [&] {
+         const UINT32 attributes = EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS;
+         ASSERT_EQ(platform().setVariable(u"Vars", kVariableGuid, attributes, {1, 2, 3, 4, 5, 6, 7, 8}), EFI_SUCCESS);
+       },
+       false, true},
       {"the other device's forms are updated", [&] { update(other_, otherForms()); }, false, false},
-      {"a new package list is added", [&] { addDevice().addPackageList(sample_.list()); }, false, false},
       {"the handle's forms are updated (remove and add)", [&] { update(handle_, otherForms()); }, true, true},
       {"the handle's strings alone are updated", [&] { update(handle_, otherStrings()); }, true, true},
   };

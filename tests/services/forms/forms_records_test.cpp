@@ -1,16 +1,15 @@
 // Records that ProcessForms makes from form packages of a sample device:
 // statements with their fields, storage and current values; options and
-// defaults; the form set's languages, stores and forms; the form-set filter.
+// defaults; the form set's languages, stores and forms. (Defaults, option
+// flags and the form-set filter on the sample platform's forms: the command
+// line's forms tests and the export's golden document.)
 #include <gtest/gtest.h>
-
-#include <functional>
 
 #include "forms_support.h"
 
 namespace tvl::test::forms {
 namespace {
 
-using ifr::Width;
 using FormsRecordsTest = FormsTest;
 
 // The sample's records as dump() shows them: statement lines in hex, texts
@@ -70,134 +69,6 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
   for (int v = 0; v < 3; ++v)
     EXPECT_EQ(text16(parse->set()->VarStoreBuffer[v]->ConfigHdr),
               hii::configHdr(stores[v].first, stores[v].second, device->devicePath()));
-}
-
-// An option's default flags mark the option (the standard flag sets
-// OptionIsDefault, the manufacturing flag only OptionFlags) and never make a
-// default record: the question's records are its DEFAULT opcodes, in order,
-// whether or not an option's flag names the same value.
-TEST_F(FormsRecordsTest, OptionFlagsMarkOptionsOnly) {
-  constexpr UINT8 kStd = EFI_IFR_OPTION_DEFAULT, kMfg = EFI_IFR_OPTION_DEFAULT_MFG;
-  constexpr UINT16 kStandard = EFI_HII_DEFAULT_CLASS_STANDARD, kManufacturing = EFI_HII_DEFAULT_CLASS_MANUFACTURING;
-  struct DefaultOp { UINT16 defaultId; UINT64 value; };
-  const struct {  // flags: of the options with values 1, 2, 3
-    const char* name; bool orderedList; UINT8 flags[3]; std::vector<DefaultOp> defaults; UINT8 isDefault[3];
-  } rows[] = {
-      {"standard flag", false, {0, kStd, 0}, {}, {0, 1, 0}},
-      {"manufacturing flag", false, {0, 0, kMfg}, {}, {0, 0, 0}},
-      {"both flags on one option", false, {kStd | kMfg, 0, 0}, {}, {1, 0, 0}},
-      {"flags on two options", false, {kMfg, kStd, 0}, {}, {0, 1, 0}},
-      {"flag and DEFAULT of the same value", false, {0, kStd, 0}, {{kStandard, 2}}, {0, 1, 0}},
-      {"flags and DEFAULTs that disagree", false, {kStd, 0, kMfg}, {{kStandard, 3}, {kManufacturing, 2}}, {1, 0, 0}},
-      {"DEFAULTs without flags", false, {0, 0, 0}, {{kManufacturing, 1}, {kStandard, 3}}, {0, 0, 0}},
-      {"ordered list with flags", true, {kStd | kMfg, kStd, 0}, {}, {1, 1, 0}},
-  };
-  OneForm f(32);
-  const UINT16 s = f.s;
-  for (UINT16 i = 0; i < std::size(rows); ++i) {
-    const UINT16 id = UINT16(0x50 + i), offset = UINT16(4 * i);
-    if (rows[i].orderedList) {
-      ifr::OrderedList list(id, s, s, Width::U8, 3);
-      for (UINT8 k = 0; k < 3; ++k) list.option(s, k + 1u, rows[i].flags[k]);
-      f.form.orderedList(list.store(1, offset));
-      continue;
-    }
-    ifr::OneOf oneOf(id, s, s, Width::U16);
-    for (UINT8 k = 0; k < 3; ++k) oneOf.option(s, k + 1u, rows[i].flags[k]);
-    for (const DefaultOp& d : rows[i].defaults) oneOf.defaultValue(d.value, d.defaultId);
-    f.form.oneOf(oneOf.store(1, offset));
-  }
-  auto parse = processForm(f, std::vector<UINT8>(32));
-  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-
-  for (UINT16 i = 0; i < std::size(rows); ++i) {
-    SCOPED_TRACE(rows[i].name);
-    const HII_STATEMENT_RECORD* q = findQuestion(parse->set(), UINT16(0x50 + i));
-    ASSERT_EQ(q->OptionCount, 3u);
-    for (int k = 0; k < 3; ++k)
-      EXPECT_TRUE(q->Options[k]->OptionIsDefault == rows[i].isDefault[k] &&
-                  (q->Options[k]->OptionFlags & (kStd | kMfg)) == rows[i].flags[k])
-          << "option " << k;
-    ASSERT_EQ(q->DefaultCount, rows[i].defaults.size());
-    for (size_t k = 0; k < rows[i].defaults.size(); ++k)
-      EXPECT_TRUE(q->Defaults[k]->DefaultId == rows[i].defaults[k].defaultId &&
-                  q->Defaults[k]->Value.Type == EFI_IFR_TYPE_NUM_SIZE_16 &&
-                  number(q->Defaults[k]->Value) == rows[i].defaults[k].value)
-          << "default " << k;
-  }
-}
-
-// Checkbox defaults from flags, then EFI_IFR_DEFAULT records, then
-// expressions; expression defaults of other questions carry their result.
-TEST_F(FormsRecordsTest, DefaultsFromFlagsRecordsAndExpressions) {
-  const struct {
-    const char* name; std::function<void(ifr::Checkbox&)> build; UINT8 standard, manufacturing; size_t records;
-  } boxes[] = {
-      {"no default", [](ifr::Checkbox&) {}, 0, 0, 0},
-      {"flags", [](ifr::Checkbox& c) { c.defaultOn().mfgDefaultOn(); }, 1, 1, 0},
-      {"record overrides the flag", [](ifr::Checkbox& c) { c.defaultOn().defaultValue(false); }, 0, 0, 1},
-      {"manufacturing record", [](ifr::Checkbox& c) { c.defaultValue(true, EFI_HII_DEFAULT_CLASS_MANUFACTURING); },
-       0, 1, 1},
-      {"expression on another question", [](ifr::Checkbox& c) { c.defaultExpression(ifr::ideqval(0x40, 7)); }, 1,
-       0, 1},
-  };
-  OneForm f(8);
-  const UINT16 s = f.s;
-  for (UINT16 i = 0; i < std::size(boxes); ++i) {
-    ifr::Checkbox box(UINT16(0x30 + i), s, s);
-    boxes[i].build(box.store(1, 0));
-    f.form.checkbox(box);
-  }
-  f.form.numeric(ifr::Numeric(0x40, s, s).store(1, 1))
-      .numeric(ifr::Numeric(0x20, s, s, Width::U16).store(1, 2).defaultExpression(ifr::uint16(0x1234)))
-      .numeric(ifr::Numeric(0x21, s, s).store(1, 4).defaultExpression(ifr::questionRef(0x20), 1));
-  auto parse = processForm(f, {0, 7, 0x22, 0x11, 9, 0, 0, 0});
-  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-
-  for (UINT16 i = 0; i < std::size(boxes); ++i) {
-    SCOPED_TRACE(boxes[i].name);
-    const HII_STATEMENT_RECORD* q = findQuestion(parse->set(), UINT16(0x30 + i));
-    EXPECT_TRUE(q->CheckboxDefault == boxes[i].standard && q->CheckboxDefaultMfg == boxes[i].manufacturing &&
-                q->DefaultCount == boxes[i].records);
-  }
-  // A boolean, a constant and another question's current value.
-  for (const auto& [id, defaultId, type, result] :
-       {std::tuple{0x34, 0, EFI_IFR_TYPE_BOOLEAN, 1u}, {0x20, 0, EFI_IFR_TYPE_NUM_SIZE_16, 0x1234u},
-        {0x21, 1, EFI_IFR_TYPE_NUM_SIZE_16, 0x1122u}}) {
-    const HII_DEFAULT_RECORD* d = findQuestion(parse->set(), UINT16(id))->Defaults[0];
-    EXPECT_EQ(d->DefaultId, defaultId);
-    EXPECT_EQ(d->Value.Type, EFI_IFR_TYPE_OTHER);
-    ASSERT_NE(d->ValueExpression, nullptr);
-    EXPECT_EQ(d->ValueExpression->Result.Type, type);
-    EXPECT_EQ(number(d->ValueExpression->Result), result);
-  }
-}
-
-TEST_F(FormsRecordsTest, FormSetFilterAndSeveralHandles) {
-  ifr::Strings strings({"en-US"});
-  UINT16 s = strings.add(u"x");
-  ifr::FormSetBuilder first(kFormSetGuid, s, s), second(kOtherFormSetGuid, s, s);
-  first.form(1, s).text(s, s);
-  second.form(7, s).text(s, s);
-  EFI_HII_HANDLE ha = addDevice().addPackageList(ifr::packageList(kListGuid, first, strings));
-  EFI_HII_HANDLE hb = addDevice().addPackageList(
-      ifr::packageList(kListGuid, std::vector<ifr::Bytes>{first.package(), second.package()}, strings));
-
-  auto all = process({ha, hb});
-  ASSERT_EQ(all->status, EFI_SUCCESS) << lastError().Message;
-  ASSERT_EQ(all->count, 3u);
-  EXPECT_TRUE(all->set(0)->Guid == kFormSetGuid && all->set(1)->Guid == kFormSetGuid);
-  EXPECT_TRUE(all->set(2)->Guid == kOtherFormSetGuid && all->set(2)->Forms[0]->FormId == 7);
-
-  auto filtered = process({ha, hb}, &kOtherFormSetGuid);
-  ASSERT_EQ(filtered->status, EFI_SUCCESS);
-  ASSERT_EQ(filtered->count, 1u);
-  EXPECT_EQ(filtered->set()->Guid, kOtherFormSetGuid);
-
-  auto none = process({ha, hb}, &kStoreGuid);
-  EXPECT_EQ(none->status, EFI_NOT_FOUND);
-  EXPECT_EQ(none->sets, nullptr);
-  EXPECT_EQ(lastError().Status, EFI_NOT_FOUND);
 }
 
 }  // namespace

@@ -43,7 +43,6 @@ struct Parse {
   HII_FORMSET_RECORD* set(size_t i = 0) const { return sets[i]; }
 };
 
-// The first statement of a form set with `questionId`.
 inline HII_STATEMENT_RECORD* findQuestion(const HII_FORMSET_RECORD* set, UINT16 questionId) {
   for (UINT64 f = 0; f < set->FormCount; ++f)
     for (UINT64 s = 0; s < set->Forms[f]->StatementCount; ++s)
@@ -53,7 +52,6 @@ inline HII_STATEMENT_RECORD* findQuestion(const HII_FORMSET_RECORD* set, UINT16 
 
 inline std::u16string text16(const CHAR16* s) { return s ? std::u16string(s) : std::u16string(); }
 
-// The number at the width of its type.
 inline UINT64 number(const HII_VALUE& v) {
   if (v.Type == EFI_IFR_TYPE_BOOLEAN) return v.Value[0];
   if (v.Type == EFI_IFR_TYPE_STRING || v.Type == EFI_IFR_TYPE_ACTION) return hiiValueNumber(v, 2);
@@ -112,8 +110,7 @@ class FormsTest : public PlatformTest {
   virtual void installDatabase();
 
   hii::HiiDatabase& database() { return *database_; }
-  // A new device with a PCI device path of its own.
-  devices::Device& addDevice();
+  devices::Device& addDevice();  // with a PCI device path of its own
   // A new device with the sample's storage and package list.
   EFI_HII_HANDLE registerSample(const Sample& sample, devices::Device** device = nullptr);
 

@@ -1,7 +1,6 @@
-// Current values: read through the device's configuration access (not from
-// the default configurations that follow them) and EFI variables, seen
-// again after RouteConfig or SetVariable, left zero when the driver cannot
-// give them. The device path in a store's configuration header.
+// Current values left zero when the driver cannot give them (those it
+// gives: the records and cache tests), and the device path in a store's
+// configuration header.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -15,35 +14,6 @@ using FormsValuesTest = FormsTest;
 using FormsDevicePathTest = FormsTest;
 using Bytes = std::vector<uint8_t>;
 constexpr UINT16 kValueQuestions[] = {0x10, 0x12, 0x18};  // one-of, 32-bit numeric, 64-bit numeric in the variable
-
-TEST_F(FormsValuesTest, RouteConfigThenProcessFormsShowsTheNewValue) {
-  Sample sample;
-  devices::Device* device = nullptr;
-  EFI_HII_HANDLE handle = registerSample(sample, &device);
-  auto expectValues = [&](const UINT64 (&values)[3], UINT8 imageSuppressed) {
-    auto parse = process({handle});
-    ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(number(findQuestion(parse->set(), kValueQuestions[i])->HiiValue), values[i]);
-    EXPECT_EQ(parse->set()->Forms[0]->Statements[10]->SuppressedMark, imageSuppressed) << "the condition follows";
-  };
-  expectValues({2, 0x12345678, 0x12340000}, 0);
-  // One ExtractConfig per buffer store, asking for the whole store. The answer carries the default
-  // configurations after the current bytes (the device tests check them; here the manufacturing one would give
-  // one-of 3 and numeric 200): none of them is a current value.
-  ASSERT_EQ(device->extractConfigCalls().size(), 1u);
-  EXPECT_EQ(device->extractConfigCalls()[0].text, device->configHdr(kStoreGuid, u"Setup"));
-
-  const UINT8 oneOf[] = {3, 0}, numeric[] = {1, 0, 0xFE, 0xCA};
-  std::u16string config =
-      device->configHdr(kStoreGuid, u"Setup") + hii::blockConfig(2, oneOf, 2) + hii::blockConfig(8, numeric, 4);
-  EFI_STRING progress = nullptr;
-  ASSERT_EQ(device->configAccess()->RouteConfig(device->configAccess(), config.c_str(), &progress), EFI_SUCCESS);
-  EFI_GUID variableGuid = kVariableGuid;
-  ASSERT_EQ(platform().setVariable(u"Vars", variableGuid, EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS,
-                                   {1, 2, 3, 4, 5, 6, 7, 0x88}),
-            EFI_SUCCESS);
-  expectValues({3, 0xCAFE0001, 0x8807060504030201}, 1);
-}
 
 // A device that declares neither store (ExtractConfig answers
 // EFI_NOT_FOUND, the variable does not exist). A driver handle without

@@ -115,7 +115,7 @@ class PasswordServiceTest : public PlatformTest {
     function<VOID (*)(const VOID*, UINTN, UINT8*)>(image, "sha256Digest")(data.data(), data.size(), digest.data());
     return digest;
   }
-  Bytes hmac(const Bytes& key, const Bytes& data, PasswordImage image) {
+  Bytes hmac(const Bytes& key, const Bytes& data, PasswordImage image = PasswordImage::Newer) {
     Bytes mac(32);
     function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT8*)>(image, "hmacSha256Mac")(
         key.data(), key.size(), data.data(), data.size(), mac.data());
