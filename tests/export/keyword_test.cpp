@@ -1,6 +1,7 @@
-// Keyword texts: the Dependencies and Modifier builders, the token reader
-// and tests, and the matching of boot-sequence entries and their enable
-// checkboxes.
+// Keyword texts: the Dependencies and Modifier builders (which read every
+// token through the token reader), and the matching of boot-sequence
+// entries and their enable checkboxes. (The ProgWrite and ProgUnhide tests:
+// the ConfigItem tests; condition tokens of options: the import's.)
 #include "export/keyword.h"
 
 #include <gtest/gtest.h>
@@ -129,69 +130,6 @@ TEST_F(KeywordTest, BuildersFailCleanlyWhenThePoolRefuses) {
                             });
     EXPECT_EQ(tolerated, 1u);
   }
-}
-
-TEST_F(KeywordTest, TokenReaderTakesTokensInOrderAndOwnsItsSlots) {
-  struct Case { const char* text; std::vector<std::pair<std::string, std::string>> tokens; } cases[] = {
-      {"Name[A:1][B:2]", {{"A", "1"}, {"B", "2"}}},
-      {"N[A][B:C]", {{"A][B", "C"}}},
-      {"N[A:x:y][B:z]", {{"A", "x:y"}, {"B", "z"}}},
-      {"N[:][B:2", {{"", ""}}},
-      {"N[A:1", {}},
-      {"Plain", {}},
-  };
-  auto next = DRIVER_FN(getNextKeywordToken);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    CHAR8 *key = nullptr, *value = nullptr;
-    const CHAR8* rest = c.text;
-    std::vector<std::pair<std::string, std::string>> read;
-    EFI_STATUS status;
-    // The slots are passed again every time: each call releases the last pair.
-    while ((status = next(rest, &key, &value, &rest)) == EFI_SUCCESS) {
-      read.emplace_back(key, value);
-      EXPECT_EQ(*rest, ']');
-    }
-    EXPECT_EQ(status, EFI_NOT_FOUND);
-    EXPECT_EQ(read, c.tokens);
-    EXPECT_TRUE(key == nullptr && value == nullptr && rest == nullptr);
-  }
-  CHAR8 *key = nullptr, *value = nullptr;
-  const CHAR8* rest = "x";
-  ASSERT_EQ(next("N[A:1]", &key, &value, &rest), EFI_SUCCESS);
-  EXPECT_EQ(next(nullptr, &key, &value, &rest), EFI_INVALID_PARAMETER);
-  EXPECT_TRUE(key == nullptr && value == nullptr && rest == nullptr);
-}
-
-TEST_F(KeywordTest, PredicatesReadValuesAndConditions) {
-  struct ValueCase { const char* text; const char* value; BOOLEAN expected; } valueCases[] = {
-      {"X[ProgWrite:TRUE]", "true", TRUE},    {"X[progwrite:true]", "true", FALSE},
-      {"X[ProgWrite:true]", "TRUE", FALSE},   {"X[ProgWrite:false][ProgWrite:True]", "true", TRUE},
-      {"X[A][ProgWrite:tRuE]", "true", TRUE}, {"X[ProgWrite:truex]", "true", FALSE},
-      {"X[ProgWrite:true", "true", FALSE},    {"X", "true", FALSE},
-  };
-  for (const ValueCase& c : valueCases)
-    EXPECT_EQ(DRIVER_FN(hasKeywordValue)(c.text, "ProgWrite", c.value), c.expected) << c.text << " " << c.value;
-
-  struct ConditionCase { const char* text; BOOLEAN expected; } conditionCases[] = {
-      {"X[SuppressIfNot:a=1]", TRUE}, {"X[A:1][ForceIf:b=2]", TRUE}, {"X[Suppress:a]", FALSE},
-      {"X[A][ForceIf:b=2]", FALSE},   {"X[ForceIf:b=1", FALSE},      {"X", FALSE},
-  };
-  for (const ConditionCase& c : conditionCases) EXPECT_EQ(DRIVER_FN(hasConditionToken)(c.text), c.expected) << c.text;
-}
-
-TEST_F(KeywordTest, ModifiersAreLookedUpInTheFirstValueStruct) {
-  XML_NODE* chain = node("Modifier", "v", {{"Name", "Lead"}});
-  chain->next = entry("NIC.1", "IPv4", nullptr);
-  chain->next->children->next->next = node("Modifier", "a&b", {{"Name", "Mode"}});
-  struct Case { XML_NODE* from; const char* key; const char* value; BOOLEAN expected; } cases[] = {
-      {chain, "Proto", "IPv4", TRUE},  {chain->next, "Mode", "a&amp;b", TRUE}, {chain, "Proto", "IPv6", FALSE},
-      {chain, "Lead", "v", FALSE},     {chain->next->children, "Proto", "IPv4", FALSE},
-      {chain, nullptr, "IPv4", FALSE}, {chain, "Proto", nullptr, FALSE},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(DRIVER_FN(hasModifier)(c.from, c.key, c.value), c.expected) << (c.key ? c.key : "null");
-  release(chain);
 }
 
 TEST_F(KeywordTest, EnablesTheEntryThatTheCheckboxGoverns) {

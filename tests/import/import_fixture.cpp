@@ -100,33 +100,4 @@ std::shared_ptr<XML_NODE> ImportTest::parse(const std::string& text) {
   });
 }
 
-bool ImportTest::sweepShard(size_t shard, size_t step, const std::function<EFI_STATUS()>& run,
-                            const std::function<void(EFI_STATUS, size_t)>& check, const std::function<void()>& reset) {
-  // The forms processor's kept parses are released before every count, so
-  // each run starts without one and the allocations that fill it are swept.
-  auto held = [&] {
-    releaseServiceCaches(platform());
-    return platform().poolStats().outstanding + platform().poolStats().outstandingPages;
-  };
-  held();
-  const size_t start = platform().allocationAttempts();
-  check(run(), 0);
-  const size_t attempts = platform().allocationAttempts() - start;
-  reset();
-  bool outOfMemory = false;
-  for (size_t k = 1 + shard; k <= attempts; k += step) {
-    const size_t before = held();
-    platform().failAllocation(k);
-    EFI_STATUS status = run();
-    platform().clearAllocationFaults();
-    outOfMemory |= status == EFI_OUT_OF_RESOURCES;
-    check(status, k);
-    reset();
-    const size_t after = held();
-    EXPECT_EQ(after, before) << "attempt " << k << " of " << attempts << " leaks";
-    if (after != before) break;
-  }
-  return outOfMemory;
-}
-
 }  // namespace tvl::test

@@ -45,12 +45,6 @@ class ImportTest : public DeviceExportTest {
   XML_NODE* pend(XML_NODE* root, const std::string& name, const char* value, const char* index = "1");
   // An XML text as a tree that frees itself.
   std::shared_ptr<XML_NODE> parse(const std::string& text);
-  // `run` with every `step`-th of its allocations from the `shard`-th
-  // failing in turn, after a run without faults (which `check` sees as
-  // attempt 0); `reset` follows every run, and nothing may leak. True when
-  // some run ran out of memory.
-  bool sweepShard(size_t shard, size_t step, const std::function<EFI_STATUS()>& run,
-                  const std::function<void(EFI_STATUS, size_t)>& check, const std::function<void()>& reset);
 };
 
 }  // namespace tvl::test

@@ -90,24 +90,6 @@ TEST_F(Base64Test, MissingPointersDoNothing) {
   EXPECT_EQ(DRIVER_FN(base64DecodedLength)(nullptr), 0u);
 }
 
-// Decoding never hands the terminator over (a short group is padded with
-// '='), so only a direct call shows that it is no character of the alphabet.
-TEST_F(Base64Test, TheTerminatorIsNoCharacter) { EXPECT_EQ(DRIVER_FN(base64CharValue)('\0'), 0); }
-
-TEST_F(Base64Test, FindChar) {
-  const CHAR8 text[] = "aXaz";
-  const CHAR8 empty[] = "";
-  struct Case {
-    const CHAR8* text; CHAR8 c; const CHAR8* found;
-  } cases[] = {
-      {text, 'a', text},          {text, 'X', text + 1}, {text, 'z', text + 3}, {text, 'q', nullptr},
-      {text, '\0', text + 4},     {empty, '\0', empty}, {empty, 'a', nullptr}, {nullptr, 'a', nullptr},
-      {nullptr, '\0', nullptr},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(DRIVER_FN(findChar)(c.text, c.c), c.found) << (c.text ? c.text : "(null)") << " / " << int(c.c);
-}
-
 TEST_F(Base64Test, EncodingMarking) {
   using Attributes = std::vector<std::pair<const char*, const char*>>;
   struct Case {
