@@ -92,6 +92,8 @@ TEST_F(ConfigItemTest, StateAttributesFollowTheRecordsUnlessTheKeywordLiftsThem)
       {"text, ProgWrite true", txt, 0, 0, 0, 0, -1, "T[ProgWrite:TrUe]", "String"},
       {"text, ProgWrite yes", txt, 0, 0, 0, 0, -1, "T[ProgWrite:yes]", "String;ReadOnly=true"},
       {"text, lower-case key", txt, 0, 0, 0, 0, -1, "T[progwrite:true]", "String;ReadOnly=true"},
+      {"text, ProgWrite truex", txt, 0, 0, 0, 0, -1, "T[ProgWrite:truex]", "String;ReadOnly=true"},
+      {"text, second ProgWrite", txt, 0, 0, 0, 0, -1, "T[A][ProgWrite:no][ProgWrite:true]", "String"},
       {"suppressed", one, 0, 0, 0, 1, -1, "O", "Enumeration;Suppressed=true"},
       {"suppressed, ProgUnhide", one, 0, 0, 0, 1, -1, "O[ProgUnhide:TRUE]", "Enumeration"},
       {"suppressed, ProgUnhide 1", one, 0, 0, 0, 1, -1, "O[ProgUnhide:1]", "Enumeration;Suppressed=true"},

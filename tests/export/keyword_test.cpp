@@ -1,7 +1,7 @@
-// Keyword texts: the Dependencies and Modifier builders (which read every
-// token through the token reader), and the matching of boot-sequence
-// entries and their enable checkboxes. (The ProgWrite and ProgUnhide tests:
-// the ConfigItem tests; condition tokens of options: the import's.)
+// Keyword texts: the Dependencies and Modifier builders, and the matching of
+// boot-sequence entries and their enable checkboxes (which read their tokens
+// through the token reader). (The ProgWrite and ProgUnhide tests: the
+// ConfigItem tests; condition tokens of options: the import's.)
 #include "export/keyword.h"
 
 #include <gtest/gtest.h>

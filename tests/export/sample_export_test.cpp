@@ -21,6 +21,15 @@ using namespace tvl::test;
 
 class SampleExportTest : public DeviceExportTest {};
 
+// The sample disk's forms parse only with the controller's filter, which the
+// save's block-name lookup must then use too. (Its document: the firmware
+// documents test.)
+TEST_F(SampleExportTest, TheDiskTakesTheControllerFilter) {
+  build();
+  EXPECT_EQ(exportDevice(sample::kDiskFqdd)->status, EFI_SUCCESS);
+  EXPECT_EQ(global<UINT8>("mIsSsdForms"), 1);
+}
+
 // ---------------------------------------------------------------- languages
 
 // One small form set, its strings in the languages a case names.
