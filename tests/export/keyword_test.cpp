@@ -17,7 +17,6 @@
 namespace {
 
 using tvl::test::Attributes;
-using tvl::test::describe;
 
 using tvl::test::kUntouched;
 

@@ -48,18 +48,12 @@ DeviceDescription languageDevice(const std::vector<std::string>& languages, UINT
                  checkbox(0x702, u"", u"").at(1, 1).value(0)}}};
   DeviceDescription d = deviceWith(u"System.Lang." + std::u16string(1, char16_t('0' + n)), n, std::move(set));
   d.languages = languages;
-  // Texts of the further languages: keyword texts where a tag spells
-  // x-UEFI in another case or extends it, the en-US texts otherwise.
-  const std::map<std::u16string, std::u16string> keywords = {
-      {u"Lane Settings", u"LaneSettings"}, {u"Main", u"MainKw"}, {u"Speed Limit", u"SpeedLimit[Unit:kmh]"}};
-  const std::u16string plain[] = {u"Lane help.", u"Limits speed.", u"Standard Defaults", u"Manufacturing Defaults"};
-  for (const std::string& language : languages) {
-    if (language == "en-US" || language == "x-UEFI") continue;
-    bool keywordLike = language.size() >= 6 && (language[0] == 'x' || language[0] == 'X');
-    sample::Translation& table = d.translations[language];
-    for (const auto& [en, keyword] : keywords) table[en] = keywordLike ? keyword : en;
-    for (const auto& en : plain) table[en] = en;
-  }
+  // Keyword texts under the tags that spell x-UEFI in another case or extend
+  // it; no other language but en-US is read.
+  for (const std::string& language : languages)
+    if (language != "x-UEFI" && (language[0] == 'x' || language[0] == 'X'))
+      d.translations[language] = {
+          {u"Lane Settings", u"LaneSettings"}, {u"Main", u"MainKw"}, {u"Speed Limit", u"SpeedLimit[Unit:kmh]"}};
   return d;
 }
 

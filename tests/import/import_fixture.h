@@ -44,7 +44,7 @@ class ImportTest : public DeviceExportTest {
   XML_NODE* commit(XML_NODE* root, const std::string& name, const char* index = "1");
   XML_NODE* pend(XML_NODE* root, const std::string& name, const char* value, const char* index = "1");
   // An XML text as a tree that frees itself.
-  std::shared_ptr<XML_NODE> parse(const std::string& text);
+  std::shared_ptr<XML_NODE> parse(const std::string& text) { return parseXml(sample().xml(), text); }
 };
 
 }  // namespace tvl::test
