@@ -5,10 +5,10 @@
 // allocation of an import on the sample BIOS device failing in turn.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <random>
 #include <set>
-#include <sstream>
 
 #include "host/hii/config_string.h"
 #include "host/sample/sample_devices.h"
@@ -34,9 +34,9 @@ sample::DeviceDescription orderDevice() {
 
 bool named(const XML_NODE* n, const char* name) { return n->name && !std::strcmp(n->name, name); }
 std::string hex(uint64_t n) {
-  std::ostringstream out;
-  out << std::hex << n;
-  return out.str();
+  char text[17];
+  std::snprintf(text, sizeof text, "%llx", static_cast<unsigned long long>(n));
+  return text;
 }
 uint64_t decimal(const char* text) {
   uint64_t v = 0;
