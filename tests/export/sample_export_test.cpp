@@ -89,7 +89,6 @@ TEST_F(SampleExportTest, TheChosenLanguageDecidesNamesAndMapping) {
     const XML_NODE* current = item(docs->current, c.itemName);
     ASSERT_TRUE(possible && current);
     EXPECT_EQ(text(child(possible, "DisplayName")), "Speed Limit");
-    EXPECT_EQ(children(possible, "DisplayName").size(), 1u);
     if (c.mapped) {
       EXPECT_EQ(childNames(possible),
                 "Name,RefFormId,DisplayName,BiosMapping,Modifier,DisplayIndex,ValueStruct,ValueStruct,Help");
@@ -139,8 +138,8 @@ std::string formatted(const std::string& xml) {
 
 // The combined document of the sample BIOS setup, laid out by xmllint so
 // that a reviewer reads it line by line (xmllint lists the namespace
-// declaration first among the root's attributes; the order the export
-// writes is checked on the tree itself). TOLVANE_UPDATE_GOLDEN=1 rewrites
+// declaration first among the root's attributes; the firmware documents
+// test compares the export's own text). TOLVANE_UPDATE_GOLDEN=1 rewrites
 // the file (review the difference before committing it).
 TEST_F(SampleExportTest, BiosSetupMatchesTheReviewedDocument) {
   if (system("xmllint --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "xmllint is not installed";

@@ -11,7 +11,6 @@
 
 namespace tvl::test {
 
-// The names the import tests describe their devices with.
 namespace sample = host::sample;
 using host::ifr::True;
 using host::ifr::Width;

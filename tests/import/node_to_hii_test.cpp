@@ -73,13 +73,11 @@ TEST_F(NodeToHiiTest, EachTypeValidatesAndEncodesItsValue) {
       {"Label", "123456789", "Label:abc>123456789:Failure:201", ""},
       {"Secret", "abc", "Secret:>abc:Success:0", "&OFFSET=0010&WIDTH=0010&VALUE=" + zeros(20) + "006300620061"},
       {"Secret", "123456789", "Secret:>:Failure:602", ""},  // no values in the report
-      // Integer.
       {"Count", "7", "Count:3>7:Success:0", "&OFFSET=0020&WIDTH=0001&VALUE=07"},
       {"Count", "", "Count:3>:Success:0", "&OFFSET=0020&WIDTH=0001&VALUE=00"},
       {"Count", kNone, "", ""},
       {"Count", "1a", "Count:3>1a:Failure:303", ""},
       {"Count", "3", "", ""},  // unchanged on a device other than the BIOS
-      // Checkbox.
       {"Flag", "true", "Flag:false>true:Success:0", "&OFFSET=0021&WIDTH=0001&VALUE=01"},
       {"Flag", "TRUE", "Flag:false>TRUE:Failure:401", ""},
       {"Flag", "", "Flag:false>:Failure:401", ""},

@@ -123,7 +123,7 @@ TEST_F(SaveTest, OverallStatusFollowsTheOrderOfOutcomes) {
 }
 
 // Every verdict, and every failure (which makes the save pass the segment
-// over) with no name handed out. (Allocation failures: the save's sweep.)
+// over) with no name handed out.
 TEST_F(SaveTest, LookupGivesEachVerdict) {
   buildSave();
   auto lookup = DRIVER_FN(GetInfoByBlockName);
@@ -184,6 +184,15 @@ TEST_F(SaveTest, LookupGivesEachVerdict) {
   EXPECT_EQ(lookup(nullptr, hdr.c_str(), block, &name, &verdict), EFI_INVALID_PARAMETER);
   // A handle without package lists of its own.
   EXPECT_EQ(lookup(driver(), hdr.c_str(), block, &name, &verdict), EFI_NOT_FOUND);
+  // Every allocation failing in turn: a name exactly on success.
+  log().setLevelMask(0);
+  sweepAllocationFailures(
+      [&] { return lookup(dev().handle(), hdr.c_str(), block, &name, &verdict); },
+      [&](EFI_STATUS status, size_t k) { EXPECT_EQ(name != nullptr, status == EFI_SUCCESS) << k; },
+      [&] {
+        if (name) bs()->FreePool(name);
+        name = nullptr;
+      });
 }
 
 TEST_F(SaveTest, TrimmedRequestIsAOneByteZeroWrite) {

@@ -101,8 +101,6 @@ std::vector<FormCase> formCases() {
        line("Attempted to clear password, while none is set Invalid Parameter")},
       {"clear", N, kInstalled, {password(S, "")}, EFI_SUCCESS, {"2/2 old= new=u:"}, ok,
        line("Attempting to clear existing password"), progress},
-      {"older: clear", F, kInstalled, {password(S, ""), plain(O, "Old")}, EFI_SUCCESS, {"3/2 old=old new=u:"}, ok,
-       line("Attempting to clear existing password"), progress},
       {"disabled", N, kInstalled | kDisabled, {plain(S, "Abc")}, EFI_DEVICE_ERROR, {}, {},
        line("EFI_VORK_PASSWORD_DISABLED Device Error")},
       {"GetProperties fails", N, 0, {plain(S, "Abc")}, EFI_VOLUME_CORRUPTED, {}, {},
