@@ -183,11 +183,15 @@ void ExportTest::SetUp() {
   log().clear();
 }
 
-EFI_HII_HANDLE ExportTest::addStrings(const LanguageStrings& languages, EFI_HANDLE owner) {
+EFI_HANDLE ExportTest::newDriverHandle() {
   static uint64_t marker;
-  if (!owner) {
-    EXPECT_EQ(platform().installProtocol(&owner, EFI_HII_CONFIG_ACCESS_PROTOCOL_GUID, &marker), EFI_SUCCESS);
-  }
+  EFI_HANDLE handle = nullptr;
+  EXPECT_EQ(platform().installProtocol(&handle, EFI_HII_CONFIG_ACCESS_PROTOCOL_GUID, &marker), EFI_SUCCESS);
+  return handle;
+}
+
+EFI_HII_HANDLE ExportTest::addStrings(const LanguageStrings& languages, EFI_HANDLE owner) {
+  if (!owner) owner = newDriverHandle();
   std::vector<std::vector<uint8_t>> packages;
   for (const auto& [language, strings] : languages)
     packages.push_back(host::hii::buildStringPackage(language, strings));

@@ -92,9 +92,10 @@ class ExportTest : public DeviceExportTest {
 
   host::hii::HiiDatabase& hii() { return sample().hii(); }
 
+  // A new driver handle (it carries a configuration-access marker).
+  EFI_HANDLE newDriverHandle();
   // A package list of one string package per language (string id N is the
-  // N-th text) for `owner`, a new driver handle (one with a
-  // configuration-access marker) when null.
+  // N-th text) for `owner`, a new driver handle when null.
   EFI_HII_HANDLE addStrings(const LanguageStrings& languages, EFI_HANDLE owner = nullptr);
 
   // A node made by the driver's node toolbox, `children` linked below it.
