@@ -1,5 +1,5 @@
-// ConfigItem typing and state attributes, the statement-state predicates
-// and the localised display elements.
+// ConfigItem typing and state attributes, and the localised display
+// elements.
 #include "export/config_item.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +12,6 @@
 
 namespace {
 
-using tvl::test::describe;
 using tvl::test::FormSetWithLanguages;
 using tvl::test::statusName;
 
@@ -20,44 +19,32 @@ using tvl::test::kUntouched;
 
 class ConfigItemTest : public tvl::test::ExportTest {
  protected:
-  std::string possible(HII_STATEMENT_RECORD* s, const CHAR16* fqdd, EFI_STATUS expected) {
+  // The current tree's item, or the possible one's.
+  std::string item(HII_STATEMENT_RECORD* s, const CHAR16* fqdd, const char* keyword, EFI_STATUS expected,
+                   bool possible = false) {
     XML_NODE* out = kUntouched;
-    EFI_STATUS status = DRIVER_FN(createPossibleConfigItem)(s, fqdd, &out);
-    EXPECT_EQ(status, expected) << statusName(status);
-    return outcome(status, out);
-  }
-  std::string current(HII_STATEMENT_RECORD* s, const CHAR16* fqdd, const char* keyword, EFI_STATUS expected) {
-    XML_NODE* out = kUntouched;
-    EFI_STATUS status = DRIVER_FN(createCurrentConfigItem)(s, fqdd, keyword, &out);
+    EFI_STATUS status = possible ? DRIVER_FN(createPossibleConfigItem)(s, fqdd, &out)
+                                 : DRIVER_FN(createCurrentConfigItem)(s, fqdd, keyword, &out);
     EXPECT_EQ(status, expected) << statusName(status);
     return outcome(status, out);
   }
 };
 
+// The attributes the sample devices' documents do not show (the other
+// opcodes' types, a BIOS password, a NIC's: the reviewed BIOS document and
+// the firmware documents test).
 TEST_F(ConfigItemTest, TypesEachOpcodeInBothTrees) {
   struct Case {  // possible "-": EFI_NOT_FOUND in both trees
     UINT8 opcode; const char16_t* fqdd; UINT8 reset; UINT64 maximum; const char* possible; const char* current;
   } cases[] = {
-      {EFI_IFR_SUBTITLE_OP, nullptr, 0, 300, "ConfigItem[Type=Subtitle]", "ConfigItem[Type=Subtitle]"},
-      {EFI_IFR_TEXT_OP, nullptr, 0, 300, "ConfigItem[Type=String]", "ConfigItem[Type=String;ReadOnly=true]"},
-      {EFI_IFR_ONE_OF_OP, nullptr, 0, 300, "ConfigItem[Type=Enumeration]", "ConfigItem[Type=Enumeration]"},
       {EFI_IFR_CHECKBOX_OP, nullptr, 2, 300, "ConfigItem[Type=Checkbox;RebootNeeded=true]",
        "ConfigItem[Type=Checkbox]"},
       {EFI_IFR_NUMERIC_OP, nullptr, 0, 300, "ConfigItem[Type=Integer;Min=1;Max=300;Step=5;ValueType=1]",
        "ConfigItem[Type=Integer]"},
-      {EFI_IFR_NUMERIC_OP, nullptr, 1, ~0ull,
-       "ConfigItem[Type=Integer;Min=1;Max=18446744073709551615;Step=5;ValueType=1;RebootNeeded=true]",
-       "ConfigItem[Type=Integer]"},
-      {EFI_IFR_PASSWORD_OP, u"NIC.Integrated.1-1-1", 0, 300, "ConfigItem[Type=String;Min=1;Max=300]",
-       "ConfigItem[Type=String]"},
       {EFI_IFR_PASSWORD_OP, u"FC.Slot.2-NIC", 0, 300, "ConfigItem[Type=String;Min=1;Max=300]",
        "ConfigItem[Type=String]"},
       {EFI_IFR_PASSWORD_OP, u"nic.Slot.1", 0, 300, "ConfigItem[Type=Password;Min=1;Max=300]",
        "ConfigItem[Type=Password]"},
-      {EFI_IFR_PASSWORD_OP, nullptr, 0, 300, "ConfigItem[Type=Password;Min=1;Max=300]", "ConfigItem[Type=Password]"},
-      {EFI_IFR_REF_OP, nullptr, 0, 300, "ConfigItem[Type=FormReference]", "ConfigItem[Type=FormReference]"},
-      {EFI_IFR_STRING_OP, u"NIC.1", 0, 300, "ConfigItem[Type=String;Min=1;Max=300]", "ConfigItem[Type=String]"},
-      {EFI_IFR_ORDERED_LIST_OP, nullptr, 0, 300, "ConfigItem[Type=OrderedList]", "ConfigItem[Type=OrderedList]"},
       {EFI_IFR_IMAGE_OP, nullptr, 0, 300, "-", "-"},
       {EFI_IFR_ACTION_OP, nullptr, 0, 300, "-", "-"},
   };
@@ -72,8 +59,8 @@ TEST_F(ConfigItemTest, TypesEachOpcodeInBothTrees) {
     s.ValueType = 1;
     const CHAR16* fqdd = reinterpret_cast<const CHAR16*>(c.fqdd);
     const EFI_STATUS expected = std::string(c.possible) == "-" ? EFI_NOT_FOUND : EFI_SUCCESS;
-    EXPECT_EQ(possible(&s, fqdd, expected), c.possible);
-    EXPECT_EQ(current(&s, fqdd, "Name", expected), c.current);
+    EXPECT_EQ(item(&s, fqdd, nullptr, expected, true), c.possible);
+    EXPECT_EQ(item(&s, fqdd, "Name", expected), c.current);
   }
   XML_NODE* out = kUntouched;
   EXPECT_EQ(DRIVER_FN(createPossibleConfigItem)(nullptr, nullptr, &out), EFI_INVALID_PARAMETER);
@@ -99,6 +86,8 @@ TEST_F(ConfigItemTest, StateAttributesFollowTheRecordsUnlessTheKeywordLiftsThem)
       {"text, ProgWrite true", txt, 0, 0, 0, 0, -1, "T[ProgWrite:TrUe]", "String"},
       {"text, ProgWrite yes", txt, 0, 0, 0, 0, -1, "T[ProgWrite:yes]", "String;ReadOnly=true"},
       {"text, lower-case key", txt, 0, 0, 0, 0, -1, "T[progwrite:true]", "String;ReadOnly=true"},
+      {"text, ProgWrite truex", txt, 0, 0, 0, 0, -1, "T[ProgWrite:truex]", "String;ReadOnly=true"},
+      {"text, second ProgWrite", txt, 0, 0, 0, 0, -1, "T[A][ProgWrite:no][ProgWrite:true]", "String"},
       {"suppressed", one, 0, 0, 0, 1, -1, "O", "Enumeration;Suppressed=true"},
       {"suppressed, ProgUnhide", one, 0, 0, 0, 1, -1, "O[ProgUnhide:TRUE]", "Enumeration"},
       {"suppressed, ProgUnhide 1", one, 0, 0, 0, 1, -1, "O[ProgUnhide:1]", "Enumeration;Suppressed=true"},
@@ -120,32 +109,11 @@ TEST_F(ConfigItemTest, StateAttributesFollowTheRecordsUnlessTheKeywordLiftsThem)
       condition.Result.Value[0] = UINT8(c.condition);
       s.ReadOnlyCondition = &condition;
     }
-    EXPECT_EQ(current(&s, nullptr, c.keyword, EFI_SUCCESS), std::string("ConfigItem[Type=") + c.item + "]");
+    EXPECT_EQ(item(&s, nullptr, c.keyword, EFI_SUCCESS), std::string("ConfigItem[Type=") + c.item + "]");
   }
 }
 
-TEST_F(ConfigItemTest, MarksCountOnlyWhenExactlyOneAndAreTraced) {
-  struct Case { UINT8 disabledMark, suppressedMark; BOOLEAN disabled, suppressed; } cases[] = {
-      {1, 1, TRUE, TRUE}, {2, 0, FALSE, FALSE}, {0, 255, FALSE, FALSE}, {1, 0, TRUE, FALSE}};
-  size_t disabled = 0, suppressed = 0;
-  for (const Case& c : cases) {
-    HII_STATEMENT_RECORD s{};
-    s.DisabledMark = c.disabledMark;
-    s.SuppressedMark = c.suppressedMark;
-    EXPECT_EQ(DRIVER_FN(isStatementDisabled)(&s), c.disabled) << int(c.disabledMark);
-    EXPECT_EQ(DRIVER_FN(isStatementSuppressed)(&s), c.suppressed) << int(c.suppressedMark);
-    disabled += c.disabled;
-    suppressed += c.suppressed;
-  }
-  EXPECT_FALSE(DRIVER_FN(isStatementDisabled)(nullptr));
-  EXPECT_FALSE(DRIVER_FN(isStatementSuppressed)(nullptr));
-  EXPECT_FALSE(DRIVER_FN(isStatementReadOnly)(nullptr));
-  EXPECT_EQ(log().count("isStatementDisabled", "Statement is Disabled \n"), disabled) << log().dump();
-  EXPECT_EQ(log().count("isStatementSuppressed", "Statement is suppressed\n"), suppressed) << log().dump();
-  for (const auto& r : log().from("isStatementDisabled")) EXPECT_EQ(r.level, TVL_LEVEL_PROGRESS);
-  for (const auto& r : log().from("isStatementSuppressed")) EXPECT_EQ(r.level, TVL_LEVEL_FINDING);
-}
-
+// (A statement without an en-US prompt: the sample export's language tests.)
 TEST_F(ConfigItemTest, DisplayElementsComeFromEnglishOnly) {
   EFI_HII_HANDLE handle = addStrings({{"en-US", {u"Title <1>", u"", u"Plain"}},
                                       {"fr-FR", {u"Titre", u"Vide", u"Simple"}},
@@ -155,46 +123,21 @@ TEST_F(ConfigItemTest, DisplayElementsComeFromEnglishOnly) {
       {{"en-US", "fr-FR", "x-UEFI"}, 1, EFI_SUCCESS, "DisplayName[Lang=en-US]:Title &lt;1&gt;"},
       {{"x-uefi", "en-US", "en-US"}, 3, EFI_SUCCESS, "DisplayName[Lang=en-US]:Plain | DisplayName[Lang=en-US]:Plain"},
       {{"EN-us", "fr-FR"}, 1, EFI_NOT_FOUND, "-"},
-      {{"en-US"}, 2, EFI_NOT_FOUND, "-"},
       {{"en-US"}, 9, EFI_NOT_FOUND, "-"},
-      {{}, 1, EFI_NOT_FOUND, "-"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.languages) + " id " + std::to_string(c.id));
     FormSetWithLanguages formSet(c.languages);
-    hii().clearGetStringCalls();
     XML_NODE* out = kUntouched;
     EFI_STATUS status = DRIVER_FN(createLangStringNodes)("DisplayName", c.id, &formSet.record, handle, &out);
     EXPECT_EQ(status, c.status);
     EXPECT_EQ(outcome(status, out), c.elements);
-    size_t english = 0;
-    for (const std::string& tag : c.languages) english += tag == "en-US";
-    EXPECT_EQ(hii().getStringCalls().size(), english);
-    for (const auto& call : hii().getStringCalls()) EXPECT_EQ(call.language, "en-US");
   }
 
   FormSetWithLanguages english({"en-US"});
-  XML_NODE* out = kUntouched;
-  auto build = DRIVER_FN(createLangStringNodes);
-  EXPECT_EQ(build(nullptr, 1, &english.record, handle, &out), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(build("Help", 0, &english.record, handle, &out), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(build("Help", 1, nullptr, handle, &out), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(build("Help", 1, &english.record, nullptr, &out), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(hii().getStringCalls().size(), 0u);
+  XML_NODE* out = kUntouched;  // a statement without help text has string id 0
+  EXPECT_EQ(DRIVER_FN(createLangStringNodes)("Help", 0, &english.record, handle, &out), EFI_INVALID_PARAMETER);
   EXPECT_EQ(out, kUntouched);
-}
-
-TEST_F(ConfigItemTest, IsNodeSuppressedReadsTheAttribute) {
-  struct Case { tvl::test::Attributes attributes; BOOLEAN expected; } cases[] = {
-      {{{"Suppressed", "TRUE"}}, TRUE}, {{{"Type", "String"}, {"Suppressed", "True"}}, TRUE},
-      {{{"Suppressed", "no"}, {"Suppressed", "true"}}, TRUE}, {{{"suppressed", "true"}}, FALSE},
-      {{{"Suppressed", "false"}}, FALSE}, {{}, FALSE},
-  };
-  for (const Case& c : cases) {
-    XML_NODE* n = node("ConfigItem", nullptr, c.attributes);
-    EXPECT_EQ(DRIVER_FN(isNodeSuppressed)(n), c.expected) << describe(n);
-    release(n);
-  }
 }
 
 }  // namespace

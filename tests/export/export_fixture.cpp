@@ -10,6 +10,8 @@
 
 namespace tvl::test {
 
+std::string describe(const XML_NODE* node);
+
 Documents::~Documents() {
   if (possible) xml->XML_FreeNode(xml, possible);
   if (current) xml->XML_FreeNode(xml, current);
@@ -45,12 +47,20 @@ std::unique_ptr<Documents> DeviceExportTest::exportDevice(const std::u16string& 
   return docs;
 }
 
-std::string DeviceExportTest::serialise(XML_NODE* root) {
-  XML_PROTOCOL* xml = sample_->xml();
+std::shared_ptr<XML_NODE> parseXml(XML_PROTOCOL* xml, const std::string& text) {
+  XML_NODE* root = nullptr;
+  XML_PARSE_ERROR error{};
+  EXPECT_EQ(xml->XML_ParseText(xml, text.data(), text.size(), &root, &error), EFI_SUCCESS) << error.Message << text;
+  return std::shared_ptr<XML_NODE>(root, [xml](XML_NODE* node) {
+    if (node) xml->XML_FreeNode(xml, node);
+  });
+}
+
+std::string xmlText(XML_PROTOCOL* xml, EFI_BOOT_SERVICES* bs, XML_NODE* root) {
   CHAR8* out = nullptr;
   EXPECT_EQ(xml->XML_NodeToXML(xml, root, &out), EFI_SUCCESS);
   std::string result = out ? out : "";
-  if (out) bs()->FreePool(out);
+  if (out) bs->FreePool(out);
   return result;
 }
 

@@ -35,6 +35,10 @@ struct Documents {
   XML_PROTOCOL* xml = nullptr;
 };
 
+// An XML text parsed by `xml` as a tree that frees itself; a tree as text.
+std::shared_ptr<XML_NODE> parseXml(XML_PROTOCOL* xml, const std::string& text);
+std::string xmlText(XML_PROTOCOL* xml, EFI_BOOT_SERVICES* bs, XML_NODE* root);
+
 // The sample platform brings its own services: the fixture provides none.
 class DeviceExportTest : public DriverTest {
  protected:
@@ -50,7 +54,7 @@ class DeviceExportTest : public DriverTest {
   host::sample::SamplePlatform& sample() { return *sample_; }
   // HiiToNode on the device with this FQDD.
   std::unique_ptr<Documents> exportDevice(const std::u16string& fqdd);
-  std::string serialise(XML_NODE* root);
+  std::string serialise(XML_NODE* root) { return xmlText(sample_->xml(), bs(), root); }
 
  private:
   std::unique_ptr<host::sample::SamplePlatform> sample_;
@@ -98,8 +102,10 @@ class ExportTest : public DeviceExportTest {
   XML_NODE* node(const char* name, const char* contents = nullptr, const Attributes& attributes = {},
                  const std::vector<XML_NODE*>& children = {});
   void release(XML_NODE* tree);  // through the driver's freeNode; null ignored
-  // What a builder handed out, described and freed; "-" when it failed
-  // (and its output slot must still hold kUntouched).
+  // What a builder handed out, described and freed: the node and its
+  // following siblings, separated by " | ", each written as
+  // name[attribute=value;...]:contents{children}; "-" when it failed (and
+  // its output slot must still hold kUntouched).
   std::string outcome(EFI_STATUS status, XML_NODE* out);
   // Takes every attribute off a node and returns it to the pool.
   void dropAttributes(XML_NODE* node);
@@ -107,11 +113,6 @@ class ExportTest : public DeviceExportTest {
  private:
   uint8_t lists_ = 0;
 };
-
-// A node and its following siblings, separated by " | ", each written as
-// name[attribute=value;...]:contents{children}, the parts present only when
-// the node has them.
-std::string describe(const XML_NODE* node);
 
 // A FormSet record whose language list lives in the object.
 struct FormSetWithLanguages {

@@ -1,5 +1,6 @@
-// The export of the sample devices, of form sets in every arrangement of
-// languages, and the reviewed document of the BIOS setup.
+// The export of form sets in every arrangement of languages, and the
+// reviewed document of the sample BIOS setup. (The other sample devices'
+// documents are compared whole by the firmware documents test.)
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -20,35 +21,13 @@ using namespace tvl::test;
 
 class SampleExportTest : public DeviceExportTest {};
 
-TEST_F(SampleExportTest, EachSampleDeviceTakesItsPath) {
+// The sample disk's forms parse only with the controller's filter, which the
+// save's block-name lookup must then use too. (Its document: the firmware
+// documents test.)
+TEST_F(SampleExportTest, TheDiskTakesTheControllerFilter) {
   build();
-  UINT8& isSsd = global<UINT8>("mIsSsdForms");
-  UINT8& isBios = global<UINT8>("mIsBiosSetup");
-  const struct { const char16_t* fqdd; UINT8 biosSetup, ssdForms; size_t formSets; bool mapped; } cases[] = {
-      {sample::kNicFqdd, 0, 0, 1, true},
-      // The unfiltered parse fails; the controller's filter finds its form set.
-      {sample::kDiskFqdd, 0, 1, 1, true},
-      {sample::kFcFqdd, 0, 0, 1, false},
-      {sample::kRaidFqdd, 0, 0, 1, true},
-  };
-  for (const auto& c : cases) {
-    std::u16string fqdd = c.fqdd;
-    SCOPED_TRACE(std::string(fqdd.begin(), fqdd.end()));
-    auto docs = exportDevice(fqdd);
-    ASSERT_EQ(docs->status, EFI_SUCCESS);
-    EXPECT_EQ(isBios, c.biosSetup);
-    EXPECT_EQ(isSsd, c.ssdForms);
-    for (const XML_NODE* root : {docs->possible, docs->current}) {
-      EXPECT_EQ(descendants(root, "FormSet").size(), c.formSets);
-      EXPECT_EQ(descendants(root, "MappingSource").empty(), c.mapped);
-      if (!c.mapped) {
-        EXPECT_EQ(childNames(root->children).substr(0, 21), "FormSet,MappingSource");
-      }
-    }
-  }
-  // The storage path is announced. (The BIOS device shows in the reviewed
-  // document below.)
-  EXPECT_NE(log().find("tvlHiiToNode", "SSD Forms with Controller GUID\n"), nullptr);
+  EXPECT_EQ(exportDevice(sample::kDiskFqdd)->status, EFI_SUCCESS);
+  EXPECT_EQ(global<UINT8>("mIsSsdForms"), 1);
 }
 
 // ---------------------------------------------------------------- languages
@@ -69,18 +48,12 @@ DeviceDescription languageDevice(const std::vector<std::string>& languages, UINT
                  checkbox(0x702, u"", u"").at(1, 1).value(0)}}};
   DeviceDescription d = deviceWith(u"System.Lang." + std::u16string(1, char16_t('0' + n)), n, std::move(set));
   d.languages = languages;
-  // Texts of the further languages: keyword texts where a tag spells
-  // x-UEFI in another case or extends it, the en-US texts otherwise.
-  const std::map<std::u16string, std::u16string> keywords = {
-      {u"Lane Settings", u"LaneSettings"}, {u"Main", u"MainKw"}, {u"Speed Limit", u"SpeedLimit[Unit:kmh]"}};
-  const std::u16string plain[] = {u"Lane help.", u"Limits speed.", u"Standard Defaults", u"Manufacturing Defaults"};
-  for (const std::string& language : languages) {
-    if (language == "en-US" || language == "x-UEFI") continue;
-    bool keywordLike = language.size() >= 6 && (language[0] == 'x' || language[0] == 'X');
-    sample::Translation& table = d.translations[language];
-    for (const auto& [en, keyword] : keywords) table[en] = keywordLike ? keyword : en;
-    for (const auto& en : plain) table[en] = en;
-  }
+  // Keyword texts under the tags that spell x-UEFI in another case or extend
+  // it; no other language but en-US is read.
+  for (const std::string& language : languages)
+    if (language != "x-UEFI" && (language[0] == 'x' || language[0] == 'X'))
+      d.translations[language] = {
+          {u"Lane Settings", u"LaneSettings"}, {u"Main", u"MainKw"}, {u"Speed Limit", u"SpeedLimit[Unit:kmh]"}};
   return d;
 }
 
@@ -116,7 +89,6 @@ TEST_F(SampleExportTest, TheChosenLanguageDecidesNamesAndMapping) {
     const XML_NODE* current = item(docs->current, c.itemName);
     ASSERT_TRUE(possible && current);
     EXPECT_EQ(text(child(possible, "DisplayName")), "Speed Limit");
-    EXPECT_EQ(children(possible, "DisplayName").size(), 1u);
     if (c.mapped) {
       EXPECT_EQ(childNames(possible),
                 "Name,RefFormId,DisplayName,BiosMapping,Modifier,DisplayIndex,ValueStruct,ValueStruct,Help");
@@ -166,8 +138,8 @@ std::string formatted(const std::string& xml) {
 
 // The combined document of the sample BIOS setup, laid out by xmllint so
 // that a reviewer reads it line by line (xmllint lists the namespace
-// declaration first among the root's attributes; the order the export
-// writes is checked on the tree itself). TOLVANE_UPDATE_GOLDEN=1 rewrites
+// declaration first among the root's attributes; the firmware documents
+// test compares the export's own text). TOLVANE_UPDATE_GOLDEN=1 rewrites
 // the file (review the difference before committing it).
 TEST_F(SampleExportTest, BiosSetupMatchesTheReviewedDocument) {
   if (system("xmllint --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "xmllint is not installed";

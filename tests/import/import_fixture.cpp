@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "host/hii/device_path.h"
 
 namespace tvl::test {
 
@@ -23,18 +22,13 @@ std::vector<std::string> operations(const XML_NODE* results) {
 host::sample::DeviceDescription ImportTest::device(const std::u16string& fqdd,
                                                    std::vector<host::sample::FormDescription> forms,
                                                    std::vector<std::string> languages) {
-  host::sample::DeviceDescription d;
-  d.fqdd = fqdd;
-  d.description = u"import test device";
-  d.devicePath = host::hii::DevicePathBuilder().vendorHardware({0x7c1d2e3f, 0x4a5b, 0x4c6d, {8, 9, 1, 2, 3, 4, 5, 6}}).build();
-  d.packageListGuid = {0x1a2b3c4d, 0x5e6f, 0x4071, {0x82, 0x93, 0xa4, 0xb5, 0xc6, 0xd7, 0xe8, 0xf9}};
-  d.languages = std::move(languages);
   host::sample::FormSetDescription fs;
   fs.guid = {0x2b3c4d5e, 0x6f70, 0x4182, {0x93, 0xa4, 0xb5, 0xc6, 0xd7, 0xe8, 0xf9, 0x0a}};
   fs.title = fs.keyword = fs.helpText = u"ImportTest";
   fs.varStores = {{1, {0x3c4d5e6f, 0x7081, 0x4293, {0xa4, 0xb5, 0xc6, 0xd7, 0xe8, 0xf9, 0x0a, 0x1b}}, "Store", 0x100, false, 0}};
   fs.forms = std::move(forms);
-  d.formSets = {fs};
+  host::sample::DeviceDescription d = deviceWith(fqdd, 0x77, std::move(fs));
+  d.languages = std::move(languages);
   return d;
 }
 
@@ -88,45 +82,6 @@ XML_NODE* ImportTest::pend(XML_NODE* root, const std::string& name, const char* 
   XML_NODE* found = commit(root, name, index);
   if (found) setText(const_cast<XML_NODE*>(descendants(found, "Value").at(0)), value);
   return found;
-}
-
-std::shared_ptr<XML_NODE> ImportTest::parse(const std::string& text) {
-  XML_PROTOCOL* xml = sample().xml();
-  XML_NODE* root = nullptr;
-  XML_PARSE_ERROR error{};
-  EXPECT_EQ(xml->XML_ParseText(xml, text.data(), text.size(), &root, &error), EFI_SUCCESS) << error.Message << text;
-  return std::shared_ptr<XML_NODE>(root, [xml](XML_NODE* node) {
-    if (node) xml->XML_FreeNode(xml, node);
-  });
-}
-
-bool ImportTest::sweepShard(size_t shard, size_t step, const std::function<EFI_STATUS()>& run,
-                            const std::function<void(EFI_STATUS, size_t)>& check, const std::function<void()>& reset) {
-  // The forms processor's kept parses are released before every count, so
-  // each run starts without one and the allocations that fill it are swept.
-  auto held = [&] {
-    releaseServiceCaches(platform());
-    return platform().poolStats().outstanding + platform().poolStats().outstandingPages;
-  };
-  held();
-  const size_t start = platform().allocationAttempts();
-  check(run(), 0);
-  const size_t attempts = platform().allocationAttempts() - start;
-  reset();
-  bool outOfMemory = false;
-  for (size_t k = 1 + shard; k <= attempts; k += step) {
-    const size_t before = held();
-    platform().failAllocation(k);
-    EFI_STATUS status = run();
-    platform().clearAllocationFaults();
-    outOfMemory |= status == EFI_OUT_OF_RESOURCES;
-    check(status, k);
-    reset();
-    const size_t after = held();
-    EXPECT_EQ(after, before) << "attempt " << k << " of " << attempts << " leaks";
-    if (after != before) break;
-  }
-  return outOfMemory;
 }
 
 }  // namespace tvl::test

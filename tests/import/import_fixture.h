@@ -11,7 +11,6 @@
 
 namespace tvl::test {
 
-// The names the import tests describe their devices with.
 namespace sample = host::sample;
 using host::ifr::True;
 using host::ifr::Width;
@@ -44,13 +43,7 @@ class ImportTest : public DeviceExportTest {
   XML_NODE* commit(XML_NODE* root, const std::string& name, const char* index = "1");
   XML_NODE* pend(XML_NODE* root, const std::string& name, const char* value, const char* index = "1");
   // An XML text as a tree that frees itself.
-  std::shared_ptr<XML_NODE> parse(const std::string& text);
-  // `run` with every `step`-th of its allocations from the `shard`-th
-  // failing in turn, after a run without faults (which `check` sees as
-  // attempt 0); `reset` follows every run, and nothing may leak. True when
-  // some run ran out of memory.
-  bool sweepShard(size_t shard, size_t step, const std::function<EFI_STATUS()>& run,
-                  const std::function<void(EFI_STATUS, size_t)>& check, const std::function<void()>& reset);
+  std::shared_ptr<XML_NODE> parse(const std::string& text) { return parseXml(sample().xml(), text); }
 };
 
 }  // namespace tvl::test

@@ -2,7 +2,6 @@
 
 #include <cstdio>
 
-#include "export/export_fixture.h"
 #include "services/password/service.h"
 #include "uefi/varargs.h"
 
@@ -148,26 +147,6 @@ void PasswordTest::markDisabled(UINT8 whichBits) {
 EFI_STATUS PasswordTest::apply(XML_NODE* root, XML_NODE** results) {
   TOLVANE_PROTOCOL* self = converter();
   return self->SetBIOSPassword(self, root, results);
-}
-
-std::shared_ptr<XML_NODE> PasswordTest::parse(const std::string& text) {
-  XML_PROTOCOL* service = xml();
-  XML_NODE* root = nullptr;
-  XML_PARSE_ERROR error{};
-  EXPECT_EQ(service->XML_ParseText(service, text.data(), text.size(), &root, &error), EFI_SUCCESS)
-      << error.Message << text;
-  return std::shared_ptr<XML_NODE>(root, [service](XML_NODE* node) {
-    if (node) service->XML_FreeNode(service, node);
-  });
-}
-
-std::string PasswordTest::serialise(XML_NODE* root) {
-  XML_PROTOCOL* service = xml();
-  CHAR8* out = nullptr;
-  EXPECT_EQ(service->XML_NodeToXML(service, root, &out), EFI_SUCCESS);
-  std::string result = out ? out : "";
-  if (out) bs()->FreePool(out);
-  return result;
 }
 
 std::string PasswordTest::commitIndex(XML_NODE* root, const std::string& name) {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/driver.h"
+#include "export/export_fixture.h"
 
 namespace tvl::test {
 
@@ -67,8 +67,8 @@ class PasswordTest : public DriverTest {
   EFI_STATUS apply(XML_NODE* root, XML_NODE** results);
 
   XML_PROTOCOL* xml() { return locate<XML_PROTOCOL>(XML_PROTOCOL_GUID); }
-  std::shared_ptr<XML_NODE> parse(const std::string& text);
-  std::string serialise(XML_NODE* root);
+  std::shared_ptr<XML_NODE> parse(const std::string& text) { return parseXml(xml(), text); }
+  std::string serialise(XML_NODE* root) { return xmlText(xml(), bs(), root); }
   // The CommitIndex text of the item named `name`: "(none)" without
   // contents, "(missing)" without an element.
   std::string commitIndex(XML_NODE* root, const std::string& name);

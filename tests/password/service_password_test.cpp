@@ -1,7 +1,7 @@
-// Passwords through the protocol slot into the real service images: a hash
-// text the newer service accepts, and no password byte left in freed pool
-// memory, a trace or a results document after any outcome. (Set, change and
-// clear on each service: the command line's tests.)
+// Passwords through the protocol slot into the real service images: no
+// password byte left in freed pool memory, a trace or a results document
+// after any outcome. (Set, change and clear on each service: the command
+// line's tests; the hash form: the stand-in's rows and the services' tests.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,31 +26,6 @@ std::string lower(std::string text) {
   for (char& c : text) c = char(std::tolower(static_cast<unsigned char>(c)));
   return text;
 }
-
-// A hash text made as the newer service documents it (SHA-256 over the
-// password and the salt text) sets a password that the service accepts.
-class HashFormTest : public tvl::test::PasswordTest {};
-
-TEST_F(HashFormTest, SetsAPasswordTheNewerServiceAccepts) {
-  start(Service::Newer);
-  auto sha256 = reinterpret_cast<VOID (*)(const VOID*, UINTN, UINT8*)>(
-      platform().imageSymbol(serviceImage(), "sha256Digest"));
-  ASSERT_NE(sha256, nullptr);
-  const std::string secret = "letmein", salt = "NaCl";
-  const std::string message = secret + salt;
-  UINT8 digest[32];
-  sha256(message.data(), message.size(), digest);
-  std::string hash;
-  for (UINT8 b : digest) hash += "0123456789abcdef"[b >> 4], hash += "0123456789abcdef"[b & 15];
-  auto root = parse(document({Item{"SHA256SetupPassword", "1", hash, false}, Item{"SHA256SetupPasswordSalt", "1", salt, false}}));
-  XML_NODE* results = nullptr;
-  ASSERT_EQ(apply(root.get(), &results), EFI_SUCCESS) << log().dump();
-  xml()->XML_FreeNode(xml(), results);
-  EXPECT_EQ(service()->VerifyPassword(service(), PASSWORD_WHICH_SETUP, u"letmein"), EFI_SUCCESS);
-  EXPECT_EQ(service()->VerifyPassword(service(), PASSWORD_WHICH_SETUP, u"letmeout"), EFI_ACCESS_DENIED);
-}
-
-// ---------------------------------------------------------------- hygiene
 
 const std::string kFirst = "Qx7#Lm2!Vr", kSecond = "Jh4$Tp9@Ws";
 
