@@ -253,6 +253,8 @@ TEST_F(HiiToNodeTest, FqddChoosesTheFormSetFilter) {
     EXPECT_EQ(isSsd, 0);
     EXPECT_EQ(docs->possible != nullptr, c.status == EFI_SUCCESS);
   }
+  const LogRecord* refused = log().find("tvlHiiToNode", "gHiiFormsProcessor2Protocol Returned: Not Found\n");
+  EXPECT_TRUE(refused && refused->level == TVL_LEVEL_FAILURE) << log().dump();
 }
 
 TEST_F(HiiToNodeTest, RefusalsTouchNothing) {
@@ -276,6 +278,7 @@ TEST_F(HiiToNodeTest, RefusalsTouchNothing) {
     EXPECT_EQ(possible, marker);
     EXPECT_EQ(current, marker);
   }
+  EXPECT_NE(log().find("tvlHiiToNode", "HandleToHiiHandleBuffer Returned: Not Found\n"), nullptr);
 
   // Without the location service nothing else is looked at.
   auto& location = global<DEVICE_LOCATION_PROTOCOL*>("gDeviceLocationProtocol");

@@ -28,6 +28,24 @@ TEST_F(SampleExportTest, TheDiskTakesTheControllerFilter) {
   build();
   EXPECT_EQ(exportDevice(sample::kDiskFqdd)->status, EFI_SUCCESS);
   EXPECT_EQ(global<UINT8>("mIsSsdForms"), 1);
+  EXPECT_NE(log().find("tvlHiiToNode", "SSD Forms with Controller GUID\n"), nullptr) << log().dump();
+}
+
+// Every trace of an export above the toolbox's, with its level, in order.
+TEST_F(SampleExportTest, BiosSetupExportTracesEachStepAtItsLevel) {
+  build();
+  log().setLevelMask(TVL_LEVEL_FAILURE | TVL_LEVEL_PROGRESS | TVL_LEVEL_FINDING);
+  log().clear();
+  ASSERT_EQ(exportDevice(sample::kBiosFqdd)->status, EFI_SUCCESS);
+  EXPECT_EQ(log().dump(),
+            "0x800000 tvlHiiToNode: Entering\n"
+            "0x80 tvlHiiToNode: FQDD = BIOS.InternalSetup.1-1\n"
+            "0x80000000 tvlHiiToNode: FormSetBufferCount = 1\n"
+            "0x80000000 tvlHiiToNode: VarStoreBufferCount = 3 NumberOfLanguages = 2\n"
+            "0x80 isStatementSuppressed: Statement is suppressed\n"
+            "0x80 isStatementSuppressed: Statement is suppressed\n"
+            "0x800000 isStatementDisabled: Statement is Disabled \n"
+            "0x800000 tvlHiiToNode: Exiting: Success\n");
 }
 
 // ---------------------------------------------------------------- languages

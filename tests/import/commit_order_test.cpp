@@ -1,6 +1,7 @@
 // The order in which pending items are applied, against the plain
 // algorithm (one pass per commit index, each search from the root and
-// then from the applied item's parent) run here over the same documents;
+// then from the applied item's parent) run here over the same documents
+// with the driver's own search primitives;
 // huge indexes; a 20,000-item document on a small stack; and every
 // allocation of an import on the sample BIOS device failing in turn.
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 
 #include "host/hii/config_string.h"
 #include "host/sample/sample_devices.h"
+#include "import/import.h"
 #include "import/import_fixture.h"
 
 namespace {
@@ -66,30 +68,19 @@ XML_NODE* itemNamed(XML_NODE* root, const char* name) {
 // of integers and checkboxes say, on a device other than the BIOS.
 struct Reference {
   ImportTest& test;
+  decltype(&::getMaxCommitIndex) maxIndex;
+  decltype(&::findPendingItemByCommitIndex) findItem;
   XML_NODE *current, *possible;
   std::vector<std::string> handled, records;  // "name@n"; as operations() writes them
   EFI_STATUS overall = EFI_SUCCESS;
   std::set<XML_NODE*> blockNamesTaken;
 
-  static void maxOf(XML_NODE* n, uint64_t& max) {
-    if (!n) return;
-    if (named(n, "CommitIndex") && decimal(n->contents) > max) {
-      max = decimal(n->contents);
-      return;
-    }
-    maxOf(n->children, max);
-    maxOf(n->next, max);
-  }
-  static XML_NODE* pendingItem(uint64_t n, XML_NODE* start) {
-    auto password = [](const XML_NODE* x) {
-      return named(x, "Name") && (text(x) == "SysPassword" || text(x) == "SetupPassword");
-    };
-    for (XML_NODE* form = start ? find("Form", start) : nullptr; form; form = form->next)
-      for (XML_NODE* item = find("ConfigItem", form); item; item = item->next)
-        if (!find(item->children, password) && find("CommitIndex", item->children) &&
-            decimal(find("CommitIndex", item->children)->contents) == n)
-          return item;
-    return nullptr;
+  // The search primitives are the driver's own: the plain algorithm is
+  // built from them here, the import indexes the document instead.
+  XML_NODE* pendingItem(uint64_t n, XML_NODE* start) {
+    XML_NODE* item = nullptr;
+    findItem(n, start, &item);
+    return item;
   }
   static std::string value(XML_NODE* item) { return text(child(child(item, "ValueStruct"), "Value")); }
   void record(const std::string& name, XML_NODE* currentItem, XML_NODE* pending, uint64_t code) {
@@ -124,8 +115,8 @@ struct Reference {
     record(name, currentItem, item, inRange ? 0 : 0x301);
   }
   EFI_STATUS run(XML_NODE* root) {
-    uint64_t max = 0;
-    maxOf(root, max);
+    UINT64 max = 0;
+    maxIndex(root, &max);
     for (uint64_t n = 1; n <= max; ++n) {
       for (XML_NODE* item = pendingItem(n, root); item && handled.size() < 10000;) {
         XML_NODE* parent = item->parent;
@@ -210,7 +201,8 @@ TEST_F(CommitOrderTest, HandledSequenceAndResultsMatchThePlainSearch) {
       if (r.function == "tvlNodeToHii" && r.text.rfind(kTrace, 0) == 0)
         handled.push_back(r.text.substr(kTrace.size(), at - kTrace.size()) + "@" + r.text.substr(at + kIndex.size(), end - at - kIndex.size()));
     }
-    Reference reference{*this, docs->current, docs->possible, {}, {}, EFI_SUCCESS, {}};
+    Reference reference{*this, DRIVER_FN(getMaxCommitIndex), DRIVER_FN(findPendingItemByCommitIndex),
+                        docs->current, docs->possible, {}, {}, EFI_SUCCESS, {}};
     EFI_STATUS expected = reference.run(referenceTree.get());
     ASSERT_EQ(handled, reference.handled);
     ASSERT_EQ(out.records, reference.records);

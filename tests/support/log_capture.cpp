@@ -53,11 +53,6 @@ const LogRecord* LogCapture::find(const std::string& function, const std::string
   return nullptr;
 }
 
-const LogRecord* LogCapture::findContaining(const std::string& fragment) const {
-  for (const LogRecord& r : records_) if (r.text.find(fragment) != std::string::npos) return &r;
-  return nullptr;
-}
-
 std::string LogCapture::dump() const {
   std::string out;
   char level[32];

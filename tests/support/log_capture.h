@@ -38,9 +38,8 @@ class LogCapture {
 
   std::vector<LogRecord> from(const std::string& function) const;  // in order
   size_t count(const std::string& function, const std::string& text) const;
-  // The first record with exactly this function and text / containing `fragment`, or null.
+  // The first record with exactly this function and text, or null.
   const LogRecord* find(const std::string& function, const std::string& text) const;
-  const LogRecord* findContaining(const std::string& fragment) const;
   std::string dump() const;  // "level function: text" lines, for failure messages
 
  private:
