@@ -188,9 +188,7 @@ CHAR16* padHexToWidth(const HII_STATEMENT_RECORD* Statement, const CHAR16* HexTe
   if (!Statement || !HexText) return nullptr;
   const CHAR16* widthField = tvl::imp::findWide(Statement->BlockName, u"&WIDTH=");
   if (!widthField) return nullptr;
-  UINTN width = 0;
-  for (const CHAR16* p = widthField + 7; tvl::hexDigitValue(*p) >= 0 && width <= 0xFFFF; ++p)
-    width = width * 16 + UINTN(tvl::hexDigitValue(*p));
+  const UINTN width = UINTN(tvl::hexNumberUpTo(widthField + 7, 0xFFFF));
   // A field is at most 0xffff bytes; a text wider than the field has no
   // place in it.
   const UINTN length = tvl::rt::length(HexText);

@@ -5,6 +5,7 @@
 #include "driver/trace.h"
 #include "import/collections.h"
 #include "import/internal.h"
+#include "import/save.h"
 #include "util/text.h"
 #include "xml/node.h"
 
@@ -24,20 +25,11 @@ constexpr CHAR16 kValueField[] = u"&VALUE=";
 // rather than allocated.
 constexpr UINTN kMaxWidth = 0xFFFF;
 
-const CHAR16* find(const CHAR16* text, const CHAR16* word) {
-  for (; *text; ++text) {
-    UINTN i = 0;
-    while (word[i] && text[i] == word[i]) ++i;
-    if (!word[i]) return text;
-  }
-  return nullptr;
-}
-
 // The number after the first "&WIDTH=", read as hexadecimal: blanks and
 // leading zeros skipped, an "x" right after a leading zero skipped, digits
 // up to the first other character. No field: 0. Saturates past kMaxWidth.
 UINTN widthOf(const CHAR16* blockName) {
-  const CHAR16* p = find(blockName, kWidthField);
+  const CHAR16* p = findWide(blockName, kWidthField);
   if (!p) return 0;
   p += rt::length(kWidthField);
   while (*p == u' ' || *p == u'\t') ++p;
@@ -47,12 +39,7 @@ UINTN widthOf(const CHAR16* blockName) {
     ++p;
   }
   if (zero && (*p == u'x' || *p == u'X')) ++p;
-  UINTN width = 0;
-  for (INTN d; (d = hexDigitValue(*p)) >= 0; ++p) {
-    width = width * 16 + UINTN(d);
-    if (width > kMaxWidth) return kMaxWidth + 1;
-  }
-  return width;
+  return UINTN(hexNumberUpTo(p, kMaxWidth));
 }
 
 void append(CHAR16* out, UINTN* at, const CHAR16* text, UINTN n) {

@@ -165,13 +165,10 @@ CHAR16* TrimConfigRequest(const CHAR16* ConfigRequest) {
   if (!widthField) return nullptr;
   const CHAR16* digits = widthField + 6;
   while (*digits == u' ' || *digits == u'\t' || *digits == u'0') ++digits;
-  UINT64 width = 0;
-  for (INTN d; (d = hexDigitValue(*digits)) >= 0; ++digits) {
-    // A width past 2^60 bytes is more zeros than any text holds; stop
-    // before the number wraps and comes back as a small width.
-    if (width > (~UINT64(0) >> 4)) return nullptr;
-    width = width * 16 + UINT64(d);
-  }
+  // A width past 2^60 bytes is more zeros than any text holds.
+  constexpr UINT64 kMostZeros = ~UINT64(0) >> 4;
+  const UINT64 width = hexNumberUpTo(digits, kMostZeros);
+  if (width > kMostZeros) return nullptr;
   const CHAR16* valueField = imp::findWide(ConfigRequest, u"VALUE=");
   if (!valueField) return nullptr;
   // Twice the width in zeros; the terminator or any other digit ends the

@@ -82,4 +82,17 @@ constexpr INTN hexDigitValue(CHAR16 c) {
   return -1;
 }
 
+// The hexadecimal number whose digits start at `digits`, up to the first
+// other character; `limit` + 1 as soon as it grows past `limit`, so that
+// no run of digits wraps around to a small number. `limit` is below 2^60,
+// where one more digit still fits in 64 bits.
+constexpr UINT64 hexNumberUpTo(const CHAR16* digits, UINT64 limit) {
+  UINT64 value = 0;
+  for (; hexDigitValue(*digits) >= 0; ++digits) {
+    value = value * 16 + UINT64(hexDigitValue(*digits));
+    if (value > limit) return limit + 1;
+  }
+  return value;
+}
+
 }  // namespace tvl
