@@ -87,38 +87,6 @@ TEST(DefaultConfigTest, StandardDefaultsTakeEvaluatedExpressionsAndNeedNoDeclare
   }
 }
 
-// One walk serves every storage: each keeps the fields of its own
-// questions, also where two varstore ids name the same storage, and a
-// storage of a form set without questions on it still gets its (empty)
-// configurations.
-TEST(DefaultConfigTest, OneWalkGivesEachStorageItsOwnFields) {
-  ifr::FormSetBuilder set(kFormSet, 1, 1);
-  set.varStore(1, kStore, "Setup", 8)
-      .efiVarStore(2, kOther, "Flags", 2, EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS)
-      .varStore(4, kStore, "Setup", 12)
-      .varStore(5, kOther, "Unused", 4);
-  set.form(1, 1)
-      .oneOf(ifr::OneOf(1, 1, 1).store(1, 0).option(1, 3).option(1, 5, EFI_IFR_OPTION_DEFAULT))
-      .checkbox(ifr::Checkbox(2, 1, 1).store(2, 0).defaultOn())
-      .numeric(ifr::Numeric(3, 1, 1, ifr::Width::U16).store(4, 6).defaultValue(0x0102));
-  const std::vector<std::vector<uint8_t>> lists = {hii::buildPackageList(kFormSet, {ifr::formsPackage(set.ifr())})};
-  const DeviceDefaults all = allDefaultConfigs(lists);
-  const struct { EFI_GUID guid; std::u16string name; Fields standard; } cases[] = {
-      {kStore, u"Setup", {{0, {5}}, {6, {2, 1}}}},
-      {kOther, u"Flags", {{0, {1}}}},
-      {kOther, u"Unused", {}},
-  };
-  ASSERT_EQ(all.size(), std::size(cases));
-  for (const auto& c : cases) {
-    auto found = all.find(StorageName{c.guid, c.name});
-    ASSERT_NE(found, all.end());
-    ASSERT_EQ(found->second.size(), 2u);  // standard and manufacturing, as the form set declares them
-    EXPECT_EQ(fields(found->second.front().fields), c.standard);
-    EXPECT_EQ(fields(standardFields(all, c.guid, c.name)), c.standard);
-    EXPECT_EQ(fields(defaultConfigs(lists, c.guid, c.name).front().fields), c.standard);
-  }
-}
-
 TEST(DefaultConfigTest, DeclaredStoresAreListedOnceWithTheirLargestSize) {
   using Store = std::tuple<EFI_GUID, std::u16string, uint16_t, bool, uint32_t>;  // attributes: EFI variables only
   size_t at = 0;

@@ -1,12 +1,11 @@
 // Byte-exact encodings of the IFR builder against the opcode layouts of the
 // UEFI specification, written out by hand field by field (expressions are
 // checked by what the forms processor computes from them: tests/services/forms);
-// the scope walk over what the builder writes, and its refusals of malformed IFR.
+// the scope walk's refusals of malformed IFR.
 #include <gtest/gtest.h>
 
 #include <cctype>
 #include <functional>
-#include <sstream>
 #include <string>
 
 #include "host/ifr/ifr_builder.h"
@@ -152,51 +151,6 @@ TEST(IfrBuilder, MisuseThrowsAndLimitsStillFit) {
   ASSERT_EQ(ops.size(), 5u);
   EXPECT_EQ(ops[3].opcode, EFI_IFR_VARSTORE_OP);
   EXPECT_EQ(ops[3].length, 127);
-}
-
-// A form set using every statement kind, conditions and defaults.
-ifr::FormSetBuilder sampleFormSet() {
-  ifr::FormSetBuilder fs(kGuid, 1, 2);
-  fs.varStore(1, kGuid, "Setup", 0x40).defaultStore(0, 3);
-  ifr::FormBuilder& main = fs.form(1, 4);
-  main.subtitle(5)
-      .oneOf(ifr::OneOf(0x100, 6, 7).store(1, 0).option(8, 0, EFI_IFR_OPTION_DEFAULT).option(9, 1).resetRequired())
-      .suppressIf(ifr::ideqval(0x100, 0),
-                  [](ifr::FormBuilder& f) { f.checkbox(ifr::Checkbox(0x101, 10, 11).store(1, 1).defaultValue(true)); })
-      .grayOutIf(ifr::Not(ifr::eqidid(0x100, 0x101)),
-                 [](ifr::FormBuilder& f) {
-                   f.numeric(ifr::Numeric(0x102, 12, 13, Width::U16).store(1, 2).range(1, 100, 1).defaultExpression(
-                       ifr::number(50)));
-                 })
-      .password(ifr::Password(0x103, 14, 15, 0, 20).store(1, 4))
-      .string(ifr::String(0x104, 16, 17, 1, 10).store(1, 0x20).locked())
-      .orderedList(ifr::OrderedList(0x105, 18, 19, Width::U8, 2).store(1, 0x30).option(20, 1).option(21, 2))
-      .action(ifr::Action(0x106, 22, 23, 24))
-      .ref(ifr::Ref(0x107, 25, 26).toForm(2))
-      .ref(ifr::Ref(0x108, 1, 2))
-      .ref(ifr::Ref(0x109, 1, 2).toQuestion(4, 5))
-      .ref(ifr::Ref(0x10a, 1, 2).toFormSet(kGuid, 4, 5))
-      .ref(ifr::Ref(0x10b, 1, 2).toDevice(6, kGuid, 4, 5))
-      .label(0x2000);
-  fs.form(2, 27).text(28, 29, 30).image(1);
-  return fs;
-}
-
-TEST(IfrWalk, ScopesGiveTheDepthOfEveryOpcode) {
-  Bytes package = sampleFormSet().package();
-  std::vector<ifr::OpInfo> ops;
-  std::string error;
-  ASSERT_TRUE(ifr::walkIfr(package.data() + 4, package.size() - 4, ops, &error)) << error;
-  // Options and defaults sit one below their question, expressions one below their condition or value.
-  auto depthOf = [&](UINT8 opcode) {
-    for (const ifr::OpInfo& op : ops)
-      if (op.opcode == opcode) return int(op.depth);
-    return -1;
-  };
-  const std::pair<UINT8, int> depths[] = {{EFI_IFR_ONE_OF_OP, 2},    {EFI_IFR_ONE_OF_OPTION_OP, 3},
-                                          {EFI_IFR_EQ_ID_VAL_OP, 3}, {EFI_IFR_CHECKBOX_OP, 3},
-                                          {EFI_IFR_VALUE_OP, 5},     {EFI_IFR_UINT64_OP, 6}};
-  for (auto [opcode, depth] : depths) EXPECT_EQ(depthOf(opcode), depth) << int(opcode);
 }
 
 TEST(IfrWalk, MalformedIfrStopsWithAnError) {

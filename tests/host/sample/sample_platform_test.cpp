@@ -1,7 +1,6 @@
-// The sample platform's form descriptions: the layout rules they must keep
-// and the initial bytes of a store. (Its devices are checked whole by their
-// exported documents, kept from a firmware run: tests/firmware; its password
-// services by `tolvane info`: tests/tools.)
+// The sample platform's form descriptions: the layout rules they must keep.
+// (Its devices, with the initial bytes of their stores, are checked whole by
+// their exported documents: tests/export, tests/firmware.)
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -68,29 +67,6 @@ TEST(SampleFormDescription, RefusesDevicesWhoseFormSetsOrLanguagesClash) {
     EXPECT_NO_THROW(sample::validate(device)) << c.name;
     c.change(device);
     EXPECT_THROW(sample::buildPackageList(device), std::invalid_argument) << c.name;
-  }
-}
-
-// Each current value at its offset; a negative number in two's complement
-// of its question's width, within the checks of that width.
-TEST(SampleFormDescription, InitialStorageWritesEachCurrentValueAtItsOffset) {
-  const struct { const char* name; std::vector<Statement> statements; std::vector<UINT8> bytes; } cases[] = {
-      {"every kind",
-       {sample::numeric(1, u"N", u"N", Width::U32).at(1, 0).value(0x11223344), sample::checkbox(2, u"C", u"C").at(1, 4).value(1),
-        sample::orderedList(3, u"L", u"L", Width::U16, 2).at(1, 6).values({0x0102, 0x0304}),
-        sample::string(4, u"S", u"S", 0, 2).at(1, 10).valueText(u"hi"), sample::password(5, u"P", u"P", 0, 1).at(1, 14)},
-       {0x44, 0x33, 0x22, 0x11, 1, 0, 0x02, 0x01, 0x04, 0x03, 'h', 0, 'i', 0, 0, 0}},
-      {"signed",
-       {sample::numeric(1, u"A", u"A", Width::U8).at(1, 0).signedRange(-15, 15, 1).signedValue(-5),
-        sample::numeric(2, u"B", u"B", Width::U16).at(1, 2).signedRange(-50, 50, 5).signedValue(-10),
-        sample::numeric(3, u"C", u"C", Width::U32).at(1, 4).signedRange(-1, 3600, 1).signedValue(-1),
-        sample::numeric(4, u"D", u"D", Width::U64).at(1, 8).signedRange(-1000, 1000).signedValue(-2)},
-       {0xFB, 0, 0xF6, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
-  };
-  for (const auto& c : cases) {
-    sample::DeviceDescription d = tinyDevice(c.statements);
-    EXPECT_NO_THROW(sample::buildPackageList(d)) << c.name;
-    EXPECT_EQ(sample::initialStorage(d.formSets[0], d.formSets[0].varStores[0]), c.bytes) << c.name;
   }
 }
 
