@@ -1,4 +1,4 @@
-// Image loading, instances, entry failure, Exit, unload, the current-platform stack.
+// Image loading, instances, entry failure, unload, the current-platform stack.
 #include "tests/host/platform_test_util.h"
 #include "tests/host/test_counter_image.h"
 
@@ -75,22 +75,6 @@ TEST_F(ImageTest, UnloadRules) {
   EXPECT_EQ(platform().unloadImage(busy), EFI_ACCESS_DENIED);
   ASSERT_EQ(bs()->CloseProtocol(busy, &kCounterProtocol, plain, busy), EFI_SUCCESS);
   EXPECT_EQ(platform().unloadImage(busy), EFI_SUCCESS);
-}
-
-TEST_F(ImageTest, EventsOfAnUnloadedImageStillRun) {
-  setMode(TEST_MODE_UNLOADABLE);
-  EFI_HANDLE h = load(kImage);
-  auto create = platform().imageFunction<EFI_STATUS (*)(EFI_TPL, UINTN*, EFI_EVENT*)>(h, "counterCreateEvent");
-  auto value = platform().imageFunction<Counter>(h, "counterValue");
-  ASSERT_TRUE(create && value);
-  UINTN calls = 0;
-  EFI_EVENT event = nullptr;
-  ASSERT_EQ(create(TPL_CALLBACK, &calls, &event), EFI_SUCCESS);
-  ASSERT_EQ(platform().unloadImage(h), EFI_SUCCESS);
-  EXPECT_EQ(bs()->SignalEvent(event), EFI_SUCCESS);
-  EXPECT_EQ(calls, 1u);
-  EXPECT_EQ(value(), 1u);
-  bs()->CloseEvent(event);
 }
 
 // (Nested in order, the innermost platform is current: the pool tests' lean platforms.) Out of order, the

@@ -65,10 +65,9 @@ Fields fields(const std::vector<DefaultField>& in) {
 TEST(DefaultConfigTest, StandardDefaultsTakeEvaluatedExpressionsAndNeedNoDeclaredStore) {
   const Fields flags = {{0, {5}}, {4, {1}}};
   const Fields withExpression = {{0, {5}}, {2, {9, 0}}, {4, {1}}};
-  // configs: the default configurations routing would answer.
+  // configs: the default configurations routing would answer. (With declared default stores: the device's
+  // whole-store answers, the offline platform's computed defaults.)
   const struct { const char* what; bool defaultStores, evaluated; size_t configs; Fields standard; } cases[] = {
-      {"declared default stores", true, false, 2, flags},
-      {"declared default stores, expression evaluated", true, true, 2, withExpression},
       {"no default store declared", false, false, 0, flags},
       {"no default store declared, expression evaluated", false, true, 0, withExpression},
   };

@@ -119,9 +119,12 @@ TEST_F(DeviceTest, ExtractResultsComeFromThePool) {
                           [&] { results ? (void)bs()->FreePool(results) : void(), results = nullptr; });
 }
 
-// (The lists' owner handle and device path are read by every export of a sample device.)
-TEST_F(DeviceTest, PackageListsGoWithTheDevice) {
-  device_->addPackageList(hii::buildPackageList(guidNumber(1), {hii::buildStringPackage("en-US", {u"NIC"})}));
+// (The lists' owner handle is read by every export of a sample device.)
+TEST_F(DeviceTest, PackageListsCarryTheDevicePathAndGoWithTheDevice) {
+  EFI_HII_HANDLE h = device_->addPackageList(hii::buildPackageList(guidNumber(1), {hii::buildStringPackage("en-US", {u"NIC"})}));
+  std::vector<EFI_HII_HANDLE> withPath;
+  ASSERT_EQ(listAll(withPath, EFI_HII_PACKAGE_DEVICE_PATH), EFI_SUCCESS);
+  EXPECT_EQ(withPath, std::vector<EFI_HII_HANDLE>{h});
   device_.reset();
   EXPECT_TRUE(hii().handles().empty());
   EXPECT_THROW(Device(platform(), hii(), {0x7f, 0xff, 0x02, 0x00}), std::invalid_argument);
