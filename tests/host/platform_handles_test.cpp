@@ -44,7 +44,6 @@ TEST_F(HandleDatabaseTest, InstallUninstallAndLocateRules) {
       {[&] { return bs()->UninstallProtocolInterface(h, &kB, &b); }, EFI_NOT_FOUND},
       {[&] { return bs()->UninstallProtocolInterface(bogus, &kA, &a); }, EFI_INVALID_PARAMETER},
       {[&] { return bs()->UninstallProtocolInterface(h, nullptr, &a); }, EFI_INVALID_PARAMETER},
-      {[&] { return bs()->ReinstallProtocolInterface(h, &kA, &a2, &b); }, EFI_NOT_FOUND},
       {[&] { return bs()->HandleProtocol(h, &kB, &i); }, EFI_UNSUPPORTED},
       {[&] { return bs()->HandleProtocol(bogus, &kA, &i); }, EFI_INVALID_PARAMETER},
       {[&] { return bs()->LocateProtocol(nullptr, nullptr, &i); }, EFI_INVALID_PARAMETER},
@@ -53,12 +52,9 @@ TEST_F(HandleDatabaseTest, InstallUninstallAndLocateRules) {
   };
   for (size_t n = 0; n < std::size(cases); ++n)
     EXPECT_EQ(statusName(cases[n].first()), statusName(cases[n].second)) << "case " << n;
-  // LocateProtocol finds the first installed; a reinstalled interface counts as newly installed.
+  // LocateProtocol finds the first installed.
   ASSERT_EQ(bs()->LocateProtocol(&kA, nullptr, &i), EFI_SUCCESS);
   EXPECT_EQ(i, &a);
-  ASSERT_EQ(bs()->ReinstallProtocolInterface(h, &kA, &a, &a), EFI_SUCCESS);
-  ASSERT_EQ(bs()->LocateProtocol(&kA, nullptr, &i), EFI_SUCCESS);
-  EXPECT_EQ(i, &a2);
   EXPECT_EQ(platform().uninstallProtocol(h2, kA, &a2), EFI_SUCCESS);
 
   // The handle lives while it carries a protocol and disappears with the last.
@@ -74,14 +70,14 @@ constexpr uint32_t kChild = EFI_OPEN_PROTOCOL_BY_CHILD_CONTROLLER;
 constexpr uint32_t kDriver = EFI_OPEN_PROTOCOL_BY_DRIVER;
 
 // OpenProtocol on interface A of one handle: "o<agent><controller><attributes>"
-// opens, "c<agent><controller>" closes, "u" uninstalls, "r" reinstalls; after
+// opens, "c<agent><controller>" closes, "u" uninstalls; after
 // "=" the status (s success, d denied, a already started, i invalid, n not
 // found). Handle 0 is null. Attributes: G get, H by handle, T test, C by
 // child, D by driver, X exclusive, ? an undefined bit.
 const std::pair<const char*, const char*> kOpenScenarios[] = {
     {"GET_PROTOCOL does not hold the interface", "o11G=s o11G=s u=s"},
     {"BY_HANDLE_PROTOCOL and TEST_PROTOCOL do not hold it either", "o10H=s o20T=s u=s"},
-    {"BY_DRIVER refuses uninstall and reinstall until closed", "o11D=s u=d r=d c11=s u=s"},
+    {"BY_DRIVER refuses uninstall until closed", "o11D=s u=d c11=s u=s"},
     {"BY_DRIVER twice by the same agent is ALREADY_STARTED", "o11D=s o11D=a c11=s"},
     {"BY_DRIVER by a second agent is denied; GET_PROTOCOL is not", "o11D=s o22D=d o22G=s c11=s c22=s"},
     {"EXCLUSIVE blocks BY_DRIVER, EXCLUSIVE and uninstall", "o10X=s o22D=d o20X=d o10X=d u=d c10=s u=s"},
@@ -118,8 +114,7 @@ TEST_F(HandleDatabaseTest, OpenProtocolScenarios) {
           EXPECT_EQ(iface, handsOut ? &a : nullptr) << step;
         }
       } else if (step[0] == 'c') status = bs()->CloseProtocol(h, &kA, agent, controller);
-      else if (step[0] == 'u') installed = (status = bs()->UninstallProtocolInterface(h, &kA, &a)) != EFI_SUCCESS && installed;
-      else status = bs()->ReinstallProtocolInterface(h, &kA, &a, &a);
+      else installed = (status = bs()->UninstallProtocolInterface(h, &kA, &a)) != EFI_SUCCESS && installed;
       EXPECT_EQ(statusName(status), statusName(statuses.at(step[eq + 1]))) << step;
     }
     if (installed) platform().uninstallProtocol(h, kA, &a);
@@ -160,11 +155,7 @@ TEST_F(HandleDatabaseTest, InstallMultipleIsAllOrNothing) {
   EXPECT_EQ(bs()->InstallMultipleProtocolInterfaces(&h, &kC, &c, &kA, &a2, nullptr), EFI_INVALID_PARAMETER);
   EXPECT_EQ(platform().handleProtocol(h, kA), &a);
   EXPECT_EQ(platform().handleProtocol(h, kC), nullptr);
-  // Removal is all-or-nothing too.
-  EXPECT_EQ(bs()->UninstallMultipleProtocolInterfaces(h, &kA, &a, &kB, &a2, nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(platform().handleProtocol(h, kA), &a);
-  EXPECT_EQ(bs()->UninstallMultipleProtocolInterfaces(h, &kA, &a, &kB, &b, nullptr), EFI_SUCCESS);
-  EXPECT_FALSE(inDatabase(platform(), h));
+  platform().uninstallProtocol(h, kA, &a), platform().uninstallProtocol(h, kB, &b);
 
   // A device path that some handle already has cannot make a new handle.
   std::vector<uint8_t> path = pciPath({1, 2}), same = path;
@@ -183,7 +174,8 @@ TEST_F(HandleDatabaseTest, InstallMultipleIsAllOrNothing) {
         EXPECT_TRUE(platform().handlesWith(kA).empty());
       },
       [&] {
-        if (swept) bs()->UninstallMultipleProtocolInterfaces(swept, &kA, &a, &kB, &b, &kC, &c, nullptr);
+        for (auto [guid, iface] : {std::pair{kA, &a}, {kB, &b}, {kC, &c}})
+          if (swept) platform().uninstallProtocol(swept, guid, iface);
         swept = nullptr;
       });
 }

@@ -1,4 +1,4 @@
-// Image loading, instances, entry failure, Exit, unload, the current-platform stack.
+// Image loading, instances, entry failure, unload, the current-platform stack.
 #include "tests/host/platform_test_util.h"
 #include "tests/host/test_counter_image.h"
 
@@ -35,9 +35,6 @@ TEST_F(ImageTest, EveryLoadIsAnIndependentInstance) {
   ASSERT_NE(info, nullptr);
   auto base = reinterpret_cast<uintptr_t>(info->ImageBase), code = reinterpret_cast<uintptr_t>(incFirst);
   EXPECT_TRUE(code >= base && code < base + info->ImageSize) << "ImageBase/ImageSize must cover the code";
-  // Exit is only for the image whose entry is running.
-  EXPECT_EQ(bs()->Exit(first, EFI_SUCCESS, 0, nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(bs()->Exit(nullptr, EFI_SUCCESS, 0, nullptr), EFI_INVALID_PARAMETER);
 }
 
 TEST_F(ImageTest, FailedEntriesUnloadTheImage) {
@@ -80,36 +77,11 @@ TEST_F(ImageTest, UnloadRules) {
   EXPECT_EQ(platform().unloadImage(busy), EFI_SUCCESS);
 }
 
-TEST_F(ImageTest, EventsOfAnUnloadedImageStillRun) {
-  setMode(TEST_MODE_UNLOADABLE);
-  EFI_HANDLE h = load(kImage);
-  auto create = platform().imageFunction<EFI_STATUS (*)(EFI_TPL, UINTN*, EFI_EVENT*)>(h, "counterCreateEvent");
-  auto value = platform().imageFunction<Counter>(h, "counterValue");
-  ASSERT_TRUE(create && value);
-  UINTN calls = 0;
-  EFI_EVENT event = nullptr;
-  ASSERT_EQ(create(TPL_CALLBACK, &calls, &event), EFI_SUCCESS);
-  ASSERT_EQ(platform().unloadImage(h), EFI_SUCCESS);
-  EXPECT_EQ(bs()->SignalEvent(event), EFI_SUCCESS);
-  EXPECT_EQ(calls, 1u);
-  EXPECT_EQ(value(), 1u);
-  bs()->CloseEvent(event);
-}
-
-TEST(PlatformStack, InnermostPlatformIsCurrent) {
+// (Nested in order, the innermost platform is current: the pool tests' lean platforms.) Out of order, the
+// remaining platform falls back to the one below.
+TEST(PlatformStack, APlatformRemovedOutOfOrderLeavesTheOtherCurrent) {
   EXPECT_EQ(host::currentPlatform(), nullptr);
   auto outer = std::make_unique<host::Platform>();
-  EXPECT_EQ(host::currentPlatform(), outer.get());
-  {
-    host::Platform inner;
-    EXPECT_EQ(host::currentPlatform(), &inner);
-    void* p = nullptr;  // boot services act on the current platform
-    ASSERT_EQ(outer->bootServices()->AllocatePool(EfiBootServicesData, 8, &p), EFI_SUCCESS);
-    EXPECT_EQ(inner.poolStats().outstanding, 1u);
-    EXPECT_EQ(outer->poolStats().outstanding, 0u);
-  }
-  EXPECT_EQ(host::currentPlatform(), outer.get());
-  // Out of order: the remaining platform falls back to the one below.
   auto second = std::make_unique<host::Platform>();
   outer.reset();
   EXPECT_EQ(host::currentPlatform(), second.get());

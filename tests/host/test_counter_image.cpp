@@ -34,11 +34,6 @@ EFI_STATUS EFIAPI unloadImage(EFI_HANDLE imageHandle) {
 
 UINTN EFIAPI protocolIncrement() { return counterIncrement(); }
 
-VOID EFIAPI countNotify(EFI_EVENT, VOID* context) {
-  counterIncrement();
-  if (context) *static_cast<UINTN*>(context) += 1;
-}
-
 }  // namespace
 
 extern "C" {
@@ -46,12 +41,6 @@ extern "C" {
 UINTN gCounter = 0;
 
 UINTN counterIncrement() { return ++gCounter; }
-UINTN counterValue() { return gCounter; }
-
-// Creates a signal event whose notify counts (in gCounter and in *context).
-EFI_STATUS counterCreateEvent(EFI_TPL tpl, UINTN* context, EFI_EVENT* event) {
-  return tvl::rt::bs()->CreateEvent(EVT_NOTIFY_SIGNAL, tpl, countNotify, context, event);
-}
 
 EFI_STATUS EFIAPI EfiMain(EFI_HANDLE imageHandle, EFI_SYSTEM_TABLE* systemTable) {
   tvl::rt::initialize(imageHandle, systemTable);

@@ -22,6 +22,4 @@ struct TEST_COUNTER_PROTOCOL {
 
 extern "C" {
 UINTN counterIncrement();
-UINTN counterValue();
-EFI_STATUS counterCreateEvent(EFI_TPL tpl, UINTN* context, EFI_EVENT* event);
 }

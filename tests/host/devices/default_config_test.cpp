@@ -65,10 +65,9 @@ Fields fields(const std::vector<DefaultField>& in) {
 TEST(DefaultConfigTest, StandardDefaultsTakeEvaluatedExpressionsAndNeedNoDeclaredStore) {
   const Fields flags = {{0, {5}}, {4, {1}}};
   const Fields withExpression = {{0, {5}}, {2, {9, 0}}, {4, {1}}};
-  // configs: the default configurations routing would answer.
+  // configs: the default configurations routing would answer. (With declared default stores: the device's
+  // whole-store answers, the offline platform's computed defaults.)
   const struct { const char* what; bool defaultStores, evaluated; size_t configs; Fields standard; } cases[] = {
-      {"declared default stores", true, false, 2, flags},
-      {"declared default stores, expression evaluated", true, true, 2, withExpression},
       {"no default store declared", false, false, 0, flags},
       {"no default store declared, expression evaluated", false, true, 0, withExpression},
   };
@@ -84,38 +83,6 @@ TEST(DefaultConfigTest, StandardDefaultsTakeEvaluatedExpressionsAndNeedNoDeclare
     const std::vector<DefaultConfig> configs = defaultConfigs(lists, kStore, u"Setup", evaluated);
     ASSERT_EQ(configs.size(), c.configs) << c.what;
     if (c.configs) { EXPECT_EQ(fields(configs.front().fields), c.standard) << c.what; }
-  }
-}
-
-// One walk serves every storage: each keeps the fields of its own
-// questions, also where two varstore ids name the same storage, and a
-// storage of a form set without questions on it still gets its (empty)
-// configurations.
-TEST(DefaultConfigTest, OneWalkGivesEachStorageItsOwnFields) {
-  ifr::FormSetBuilder set(kFormSet, 1, 1);
-  set.varStore(1, kStore, "Setup", 8)
-      .efiVarStore(2, kOther, "Flags", 2, EFI_VARIABLE_NON_VOLATILE | EFI_VARIABLE_BOOTSERVICE_ACCESS)
-      .varStore(4, kStore, "Setup", 12)
-      .varStore(5, kOther, "Unused", 4);
-  set.form(1, 1)
-      .oneOf(ifr::OneOf(1, 1, 1).store(1, 0).option(1, 3).option(1, 5, EFI_IFR_OPTION_DEFAULT))
-      .checkbox(ifr::Checkbox(2, 1, 1).store(2, 0).defaultOn())
-      .numeric(ifr::Numeric(3, 1, 1, ifr::Width::U16).store(4, 6).defaultValue(0x0102));
-  const std::vector<std::vector<uint8_t>> lists = {hii::buildPackageList(kFormSet, {ifr::formsPackage(set.ifr())})};
-  const DeviceDefaults all = allDefaultConfigs(lists);
-  const struct { EFI_GUID guid; std::u16string name; Fields standard; } cases[] = {
-      {kStore, u"Setup", {{0, {5}}, {6, {2, 1}}}},
-      {kOther, u"Flags", {{0, {1}}}},
-      {kOther, u"Unused", {}},
-  };
-  ASSERT_EQ(all.size(), std::size(cases));
-  for (const auto& c : cases) {
-    auto found = all.find(StorageName{c.guid, c.name});
-    ASSERT_NE(found, all.end());
-    ASSERT_EQ(found->second.size(), 2u);  // standard and manufacturing, as the form set declares them
-    EXPECT_EQ(fields(found->second.front().fields), c.standard);
-    EXPECT_EQ(fields(standardFields(all, c.guid, c.name)), c.standard);
-    EXPECT_EQ(fields(defaultConfigs(lists, c.guid, c.name).front().fields), c.standard);
   }
 }
 

@@ -1,4 +1,4 @@
-// Package-list validation and the export format (lists back to back).
+// Package-list validation.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -21,28 +21,6 @@ Bytes sample() {
 
 void setLength(Bytes& b, uint32_t length) {
   for (int i = 0; i < 4; ++i) b[16 + i] = uint8_t(length >> (8 * i));
-}
-
-TEST(PackageList, BuiltListSplitsIntoItsPackagesAndListsSitBackToBack) {
-  const Bytes a = sample();
-  Bytes both = cat({a, hii::buildPackageList(kListGuid, {})});
-  ExactCopy copy(both);
-  std::vector<hii::PackageListView> lists;
-  ASSERT_EQ(hii::parsePackageLists(copy.data.get(), copy.size, lists), EFI_SUCCESS);
-  ASSERT_EQ(lists.size(), 2u);
-  EXPECT_EQ(lists[0].guid, kListGuid);
-  EXPECT_EQ(lists[0].size, a.size());
-  ASSERT_EQ(lists[0].packages.size(), 2u);
-  EXPECT_EQ(lists[0].packages[0].type * 256 + lists[0].packages[1].type, EFI_HII_PACKAGE_STRINGS * 256 + EFI_HII_PACKAGE_FORMS);
-  EXPECT_EQ(lists[0].packages[1].data[4], 1);
-  EXPECT_TRUE(lists[1].packages.empty());
-
-  // A broken second list is reported at its offset in the whole input.
-  both[a.size() + 20] = 2;
-  ExactCopy broken(both);
-  hii::FormatError error;
-  EXPECT_EQ(hii::parsePackageLists(broken.data.get(), broken.size, lists, &error), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(error.offset, a.size() + 20);
 }
 
 TEST(PackageList, MalformedListsAreRefusedWithTheirOffset) {

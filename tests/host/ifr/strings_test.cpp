@@ -1,12 +1,10 @@
-// String ids per language, their string packages, and the package list that
-// carries a form set with its strings.
+// String ids per language and their string packages. (The package list that
+// carries a form set with its strings is read whole by the sample exports.)
 #include <gtest/gtest.h>
 
 #include <map>
 
-#include "host/hii/package_list.h"
 #include "host/hii/string_package.h"
-#include "host/ifr/ifr_builder.h"
 #include "host/ifr/strings.h"
 
 namespace ifr = tvl::host::ifr;
@@ -14,8 +12,6 @@ namespace hii = tvl::host::hii;
 using ifr::Bytes;
 
 namespace {
-
-const EFI_GUID kListGuid = {0xa1b2c3d4, 0x1111, 0x2222, {3, 3, 4, 4, 5, 5, 6, 6}};
 
 ifr::Strings sampleStrings() {
   ifr::Strings s({"en-US", "x-UEFI"});
@@ -58,24 +54,6 @@ TEST(IfrStrings, IdsKeepTheirTextPerLanguageAndPackagesLeaveMissingIdsUndefined)
   EXPECT_THROW(s.add({{"en-US", u"a"}, {"en-US", u"b"}}), std::invalid_argument);  // a language twice
   EXPECT_THROW(s.add({{"", u"a"}}), std::invalid_argument);
   EXPECT_THROW(ifr::Strings({"en-US", ""}), std::invalid_argument);
-}
-
-TEST(IfrPackageList, HoldsFormsThenOneStringPackagePerLanguageThenEnd) {
-  ifr::Strings strings = sampleStrings();
-  ifr::FormSetBuilder fs(kListGuid, 1, 1);
-  fs.form(1, 2).text(3, 4);
-  Bytes list = ifr::packageList(kListGuid, fs, strings);
-
-  hii::PackageListView view;
-  hii::FormatError error;
-  ASSERT_EQ(hii::parsePackageList(list.data(), list.size(), view, &error), EFI_SUCCESS) << error.message;
-  ASSERT_EQ(view.packages.size(), 4u);
-  std::vector<Bytes> packages = strings.packages();
-  packages.insert(packages.begin(), fs.package());
-  for (size_t i = 0; i < packages.size(); ++i) {
-    ASSERT_EQ(view.packages[i].size, packages[i].size());
-    EXPECT_TRUE(std::equal(packages[i].begin(), packages[i].end(), view.packages[i].data)) << i;
-  }
 }
 
 }  // namespace

@@ -20,12 +20,6 @@ using shapes::Bytes;
 
 namespace {
 
-std::vector<uint8_t> le(uint64_t value, size_t width) {
-  std::vector<uint8_t> bytes(width);
-  for (size_t i = 0; i < width; ++i) bytes[i] = uint8_t(value >> (8 * i));
-  return bytes;
-}
-
 // The stores' standard defaults, field by field as platformConfigList gives them: 800; 800 + 224 computed; the
 // option flag; the checkbox flag; a DEFAULT opcode over the flag; a manufacturing default only; 3 * 7; no default.
 // In the variable: the checkbox flag and a DEFAULT.
@@ -44,9 +38,6 @@ std::vector<uint8_t> variableStore(OfflinePlatform& p) {
 std::string hdr(const EFI_GUID& guid, const std::u16string& name) {
   return hii::toAscii(hii::configHdr(guid, name, {0x7f, 0xff, 0x04, 0x00}));
 }
-
-// A field of the platform list's buffer or variable store.
-struct Field { bool variable; size_t offset, width; uint64_t value; };
 
 TEST(OfflinePlatformTest, StoresStartFromTheStandardDefaultsOfTheForms) {
   OfflinePlatform p(shapes::platformConfigList());
@@ -71,36 +62,26 @@ TEST(OfflinePlatformTest, StoresStartFromTheStandardDefaultsOfTheForms) {
 TEST(OfflinePlatformTest, ConfigLinesOverwriteTheStoresTheyName) {
   const std::string buffer = hdr(shapes::kPlatformStoreGuid, shapes::kPlatformStore);
   const std::string variable = hdr(shapes::kPlatformVariableGuid, shapes::kPlatformVariable);
-  const struct {
-    const char* what;
-    std::string text;
-    std::vector<Field> fields;  // what the text changes; everything else keeps its default
-  } cases[] = {
+  using V = std::vector<uint8_t>;
+  const struct { const char* what; std::string text; V buffer, variable; } cases[] = {  // the stores afterwards
       {"a whole store as ExtractConfig answers it, with its default configurations",
        buffer + "&OFFSET=0000&WIDTH=0010&VALUE=000000000000000800000002010300f0&" + buffer +
            "&ALTCFG=0000&OFFSET=0000&WIDTH=0002&VALUE=0320\n",
-       {{false, 0, 2, 0xf0}, {false, 2, 2, 0x103}, {false, 4, 1, 2}, {false, 5, 1, 0}, {false, 6, 1, 0},
-        {false, 7, 1, 0}, {false, 8, 4, 8}, {false, 12, 4, 0}}},
+       {0xf0, 0, 0x03, 0x01, 2, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0}, kVariableDefaults},
       {"two stores on one line, comments, CRLF, indentation, upper-case digits",
        "# current values\r\n\r\n  " + buffer + "&OFFSET=4&WIDTH=1&VALUE=02&" + variable +
            "&OFFSET=2&WIDTH=2&VALUE=BEEF\r\n",
-       {{false, 4, 1, 2}, {true, 2, 2, 0xbeef}}},
+       {0x20, 0x03, 0x00, 0x04, 2, 1, 0, 0, 21, 0, 0, 0, 0, 0, 0, 0}, {1, 0, 0xef, 0xbe}},
       {"later lines write over earlier ones",
        buffer + "&OFFSET=c&WIDTH=4&VALUE=1\n" + buffer + "&OFFSET=d&WIDTH=1&VALUE=2",
-       {{false, 12, 4, 0x0201}}},
-      {"a header without blocks changes nothing", variable, {}},
+       {0x20, 0x03, 0x00, 0x04, 1, 1, 0, 0, 21, 0, 0, 0, 1, 2, 0, 0}, kVariableDefaults},
+      {"a header without blocks changes nothing", variable, kBufferDefaults, kVariableDefaults},
   };
   for (const auto& c : cases) {
     OfflinePlatform p(shapes::platformConfigList());
-    std::vector<uint8_t> expectBuffer = bufferStore(p), expectVariable = variableStore(p);
-    for (const Field& f : c.fields) {
-      std::vector<uint8_t>& bytes = f.variable ? expectVariable : expectBuffer;
-      const std::vector<uint8_t> value = le(f.value, f.width);
-      std::copy(value.begin(), value.end(), bytes.begin() + long(f.offset));
-    }
     p.applyConfig(0, offline::parseConfigLines(c.text));
-    EXPECT_EQ(bufferStore(p), expectBuffer) << c.what;
-    EXPECT_EQ(variableStore(p), expectVariable) << c.what;
+    EXPECT_EQ(bufferStore(p), c.buffer) << c.what;
+    EXPECT_EQ(variableStore(p), c.variable) << c.what;
   }
 }
 
@@ -148,7 +129,7 @@ TEST(OfflinePlatformTest, AListThatTheDatabaseRefusesIsLeftOutWithAWarning) {
   for (const auto& package : view.packages)
     if (package.type == EFI_HII_PACKAGE_STRINGS) strings = package.offset;
   ASSERT_NE(strings, 0u);
-  const std::vector<uint8_t> offset = le(0xffff, 4);  // StringInfoOffset past the package
+  const std::vector<uint8_t> offset = {0xff, 0xff, 0, 0};  // StringInfoOffset past the package
   std::copy(offset.begin(), offset.end(), broken.begin() + long(strings + 8));
   const size_t at = bytes.size();
   bytes.insert(bytes.end(), broken.begin(), broken.end());

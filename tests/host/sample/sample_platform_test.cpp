@@ -1,10 +1,7 @@
-// The sample platform's form descriptions: the layout rules they must keep
-// and the initial bytes of a store. (Its devices are checked whole by their
-// exported documents, kept from a firmware run: tests/firmware; its password
-// services by `tolvane info`: tests/tools.)
+// The sample platform's form descriptions: the layout rules they must keep.
+// (Its devices, with the initial bytes of their stores, are checked whole by
+// their exported documents: tests/export, tests/firmware.)
 #include <gtest/gtest.h>
-
-#include <functional>
 
 #include "host/sample/sample_devices.h"
 #include "host/sample/sample_platform.h"
@@ -35,63 +32,17 @@ TEST(SampleFormDescription, RefusesDescriptionsThatCannotBeLaidOut) {
        {sample::numeric(1, u"A", u"A", Width::U16).at(1, 0), sample::checkbox(2, u"B", u"B").at(1, 1)}},
       {"unknown store", {sample::checkbox(1, u"C", u"C").at(2, 0)}},
       {"repeated question id", {sample::checkbox(1, u"A", u"A").at(1, 0), sample::checkbox(1, u"B", u"B").at(1, 1)}},
-      {"zero question id", {sample::checkbox(0, u"A", u"A").at(1, 0)}},
       {"reference to a missing form", {sample::reference(1, u"R", u"R", 9)}},
       {"current value wider than the question", {sample::numeric(1, u"N", u"N", Width::U8).at(1, 0).value(256)}},
-      {"checkbox value above 1", {sample::checkbox(1, u"C", u"C").at(1, 0).value(2)}},
       {"more elements than containers", {sample::orderedList(1, u"L", u"L", Width::U8, 2).at(1, 0).values({1, 2, 3})}},
       {"text longer than the maximum", {sample::string(1, u"S", u"S", 0, 2).at(1, 0).valueText(u"abc")}},
       {"value without storage", {sample::checkbox(1, u"C", u"C").value(1)}},
-      {"option on a checkbox", {sample::checkbox(1, u"C", u"C").at(1, 0).option(u"X", u"X", 1)}},
       {"default that does not suit", {sample::checkbox(1, u"C", u"C").at(1, 0).defaultNumber(1)}},
   };
   for (const auto& c : cases) EXPECT_THROW(sample::buildPackageList(tinyDevice(c.statements)), std::invalid_argument) << c.name;
   // The same shapes laid out correctly are accepted.
   EXPECT_NO_THROW(sample::buildPackageList(tinyDevice({sample::numeric(1, u"N", u"N", Width::U32).at(1, 12),
                                                        sample::reference(2, u"R", u"R", 1)})));
-}
-
-// Rules on the device as a whole: its form sets and languages.
-TEST(SampleFormDescription, RefusesDevicesWhoseFormSetsOrLanguagesClash) {
-  using D = sample::DeviceDescription;
-  const struct { const char* name; std::function<void(D&)> change; } cases[] = {
-      {"two form sets with one GUID", [](D& d) { d.formSets.push_back(d.formSets[0]); }},
-      {"one store in two form sets", [](D& d) { d.formSets.push_back(d.formSets[0]), d.formSets[1].guid.Data1 = 0x99; }},
-      {"no language", [](D& d) { d.languages.clear(); }},
-      {"a language named twice", [](D& d) { d.languages = {"en-US", "fr-FR", "en-US"}; }},
-      {"a translation into a language the device lacks", [](D& d) { d.translations["de-DE"] = {{u"Test", u"Pr\u00fcfung"}}; }},
-      {"a translation into en-US",
-       [](D& d) { d.languages = {"en-US", "fr-FR"}, d.translations["en-US"] = {{u"Test", u"Testing"}}; }},
-  };
-  for (const auto& c : cases) {
-    D device = tinyDevice({sample::checkbox(1, u"C", u"C").at(1, 0)});
-    EXPECT_NO_THROW(sample::validate(device)) << c.name;
-    c.change(device);
-    EXPECT_THROW(sample::buildPackageList(device), std::invalid_argument) << c.name;
-  }
-}
-
-// Each current value at its offset; a negative number in two's complement
-// of its question's width, within the checks of that width.
-TEST(SampleFormDescription, InitialStorageWritesEachCurrentValueAtItsOffset) {
-  const struct { const char* name; std::vector<Statement> statements; std::vector<UINT8> bytes; } cases[] = {
-      {"every kind",
-       {sample::numeric(1, u"N", u"N", Width::U32).at(1, 0).value(0x11223344), sample::checkbox(2, u"C", u"C").at(1, 4).value(1),
-        sample::orderedList(3, u"L", u"L", Width::U16, 2).at(1, 6).values({0x0102, 0x0304}),
-        sample::string(4, u"S", u"S", 0, 2).at(1, 10).valueText(u"hi"), sample::password(5, u"P", u"P", 0, 1).at(1, 14)},
-       {0x44, 0x33, 0x22, 0x11, 1, 0, 0x02, 0x01, 0x04, 0x03, 'h', 0, 'i', 0, 0, 0}},
-      {"signed",
-       {sample::numeric(1, u"A", u"A", Width::U8).at(1, 0).signedRange(-15, 15, 1).signedValue(-5),
-        sample::numeric(2, u"B", u"B", Width::U16).at(1, 2).signedRange(-50, 50, 5).signedValue(-10),
-        sample::numeric(3, u"C", u"C", Width::U32).at(1, 4).signedRange(-1, 3600, 1).signedValue(-1),
-        sample::numeric(4, u"D", u"D", Width::U64).at(1, 8).signedRange(-1000, 1000).signedValue(-2)},
-       {0xFB, 0, 0xF6, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
-  };
-  for (const auto& c : cases) {
-    sample::DeviceDescription d = tinyDevice(c.statements);
-    EXPECT_NO_THROW(sample::buildPackageList(d)) << c.name;
-    EXPECT_EQ(sample::initialStorage(d.formSets[0], d.formSets[0].varStores[0]), c.bytes) << c.name;
-  }
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 // The sample platform's state file: round trips of the stores and the
-// password state, refusal of damaged files, interrupted writes, its path.
-// (Password services and stored passwords persist through `tolvane password`
-// runs: tests/tools.)
+// password state, refusal of damaged files, interrupted writes. (Password
+// services and stored passwords persist through `tolvane password` runs, the
+// file's path follows the environment of `tolvane`: tests/tools.)
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -81,10 +79,7 @@ TEST_F(SampleStateTest, CommitWritesChangedStoresAndTheyLoadBack) {
   EXPECT_NE(stat(file.c_str(), &st), 0) << "an unchanged platform writes nothing";
 
   const std::vector<StoreState> defaults = sample::captureStores(*sample_);
-  size_t variables = 0;  // both kinds of store, on every device
-  for (const auto& s : defaults) variables += s.variable;
   ASSERT_EQ(defaults.size(), 10u);
-  EXPECT_EQ(variables, 2u);
   changeEveryStore();
   const std::vector<StoreState> changed = sample::captureStores(*sample_);
   EXPECT_TRUE(state.commit());
@@ -143,7 +138,6 @@ TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
        at(n + 5) + "the end line counts " + std::to_string(lines - 1) + " lines, the file holds " + std::to_string(lines)},
       {"text after the end", [](const std::string& t) { return t + "store x\n"; }, at(n + 6) + "text after the end line"},
       {"version 3", rep("tolvane-state 2", "tolvane-state 3"), "line 1: state format version 3 is not supported"},
-      {"another kind of file", [](const std::string& t) { return "#!/bin/sh\n" + t; }, "line 1: not a tolvane state file"},
       {"bad hex", [](std::string t) { return t.replace(t.find(" SetupMenu ") + 11, 1, "g"); },
        "line 2: 'g' at byte 0 is not a hexadecimal digit"},
       {"odd hex", rep(" SetupMenu ", " SetupMenu 0"), "line 2: the bytes have an odd number of hexadecimal digits"},
@@ -155,25 +149,19 @@ TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
       {"wrong size", [&](const std::string& t) { std::string l = lastStoreLine(t); return replace(t, l, l.substr(0, l.size() - 3) + "\n"); },
        at(n + 1) + "store \"RaidControllerConfig\" " + raid + " of device RAID.Slot.6-1 holds 16 bytes, not 15"},
       {"wrong kind", rep(" variable ", " buffer "), "is an EFI variable store, not a buffer store"},
-      {"unknown kind", rep(" variable ", " nvram "), "unknown store kind \"nvram\""},
       {"store twice", [&](const std::string& t) { std::string l = lastStoreLine(t); return endCount(replace(t, l, l + l), lines + 1); },
        at(n + 2) + "store \"RaidControllerConfig\""},
       {"bad GUID", rep("FE8D2124-DD31", "FE8D2124DD31-"), "is not a GUID in registry format"},
-      {"two blanks", rep(" SetupMenu ", "  SetupMenu "), "line 2: empty field"},
       {"CR LF line ends", rep("tolvane-state 2\n", "tolvane-state 2\r\n"), "line 1: a control or non-ASCII character"},
       {"missing field", rep(" SetupMenu ", " "), "line 2: a store line has 5 fields instead of 6"},
       {"unknown password services", rep("passwords legacy", "passwords old"), "unknown password services \"old\""},
       {"passwords twice",
        [&](const std::string& t) { return endCount(replace(t, "passwords legacy\n", "passwords legacy\npasswords new\n"), lines + 1); },
        "the password services are given twice"},
-      {"passwords line with a further field", rep("passwords legacy", "passwords legacy new"),
-       "a passwords line has 3 fields instead of 2"},
       {"unknown password variable", rep("password-variable SetupPassword", "password-variable BootOrder"),
        "\"BootOrder\" is not a variable of the password store"},
       {"password variable twice", rep("password-variable PasswordDisabled", "password-variable SetupPassword"),
        "the password variable SetupPassword is given twice"},
-      {"password variable without bytes", rep("PasswordDisabled 02", "PasswordDisabled -"),
-       "the password variable PasswordDisabled holds no bytes"},
       {"password variable too long", rep("PasswordDisabled 02", "PasswordDisabled " + std::string(2050, '0')),
        "a password variable of more than 1024 bytes"},
   };
@@ -198,8 +186,8 @@ TEST_F(SampleStateTest, DamagedStateFilesAreRefusedWithoutChangingAnything) {
   sample_->setPasswordServices(sample::PasswordServices::None);  // unloaded before the leak check
 }
 
-// A write stopped between writing the new file and renaming it, by an error
-// or by the process being killed, leaves the old file as it was.
+// A write stopped between writing the new file and renaming it leaves the old
+// file as it was.
 TEST_F(SampleStateTest, InterruptedWritesLeaveTheOldFileIntact) {
   const std::vector<StoreState> defaults = sample::captureStores(*sample_);
   StateFile file(path());
@@ -221,43 +209,8 @@ TEST_F(SampleStateTest, InterruptedWritesLeaveTheOldFileIntact) {
   EXPECT_EQ(readText(path()), old);
   EXPECT_EQ(entries(), std::vector<std::string>{"platform.state"});
 
-  pid_t child = fork();  // killed: the complete new file stays behind, the old one is intact
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    file.write(changed, [](const std::string&) { raise(SIGKILL); });
-    _exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
-  EXPECT_EQ(readText(path()), old);
-  std::vector<std::string> left = entries();
-  ASSERT_EQ(left.size(), 2u);
-  for (const auto& name : left)
-    if (name != "platform.state") {
-      EXPECT_EQ(readText(path(name)), fresh) << name;
-    }
   file.write(changed);
   EXPECT_EQ(readText(path()), fresh);
-}
-
-TEST(SampleStatePath, FollowsTheEnvironment) {
-  const struct { const char *tolvaneState, *xdgStateHome, *home, *path; } cases[] = {  // path null: refused
-      {"/srv/x.state", "/xdg", "/home/u", "/srv/x.state"},
-      {"rel.state", nullptr, nullptr, "rel.state"},
-      {"", "/xdg", "/home/u", "/xdg/tolvane/platform.state"},
-      {nullptr, "relative/xdg", "/home/u", "/home/u/.local/state/tolvane/platform.state"},
-      {nullptr, "", "/home/u", "/home/u/.local/state/tolvane/platform.state"},
-      {nullptr, nullptr, "", nullptr},
-      {nullptr, "relative/xdg", nullptr, nullptr},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.tolvaneState ? c.tolvaneState : "-") + " " + (c.xdgStateHome ? c.xdgStateHome : "-"));
-    if (c.path)
-      EXPECT_EQ(sample::statePathFrom(c.tolvaneState, c.xdgStateHome, c.home), c.path);
-    else
-      EXPECT_THROW(sample::statePathFrom(c.tolvaneState, c.xdgStateHome, c.home), StateError);
-  }
 }
 
 }  // namespace
