@@ -1,6 +1,5 @@
-// The device-location service image: registration, byte-exact lookups with
-// the UEFI text form of device paths, refusals of malformed input,
-// allocation-failure sweeps of every operation that allocates, and unload.
+// The device-location service: registration, lookups with the UEFI text
+// form of device paths, refusals, allocation failures and unload.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -56,8 +55,7 @@ class LocationTest : public tvl::test::PlatformTest {
     loc_ = locate<DEVICE_LOCATION_PROTOCOL>(gDeviceLocationProtocolGuid);
     ASSERT_NE(loc_, nullptr);
   }
-  // Unloading frees the table: every test's leak check sees it. (That it
-  // removes the protocol: the service entry test.)
+  // Unloading frees the table: every test's leak check sees it.
   void TearDown() override {
     EXPECT_EQ(platform().unloadImage(image_), EFI_SUCCESS);
     PlatformTest::TearDown();
@@ -171,8 +169,7 @@ TEST_F(LocationTest, AllocationFailuresLeaveNothingBehind) {
   const Entry nic = entries()[0];
   const Entry disk = entries()[3];
   ASSERT_EQ(reg(nic), EFI_SUCCESS);
-  // Registration makes one allocation; when it fails nothing changes,
-  // neither for a new path nor for one being registered again.
+  // A failed registration changes nothing, for a new path or a known one.
   const size_t outstanding = platform().poolStats().outstanding;
   platform().failAllocation(1);
   EXPECT_EQ(reg(disk), EFI_OUT_OF_RESOURCES);
