@@ -110,7 +110,6 @@ TEST_F(FormsConditionsTest, ConditionsSetTheMarksOfStatementsAndOptions) {
   } rows[] = {
       {"and, not", in(kSuppress, ifr::And(ifr::ideqval(1, 1), ifr::Not(ifr::ideqval(2, 3)))), 0, 0, 0, -1},
       {"or", in(kSuppress, ifr::Or(ifr::ideqval(1, 0), ifr::ideqval(3, 9))), 1, 0, 0, -1},
-      {"no condition, after a closed one", put, 0, 0, 0, -1},
       {"eqidid", in(kSuppress, ifr::eqidid(2, 4)), 1, 0, 0, -1},
       {"value list", in(kSuppress, ifr::ideqvallist(3, {1, 9})), 1, 0, 0, -1},
       {"value list without the value", in(kSuppress, ifr::ideqvallist(3, {1, 2})), 0, 0, 0, -1},
