@@ -71,7 +71,6 @@ ifr::Bytes otherStrings() {
 TEST_F(FormsCacheTest, KeptParseAnswersAsAFreshOneAndParsesAgainOnlyWhenTheHandlesPackagesChange) {
   const UINT8 oneOf3[] = {3, 0};
   const struct { const char* what; std::function<void()> change; bool parsesAgain, changesRecords; } rows[] = {
-      {"nothing changes", [] {}, false, false},
       {"RouteConfig writes a value the image's suppressif reads",
        [&] {
          std::u16string config = device_->configHdr(kStoreGuid, u"Setup") + hii::blockConfig(2, oneOf3, 2);
@@ -129,27 +128,6 @@ TEST_F(FormsCacheTest, HeldFormSetsAreNeitherReusedNorFreedUnderTheCaller) {
   exports = gExports[handle_];
   EXPECT_EQ(process({handle_})->status, EFI_SUCCESS);
   EXPECT_EQ(gExports[handle_] - exports, 1);
-}
-
-// The service loads before the database (as on the sample platform).
-class FormsCacheLateDatabaseTest : public FormsTest {
- protected:
-  void installDatabase() override {}
-};
-
-TEST_F(FormsCacheLateDatabaseTest, RegistersWhenTheDatabaseAppears) {
-  EXPECT_EQ(process({reinterpret_cast<EFI_HII_HANDLE>(0x1000)})->status, EFI_NOT_FOUND);
-  FormsTest::installDatabase();
-  Sample sample;
-  EFI_HII_HANDLE handle = registerSample(sample);
-  ASSERT_EQ(process({handle})->status, EFI_SUCCESS);
-  EFI_HII_DATABASE_PROTOCOL* db = database().database();
-  const ifr::Bytes list = otherForms();
-  ASSERT_EQ(db->UpdatePackageList(db, handle, reinterpret_cast<const EFI_HII_PACKAGE_LIST_HEADER*>(list.data())),
-            EFI_SUCCESS);
-  auto parse = process({handle});
-  ASSERT_EQ(parse->status, EFI_SUCCESS);
-  EXPECT_NE(findQuestion(parse->set(), 0x77), nullptr) << "the update was seen";
 }
 
 }  // namespace

@@ -29,8 +29,6 @@ std::vector<Entry> entries() {
        u"PciRoot(0x0)/Pci(0x1C,0x0)/MAC(001122AABBCC,0x1)"},
       {"BIOS setup", hii::DevicePathBuilder().vendorHardware(kVendor).build(), u"BIOS.Setup.1-1", u"BIOS Setup",
        u"VenHw(3F0A1B2C-4D5E-4F60-8192-A3B4C5D6E7F8)"},
-      {"vendor node with data", hii::DevicePathBuilder().vendorHardware(kVendor, {0x0a, 0x0b}).build(),
-       u"System.Embedded.1", u"", u"VenHw(3F0A1B2C-4D5E-4F60-8192-A3B4C5D6E7F8,0A0B)"},
       {"SATA disk", hii::DevicePathBuilder().pcieRoot(1).pci(2, 1).sata(0, 0xffff, 0).build(),
        u"Disk.Bay.0:Enclosure.Internal.0-1", u"Disk 0 in Bay 0", u"PcieRoot(0x1)/Pci(0x2,0x1)/Sata(0x0,0xFFFF,0x0)"},
       {"NVMe namespace", hii::DevicePathBuilder().pciRoot(0).pci(3, 0).nvme(1, 0x0011223344556677ull).build(),
@@ -41,9 +39,6 @@ std::vector<Entry> entries() {
       {"known node of the wrong length",
        hii::DevicePathBuilder().node(HARDWARE_DEVICE_PATH, HW_PCI_DP, {0x1c, 0, 0}).node(0x05, 0x01, {}).build(),
        u"Odd.1", u"odd", u"Path(1,1,1C0000)/Path(5,1)"},
-      {"two instances",
-       hii::DevicePathBuilder().pciRoot(0).pci(1, 0).node(END_DEVICE_PATH_TYPE, 0x01, {}).pciRoot(1).pci(2, 0).build(),
-       u"Multi.1", u"two paths", u"PciRoot(0x0)/Pci(0x1,0x0),PciRoot(0x1)/Pci(0x2,0x0)"},
   };
 }
 
