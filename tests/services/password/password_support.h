@@ -100,10 +100,11 @@ class PasswordServiceTest : public PlatformTest {
     std::memcpy(&r, data->data(), sizeof r);
     return r;
   }
-  void putRecord(UINT16 which, const PASSWORD_RECORD& record) {
-    const auto* bytes = reinterpret_cast<const UINT8*>(&record);
-    putVariable(recordName(which), Bytes(bytes, bytes + sizeof record));
+  static Bytes recordBytes(const PASSWORD_RECORD& r) {
+    const auto* b = reinterpret_cast<const UINT8*>(&r);
+    return Bytes(b, b + sizeof r);
   }
+  void putRecord(UINT16 which, const PASSWORD_RECORD& r) { putVariable(recordName(which), recordBytes(r)); }
   void markDisabled(UINT8 bits) { putVariable(PASSWORD_DISABLED_VARIABLE, {bits}); }
 
   // SHA-256, HMAC-SHA-256 and PBKDF2 as the newer image computes them

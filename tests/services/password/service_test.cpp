@@ -186,16 +186,12 @@ TEST_F(PasswordServiceTest, GetProperties) {
 TEST_F(PasswordServiceTest, DamagedRecords) {
   ASSERT_EQ(setPlain(newer_, kSys, u"", u"Good"), EFI_SUCCESS);
   const PASSWORD_RECORD good = *record(kSys);
-  const auto bytes = [](const PASSWORD_RECORD& r) {
-    const auto* b = reinterpret_cast<const UINT8*>(&r);
-    return Bytes(b, b + sizeof r);
-  };
-  const Bytes whole = bytes(good);
+  const Bytes whole = recordBytes(good);
   using R = PASSWORD_RECORD&;
   auto damaged = [&](const std::function<void(R)>& damage) {
     PASSWORD_RECORD r = good;
     damage(r);
-    return bytes(r);
+    return recordBytes(r);
   };
   const struct { const char* name; Bytes data; } cases[] = {
       {"one byte short", Bytes(whole.begin(), whole.end() - 1)},

@@ -24,13 +24,7 @@ Bytes text(const std::string& s) { return bytesOf(s); }
 
 constexpr UINT16 kSys = PASSWORD_WHICH_SYSTEM, kSetup = PASSWORD_WHICH_SETUP;
 
-class PasswordStorageTest : public tvl::test::BothPasswordServicesTest {
- public:
-  Bytes salt(UINT16 which) {
-    std::optional<PASSWORD_RECORD> r = record(which);
-    return r ? Bytes(r->Salt, r->Salt + sizeof r->Salt) : Bytes();
-  }
-};
+using PasswordStorageTest = tvl::test::BothPasswordServicesTest;
 
 // An RNG that hands out counting bytes, or fails.
 struct CountingRng {
@@ -109,7 +103,8 @@ TEST_F(PasswordStorageTest, SaltComesFromTheFirmwareRngWhenThereIsOne) {
     EXPECT_EQ(rng.calls, 1u);
     Bytes expected;
     for (UINT8 i = 0; i < 16; ++i) expected.push_back(UINT8(first + i));
-    EXPECT_EQ(salt(kSys) == expected, c.fromRng);
+    const PASSWORD_RECORD r = *record(kSys);
+    EXPECT_EQ(Bytes(r.Salt, r.Salt + 16) == expected, c.fromRng);
     EXPECT_EQ(newer_->VerifyPassword(newer_, kSys, u"pw"), EFI_SUCCESS);
   }
   ASSERT_EQ(platform().uninstallProtocol(handle, gEfiRngProtocolGuid, &rng.protocol), EFI_SUCCESS);
