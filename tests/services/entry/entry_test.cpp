@@ -19,9 +19,8 @@ TEST_F(ServiceEntryTest, EveryAllocationFailureOfTheEntryInstallsNothing) {
   };
   for (const auto& image : images) {
     SCOPED_TRACE(image.name);
-    // A load that succeeds is counted first, so that each of its allocation
-    // attempts (the platform's own included) is failed in turn; what the
-    // loaded instance keeps is outside the leak check.
+    // Each allocation of a load that succeeds fails in turn; what the loaded
+    // instance keeps is outside the leak check.
     const size_t startAttempts = platform().allocationAttempts();
     EFI_HANDLE handle = nullptr;
     ASSERT_EQ(loadStatus(image.name, &handle), EFI_SUCCESS);

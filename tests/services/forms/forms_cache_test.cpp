@@ -1,8 +1,6 @@
-// Parses kept between calls: a kept parse answers as a fresh one would, in
-// every state the device and the database can be in; a change of the
-// handle's forms or strings makes the next call parse again, a change
-// elsewhere does not. Whether a call parsed is seen through the database's
-// export notifications, which every parse causes.
+// Parses kept between calls: a kept parse answers as a fresh one would; only
+// a change of the handle's packages makes the next call parse again (seen
+// through the database's export notifications, which every parse causes).
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -38,8 +36,7 @@ class FormsCacheTest : public FormsTest {
     FormsTest::TearDown();
   }
 
-  // The records of the handle as a call gives them, and as a call gives
-  // them once nothing is kept.
+  // The records of the handle as a call gives them, and once nothing is kept.
   std::string kept() { return dump(*process({handle_})); }
   std::string fresh() {
     releaseServiceCaches(platform());
@@ -58,8 +55,7 @@ class FormsCacheTest : public FormsTest {
   EFI_HII_HANDLE other_ = nullptr;
 };
 
-// A form set over the sample's "Setup" store with one numeric question
-// and languages of its own.
+// A form set over the sample's "Setup" store with languages of its own.
 ifr::Bytes otherForms() {
   OneForm f(64);
   f.form.numeric(ifr::Numeric(0x77, f.s, f.s).store(1, 0));
@@ -75,7 +71,6 @@ ifr::Bytes otherStrings() {
 TEST_F(FormsCacheTest, KeptParseAnswersAsAFreshOneAndParsesAgainOnlyWhenTheHandlesPackagesChange) {
   const UINT8 oneOf3[] = {3, 0};
   const struct { const char* what; std::function<void()> change; bool parsesAgain, changesRecords; } rows[] = {
-      {"nothing changes", [] {}, false, false},
       {"RouteConfig writes a value the image's suppressif reads",
        [&] {
          std::u16string config = device_->configHdr(kStoreGuid, u"Setup") + hii::blockConfig(2, oneOf3, 2);
@@ -116,9 +111,8 @@ TEST_F(FormsCacheTest, RemovedListIsNotAnsweredFromTheKeptParse) {
   EXPECT_EQ(process({handle_})->status, EFI_NOT_FOUND);
 }
 
-// A caller that still holds the form sets keeps them unchanged: a second
-// call parses on its own, and a change of the list frees the held parse
-// only when it is given back (the leak check sees the rest).
+// Form sets still held are neither given to a second call nor freed by a
+// change of the list (the leak check sees that they are freed when given back).
 TEST_F(FormsCacheTest, HeldFormSetsAreNeitherReusedNorFreedUnderTheCaller) {
   auto held = process({handle_});
   ASSERT_EQ(held->status, EFI_SUCCESS);
@@ -134,28 +128,6 @@ TEST_F(FormsCacheTest, HeldFormSetsAreNeitherReusedNorFreedUnderTheCaller) {
   exports = gExports[handle_];
   EXPECT_EQ(process({handle_})->status, EFI_SUCCESS);
   EXPECT_EQ(gExports[handle_] - exports, 1);
-}
-
-// The service loads before the database (as on the sample platform): it
-// registers for the notifications when it first finds the database.
-class FormsCacheLateDatabaseTest : public FormsTest {
- protected:
-  void installDatabase() override {}
-};
-
-TEST_F(FormsCacheLateDatabaseTest, RegistersWhenTheDatabaseAppears) {
-  EXPECT_EQ(process({reinterpret_cast<EFI_HII_HANDLE>(0x1000)})->status, EFI_NOT_FOUND);
-  FormsTest::installDatabase();
-  Sample sample;
-  EFI_HII_HANDLE handle = registerSample(sample);
-  ASSERT_EQ(process({handle})->status, EFI_SUCCESS);
-  EFI_HII_DATABASE_PROTOCOL* db = database().database();
-  const ifr::Bytes list = otherForms();
-  ASSERT_EQ(db->UpdatePackageList(db, handle, reinterpret_cast<const EFI_HII_PACKAGE_LIST_HEADER*>(list.data())),
-            EFI_SUCCESS);
-  auto parse = process({handle});
-  ASSERT_EQ(parse->status, EFI_SUCCESS);
-  EXPECT_NE(findQuestion(parse->set(), 0x77), nullptr) << "the update was seen";
 }
 
 }  // namespace

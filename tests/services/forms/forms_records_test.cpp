@@ -1,9 +1,9 @@
-// Records that ProcessForms makes from form packages of a sample device:
-// statements with their fields, storage and current values; options and
-// defaults; the form set's languages, stores and forms. (Defaults, option
-// flags and the form-set filter on the sample platform's forms: the command
-// line's forms tests and the export's golden document.)
+// Records that ProcessForms makes: every field of a sample form set; current
+// values left zero when the driver cannot give them; the device path in a
+// store's configuration header.
 #include <gtest/gtest.h>
+
+#include <cstring>
 
 #include "forms_support.h"
 
@@ -11,10 +11,12 @@ namespace tvl::test::forms {
 namespace {
 
 using FormsRecordsTest = FormsTest;
+using FormsValuesTest = FormsTest;
+using FormsDevicePathTest = FormsTest;
+using Bytes = std::vector<uint8_t>;
+constexpr UINT16 kValueQuestions[] = {0x10, 0x12, 0x18};  // one-of, 32-bit numeric, 64-bit numeric in the variable
 
-// The sample's records as dump() shows them: statement lines in hex, texts
-// by string id (prompt c, help 2), values as type:number, stores by their
-// index in VarStoreBuffer.
+// The sample's records as dump() shows them (statement lines in hex).
 const char* const kSampleRecords = R"(status 0 count 1
 set formset title 1 help 2 languages en-US fr-FR x-UEFI
  store store 113
@@ -69,6 +71,93 @@ TEST_F(FormsRecordsTest, SampleFormSetFieldByField) {
   for (int v = 0; v < 3; ++v)
     EXPECT_EQ(text16(parse->set()->VarStoreBuffer[v]->ConfigHdr),
               hii::configHdr(stores[v].first, stores[v].second, device->devicePath()));
+}
+
+// A device that declares neither store, and a GetVariable that fails.
+TEST_F(FormsValuesTest, ValuesStayZeroWhenTheDriverCannotGiveThem) {
+  const Sample sample;
+  auto parse = process({addDevice().addPackageList(sample.list())});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+  for (UINT16 q : kValueQuestions) EXPECT_EQ(number(findQuestion(parse->set(), q)->HiiValue), 0u) << q;
+
+  // A GetVariable that fails after writing into the buffer: those bytes are no value.
+  struct FailingVariables {
+    static EFI_STATUS EFIAPI get(const CHAR16*, const EFI_GUID*, UINT32*, UINTN* size, VOID* data) {
+      std::memset(data, 0xEE, *size);
+      return EFI_DEVICE_ERROR;
+    }
+  };
+  const auto getVariable = rt()->GetVariable;
+  rt()->GetVariable = FailingVariables::get;
+  auto failed = process({registerSample(sample)});
+  rt()->GetVariable = getVariable;
+  ASSERT_EQ(failed->status, EFI_SUCCESS) << lastError().Message;
+  EXPECT_EQ(number(findQuestion(failed->set(), kValueQuestions[2])->HiiValue), 0u);
+}
+
+// Fields of an 8-byte store: one that runs past its end is left zero.
+TEST_F(FormsValuesTest, FieldsPastTheEndOfTheirStoreStayZero) {
+  struct Field { UINT16 question, offset; ifr::Width width; UINT64 value; };
+  const Field fields[] = {
+      {0x31, 4, ifr::Width::U32, 0x08070605},  // ends at the end
+      {0x33, 6, ifr::Width::U32, 0},           // two bytes past the end
+      {0x35, 8, ifr::Width::U16, 0},           // starts at the end
+  };
+  OneForm form(8);
+  for (const Field& f : fields)
+    form.form.numeric(ifr::Numeric(f.question, form.s, form.s, f.width).store(1, f.offset).range(0, ~0ull));
+  auto parse = processForm(form, {1, 2, 3, 4, 5, 6, 7, 8});
+  ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+  for (const Field& f : fields) EXPECT_EQ(number(findQuestion(parse->set(), f.question)->HiiValue), f.value) << f.question;
+}
+
+// Hardware vendor nodes whose length fields say `length`, each with `room`
+// zero bytes after its header, then the end node.
+Bytes path(std::initializer_list<std::pair<UINT16, size_t>> nodes) {
+  Bytes out;
+  for (auto [length, room] : nodes) {
+    out.insert(out.end(), {0x01, 0x04, UINT8(length & 0xFF), UINT8(length >> 8)});
+    out.resize(out.size() + room);
+  }
+  out.insert(out.end(), {0x7F, 0xFF, 4, 0});
+  return out;
+}
+
+// The driver handle's device path is outside input: impossible node lengths,
+// or no end inside 64 KiB, give a header without a path. The handle has no
+// configuration access, so every value stays zero.
+TEST_F(FormsDevicePathTest, ImpossiblePathsGiveAHeaderWithoutPath) {
+  static UINT8 marker;
+  const EFI_GUID markerGuid = {0x11111111, 0x2222, 0x3333, {4, 4, 4, 4, 4, 4, 4, 4}};
+  const struct { const char* name; Bytes path; bool kept; } rows[] = {  // an empty path: no device-path protocol
+      {"no device path", {}, false},
+      {"vendor node and end", path({{20, 16}}), true},
+      {"node of length 0", path({{0, 16}}), false},
+      {"node shorter than its header", path({{3, 16}}), false},
+      // Two nodes of 32 KiB fill the 64 KiB a path may take, with no end node.
+      {"no end within 64 KiB", path({{0x8000, 0x8000 - 4}, {0x8000, 0x8000 - 4}}), false},
+      // The second node claims more than what is left of the 64 KiB.
+      {"node past 64 KiB", path({{0x8000, 0x8000 - 4}, {0xFFFF, 0x10000}}), false},
+  };
+  const Sample sample;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    EFI_HANDLE driver = nullptr;
+    const EFI_GUID& guid = row.path.empty() ? markerGuid : gEfiDevicePathProtocolGuid;
+    void* interface = row.path.empty() ? &marker : const_cast<uint8_t*>(row.path.data());
+    ASSERT_EQ(platform().installProtocol(&driver, guid, interface), EFI_SUCCESS);
+    EFI_HII_HANDLE handle = nullptr;
+    ASSERT_EQ(database().addPackageList(sample.list(), driver, &handle), EFI_SUCCESS);
+    {
+      auto parse = process({handle});
+      ASSERT_EQ(parse->status, EFI_SUCCESS) << lastError().Message;
+      EXPECT_EQ(text16(parse->set()->VarStoreBuffer[0]->ConfigHdr),
+                hii::configHdr(kStoreGuid, u"Setup", row.kept ? row.path : Bytes{}));
+      for (UINT16 q : kValueQuestions) EXPECT_EQ(number(findQuestion(parse->set(), q)->HiiValue), 0u) << q;
+    }
+    EXPECT_EQ(database().removePackageList(handle), EFI_SUCCESS);
+    EXPECT_EQ(platform().uninstallProtocol(driver, guid, interface), EFI_SUCCESS);
+  }
 }
 
 }  // namespace

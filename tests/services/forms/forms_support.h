@@ -1,6 +1,4 @@
-// Shared pieces of the forms-processor tests: a platform with the HII
-// database and the forms service loaded, sample devices, raw IFR bytes and
-// readers of the records.
+// Shared pieces of the forms-processor tests.
 #pragma once
 
 #include <memory>
@@ -30,8 +28,7 @@ inline const EFI_GUID kListGuid = {0x8d2e4b10, 0x1111, 0x4c2a, {0x80, 0x01, 0x02
 inline const EFI_GUID kStoreGuid = {0xa1b2c3d4, 0xe5f6, 0x0718, {0x29, 0x3a, 0x4b, 0x5c, 0x6d, 0x7e, 0x8f, 0x90}};
 inline const EFI_GUID kVariableGuid = {0x0badcafe, 0x1234, 0x5678, {0x9a, 0xbc, 0xde, 0xf0, 0x01, 0x23, 0x45, 0x67}};
 
-// The result of one ProcessForms call; gives the form sets back when it
-// goes out of scope (held by unique_ptr, never copied).
+// The result of one ProcessForms call; gives the form sets back when destroyed.
 struct Parse {
   HII_FORMS_PROCESSOR2_PROTOCOL* forms = nullptr;
   EFI_STATUS status = EFI_SUCCESS;
@@ -58,14 +55,12 @@ inline UINT64 number(const HII_VALUE& v) {
   return hiiValueNumber(v, hiiNumberWidth(v.Type));
 }
 
-// What a caller can read of the records, as text: every field the service
-// fills, zero fields left out; one line per statement.
+// Every nonzero field of the records, as text; one line per statement.
 std::string dump(const Parse& parse);
 
 // Raw IFR bytes for what the builder does not write.
 using tvl::test::hii::cat;
 using tvl::test::hii::u16le;
-// An opcode with its header, the length computed.
 inline ifr::Bytes op(UINT8 opcode, bool scope, const ifr::Bytes& body) {
   ifr::Bytes out{opcode, UINT8((body.size() + 2) | (scope ? 0x80 : 0))};
   out.insert(out.end(), body.begin(), body.end());
@@ -76,11 +71,9 @@ inline ifr::Bytes guidBytes(const EFI_GUID& g) {
   return ifr::Bytes(p, p + sizeof(g));
 }
 
-// A form set with every kind of statement (dates, times, references of
-// every length, a reset button, a form map, an image suppressed while
-// one-of 0x10 is 3) over a buffer store (64 bytes), an EFI variable store
-// (8 bytes) and a name/value store, three languages and a custom default
-// store.
+// A form set with every kind of statement over a buffer store (64 bytes),
+// an EFI variable store (8 bytes) and a name/value store, three languages
+// and a custom default store.
 struct Sample {
   ifr::Strings strings{{"en-US", "fr-FR", "x-UEFI"}};
   UINT16 title = strings.add(u"Setup"), help = strings.add(u"Setup help"), formTitle = strings.add(u"Main"),
@@ -92,8 +85,7 @@ struct Sample {
   ifr::Bytes list() const;
 };
 
-// A form set with one form (id 1) over the buffer store "Setup" (id 1) of
-// `storeSize` bytes; every text is the one en-US string `s`.
+// One form (id 1) over the buffer store "Setup" (id 1); every text is `s`.
 struct OneForm {
   explicit OneForm(UINT16 storeSize) : form((fs.varStore(1, kStoreGuid, "Setup", storeSize), fs.form(1, s))) {}
   ifr::Strings strings{{"en-US"}};
@@ -115,8 +107,7 @@ class FormsTest : public PlatformTest {
   EFI_HII_HANDLE registerSample(const Sample& sample, devices::Device** device = nullptr);
 
   std::unique_ptr<Parse> process(const std::vector<EFI_HII_HANDLE>& handles, const EFI_GUID* filter = nullptr);
-  // Registers `f` on a new device whose "Setup" store holds `setup`, and
-  // processes it.
+  // Processes `f` on a new device whose "Setup" store holds `setup`.
   std::unique_ptr<Parse> processForm(const OneForm& f, const std::vector<UINT8>& setup);
   HII_FORMS_PROCESSOR_ERROR lastError();
 

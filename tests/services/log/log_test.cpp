@@ -1,6 +1,5 @@
 // The log service: one line record per Print, sinks, and the console while
-// no sink is registered. (The level mask: the command line's --trace tests;
-// %a, %s, %r and %x: the driver's traces, compared whole in its tests.)
+// no sink is registered. (%a, %s, %r and %x: the driver's traces.)
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -17,16 +16,6 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-
-// Hands its arguments to PrintV, as a caller with its own variadic wrapper.
-EFI_STATUS EFIAPI printThroughPrintV(DEBUG_LOG_PROTOCOL* log, UINTN level, const CHAR8* function,
-                                     const CHAR16* format, ...) {
-  tvl::rt::VaList args;
-  __builtin_ms_va_start(args, format);
-  EFI_STATUS status = log->PrintV(log, level, function, format, &args);
-  __builtin_ms_va_end(args);
-  return status;
-}
 
 struct Sink {
   Lines lines;
@@ -72,8 +61,6 @@ TEST_F(LogServiceTest, EachPrintIsOneFormattedLineRecord) {
          return l->Print(l, 8, "Fn", u"%05d|%+04d|%+05ld|% 04d|%05d|%-05d|%04x", -42, 7, -3ll, 5, 42, -4, 0xAu);
        },
        "-0042|+007|-0003| 005|00042|-4   |000a"},
-      {[](L l) { return printThroughPrintV(l, 8, "Fn", u"%a=%d", "n", 3); }, "n=3"},
-      {[](L l) { return l->WriteLine(l, 8, "Fn", u"as is %d"); }, "as is %d"},
   };
   for (const auto& c : cases) {
     capture_.clear();
@@ -83,13 +70,10 @@ TEST_F(LogServiceTest, EachPrintIsOneFormattedLineRecord) {
     EXPECT_TRUE(record.text == c.text && record.function == "Fn" && record.level == 8u) << record.text;
   }
   EXPECT_EQ(log_->Print(nullptr, 8, "Fn", u"x"), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(log_->WriteLine(log_, 8, "Fn", nullptr), EFI_INVALID_PARAMETER);
 }
 
-// A line takes at most 1,024 characters, as in a firmware debug library's
-// fixed buffer: a longer one is cut there and ends with the mark, whatever
-// its arguments hold, and the texts it prints are read no further than the
-// cut (a text running into a guard page would fault otherwise).
+// A line takes at most 1,024 characters: a longer one is cut and marked,
+// and its texts are read no further than the cut (a guard page follows).
 TEST_F(LogServiceTest, LongLinesAreCutAndMarked) {
   const size_t page = size_t(sysconf(_SC_PAGESIZE));
   auto* pages = static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));

@@ -1,6 +1,5 @@
-// Test support for the password services: loading either image and its
-// exported functions, the three forms of a ChangePassword call, and direct
-// access to the password store's variables.
+// Test support for the password services: either image and its exported
+// functions, the ChangePassword calls and the store's variables.
 #pragma once
 
 #include <cstring>
@@ -45,7 +44,6 @@ inline bool contains(const UINT8* haystack, size_t size, const Bytes& needle) {
   return false;
 }
 
-// Members are public so that the tables of the tests can reach them.
 class PasswordServiceTest : public PlatformTest {
  public:
   // Loads a fresh instance of the image; the leak baseline moves past it.
@@ -102,42 +100,42 @@ class PasswordServiceTest : public PlatformTest {
     std::memcpy(&r, data->data(), sizeof r);
     return r;
   }
-  void putRecord(UINT16 which, const PASSWORD_RECORD& record) {
-    const auto* bytes = reinterpret_cast<const UINT8*>(&record);
-    putVariable(recordName(which), Bytes(bytes, bytes + sizeof record));
+  static Bytes recordBytes(const PASSWORD_RECORD& r) {
+    const auto* b = reinterpret_cast<const UINT8*>(&r);
+    return Bytes(b, b + sizeof r);
   }
+  void putRecord(UINT16 which, const PASSWORD_RECORD& r) { putVariable(recordName(which), recordBytes(r)); }
   void markDisabled(UINT8 bits) { putVariable(PASSWORD_DISABLED_VARIABLE, {bits}); }
 
-  // SHA-256, HMAC-SHA-256 and PBKDF2 as an image computes them (checked
-  // against published vectors in the crypto tests).
-  Bytes sha256(const Bytes& data, PasswordImage image = PasswordImage::Newer) {
+  // SHA-256, HMAC-SHA-256 and PBKDF2 as the newer image computes them
+  // (checked against published vectors in the storage tests).
+  Bytes sha256(const Bytes& data) {
     Bytes digest(32);
-    function<VOID (*)(const VOID*, UINTN, UINT8*)>(image, "sha256Digest")(data.data(), data.size(), digest.data());
+    function<VOID (*)(const VOID*, UINTN, UINT8*)>(kNewer, "sha256Digest")(data.data(), data.size(), digest.data());
     return digest;
   }
-  Bytes hmac(const Bytes& key, const Bytes& data, PasswordImage image = PasswordImage::Newer) {
+  Bytes hmac(const Bytes& key, const Bytes& data) {
     Bytes mac(32);
-    function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT8*)>(image, "hmacSha256Mac")(
+    function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT8*)>(kNewer, "hmacSha256Mac")(
         key.data(), key.size(), data.data(), data.size(), mac.data());
     return mac;
   }
-  Bytes pbkdf2(const Bytes& password, const Bytes& salt, UINT32 iterations, size_t size = 32,
-               PasswordImage image = PasswordImage::Newer) {
+  Bytes pbkdf2(const Bytes& password, const Bytes& salt, UINT32 iterations, size_t size = 32) {
     Bytes out(size);
-    function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT32, UINT8*, UINTN)>(image, "pbkdf2Sha256")(
+    function<VOID (*)(const VOID*, UINTN, const VOID*, UINTN, UINT32, UINT8*, UINTN)>(kNewer, "pbkdf2Sha256")(
         password.data(), password.size(), salt.data(), salt.size(), iterations, out.data(), out.size());
     return out;
   }
-  // The hash text of method 1 for a password and salt text.
   std::string hashTextOf(const std::string& password, const std::string& salt) {
     return hexText(sha256(bytesOf(password + salt)));
   }
 
  private:
+  static constexpr PasswordImage kNewer = PasswordImage::Newer;
   EFI_HANDLE handles_[2] = {};
 };
 
-// Both images loaded, as the service and storage tests use them.
+// Both images loaded.
 class BothPasswordServicesTest : public PasswordServiceTest {
  public:
   void SetUp() override {

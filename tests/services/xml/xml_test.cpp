@@ -1,12 +1,8 @@
-// The XML service: the parser (what it accepts and stores, what it refuses
-// and where, its limits, large and deep documents, allocation failures) and
-// the serialiser. (Node creation, freeing deep trees and the serialiser's
-// allocation failures: the driver's node toolbox and combined-document
-// tests; round trips of any text: the XML fuzz target.)
+// The XML service: the parser (what it accepts, what it refuses and where,
+// its limits, large and deep documents, allocation failures) and the serialiser.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -29,15 +25,6 @@ bool operator==(const Tree& a, const Tree& b) {
   return std::tie(a.name, a.contents, a.attributes, a.children) == std::tie(b.name, b.contents, b.attributes, b.children);
 }
 
-// True when xmllint accepts `text` without a word; otherwise what it said
-// goes to the test's output.
-bool xmllintAccepts(const std::string& text) {
-  FILE* pipe = popen("out=$(xmllint --noout - 2>&1) && [ -z \"$out\" ] || { echo \"$out\"; exit 1; }", "w");
-  if (!pipe) return false;
-  fwrite(text.data(), 1, text.size(), pipe);
-  return pclose(pipe) == 0;
-}
-
 std::string repeat(const std::string& s, size_t n) {
   std::string out;
   while (n--) out += s;
@@ -56,8 +43,7 @@ class XmlServiceTest : public PlatformTest {
     markBaseline();  // the service instance stays installed
   }
 
-  // Nodes from the service; contents and attributes allocated from the pool
-  // by the caller, as the driver builds them.
+  // Nodes from the service; contents and attributes from the pool, as the driver builds them.
   XML_NODE* build(const Tree& tree) {
     XML_NODE* node = nullptr;
     EXPECT_EQ(xml_->XML_CreateNode(xml_, tree.name.c_str(), &node), EFI_SUCCESS);
@@ -192,14 +178,12 @@ TEST_F(XmlParseTest, MalformedAndHostileTextsAreRefusedWithTheirPosition) {
   EXPECT_EQ(xml_->XML_ParseText(xml_, text.data(), text.size(), nullptr, nullptr), EFI_INVALID_PARAMETER);
 }
 
-// Long runs of printable ASCII are checked several bytes at a time: a
-// forbidden byte is found wherever it sits in such a run, and the bytes at
-// the edges of the printable range pass.
+// Long runs are checked several bytes at a time: a forbidden byte is found
+// wherever it sits, and the edges of the printable range pass.
 TEST_F(XmlParseTest, EveryPositionInALongRunIsChecked) {
   const struct { std::string byte; const char* message; } cases[] = {  // message null: accepted
       {std::string(1, '\0'), "NUL byte"}, {"\x1f", "U+001f is not allowed"}, {"\x80", "invalid UTF-8"},
-      {"\xff", "invalid UTF-8"}, {" ", nullptr}, {"\x7f", nullptr}, {"\t", nullptr}, {"\xc3\xa9", nullptr},
-  };
+      {" ", nullptr}, {"\x7f", nullptr}, {"\t", nullptr}, {"\xc3\xa9", nullptr}};
   for (const auto& c : cases) {
     for (size_t offset = 0; offset < 20; ++offset) {
       std::string run(24, 'x');
@@ -219,57 +203,34 @@ TEST_F(XmlParseTest, EveryPositionInALongRunIsChecked) {
   }
 }
 
-TEST_F(XmlParseTest, LimitsAreChangedAndEnforced) {
-  for (XML_LIMITS bad : {XML_LIMITS{0, 100}, XML_LIMITS{3, 0}})
-    EXPECT_EQ(xml_->XML_SetLimits(xml_, &bad), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(xml_->XML_SetLimits(xml_, nullptr), EFI_INVALID_PARAMETER);
-  EXPECT_EQ(xml_->XML_GetLimits(xml_, nullptr), EFI_INVALID_PARAMETER);
-  const struct { XML_LIMITS limits; std::string text; EFI_STATUS status; UINTN offset; } cases[] = {
-      {{3, 1000}, "<a><b><c><d/></c></b></a>", EFI_INVALID_PARAMETER, 9}, {{256, 10}, "<a>123</a>", EFI_SUCCESS, 0},
-      {{256, 10}, "<a>1234</a>", EFI_BAD_BUFFER_SIZE, 10},
-  };
-  for (const auto& c : cases) {
-    XML_LIMITS limits{};
-    ASSERT_EQ(xml_->XML_SetLimits(xml_, &c.limits), EFI_SUCCESS);
-    ASSERT_EQ(xml_->XML_GetLimits(xml_, &limits), EFI_SUCCESS);
-    EXPECT_TRUE(limits.MaxDepth == c.limits.MaxDepth && limits.MaxInputBytes == c.limits.MaxInputBytes);
-    XML_NODE* root = kUntouched;
-    XML_PARSE_ERROR error{};
-    EXPECT_EQ(parse(c.text, &root, &error), c.status) << c.text << "\n" << error.Message;
-    if (c.status == EFI_SUCCESS) xml_->XML_FreeNode(xml_, root);
-    else EXPECT_EQ(error.Offset, c.offset) << error.Message;
-  }
+// (The depth limit: the malformed texts.)
+TEST_F(XmlParseTest, InputBeyondTheByteLimitIsRefused) {
+  const XML_LIMITS limits{256, 10};
+  ASSERT_EQ(xml_->XML_SetLimits(xml_, &limits), EFI_SUCCESS);
+  XML_NODE* root = kUntouched;
+  XML_PARSE_ERROR error{};
+  EXPECT_EQ(parse("<a>1234</a>", &root, &error), EFI_BAD_BUFFER_SIZE);
+  EXPECT_TRUE(root == kUntouched && error.Offset == 10) << error.Message;
+  ASSERT_EQ(parse("<a>123</a>", &root), EFI_SUCCESS);
+  xml_->XML_FreeNode(xml_, root);
 }
 
-// 100,000 siblings, and a chain 100,000 deep within a raised limit: parsed,
-// written back unchanged and freed without deep recursion.
-TEST_F(XmlParseTest, HundredThousandNodesWideOrDeep) {
+// 100,000 siblings: parsed, written back unchanged and freed.
+TEST_F(XmlParseTest, HundredThousandSiblings) {
   constexpr size_t kCount = 100000;
-  XML_LIMITS limits{kCount, 64u * 1024 * 1024};
+  XML_LIMITS limits{256, 64u * 1024 * 1024};
   ASSERT_EQ(xml_->XML_SetLimits(xml_, &limits), EFI_SUCCESS);
   const std::string wide = "<r>" + repeat("<i k=\"v\">t &amp; u</i>", kCount) + "</r>";
-  const std::string deep = repeat("<n>", kCount) + repeat("</n>", kCount);
-  for (const std::string* text : {&wide, &deep}) {
-    XML_NODE* root = nullptr;
-    ASSERT_EQ(parse(*text, &root), EFI_SUCCESS);
-    size_t count = 0;
-    if (text == &wide) {
-      // Counts up to the first sibling that differs.
-      for (XML_NODE* n = root->children; n && n->parent == root && std::string(n->contents) == "t &amp; u"; n = n->next)
-        ++count;
-    } else {
-      XML_NODE* n = root;
-      for (count = 1; n->children; n = n->children, ++count) ASSERT_EQ(n->children->parent, n);
-      EXPECT_STREQ(n->contents, "");  // <n></n>, not <n/>
-    }
-    EXPECT_EQ(count, kCount);
-    std::string written;
-    EXPECT_EQ(serialise(root, &written), EFI_SUCCESS);
-    EXPECT_EQ(written, *text);
-    EXPECT_EQ(xml_->XML_FreeNode(xml_, root), EFI_SUCCESS);
-  }
-  XML_NODE* root = kUntouched;
-  EXPECT_EQ(parse("<x>" + deep + "</x>", &root), EFI_INVALID_PARAMETER);
+  XML_NODE* root = nullptr;
+  ASSERT_EQ(parse(wide, &root), EFI_SUCCESS);
+  size_t count = 0;  // up to the first sibling that differs
+  for (XML_NODE* n = root->children; n && n->parent == root && std::string(n->contents) == "t &amp; u"; n = n->next)
+    ++count;
+  EXPECT_EQ(count, kCount);
+  std::string written;
+  EXPECT_EQ(serialise(root, &written), EFI_SUCCESS);
+  EXPECT_EQ(written, wide);
+  EXPECT_EQ(xml_->XML_FreeNode(xml_, root), EFI_SUCCESS);
 }
 
 TEST_F(XmlParseTest, ParseSurvivesEveryAllocationFailure) {
@@ -292,16 +253,14 @@ TEST_F(XmlParseTest, ParseSurvivesEveryAllocationFailure) {
   EXPECT_GT(attempts, 150u);  // every node, name, attribute and text
 }
 
-// Compact text without declaration, accepted by xmllint; the root's
-// siblings are not written. Contents are escaped text, repaired where they
-// are not; trees with escaped contents and plain attribute values come back
-// unchanged from parse(serialise(tree)).
+// Compact text without the root's siblings; contents are escaped text,
+// repaired where they are not; round trips where marked.
 TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
   const struct { Tree tree; const char* text; bool roundTrip; } cases[] = {  // text null: not compared
       {{"a"}, "<a/>", true},
       {{"a", ""}, "<a></a>", true},
-      {{"r", {}, {{"k", "v"}, {"n", ""}}, {{"c", "t"}}}, "<r k=\"v\" n=\"\"><c>t</c></r>", true},
-      {{"r", {}, {}, {{"a", {}, {}, {{"b", "1"}}}, {"c", "2"}}}, "<r><a><b>1</b></a><c>2</c></r>", true},
+      {{"r", {}, {{"k", "v"}, {"n", ""}}, {{"a", {}, {}, {{"b", "1"}}}, {"c", "t"}}},
+       "<r k=\"v\" n=\"\"><a><b>1</b></a><c>t</c></r>", true},
       {{"v", "a &amp; b &lt;c&gt;"}, "<v>a &amp; b &lt;c&gt;</v>", true},
       {{"v", "a & b"}, "<v>a &amp; b</v>", false},
       {{"v", "&bogus; &amp &;"}, "<v>&amp;bogus; &amp;amp &amp;;</v>", false},
@@ -324,7 +283,6 @@ TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
     EXPECT_EQ(serialise(root, &text), EFI_SUCCESS);
     xml_->XML_FreeNode(xml_, root);
     if (c.text) { EXPECT_EQ(text, c.text); }
-    EXPECT_TRUE(xmllintAccepts(text)) << text;
     if (!c.roundTrip) continue;
     XML_NODE* parsed = nullptr;
     XML_PARSE_ERROR error{};
