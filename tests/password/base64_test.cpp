@@ -77,18 +77,6 @@ TEST_F(Base64Test, WritesExactlyTheCountedBytesForAnyText) {
   }
 }
 
-TEST_F(Base64Test, MissingPointersDoNothing) {
-  UINT8 out[4] = {0xEE, 0xEE, 0xEE, 0xEE};
-  UINTN length = 77;
-  auto decode = DRIVER_FN(base64Decode);
-  decode(nullptr, out, &length);
-  decode("QUJD", nullptr, &length);
-  EXPECT_EQ(length, 77u);
-  decode("QUJD", out, nullptr);
-  EXPECT_EQ(out[0], 0xEE) << "nothing is written without a length to report";
-  EXPECT_EQ(DRIVER_FN(base64DecodedLength)(nullptr), 0u);
-}
-
 // The mark as the XML service hands it over: name and value exact.
 TEST_F(Base64Test, EncodingMarking) {
   const std::pair<const char*, BOOLEAN> cases[] = {
