@@ -37,7 +37,6 @@ TEST_F(Base64Test, DecodesByTheLenientRules) {
   struct Case {
     const char* name; std::string text; Bytes bytes;
   } cases[] = {
-      {"one byte", "QQ==", {0x41}}, {"two bytes", "QUI=", {0x41, 0x42}}, {"three bytes", "QUJD", {0x41, 0x42, 0x43}},
       {"ends of each alphabet range", "AZaz09+/", {0x01, 0x96, 0xB3, 0xD3, 0xDF, 0xBF}},
       {"URL-safe characters decode as zero", "-_AA", {0x00, 0x00, 0x00}}, {"padding does not end the text", "QQ==QUI=", {0x41, 0x41, 0x42}},
       {"third position padding ignores the fourth", "QQ=D", {0x41}},
