@@ -288,30 +288,6 @@ TEST_F(HiiToNodeTest, RefusalsTouchNothing) {
   location = saved;
 }
 
-// A kept export leaves its form sets and store header for the import (which
-// reads both through NodeToHii) and gives each stored item its block name; a
-// second one replaces them. (Without keeping: the allocation sweep below.)
-TEST_F(HiiToNodeTest, KeptFormSetsStayUntilDestroyGlobalForms) {
-  build({testDevice(u"BIOS.InternalSetup.1-1", {tourForm(), moreForm()})});
-  auto& keep = global<UINT8>("mKeepFormSets");
-  auto& buffer = global<HII_FORMSET_RECORD**>("mFormSetBuffer");
-  auto destroy = reinterpret_cast<void (*)()>(symbol("DestroyGlobalForms"));
-  keep = 1;
-  auto kept = exportDevice(u"BIOS.InternalSetup.1-1");
-  auto again = exportDevice(u"BIOS.InternalSetup.1-1");
-  keep = 0;
-  ASSERT_EQ(again->status, EFI_SUCCESS);
-  ASSERT_NE(buffer, nullptr);
-  EXPECT_EQ(buffer[0]->FormCount, 2u);
-  EXPECT_EQ(childNames(item(again->current, "Flag")), "Name,BiosMapping,CommitIndex,BlockName,ValueStruct");
-  EXPECT_EQ(text(child(item(again->current, "Flag"), "BlockName")), "&amp;OFFSET=0010&amp;WIDTH=0001");  // kept escaped
-  EXPECT_EQ(childNames(item(again->current, "FwVersion")), "Name,BiosMapping,CommitIndex,ValueStruct");
-  destroy();
-  EXPECT_EQ(buffer, nullptr);
-  EXPECT_EQ(global<CHAR16*>("mConfigHdr"), nullptr);
-  destroy();  // nothing left: harmless
-}
-
 // Each allocation of an export failed in turn: an error with no documents,
 // or a success (a failure the walk tolerates) whose documents are whole.
 // The cache changes only through a successful kept export.

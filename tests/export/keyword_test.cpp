@@ -1,7 +1,6 @@
-// Keyword texts: the Dependencies and Modifier builders, and the matching of
-// boot-sequence entries and their enable checkboxes (which read their tokens
-// through the token reader). (The ProgWrite and ProgUnhide tests: the
-// ConfigItem tests; condition tokens of options: the import's.)
+// Keyword texts: the Dependencies and Modifier builders, and the marking of
+// boot-sequence entries by their enable checkboxes. (The import's search for
+// an entry's checkbox: its boot-sequence test.)
 #include "export/keyword.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +10,6 @@
 #include <vector>
 
 #include "export/export_fixture.h"
-#include "uefi/ifr.h"
 #include "xml/node.h"
 
 namespace {
@@ -164,67 +162,6 @@ TEST_F(KeywordTest, EnablesTheEntryThatTheCheckboxGoverns) {
       },
       [&] { dropAttributes(ipv6); });
   release(root);
-}
-
-TEST_F(KeywordTest, FindsTheCheckboxOfAnEntryAndTheValueToWrite) {
-  EFI_HII_HANDLE hii =
-      addStrings({{"x-UEFI",
-                   {u"BootSeqEnDis1[FQDD:NIC.1][Proto:IPv4]", u"BootSeqEnDis2[FQDD:NIC.1][Proto:IPv6]",
-                    u"BootSeqEnDis3[FQDD:Disk.1]", u"UefiBootSeqEnDis1[FQDD:Disk.1][SuppressIf:X=1]"}}});
-  // Prompt, value type and current value of each statement; the fourth
-  // prompt has no x-UEFI text, the third statement is not boolean.
-  const struct { UINT16 prompt; UINT8 type, value; } rows[] = {
-      {1, EFI_IFR_TYPE_BOOLEAN, 1}, {2, EFI_IFR_TYPE_BOOLEAN, 0}, {3, EFI_IFR_TYPE_NUM_SIZE_8, 0},
-      {9, EFI_IFR_TYPE_BOOLEAN, 0}, {4, EFI_IFR_TYPE_BOOLEAN, 0}};
-  CHAR16 blocks[5][2] = {u"1", u"2", u"3", u"4", u"5"};
-  HII_STATEMENT_RECORD statements[5] = {};
-  HII_STATEMENT_RECORD* pointers[5];
-  for (int i = 0; i < 5; ++i) {
-    statements[i].Prompt = rows[i].prompt;
-    statements[i].HiiValue.Type = rows[i].type;
-    statements[i].HiiValue.Value[0] = rows[i].value;
-    statements[i].BlockName = blocks[i];
-    pointers[i] = &statements[i];
-  }
-  HII_FORM_RECORD form{};
-  form.StatementCount = 5;
-  form.Statements = pointers;
-  HII_FORM_RECORD* forms[] = {&form};
-  HII_FORMSET_RECORD formSet{};
-  formSet.FormCount = 1;
-  formSet.Forms = forms;
-
-  struct Case {  // block: index of the statement whose block name is handed out, -1 for none
-    const char* list; const char* device; const char* proto; const char* enabled; EFI_STATUS status; int block;
-    UINT8 newValue;
-  } cases[] = {
-      {"BootSeq", "NIC.1", "IPv6", "true", EFI_SUCCESS, 1, 1},
-      {"BootSeq", "NIC.1", "IPv4", "false", EFI_SUCCESS, 0, 0},
-      {"BootSeq", "NIC.1", "IPv4", "TRUE", EFI_SUCCESS, 0, 0},
-      {"UefiBootSeq", "Disk.1", nullptr, "true", EFI_SUCCESS, 4, 1},
-      {"BootSeq", "Disk.1", nullptr, "true", EFI_NOT_FOUND, -1, 7},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.list) + " " + c.device + " " + c.enabled);
-    XML_NODE* e = entry(c.device, c.proto, c.enabled);
-    CHAR16* block = reinterpret_cast<CHAR16*>(uintptr_t(0x5a5a));
-    UINT8 newValue = 7;
-    EXPECT_EQ(DRIVER_FN(findEnableCheckbox)(c.list, e, &formSet, hii, &block, &newValue), c.status);
-    if (c.status == EFI_SUCCESS) {
-      EXPECT_EQ(block, c.block < 0 ? nullptr : blocks[c.block]);
-    }
-    EXPECT_EQ(newValue, c.newValue);
-    release(e);
-  }
-
-  XML_NODE* bare = entry("NIC.1", "IPv4", nullptr);
-  XML_NODE* other = node("ValueStruct", nullptr, {{"Checked", "true"}}, {node("Value", "NIC.1")});
-  CHAR16* block = nullptr;
-  UINT8 newValue = 0;
-  for (XML_NODE* e : {bare, other, static_cast<XML_NODE*>(nullptr)})
-    EXPECT_EQ(DRIVER_FN(findEnableCheckbox)("BootSeq", e, &formSet, hii, &block, &newValue), EFI_INVALID_PARAMETER);
-  release(bare);
-  release(other);
 }
 
 }  // namespace

@@ -29,7 +29,6 @@ TEST_F(OperationsTest, CreateConfigRequestAppendsOneSegment) {
   const struct {  // segment "": refused, the request unchanged
     UINT8 asIs; const char16_t *block, *value; const char* segment;
   } cases[] = {
-      {0, u"&OFFSET=0&WIDTH=1", u"1", "&OFFSET=0&WIDTH=1&VALUE=01"},
       {0, u"&OFFSET=0&WIDTH= 0x2", u"abc", "&OFFSET=0&WIDTH= 0x2&VALUE=0abc"},
       {0, u"&OFFSET=0&WIDTH=F", u"1", "&OFFSET=0&WIDTH=F&VALUE=" "00000000000000000000000000000" "1"},  // upper-case digits
       {1, u"&OFFSET=0&WIDTH=0003", u"1", "&OFFSET=0&WIDTH=0003&VALUE=1"},

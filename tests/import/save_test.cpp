@@ -202,11 +202,9 @@ TEST_F(SaveTest, TrimmedRequestIsAOneByteZeroWrite) {
   const struct {  // trimmed null: none
     std::u16string request; const char16_t* trimmed;
   } cases[] = {
-      {hdr + u"&OFFSET=0004&WIDTH=0004&VALUE=00000000", u"&OFFSET=0004&WIDTH=1&VALUE=00"},
       {hdr + u"&OFFSET=0004&WIDTH=000A&VALUE=" + std::u16string(20, u'0'), u"&OFFSET=0004&WIDTH=1&VALUE=00"},
       {hdr + u"&OFFSET=0004&WIDTH= \t02&VALUE=0000", u"&OFFSET=0004&WIDTH=1&VALUE=00"},
       {hdr + u"&OFFSET=0004&WIDTH=0&VALUE=5", u"&OFFSET=0004&WIDTH=1&VALUE=00"},  // a width of 0 checks nothing
-      {hdr + u"&OFFSET=0004&WIDTH=0004&VALUE=00000010", nullptr},
       {hdr + u"&OFFSET=0004&WIDTH=000A&VALUE=" + std::u16string(19, u'0') + u"1", nullptr},
       {hdr + u"&OFFSET=0004&WIDTH=0004&VALUE=000000", nullptr},  // the terminator ends the zeros
       {hdr + u"&OFFSET=0004&WIDTH=10000000000000000&VALUE=5", nullptr},  // 2^64 bytes, not a width of 0

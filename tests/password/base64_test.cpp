@@ -37,7 +37,6 @@ TEST_F(Base64Test, DecodesByTheLenientRules) {
   struct Case {
     const char* name; std::string text; Bytes bytes;
   } cases[] = {
-      {"one byte", "QQ==", {0x41}}, {"two bytes", "QUI=", {0x41, 0x42}}, {"three bytes", "QUJD", {0x41, 0x42, 0x43}},
       {"ends of each alphabet range", "AZaz09+/", {0x01, 0x96, 0xB3, 0xD3, 0xDF, 0xBF}},
       {"URL-safe characters decode as zero", "-_AA", {0x00, 0x00, 0x00}}, {"padding does not end the text", "QQ==QUI=", {0x41, 0x41, 0x42}},
       {"third position padding ignores the fourth", "QQ=D", {0x41}},
@@ -75,18 +74,6 @@ TEST_F(Base64Test, WritesExactlyTheCountedBytesForAnyText) {
     EXPECT_LE(bytes.size(), 3 * quartets) << "\"" << text << "\"";
     if (HasFailure()) break;
   }
-}
-
-TEST_F(Base64Test, MissingPointersDoNothing) {
-  UINT8 out[4] = {0xEE, 0xEE, 0xEE, 0xEE};
-  UINTN length = 77;
-  auto decode = DRIVER_FN(base64Decode);
-  decode(nullptr, out, &length);
-  decode("QUJD", nullptr, &length);
-  EXPECT_EQ(length, 77u);
-  decode("QUJD", out, nullptr);
-  EXPECT_EQ(out[0], 0xEE) << "nothing is written without a length to report";
-  EXPECT_EQ(DRIVER_FN(base64DecodedLength)(nullptr), 0u);
 }
 
 // The mark as the XML service hands it over: name and value exact.

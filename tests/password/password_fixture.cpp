@@ -124,17 +124,15 @@ void PasswordTest::start(Service service) {
       break;
     }
     case Service::Newer:
-      serviceImage_ = load("password2_service");
+      load("password2_service");
       break;
     case Service::Older:
-      serviceImage_ = load("legacy_password_service");
+      load("legacy_password_service");
       break;
     case Service::None:
       break;
   }
   ASSERT_EQ(loadDriver(), EFI_SUCCESS) << log().dump();
-  bound_ = global<PASSWORD_SERVICE_PROTOCOL*>("gPassword2Protocol");
-  if (!bound_) bound_ = global<PASSWORD_SERVICE_PROTOCOL*>("gLegacyPasswordProtocol");
 }
 
 void PasswordTest::markDisabled(UINT8 whichBits) {

@@ -57,10 +57,6 @@ class PasswordTest : public DriverTest {
   // Provides the service and loads the driver, which binds it.
   void start(Service service);
   FakePasswordService& fake() { return *fake_; }
-  // The bound service (stand-in or image).
-  PASSWORD_SERVICE_PROTOCOL* service() const { return bound_; }
-  // The loaded service image (Newer, Older), for its exported functions.
-  EFI_HANDLE serviceImage() const { return serviceImage_; }
   // Marks passwords disabled in the store the service images read.
   void markDisabled(UINT8 whichBits);
   // Runs SetBIOSPassword through the protocol slot.
@@ -75,8 +71,6 @@ class PasswordTest : public DriverTest {
 
  private:
   std::unique_ptr<FakePasswordService> fake_;
-  PASSWORD_SERVICE_PROTOCOL* bound_ = nullptr;
-  EFI_HANDLE serviceImage_ = nullptr;
 };
 
 }  // namespace tvl::test

@@ -75,8 +75,6 @@ std::vector<FormCase> formCases() {
   // system password and its hash: the entry's rows below.)
       {"older: lower-cased; old item present but not read", F, 0, {plain(S, "Abc"), text(O, "not base64 at all")},
        EFI_SUCCESS, {"3/2 old= new=u:abc"}, ok, line("Attempting to set new password"), progress},
-      {"older: old and new lower-cased", F, kInstalled, {plain(S, "NewPw"), plain(O, "OldPw")}, EFI_SUCCESS,
-       {"3/2 old=oldpw new=u:newpw"}, ok, line("ChangePassword (Setup) Success")},
       {"older: equal but for letter case", F, kInstalled, {plain(S, "ABC"), plain(O, "abc")}, EFI_DEVICE_ERROR, {},
        {}, line("PASSWORDS MATCH; SKIP SET Device Error")},
       {"older: old item missing", F, 0, {plain(S, "Abc")}, bad, {}, {},
