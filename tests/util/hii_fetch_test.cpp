@@ -27,11 +27,12 @@ class HiiFetchTest : public tvl::test::ExportTest {
 
 TEST_F(HiiFetchTest, FetchesNarrowsAndSizesTheBufferNeverReadingPastIt) {
   std::u16string s255(255, u'a'), s256(256, u'b');
-  std::u16string wide = u"Caf\u00e9\tA\u0141B";  // é and tab become blanks, U+0141 keeps its low byte 'A'
+  // é, tab, DEL and U+0100 (low byte 0) become blanks; U+0141 keeps its low byte 'A'.
+  std::u16string wide = u"Caf\u00e9\tA\u0141B\u007F\u0100~";
   EFI_HII_HANDLE h = addStrings({{"en-US", {s255, s256, wide, u"[x]tail"}}});
   struct Case { EFI_STRING_ID id; std::string expected; std::vector<UINTN> bufferSizes; } cases[] = {
       {1, std::string(255, 'a'), {512}}, {2, std::string(256, 'b'), {512, 514}},  // sizes handed to the service
-      {3, "Caf  AAB", {512}},            {4, "[x]tail", {512}},
+      {3, "Caf  AAB  ~", {512}},            {4, "[x]tail", {512}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.id);
