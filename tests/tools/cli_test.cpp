@@ -8,6 +8,7 @@
 #include "host/hii/config_string.h"
 #include "host/ifr/ifr_dump.h"
 #include "host/sample/sample_devices.h"
+#include "host/sample/sample_platform.h"
 #include "tests/host/offline/dump_shapes.h"
 #include "tests/tools/cli_runner.h"
 
@@ -66,6 +67,7 @@ TEST(CliTest, InfoShowsRevisionSlotsAndBoundServices) {
   for (const char* global : {"gLogProtocol", "gHiiFormsProcessor2Protocol", "gHiiDatabase", "XMLProtocol",
                              "HiiStringProtocol", "gPassword2Protocol", "gDeviceLocationProtocol"})
     EXPECT_TRUE(has(block(out, std::string("  ") + global + " "), "  bound"));
+  EXPECT_FALSE(has(out, "no longer installed"));  // each bound to the installed instance
 }
 
 // ---------------------------------------------------------------- devices and forms
@@ -121,8 +123,8 @@ TEST(CliTest, FormsShowsOptionsDefaultsLimitsAndMarks) {
 }
 
 // ---------------------------------------------------------------- HII files
-// Reading the file's forms offline (the offline export of a real dump
-// equals the firmware's documents: tools.offline_export_of_firmware_dump).
+// Reading the file's forms offline: the export of the same file equals the
+// live one (OfflineExportOfASampleDeviceEqualsItsLiveExport).
 TEST(CliTest, FormsOfAnExportedFileListItsPackages) {
   Cli cli;
   cli.ok({"export-hii", "-o", cli.path("all.hii")});
@@ -411,6 +413,38 @@ TEST(CliTest, OfflineExportTakesEveryFormListOfAFirmwareDumpByNumber) {
       EXPECT_TRUE(has(r.err, "HiiToNode failed: EFI_NOT_FOUND: its strings are in \"en-us\", not in the exact "
                              "\"en-US\" that an export needs"));
       EXPECT_FALSE(exists(out));
+    }
+  }
+}
+
+// What a sample device's ExtractConfig answers for every store (one line,
+// with the default configurations), on a sample platform built afresh.
+std::string extractAll(sample::SamplePlatform& sample, const std::u16string& fqdd) {
+  EFI_HII_CONFIG_ACCESS_PROTOCOL* access = sample.findDevice(fqdd)->device->configAccess();
+  EFI_STRING progress = nullptr, results = nullptr;
+  EXPECT_EQ(access->ExtractConfig(access, nullptr, &progress, &results), EFI_SUCCESS);
+  std::string line = results ? toAscii(reinterpret_cast<const char16_t*>(results)) : "";
+  if (results) sample.platform().bootServices()->FreePool(results);
+  return line;
+}
+
+// A sample device's package list and its stores as ExtractConfig answers
+// them give, offline, the same documents as the device itself.
+TEST(CliTest, OfflineExportOfASampleDeviceEqualsItsLiveExport) {
+  Cli cli;
+  sample::SamplePlatform sample;
+  for (const auto& d : sample::sampleDevices()) {
+    const std::string fqdd = toAscii(d.fqdd);
+    cli.write("config.txt", "# " + fqdd + "\n" + extractAll(sample, d.fqdd) + "\n");
+    SCOPED_TRACE(fqdd);
+    cli.ok({"export-hii", "--device", fqdd, "-o", cli.path("device.hii")});
+    for (const char* kind : {"--possible", "--current"}) {
+      const std::string live = cli.ok({"export", "--device", fqdd, kind});
+      EXPECT_EQ(live.rfind("<ConfigData ", 0), 0u) << kind;
+      EXPECT_EQ(cli.ok({"export", "--hii", cli.path("device.hii"), "--fqdd", fqdd, "--config", cli.path("config.txt"),
+                        kind}),
+                live)
+          << kind;
     }
   }
 }
