@@ -179,19 +179,8 @@ TEST_F(NodeTest, AttributeAllocationFailures) {
   release(node);
 }
 
-TEST_F(NodeTest, AttributeQueries) {
-  XML_NODE* root = parse("<r><n id=\"x\" a=\"1\" b=\"\"/><bare/></r>");
-  XML_NODE *n = root->children, *bare = n->next;
-  struct Case { XML_NODE* node; const char* name; const char* value; } cases[] = {  // value null: EFI_NOT_FOUND
-      {n, "a", "1"}, {n, "b", ""}, {n, "A", nullptr}, {bare, "a", nullptr}, {nullptr, "a", nullptr}};
-  for (const Case& c : cases) {
-    CHAR8* value = nullptr;
-    EXPECT_EQ(DRIVER_FN(getAttributeValue)(c.node, c.name, &value), c.value ? EFI_SUCCESS : EFI_NOT_FOUND) << c.name;
-    EXPECT_EQ(DRIVER_FN(hasAttribute)(c.node, c.name), c.value ? TRUE : FALSE) << c.name;
-    EXPECT_EQ(text(value), text(c.value)) << c.name;
-  }
-  release(root);
-}
+// getAttributeValue and hasAttribute: the exported documents
+// (tests/firmware/documents_test.cpp) and the command line's apply.
 
 enum class Finder { ByName, ByChildContents, ByNameAndContents };
 
