@@ -7,43 +7,13 @@
 
 namespace tvl::xmlsvc {
 
-// Copies n bytes between buffers that do not overlap. The serialiser
-// appends a few bytes at a time (markup, a name, a short value), where a
-// call and a loop would cost more than the copy: up to 16 bytes move as
-// two words (or two halves of one) that may overlap each other.
-//
-// The empty asm hides where `from` points: a caller's literal shorter than
-// 8 bytes would otherwise draw array-bounds warnings from the word branch
-// that its length never takes.
-inline void copyShort(CHAR8* to, const void* from, UINTN n) {
-  const auto* s = static_cast<const UINT8*>(from);
-  __asm__("" : "+r"(s));
-  if (n > 16) {
-    tvl::rt::copyMem(to, s, n);
-  } else if (n >= 8) {
-    UINT64 head, tail;
-    __builtin_memcpy(&head, s, 8);
-    __builtin_memcpy(&tail, s + n - 8, 8);
-    __builtin_memcpy(to, &head, 8);
-    __builtin_memcpy(to + n - 8, &tail, 8);
-  } else if (n >= 4) {
-    UINT32 head, tail;
-    __builtin_memcpy(&head, s, 4);
-    __builtin_memcpy(&tail, s + n - 4, 4);
-    __builtin_memcpy(to, &head, 4);
-    __builtin_memcpy(to + n - 4, &tail, 4);
-  } else {
-    for (UINTN i = 0; i < n; ++i) to[i] = CHAR8(s[i]);
-  }
-}
-
 // Bytes that grow by doubling. A failed growth leaves the buffer as it was
 // and is reported by the appending call.
 class ByteBuffer {
  public:
   bool append(const void* bytes, UINTN n) {
     if (n < capacity_ - size_) {
-      copyShort(data_.get() + size_, bytes, n);
+      tvl::rt::copyShort(data_.get() + size_, bytes, n);
       size_ += n;
       return true;
     }

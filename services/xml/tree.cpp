@@ -13,11 +13,13 @@ using tvl::rt::Pool;
 // release below still frees it as a block of its own.
 EFI_STATUS createNode(const CHAR8* name, UINTN length, XML_NODE** node) {
   if (length > ~UINTN(0) - sizeof(XML_NODE) - 1) return EFI_OUT_OF_RESOURCES;
-  Pool<UINT8> block = Pool<UINT8>::bytes(sizeof(XML_NODE) + length + 1);
+  Pool<UINT8> block = Pool<UINT8>::uncleared(sizeof(XML_NODE) + length + 1);
   if (!block) return EFI_OUT_OF_RESOURCES;
   auto* created = reinterpret_cast<XML_NODE*>(block.get());
+  *created = XML_NODE{};
   created->name = reinterpret_cast<CHAR8*>(created + 1);
-  tvl::rt::copyMem(created->name, name, length);  // the terminator comes from the zero fill
+  tvl::rt::copyShort(created->name, name, length);
+  created->name[length] = '\0';
   *node = reinterpret_cast<XML_NODE*>(block.release());
   return EFI_SUCCESS;
 }

@@ -115,6 +115,37 @@ void copyMem(VOID* dst, const VOID* src, UINTN n);
 void setMem(VOID* dst, UINTN n, UINT8 value);
 INTN compareMem(const VOID* a, const VOID* b, UINTN n);
 
+// Copies n bytes between buffers that do not overlap. Names, short texts
+// and pieces of markup are a few bytes each, where a call and a loop would
+// cost more than the copy: up to 16 bytes move as two words (or two halves
+// of one) that may overlap each other; longer copies go to copyMem.
+//
+// The empty asm hides where `from` points: a caller's literal shorter than
+// 8 bytes would otherwise draw array-bounds warnings from the word branch
+// that its length never takes.
+inline void copyShort(VOID* to, const VOID* from, UINTN n) {
+  const auto* s = static_cast<const UINT8*>(from);
+  auto* d = static_cast<UINT8*>(to);
+  __asm__("" : "+r"(s));
+  if (n > 16) {
+    copyMem(d, s, n);
+  } else if (n >= 8) {
+    UINT64 head, tail;
+    __builtin_memcpy(&head, s, 8);
+    __builtin_memcpy(&tail, s + n - 8, 8);
+    __builtin_memcpy(d, &head, 8);
+    __builtin_memcpy(d + n - 8, &tail, 8);
+  } else if (n >= 4) {
+    UINT32 head, tail;
+    __builtin_memcpy(&head, s, 4);
+    __builtin_memcpy(&tail, s + n - 4, 4);
+    __builtin_memcpy(d, &head, 4);
+    __builtin_memcpy(d + n - 4, &tail, 4);
+  } else {
+    for (UINTN i = 0; i < n; ++i) d[i] = s[i];
+  }
+}
+
 // NUL-terminated text primitives for 8-bit and UCS-2 texts.
 template <typename C>
 UINTN length(const C* s) {
@@ -132,11 +163,16 @@ bool equal(const C* a, const C* b) {
     if (*a == 0) return true;
   }
 }
-// A new zero-filled pool copy of `s` (length + 1 elements), or empty.
+// A new pool copy of `s` (length + 1 elements, the last one zero), or
+// empty. Every element is written, so the copy reads as a zero-filled
+// block into which `s` was copied, without clearing it first.
 template <typename C>
 Pool<C> duplicate(const C* s, UINTN n) {
-  Pool<C> copy = Pool<C>::zeroed(n + 1);
-  if (copy) copyMem(copy.get(), s, n * sizeof(C));
+  if (n >= ~UINTN(0) / sizeof(C)) return Pool<C>();
+  Pool<C> copy = Pool<C>::uncleared((n + 1) * sizeof(C));
+  if (!copy) return copy;
+  copyShort(copy.get(), s, n * sizeof(C));
+  copy[n] = C(0);
   return copy;
 }
 template <typename C>
