@@ -50,14 +50,16 @@ bool guidOfPackage(const std::vector<uint8_t>& bytes, EFI_GUID& guid) {
   return r.guid(guid);
 }
 
-bool sameLanguage(const std::string& a, const char* b) {
-  const size_t n = std::strlen(b);
-  if (a.size() != n) return false;
-  for (size_t i = 0; i < n; ++i) {
-    auto lower = [](char c) { return (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : c; };
-    if (lower(a[i]) != lower(b[i])) return false;
-  }
-  return true;
+// Whether the primary language of a package's Language field (the tag
+// before any ';') is `b`, ignoring case; reads the field in place, as
+// GetString asks this of every package for every string.
+bool primaryLanguageIs(const StringPackage& package, const char* b) {
+  auto lower = [](char c) { return (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : c; };
+  const std::string& field = package.language;
+  size_t i = 0;
+  for (; i < field.size() && field[i] != ';'; ++i)
+    if (b[i] == '\0' || lower(field[i]) != lower(b[i])) return false;
+  return b[i] == '\0';
 }
 
 // Copies `text` with its terminator into a caller's buffer of *size bytes,
@@ -267,7 +269,7 @@ struct HiiDatabase::Impl {
   std::vector<StoredPackage*> packagesOfLanguage(StoredList& list, const char* language) {
     std::vector<StoredPackage*> out;
     for (auto* package : stringPackages(list))
-      if (sameLanguage(package->strings->primaryLanguage(), language)) out.push_back(package);
+      if (primaryLanguageIs(*package->strings, language)) out.push_back(package);
     return out;
   }
 
@@ -283,7 +285,7 @@ struct HiiDatabase::Impl {
     // of every statement, so this stays free of host allocations.
     bool languageFound = false;
     for (const auto& package : list->packages) {
-      if (!package.strings || !sameLanguage(package.strings->primaryLanguage(), language)) continue;
+      if (!package.strings || !primaryLanguageIs(*package.strings, language)) continue;
       languageFound = true;
       const StringEntry* entry = package.strings->find(id);
       if (!entry) continue;
@@ -553,15 +555,19 @@ EFI_STATUS EFIAPI GetString(const EFI_HII_STRING_PROTOCOL* This, const CHAR8* La
                             EFI_FONT_INFO** StringFontInfo) {
   Impl* impl = Impl::of(This);
   if (!impl) return EFI_INVALID_PARAMETER;
-  GetStringCall call;
-  call.languageNull = Language == nullptr;
-  if (Language) call.language = Language;
-  call.packageList = PackageList;
-  call.stringId = StringId;
-  call.bufferSize = StringSize ? *StringSize : 0;
-  call.status = impl->getString(Language, PackageList, StringId, String, StringSize, StringFontInfo);
-  if (impl->recordCalls) impl->calls.push_back(call);
-  return call.status;
+  const UINTN bufferSize = StringSize ? *StringSize : 0;
+  const EFI_STATUS status = impl->getString(Language, PackageList, StringId, String, StringSize, StringFontInfo);
+  if (impl->recordCalls) {
+    GetStringCall call;
+    call.languageNull = Language == nullptr;
+    if (Language) call.language = Language;
+    call.packageList = PackageList;
+    call.stringId = StringId;
+    call.bufferSize = bufferSize;
+    call.status = status;
+    impl->calls.push_back(call);
+  }
+  return status;
 }
 
 EFI_STATUS EFIAPI SetString(const EFI_HII_STRING_PROTOCOL* This, EFI_HII_HANDLE PackageList, EFI_STRING_ID StringId,
