@@ -94,12 +94,17 @@ struct Device::Impl {
   // per default store of the device's forms: "&<hdr>&ALTCFG=<4 hex
   // DefaultId>" and the fields that have a default there (those that fit).
   std::u16string wholeStorage(const std::u16string& hdr, const Storage& s, const std::vector<uint8_t>& bytes) const {
-    std::u16string text = hdr + hii::blockConfig(0, bytes.data(), bytes.size());
+    std::u16string text = hdr;
+    hii::appendBlockConfig(text, 0, bytes.data(), bytes.size());
     for (const DefaultConfig& config : defaultsOf(s)) {
       const uint8_t id[2] = {uint8_t(config.defaultId), uint8_t(config.defaultId >> 8)};
-      text += u'&' + hdr + u"&ALTCFG=" + hii::valueDigits(id, 2);
+      text += u'&';
+      text += hdr;
+      text += u"&ALTCFG=";
+      hii::appendValueDigits(text, id, 2);
       for (const DefaultField& f : config.fields)
-        if (f.offset + f.bytes.size() <= bytes.size()) text += hii::blockConfig(f.offset, f.bytes.data(), f.bytes.size());
+        if (f.offset + f.bytes.size() <= bytes.size())
+          hii::appendBlockConfig(text, f.offset, f.bytes.data(), f.bytes.size());
     }
     return text;
   }
@@ -177,8 +182,11 @@ struct Device::Impl {
       results = std::u16string(text.substr(0, header.end));
       hii::ConfigString parsed;
       RETURN_IF_ERROR(parseBody(text, hii::ConfigKind::Request, bytes, parsed, progress));
-      for (const auto& block : parsed.blocks)
-        results += block.blockText + u"&VALUE=" + hii::valueDigits(bytes.data() + block.offset, block.width);
+      for (const auto& block : parsed.blocks) {
+        results += block.blockText;
+        results += u"&VALUE=";
+        hii::appendValueDigits(results, bytes.data() + block.offset, block.width);
+      }
     }
     progress = text.size();
     return EFI_SUCCESS;

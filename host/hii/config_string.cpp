@@ -205,9 +205,19 @@ std::u16string configHdr(const EFI_GUID& guid, const std::u16string& name, const
   return out;
 }
 
+void appendValueDigits(std::u16string& out, const uint8_t* data, size_t size) {
+  const size_t at = out.size();
+  out.resize(at + 2 * size);
+  char16_t* digit = out.data() + at;
+  for (size_t i = size; i-- > 0;) {
+    *digit++ = kDigits[data[i] >> 4];
+    *digit++ = kDigits[data[i] & 0xF];
+  }
+}
+
 std::u16string valueDigits(const uint8_t* data, size_t size) {
   std::u16string out;
-  for (size_t i = size; i-- > 0;) putHex(out, data[i], 2);
+  appendValueDigits(out, data, size);
   return out;
 }
 
@@ -215,8 +225,19 @@ std::u16string blockName(uint64_t offset, uint64_t width) {
   return u"&OFFSET=" + number(offset) + u"&WIDTH=" + number(width);
 }
 
+void appendBlockConfig(std::u16string& out, uint64_t offset, const uint8_t* data, size_t width) {
+  out += u"&OFFSET=";
+  out += number(offset);
+  out += u"&WIDTH=";
+  out += number(width);
+  out += u"&VALUE=";
+  appendValueDigits(out, data, width);
+}
+
 std::u16string blockConfig(uint64_t offset, const uint8_t* data, size_t width) {
-  return blockName(offset, width) + u"&VALUE=" + valueDigits(data, width);
+  std::u16string out;
+  appendBlockConfig(out, offset, data, width);
+  return out;
 }
 
 EFI_STATUS parseConfigHeader(std::u16string_view text, size_t start, ConfigHeader& out, ConfigError* error) {

@@ -35,10 +35,13 @@ std::u16string hexOfBytes(const uint8_t* data, size_t size);
 std::u16string configHdr(const EFI_GUID& guid, const std::u16string& name, const std::vector<uint8_t>& devicePath);
 // VALUE digits of a field: its bytes in reverse order, 2 x size digits.
 std::u16string valueDigits(const uint8_t* data, size_t size);
+void appendValueDigits(std::u16string& out, const uint8_t* data, size_t size);
 // "&OFFSET=xxxx&WIDTH=xxxx" with at least four digits each.
 std::u16string blockName(uint64_t offset, uint64_t width);
-// blockName(offset, width) + "&VALUE=" + valueDigits.
+// blockName(offset, width) + "&VALUE=" + valueDigits; the append form
+// writes it at the end of `out`, with no text made on the way.
 std::u16string blockConfig(uint64_t offset, const uint8_t* data, size_t width);
+void appendBlockConfig(std::u16string& out, uint64_t offset, const uint8_t* data, size_t width);
 
 // ---- parsing
 // A WIDTH larger than this is refused before anything is allocated for it.
