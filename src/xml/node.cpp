@@ -116,6 +116,14 @@ bool mayMatchARow(const CHAR8* text, bool escape) {
   return false;
 }
 
+bool mayMatchEither(const CHAR8* text) {
+  for (; *text; ++text) {
+    const auto c = static_cast<UINT8>(*text);
+    if (kEscapeFirsts.has(c) || kUnescapeFirsts.has(c)) return true;
+  }
+  return false;
+}
+
 void replaceEach(CHAR8** text, bool escape) {
   if (text && !mayMatchARow(*text, escape)) return;
   for (const XML_ESCAPE_ROW* row = XmlEscapeTable; row->raw && row->escaped; ++row) {
@@ -284,6 +292,9 @@ UINTN countValueStructs(XML_NODE* node) {
 VOID unescapeXmlText(CHAR8** text) { replaceEach(text, false); }
 
 VOID escapeXmlText(CHAR8** text) {
+  // A text that holds no first byte of either direction's rows (nearly
+  // every text) stays as it is through both passes: one look settles it.
+  if (text && *text && !mayMatchEither(*text)) return;
   replaceEach(text, false);
   replaceEach(text, true);
 }
