@@ -1,0 +1,53 @@
+#!/usr/bin/env python3
+"""Runs the export benchmark at 2,000 and 20,000 questions and prints, per
+phase, the median milliseconds at both sizes and how many times the larger
+device costs the smaller one: the export (HiiToNode), the serialisation of
+the combined document, the two together, the release of the text and both
+trees, and the whole iteration.
+
+Times on a shared machine wander by several per cent from run to run; the
+medians of a few repetitions settle them. bench/export_work.sh gives the
+instruction counts, which do not wander at all.
+
+usage: bench/export_ratio.py [path of tolvane_bench] [repetitions]
+"""
+import json
+import statistics
+import subprocess
+import sys
+
+binary = sys.argv[1] if len(sys.argv) > 1 else "build/bench/tolvane_bench"
+repetitions = int(sys.argv[2]) if len(sys.argv) > 2 else 7
+SMALL, LARGE = 2000, 20000
+
+run = subprocess.run(
+    [binary, f"--benchmark_filter=BM_ExportAndSerialise/({SMALL}|{LARGE})$",
+     f"--benchmark_repetitions={repetitions}", "--benchmark_format=json"],
+    capture_output=True, text=True, check=True)
+
+runs = {SMALL: [], LARGE: []}
+for record in json.loads(run.stdout)["benchmarks"]:
+    if record.get("run_type") != "iteration":
+        continue
+    runs[int(record["run_name"].rsplit("/", 1)[1])].append(record)
+if not runs[SMALL] or not runs[LARGE]:
+    sys.exit("export_ratio: the benchmark reported no export runs")
+
+
+def total_ms(record):
+    scale = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}[record["time_unit"]]
+    return record["real_time"] * scale
+
+
+phases = [
+    ("export", lambda r: r["export_ms"]),
+    ("serialisation", lambda r: r["serialise_ms"]),
+    ("export + serialisation", lambda r: r["export_ms"] + r["serialise_ms"]),
+    ("release", lambda r: r["free_ms"]),
+    ("whole iteration", total_ms),
+]
+print(f"{'phase':<24}{'2,000':>10}{'20,000':>10}{'ratio':>8}")
+for label, value in phases:
+    small = statistics.median(value(r) for r in runs[SMALL])
+    large = statistics.median(value(r) for r in runs[LARGE])
+    print(f"{label:<24}{small:>8.2f}ms{large:>8.2f}ms{large / small:>8.2f}")
