@@ -5,8 +5,9 @@ device costs the smaller one: the export (HiiToNode), the serialisation of
 the combined document, the two together, the release of the text and both
 trees, and the whole iteration.
 
-Times on a shared machine wander by several per cent from run to run; the
-medians of a few repetitions settle them. bench/export_work.sh gives the
+Times on a shared machine wander by several per cent from run to run, in
+bursts: the repetitions of the two sizes are interleaved, so that a burst
+falls on both alike, and the medians settle the rest. bench/export_work.sh gives the
 instruction counts, which do not wander at all.
 
 usage: bench/export_ratio.py [path of tolvane_bench] [repetitions]
@@ -22,7 +23,8 @@ SMALL, LARGE = 2000, 20000
 
 run = subprocess.run(
     [binary, f"--benchmark_filter=BM_ExportAndSerialise/({SMALL}|{LARGE})$",
-     f"--benchmark_repetitions={repetitions}", "--benchmark_format=json"],
+     f"--benchmark_repetitions={repetitions}", "--benchmark_enable_random_interleaving=true",
+     "--benchmark_format=json"],
     capture_output=True, text=True, check=True)
 
 runs = {SMALL: [], LARGE: []}
