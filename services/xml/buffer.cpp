@@ -17,8 +17,7 @@ bool ByteBuffer::reserve(UINTN needed) {
     capacity *= 2;
   }
   // Uncleared: every byte below size_ is written before it is read, and
-  // take() writes the terminator. A document doubles its buffer a dozen
-  // times, and clearing each would write the text's size twice over.
+  // copyFrom() makes terminated copies of its own.
   Pool<CHAR8> grown = Pool<CHAR8>::uncleared(capacity);
   if (!grown) return false;
   tvl::rt::copyMem(grown.get(), data_.get(), size_);
@@ -34,17 +33,49 @@ bool ByteBuffer::grow(const void* bytes, UINTN n) {
   return true;
 }
 
-Pool<CHAR8> ByteBuffer::take() {
-  // Capacity keeps a byte past the text for the terminator.
-  if (!reserve(size_)) return Pool<CHAR8>();
-  data_[size_] = '\0';
-  size_ = capacity_ = 0;
-  return static_cast<Pool<CHAR8>&&>(data_);
-}
-
 Pool<CHAR8> ByteBuffer::copyFrom(UINTN from) const {
   if (from > size_) from = size_;
   return tvl::rt::duplicate(data_.get() + from, size_ - from);
+}
+
+bool ChunkBuffer::spill(const UINT8* bytes, UINTN n) {
+  if (count_ == kMaxChunks) return false;
+  const UINTN room = UINTN(end_ - cursor_);
+  const UINTN rest = n - room;
+  const UINTN previous = count_ == 0 ? kFirstChunk / 2 : sizes_[count_ - 1];
+  UINTN size = previous > ~UINTN(0) / 2 ? rest : previous * 2;
+  if (size < rest) size = rest;
+  Pool<CHAR8> chunk = Pool<CHAR8>::uncleared(size);
+  if (!chunk) return false;
+  // The current chunk is filled to its end, so that every chunk but the
+  // last holds exactly its size.
+  tvl::rt::copyMem(cursor_, bytes, room);
+  if (count_ != 0) full_ += sizes_[count_ - 1];
+  cursor_ = chunk.get();
+  end_ = cursor_ + size;
+  sizes_[count_] = size;
+  chunks_[count_++] = static_cast<Pool<CHAR8>&&>(chunk);
+  tvl::rt::copyMem(cursor_, bytes + room, rest);
+  cursor_ += rest;
+  return true;
+}
+
+Pool<CHAR8> ChunkBuffer::join() {
+  const UINTN last = count_ == 0 ? 0 : UINTN(cursor_ - chunks_[count_ - 1].get());
+  const UINTN total = full_ + last;
+  Pool<CHAR8> text = Pool<CHAR8>::uncleared(total + 1);
+  if (!text) return text;
+  CHAR8* at = text.get();
+  for (UINTN i = 0; i < count_; ++i) {
+    const UINTN bytes = i + 1 == count_ ? last : sizes_[i];
+    tvl::rt::copyMem(at, chunks_[i].get(), bytes);
+    at += bytes;
+    chunks_[i] = Pool<CHAR8>();
+  }
+  *at = '\0';
+  count_ = full_ = 0;
+  cursor_ = end_ = nullptr;
+  return text;
 }
 
 namespace {

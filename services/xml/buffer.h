@@ -1,6 +1,6 @@
 // Growable pool-backed storage for the parser and the serialiser: a byte
-// buffer for the parser's texts, a stack of plain records and a set of
-// names that detects repeats in linear time.
+// buffer for the parser's texts, chunks for the serialiser's text, a stack
+// of plain records and a set of names that detects repeats in linear time.
 #pragma once
 
 #include "uefi/runtime.h"
@@ -34,9 +34,6 @@ class ByteBuffer {
   }
   // A new exact-size NUL-terminated copy of bytes [from, size()).
   tvl::rt::Pool<CHAR8> copyFrom(UINTN from) const;
-  // Hands the NUL-terminated bytes over and leaves the buffer empty; null
-  // when an empty buffer cannot get its first block.
-  tvl::rt::Pool<CHAR8> take();
 
  private:
   bool reserve(UINTN needed);
@@ -45,6 +42,39 @@ class ByteBuffer {
   tvl::rt::Pool<CHAR8> data_;
   UINTN size_ = 0;
   UINTN capacity_ = 0;  // always leaves room for a terminator
+};
+
+// Bytes appended in chunks that are never moved: each new chunk is twice
+// the size of the one before (or as large as an append needs), and join()
+// copies them once into a block of exactly the text's size. A failed
+// allocation leaves what was appended as it was and is reported by the
+// call that made it.
+class ChunkBuffer {
+ public:
+  bool append(const void* bytes, UINTN n) {
+    if (n <= UINTN(end_ - cursor_)) {
+      tvl::rt::copyShort(cursor_, bytes, n);
+      cursor_ += n;
+      return true;
+    }
+    return spill(static_cast<const UINT8*>(bytes), n);
+  }
+  // The whole text, NUL-terminated, in a new block of its size plus one;
+  // the chunks are released. Null when that block cannot be had.
+  tvl::rt::Pool<CHAR8> join();
+
+ private:
+  bool spill(const UINT8* bytes, UINTN n);
+
+  // Doubling from kFirstChunk, 48 chunks hold more than any memory.
+  static constexpr UINTN kFirstChunk = 4096;
+  static constexpr UINTN kMaxChunks = 48;
+  tvl::rt::Pool<CHAR8> chunks_[kMaxChunks];
+  UINTN sizes_[kMaxChunks] = {};  // bytes of each chunk; all but the last are full
+  UINTN count_ = 0;
+  UINTN full_ = 0;  // bytes in the chunks before the last
+  CHAR8* cursor_ = nullptr;
+  CHAR8* end_ = nullptr;
 };
 
 // A stack of trivially copyable records.

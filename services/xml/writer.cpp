@@ -86,21 +86,21 @@ class Writer {
     const XML_NODE* node;
     UINTN nameLength;
   };
-  EFI_STATUS walk(const XML_NODE* root, ByteBuffer& sink);
-  EFI_STATUS openElement(const XML_NODE* node, UINTN nameLength, ByteBuffer& sink);
-  EFI_STATUS closeElement(const XML_NODE* node, UINTN nameLength, ByteBuffer& sink);
-  EFI_STATUS attributes(const XML_NODE* node, ByteBuffer& sink);
+  EFI_STATUS walk(const XML_NODE* root, ChunkBuffer& sink);
+  EFI_STATUS openElement(const XML_NODE* node, UINTN nameLength, ChunkBuffer& sink);
+  EFI_STATUS closeElement(const XML_NODE* node, UINTN nameLength, ChunkBuffer& sink);
+  EFI_STATUS attributes(const XML_NODE* node, ChunkBuffer& sink);
   EFI_STATUS repeatedNames(const XML_NODE* node, UINTN count);
-  EFI_STATUS characters(const CHAR8* text, bool attribute, ByteBuffer& sink);
+  EFI_STATUS characters(const CHAR8* text, bool attribute, ChunkBuffer& sink);
   // Markup of the writer's own, measured when compiled.
   template <UINTN N>
-  static EFI_STATUS put(ByteBuffer& sink, const CHAR8 (&markup)[N]) {
+  static EFI_STATUS put(ChunkBuffer& sink, const CHAR8 (&markup)[N]) {
     return sink.append(markup, N - 1) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
   }
-  static EFI_STATUS putText(ByteBuffer& sink, const CHAR8* text) {
+  static EFI_STATUS putText(ChunkBuffer& sink, const CHAR8* text) {
     return sink.append(text, tvl::rt::length(text)) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
   }
-  static EFI_STATUS put(ByteBuffer& sink, const void* bytes, UINTN n) {
+  static EFI_STATUS put(ChunkBuffer& sink, const void* bytes, UINTN n) {
     return sink.append(bytes, n) ? EFI_SUCCESS : EFI_OUT_OF_RESOURCES;
   }
 
@@ -108,7 +108,7 @@ class Writer {
   Stack<Open> open_;  // elements whose children are being written
 };
 
-EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, ByteBuffer& sink) {
+EFI_STATUS Writer::characters(const CHAR8* text, bool attribute, ChunkBuffer& sink) {
   const UINT8* s = bytesOf(text);
   const UINT8 plain = attribute ? kPlainInAttribute : kPlainInContents;
   // Where the text ends, measured once when a reference or a multi-byte
@@ -167,7 +167,7 @@ EFI_STATUS Writer::repeatedNames(const XML_NODE* node, UINTN count) {
   return EFI_SUCCESS;
 }
 
-EFI_STATUS Writer::attributes(const XML_NODE* node, ByteBuffer& sink) {
+EFI_STATUS Writer::attributes(const XML_NODE* node, ChunkBuffer& sink) {
   UINTN count = 0;
   for (const XML_ATTRIBUTE* a = node->attributes; a; a = a->next, ++count) {
     const UINTN length = nameLength(a->name);
@@ -183,7 +183,7 @@ EFI_STATUS Writer::attributes(const XML_NODE* node, ByteBuffer& sink) {
 
 // Writes the start tag and the contents; an element with neither contents
 // nor children is written as an empty-element tag and is complete.
-EFI_STATUS Writer::openElement(const XML_NODE* node, UINTN nameLength, ByteBuffer& sink) {
+EFI_STATUS Writer::openElement(const XML_NODE* node, UINTN nameLength, ChunkBuffer& sink) {
   if (nameLength == 0) return EFI_INVALID_PARAMETER;
   RETURN_IF_ERROR(put(sink, "<"));
   RETURN_IF_ERROR(put(sink, node->name, nameLength));
@@ -194,14 +194,14 @@ EFI_STATUS Writer::openElement(const XML_NODE* node, UINTN nameLength, ByteBuffe
   return EFI_SUCCESS;
 }
 
-EFI_STATUS Writer::closeElement(const XML_NODE* node, UINTN nameLength, ByteBuffer& sink) {
+EFI_STATUS Writer::closeElement(const XML_NODE* node, UINTN nameLength, ChunkBuffer& sink) {
   if (!node->contents && !node->children) return EFI_SUCCESS;
   RETURN_IF_ERROR(put(sink, "</"));
   RETURN_IF_ERROR(put(sink, node->name, nameLength));
   return put(sink, ">");
 }
 
-EFI_STATUS Writer::walk(const XML_NODE* root, ByteBuffer& sink) {
+EFI_STATUS Writer::walk(const XML_NODE* root, ChunkBuffer& sink) {
   const XML_NODE* node = root;
   for (;;) {
     const UINTN length = nameLength(node->name);
@@ -225,15 +225,16 @@ EFI_STATUS Writer::walk(const XML_NODE* root, ByteBuffer& sink) {
   }
 }
 
-// The writer's bytes go to one buffer that doubles as it fills: a single
-// walk of the tree. Walking a large tree is bound by the misses of reaching
-// each node and its texts, so a walk that only counted the bytes first cost
-// more than the few copies that doubling makes; the price is a buffer up to
-// twice the document's size, which is handed out as it is.
+// One walk of the tree, its bytes appended to chunks that never move, then
+// joined into a text of exactly the document's size. Walking a large tree
+// is bound by the misses of reaching each node and its texts, so a walk
+// that only counted the bytes first cost more than one copy of the text.
+// One buffer that doubled as it filled copied the text about twice over,
+// and handed out up to twice the document's size.
 EFI_STATUS Writer::run(const XML_NODE* root, CHAR8** text) {
-  ByteBuffer sink;
+  ChunkBuffer sink;
   RETURN_IF_ERROR(walk(root, sink));
-  tvl::rt::Pool<CHAR8> result = sink.take();
+  tvl::rt::Pool<CHAR8> result = sink.join();
   if (!result) return EFI_OUT_OF_RESOURCES;
   *text = result.release();
   return EFI_SUCCESS;

@@ -274,6 +274,9 @@ TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
       {{"mixed", "text", {}, {{"c"}, {"d", " x "}}}, nullptr, true},
       {{"many", {}, {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"d", "4"}, {"e", "5"}, {"f", "6"}, {"g", "7"}, {"h", "8"},
                      {"i", "9"}, {"aa", "10"}}}, nullptr, true},
+      // Longer than the writer's first pieces of memory, one run longer than the piece after it.
+      {{"long", std::string(3000, 'x'), {{"k", std::string(20000, 'y')}}, {{"c", std::string(5000, 'z')}}}, nullptr,
+       true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
@@ -290,6 +293,21 @@ TEST_F(XmlTreeTest, WritesWellFormedTextThatParsesBack) {
     EXPECT_EQ(read(parsed), c.tree) << text;
     xml_->XML_FreeNode(xml_, parsed);
   }
+}
+
+TEST_F(XmlTreeTest, SerialiseSurvivesEveryAllocationFailure) {
+  Tree tree{"r", {}, {{"k", std::string(20000, 'y')}}};
+  for (int i = 0; i < 300; ++i) tree.children.push_back({"c", std::string(size_t(i), 'x')});
+  XML_NODE* root = build(tree);
+  CHAR8* text = nullptr;
+  const size_t attempts = sweepAllocationFailures(
+      [&] { return text = nullptr, xml_->XML_NodeToXML(xml_, root, &text); },
+      [&](EFI_STATUS status, size_t k) { EXPECT_TRUE(status == EFI_OUT_OF_RESOURCES && !text) << "attempt " << k; },
+      [&] {
+        if (text) bs()->FreePool(text);
+      });
+  EXPECT_GE(attempts, 5u);  // the pieces of a 65 KB text, the text itself, the writer's stack
+  xml_->XML_FreeNode(xml_, root);
 }
 
 TEST_F(XmlTreeTest, TreesThatCannotBeWrittenAsXmlAndMissingArgumentsAreRefused) {
