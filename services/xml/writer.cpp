@@ -229,8 +229,8 @@ EFI_STATUS Writer::walk(const XML_NODE* root, ChunkBuffer& sink) {
 // joined into a text of exactly the document's size. Walking a large tree
 // is bound by the misses of reaching each node and its texts, so a walk
 // that only counted the bytes first cost more than one copy of the text.
-// One buffer that doubled as it filled copied the text about twice over,
-// and handed out up to twice the document's size.
+// A single buffer that doubled as it filled would copy the text about
+// twice over on the way, and hand out up to twice the document's size.
 EFI_STATUS Writer::run(const XML_NODE* root, CHAR8** text) {
   ChunkBuffer sink;
   RETURN_IF_ERROR(walk(root, sink));
