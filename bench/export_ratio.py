@@ -12,41 +12,32 @@ instruction counts, which do not wander at all.
 
 usage: bench/export_ratio.py [path of tolvane_bench] [repetitions]
 """
-import json
 import statistics
-import subprocess
 import sys
+
+from results import milliseconds, run_benchmarks
 
 binary = sys.argv[1] if len(sys.argv) > 1 else "build/bench/tolvane_bench"
 repetitions = int(sys.argv[2]) if len(sys.argv) > 2 else 7
 SMALL, LARGE = 2000, 20000
 
-run = subprocess.run(
-    [binary, f"--benchmark_filter=BM_ExportAndSerialise/({SMALL}|{LARGE})$",
-     f"--benchmark_repetitions={repetitions}", "--benchmark_enable_random_interleaving=true",
-     "--benchmark_format=json"],
-    capture_output=True, text=True, check=True)
+records = run_benchmarks(binary, f"BM_ExportAndSerialise/({SMALL}|{LARGE})$",
+                         f"--benchmark_repetitions={repetitions}", "--benchmark_enable_random_interleaving=true")
 
 runs = {SMALL: [], LARGE: []}
-for record in json.loads(run.stdout)["benchmarks"]:
+for record in records:
     if record.get("run_type") != "iteration":
         continue
     runs[int(record["run_name"].rsplit("/", 1)[1])].append(record)
 if not runs[SMALL] or not runs[LARGE]:
     sys.exit("export_ratio: the benchmark reported no export runs")
 
-
-def total_ms(record):
-    scale = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}[record["time_unit"]]
-    return record["real_time"] * scale
-
-
 # The benchmark's own time is the export and the serialisation; the
 # release follows outside it.
 phases = [
     ("export", lambda r: r["export_ms"]),
     ("serialisation", lambda r: r["serialise_ms"]),
-    ("export + serialisation", total_ms),
+    ("export + serialisation", milliseconds),
     ("release", lambda r: r["free_ms"]),
     ("all three", lambda r: r["export_ms"] + r["serialise_ms"] + r["free_ms"]),
 ]

@@ -6,32 +6,24 @@ larger document costs the smaller one, and for the parse what xmllint
 
 usage: bench/scaling.py [path of tolvane_bench] [repetitions]
 """
-import json
-import subprocess
 import sys
+
+from results import milliseconds, run_benchmarks
 
 binary = sys.argv[1] if len(sys.argv) > 1 else "build/bench/tolvane_bench"
 repetitions = sys.argv[2] if len(sys.argv) > 2 else "5"
 SMALL, LARGE = 10000, 100000
 
-run = subprocess.run(
-    [binary, f"--benchmark_filter=(XmlParse|XmlSerialise|ToolboxCopyAndSearch)<.*>/({SMALL}|{LARGE})$",
-     f"--benchmark_repetitions={repetitions}", "--benchmark_report_aggregates_only=true",
-     "--benchmark_format=json"],
-    capture_output=True, text=True, check=True)
+records = run_benchmarks(binary, f"(XmlParse|XmlSerialise|ToolboxCopyAndSearch)<.*>/({SMALL}|{LARGE})$",
+                         f"--benchmark_repetitions={repetitions}", "--benchmark_report_aggregates_only=true")
 
 medians = {}  # (operation, mode, siblings) -> benchmark record
-for record in json.loads(run.stdout)["benchmarks"]:
+for record in records:
     if record.get("aggregate_name") != "median":
         continue
     name, siblings = record["run_name"].rsplit("/", 1)
     operation, mode = name[len("BM_"):].rstrip(">").split("<")
     medians[(operation, mode, int(siblings))] = record
-
-
-def milliseconds(record):
-    scale = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}[record["time_unit"]]
-    return record["real_time"] * scale
 
 
 print(f"{'operation':<22}{'pool':<9}{'10,000':>10}{'100,000':>10}{'ratio':>8}")

@@ -226,10 +226,7 @@ std::u16string blockName(uint64_t offset, uint64_t width) {
 }
 
 void appendBlockConfig(std::u16string& out, uint64_t offset, const uint8_t* data, size_t width) {
-  out += u"&OFFSET=";
-  out += number(offset);
-  out += u"&WIDTH=";
-  out += number(width);
+  out += blockName(offset, width);
   out += u"&VALUE=";
   appendValueDigits(out, data, width);
 }

@@ -50,7 +50,6 @@ bool ChunkBuffer::spill(const UINT8* bytes, UINTN n) {
   // The current chunk is filled to its end, so that every chunk but the
   // last holds exactly its size.
   tvl::rt::copyMem(cursor_, bytes, room);
-  if (count_ != 0) full_ += sizes_[count_ - 1];
   cursor_ = chunk.get();
   end_ = cursor_ + size;
   sizes_[count_] = size;
@@ -62,7 +61,8 @@ bool ChunkBuffer::spill(const UINT8* bytes, UINTN n) {
 
 Pool<CHAR8> ChunkBuffer::join() {
   const UINTN last = count_ == 0 ? 0 : UINTN(cursor_ - chunks_[count_ - 1].get());
-  const UINTN total = full_ + last;
+  UINTN total = last;
+  for (UINTN i = 0; i + 1 < count_; ++i) total += sizes_[i];
   Pool<CHAR8> text = Pool<CHAR8>::uncleared(total + 1);
   if (!text) return text;
   CHAR8* at = text.get();
@@ -73,7 +73,7 @@ Pool<CHAR8> ChunkBuffer::join() {
     chunks_[i] = Pool<CHAR8>();
   }
   *at = '\0';
-  count_ = full_ = 0;
+  count_ = 0;
   cursor_ = end_ = nullptr;
   return text;
 }

@@ -72,7 +72,6 @@ class ChunkBuffer {
   tvl::rt::Pool<CHAR8> chunks_[kMaxChunks];
   UINTN sizes_[kMaxChunks] = {};  // bytes of each chunk; all but the last are full
   UINTN count_ = 0;
-  UINTN full_ = 0;  // bytes in the chunks before the last
   CHAR8* cursor_ = nullptr;
   CHAR8* end_ = nullptr;
 };

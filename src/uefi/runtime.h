@@ -115,10 +115,21 @@ void copyMem(VOID* dst, const VOID* src, UINTN n);
 void setMem(VOID* dst, UINTN n, UINT8 value);
 INTN compareMem(const VOID* a, const VOID* b, UINTN n);
 
+// The n bytes at `from` (Word <= n <= 2 * Word) moved as two words, the
+// first and the last, which overlap when n is less than 2 * Word.
+template <typename Word>
+inline void copyEnds(UINT8* to, const UINT8* from, UINTN n) {
+  Word head, tail;
+  __builtin_memcpy(&head, from, sizeof(Word));
+  __builtin_memcpy(&tail, from + n - sizeof(Word), sizeof(Word));
+  __builtin_memcpy(to, &head, sizeof(Word));
+  __builtin_memcpy(to + n - sizeof(Word), &tail, sizeof(Word));
+}
+
 // Copies n bytes between buffers that do not overlap. Names, short texts
 // and pieces of markup are a few bytes each, where a call and a loop would
 // cost more than the copy: up to 16 bytes move as two words (or two halves
-// of one) that may overlap each other; longer copies go to copyMem.
+// of one); longer copies go to copyMem.
 //
 // The empty asm hides where `from` points: a caller's literal shorter than
 // 8 bytes would otherwise draw array-bounds warnings from the word branch
@@ -127,23 +138,14 @@ inline void copyShort(VOID* to, const VOID* from, UINTN n) {
   const auto* s = static_cast<const UINT8*>(from);
   auto* d = static_cast<UINT8*>(to);
   __asm__("" : "+r"(s));
-  if (n > 16) {
+  if (n > 16)
     copyMem(d, s, n);
-  } else if (n >= 8) {
-    UINT64 head, tail;
-    __builtin_memcpy(&head, s, 8);
-    __builtin_memcpy(&tail, s + n - 8, 8);
-    __builtin_memcpy(d, &head, 8);
-    __builtin_memcpy(d + n - 8, &tail, 8);
-  } else if (n >= 4) {
-    UINT32 head, tail;
-    __builtin_memcpy(&head, s, 4);
-    __builtin_memcpy(&tail, s + n - 4, 4);
-    __builtin_memcpy(d, &head, 4);
-    __builtin_memcpy(d + n - 4, &tail, 4);
-  } else {
+  else if (n >= 8)
+    copyEnds<UINT64>(d, s, n);
+  else if (n >= 4)
+    copyEnds<UINT32>(d, s, n);
+  else
     for (UINTN i = 0; i < n; ++i) d[i] = s[i];
-  }
 }
 
 // NUL-terminated text primitives for 8-bit and UCS-2 texts.
