@@ -2,13 +2,19 @@
 records and reading a record's time."""
 import json
 import subprocess
+import sys
 
 
 def run_benchmarks(binary, name_filter, *options):
     """The benchmark records of one run of `binary` on the benchmarks that
     `name_filter` matches, with further command-line options."""
-    run = subprocess.run([binary, f"--benchmark_filter={name_filter}", *options, "--benchmark_format=json"],
-                         capture_output=True, text=True, check=True)
+    try:
+        run = subprocess.run([binary, f"--benchmark_filter={name_filter}", *options, "--benchmark_format=json"],
+                             capture_output=True, text=True)
+    except OSError as error:
+        sys.exit(f"cannot run {binary} ({error.strerror}); build it first")
+    if run.returncode != 0:
+        sys.exit(f"{binary} failed with exit code {run.returncode}:\n{run.stderr.strip()}")
     return json.loads(run.stdout)["benchmarks"]
 
 
